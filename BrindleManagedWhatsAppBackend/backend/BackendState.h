@@ -1,0 +1,50 @@
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "bridge/BridgeMessages.h"
+
+namespace brindle {
+
+/// A consistent copy of what is known of the worker process.
+struct ManagedWhatsAppWorkerLaunchSnapshot {
+    /// The launch description of the configured worker; absent when there is none.
+    std::optional<std::string> configuredExecutablePath;
+    std::string state;
+    std::optional<std::string> detail;
+    bool processRunning = false;
+};
+
+/// A consistent copy of the backend's whole state.
+struct ManagedWhatsAppRuntimeStateSnapshot {
+    bool isConnected = false;
+    std::optional<BridgeScope> activeScope;
+    ManagedWhatsAppWorkerLaunchSnapshot workerLaunchSnapshot;
+};
+
+/// The backend's connection, scope and worker state, touched only under its lock, which is never held across
+/// I/O. Every operation is callable from any thread.
+class BackendState {
+  public:
+    void setConnected(bool connected);
+    bool isConnected() const;
+    void setActiveScope(std::optional<BridgeScope> scope);
+    std::optional<BridgeScope> activeScope() const;
+    /// Assigns all four worker fields in one hold of the lock.
+    void setWorkerState(ManagedWhatsAppWorkerLaunchSnapshot worker);
+    std::optional<std::string> workerConfiguredExecutablePath() const;
+    ManagedWhatsAppRuntimeStateSnapshot takeSnapshot() const;
+
+  private:
+    mutable std::mutex stateLock_;
+    bool isConnected_ = false;
+    std::optional<BridgeScope> activeScope_;
+    std::optional<std::string> workerConfiguredExecutablePath_;
+    bool workerProcessRunning_ = false;
+    std::string workerFallbackState_ = "not_configured";
+    std::optional<std::string> workerFallbackDetail_ = "No managed WhatsApp worker configured.";
+};
+
+}  // namespace brindle

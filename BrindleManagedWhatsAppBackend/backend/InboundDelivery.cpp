@@ -1,0 +1,126 @@
+#include "backend/InboundDelivery.h"
+
+#include <errno.h>
+
+#include <algorithm>
+
+#include "foundation/Identifier.h"
+#include "foundation/Paths.h"
+#include "foundation/Text.h"
+
+namespace brindle {
+namespace {
+
+struct ScopeFilter {
+    const ManagedWhatsAppInboundRecord& record;
+
+    bool operator()(const BridgeConversationScope& scope) const { return matches(scope.id, scope.title); }
+    bool operator()(const BridgeChannelScope& scope) const { return matches(scope.id, scope.title); }
+    bool operator()(const BridgeThreadScope& scope) const {
+        return !scope.title || matches(scope.id, *scope.title);
+    }
+    bool operator()(const BridgeTestOnlyScope&) const { return false; }
+
+    bool matches(const std::string& id, const std::string& title) const {
+        return record.conversationId == id || record.conversationTitle == title;
+    }
+};
+
+}  // namespace
+
+bool belongsToScope(const ManagedWhatsAppInboundRecord& record, const BridgeScope& scope) {
+    return std::visit(ScopeFilter{record}, scope);
+}
+
+/// One drain's hold on one file.
+class InboundDelivery::Claim {
+  public:
+    Claim(InboundDelivery& delivery, const std::string& name) : delivery_(delivery), name_(name) {
+        const std::lock_guard hold(delivery_.claimsLock_);
+        isOurs_ = delivery_.claims_.insert(name_).second;
+    }
+    Claim(const Claim&) = delete;
+    Claim& operator=(const Claim&) = delete;
+    ~Claim() {
+        if (!isOurs_) return;
+        const std::lock_guard hold(delivery_.claimsLock_);
+        delivery_.claims_.erase(name_);
+    }
+
+    bool isOurs() const { return isOurs_; }
+
+  private:
+    InboundDelivery& delivery_;
+    const std::string& name_;
+    bool isOurs_ = false;
+};
+
+void InboundDelivery::drainInboundDirectory() noexcept {
+    try {
+        const auto scope = context_.state.activeScope();
+        if (!scope || !context_.state.isConnected()) return;
+        if (std::holds_alternative<BridgeTestOnlyScope>(*scope)) return;
+        for (const auto& name : recordNames()) deliverOrReject(name, *scope);
+    } catch (const OutputAbandoned&) {
+        // The process is ending. What was not delivered stays for the next backend.
+    } catch (const std::exception& error) {
+        context_.log("failed to drain inbound directory: " + descriptionOf(error));
+    }
+}
+
+std::vector<std::string> InboundDelivery::recordNames() {
+    auto names = context_.fileManager.visibleEntries(context_.directory.inbound);
+    std::erase_if(names, [](const std::string& name) { return !name.ends_with(record_file_extension); });
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+void InboundDelivery::deliverOrReject(const std::string& name, const BridgeScope& scope) {
+    const Claim claim(*this, name);
+    if (!claim.isOurs()) return;
+    try {
+        deliver(name, scope);
+    } catch (const OutputAbandoned&) {
+        throw;
+    } catch (const std::exception& error) {
+        context_.log("rejected inbound event at " + singleLine(name) + ": " + descriptionOf(error));
+        moveToDirectory(name, context_.directory.rejected);
+    }
+}
+
+void InboundDelivery::deliver(const std::string& name, const BridgeScope& scope) {
+    auto record = readRecord<ManagedWhatsAppInboundRecord>(context_.fileManager,
+                                                           joinedPath(context_.directory.inbound, name));
+    if (!belongsToScope(record, scope)) return;
+    // Emitting comes first: should the process end in between, the message comes twice rather than never.
+    context_.emitter.emit(BridgeInboundEvent{eventFor(std::move(record), name)});
+    moveToDirectory(name, context_.directory.processed);
+}
+
+BridgeInboundMessageEvent InboundDelivery::eventFor(ManagedWhatsAppInboundRecord record,
+                                                    const std::string& name) {
+    BridgeInboundMessageEvent event;
+    event.messageId = record.messageId ? std::move(*record.messageId) : randomIdentifier();
+    event.conversationId = std::move(record.conversationId);
+    event.conversationTitle = std::move(record.conversationTitle);
+    event.senderId = std::move(record.senderId);
+    event.senderDisplayName = std::move(record.senderDisplayName);
+    event.text = std::move(record.text);
+    event.timestampISO8601 =
+        record.timestampISO8601 ? std::move(*record.timestampISO8601) : iso8601(context_.clock.now());
+    event.isDirectMessage = record.isDirectMessage;
+    event.rawReference = record.rawReference ? std::move(*record.rawReference) : name;
+    return event;
+}
+
+void InboundDelivery::moveToDirectory(const std::string& name, const std::string& directory) {
+    const auto file = joinedPath(context_.directory.inbound, name);
+    try {
+        context_.fileManager.moveItem(file, joinedPath(directory, name));
+    } catch (const FileSystemFailure& error) {
+        if (error.code() != EEXIST) throw;
+        context_.fileManager.moveItem(file, joinedPath(directory, randomIdentifier() + "-" + name));
+    }
+}
+
+}  // namespace brindle

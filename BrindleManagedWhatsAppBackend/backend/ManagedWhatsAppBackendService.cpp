@@ -1,0 +1,237 @@
+#include "backend/ManagedWhatsAppBackendService.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <optional>
+#include <type_traits>
+
+#include "exchange/ExchangeRecords.h"
+#include "foundation/Identifier.h"
+#include "foundation/LineReader.h"
+#include "foundation/Processes.h"
+#include "foundation/Text.h"
+
+namespace brindle {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::string_view poll_queue_label = "com.brindle.Brindle.ManagedWhatsAppBackend.poll";
+constexpr milliseconds poller_first_fire{250};
+constexpr milliseconds inbound_interval{500};
+constexpr milliseconds status_interval{1000};
+constexpr milliseconds parent_interval{1000};
+/// How long the end of the service waits for a poller that is busy writing to a reader that does not read.
+constexpr milliseconds poll_queue_patience{1000};
+
+constexpr std::string_view self_test_reference = "managed-whatsapp-backend-self-test";
+constexpr std::string_view self_test_sender = "managed-whatsapp-backend";
+constexpr std::string_view self_test_text = "/skiff help";
+
+static_assert(LineReader::padding_bytes >= JsonParser::padding_bytes);
+
+template <class T>
+concept Request = std::same_as<T, BridgeConnectRequest> || std::same_as<T, BridgeDisconnectRequest> ||
+    std::same_as<T, BridgeStartListeningRequest> || std::same_as<T, BridgeStopListeningRequest> ||
+    std::same_as<T, BridgeSendMessageRequest>;
+
+}  // namespace
+
+ManagedWhatsAppBackendService::ManagedWhatsAppBackendService(std::string platform, Environment environment,
+                                                             FileManager& fileManager, const Clock& clock,
+                                                             int endRequest)
+    : pollQueue_(std::string(poll_queue_label)),
+      platform_(std::move(platform)),
+      environment_(std::move(environment)),
+      fileManager_(fileManager),
+      clock_(clock),
+      endRequest_(endRequest),
+      parentProcessIdentifier_(::getppid()),
+      parentEnd_(processEndDescriptor(parentProcessIdentifier_)),
+      emitter_(departureWatch_),
+      directory_(environment_, fileManager_, platform_),
+      context_{.platform = platform_,
+               .environment = environment_,
+               .directory = directory_,
+               .fileManager = fileManager_,
+               .clock = clock_,
+               .state = state_,
+               .emitter = emitter_},
+      publisher_(context_),
+      delivery_(context_),
+      supervisor_(context_, publisher_, pollQueue_) {
+    watchForDeparture(endRequest);
+    directory_.createForBackend(fileManager_);
+    startPollers();
+    publisher_.writeRuntimeStatus();
+}
+
+ManagedWhatsAppBackendService::~ManagedWhatsAppBackendService() {
+    inboundPoller_.reset();
+    statusPoller_.reset();
+    parentMonitor_.reset();
+    supervisor_.stopWorker();
+    if (!pollQueue_.stop(poll_queue_patience)) departureWatch_.abandonOutput();
+    pollQueue_.join();
+}
+
+/// The signs by which writers know that nobody will read their output any more: the parent has closed its end
+/// of our input, has ended, or somebody asks this process to end.
+void ManagedWhatsAppBackendService::watchForDeparture(int endRequest) {
+    departureWatch_.addSign(STDIN_FILENO, false);
+    if (parentEnd_.isOpen()) departureWatch_.addSign(parentEnd_.get(), true);
+    if (endRequest >= 0) departureWatch_.addSign(endRequest, true);
+}
+
+void ManagedWhatsAppBackendService::startPollers() {
+    inboundPoller_ = std::make_unique<RepeatingTimer>(pollQueue_, poller_first_fire, inbound_interval,
+                                                      [this] { delivery_.drainInboundDirectory(); });
+    statusPoller_ = std::make_unique<RepeatingTimer>(pollQueue_, poller_first_fire, status_interval,
+                                                     [this] { publisher_.writeRuntimeStatus(); });
+}
+
+void ManagedWhatsAppBackendService::startParentMonitor() {
+    parentMonitor_ = std::make_unique<RepeatingTimer>(pollQueue_, parent_interval, parent_interval,
+                                                      [this] { checkParent(); });
+}
+
+void ManagedWhatsAppBackendService::checkParent() noexcept {
+    if (isParentAlive(parentProcessIdentifier_)) return;
+    // Nobody is left to read: a writer that still waits must not hold up the end.
+    departureWatch_.abandonOutput();
+    context_.log("bridge service parent is no longer alive; stopping the managed backend and worker.");
+    supervisor_.stopWorker();
+    publisher_.writeRuntimeStatus();
+    // From this thread no orderly return through main is possible: main may be waiting for input for ever.
+    ::_exit(0);
+}
+
+void ManagedWhatsAppBackendService::run() {
+    supervisor_.launchWorkerIfConfigured();
+    startParentMonitor();
+    try {
+        greet();
+        readRequests();
+    } catch (const OutputAbandoned&) {
+        // Nobody reads and the input has ended: a normal end.
+    } catch (...) {
+        shutDown();
+        throw;
+    }
+    shutDown();
+}
+
+void ManagedWhatsAppBackendService::greet() {
+    emitter_.emit(BridgeHello{.platform = platform_, .bridgeVersion = std::string(backend_version)});
+    emitter_.emit(BridgeStateChangedEvent{BridgeDisconnectedState{}});
+    publisher_.writeRuntimeStatus();
+}
+
+void ManagedWhatsAppBackendService::readRequests() {
+    LineReader lines(STDIN_FILENO, endRequest_);
+    std::optional<JsonParser> parser(std::in_place);
+    while (const auto line = lines.next()) {
+        const auto text = trimmed(*line);
+        if (text.empty()) continue;
+        answer(text, *parser);
+        // A large request's memory is given back at once; the reader does the same with its buffer.
+        if (text.size() > LineReader::kept_buffer_bytes) parser.emplace();
+    }
+}
+
+void ManagedWhatsAppBackendService::answer(std::string_view line, JsonParser& parser) {
+    try {
+        handle(decodedRecord<BridgeEnvelope>(parser.parsePadded(line)));
+    } catch (const OutputAbandoned&) {
+        // Nobody is left to answer. What follows in the input is still carried out: a message may be among
+        // it.
+    } catch (const std::exception& error) {
+        replyWithError(descriptionOf(error));
+    }
+}
+
+void ManagedWhatsAppBackendService::replyWithError(const std::string& message) {
+    try {
+        emitter_.emit(BridgeErrorEvent{message});
+    } catch (const OutputAbandoned&) {
+        // As above.
+    }
+}
+
+void ManagedWhatsAppBackendService::shutDown() noexcept {
+    parentMonitor_.reset();
+    supervisor_.stopWorker();
+    publisher_.writeRuntimeStatus();
+}
+
+bool ManagedWhatsAppBackendService::isForUs(const std::string& platform) const {
+    return canonicallyEquivalent(platform, platform_);
+}
+
+void ManagedWhatsAppBackendService::handle(const BridgeEnvelope& envelope) {
+    std::visit(
+        [this]<class Payload>(const Payload& payload) {
+            if constexpr (Request<Payload>) {
+                if (!isForUs(payload.platform)) return;
+                perform(payload);
+                publisher_.writeRuntimeStatus();
+            }
+        },
+        envelope);
+}
+
+void ManagedWhatsAppBackendService::perform(const BridgeConnectRequest&) {
+    state_.setConnected(true);
+    emitter_.emit(BridgeStateChangedEvent{BridgeConnectingState{}});
+    emitter_.emit(BridgeStateChangedEvent{BridgeConnectedState{std::string(backend_display_name)}});
+}
+
+void ManagedWhatsAppBackendService::perform(const BridgeDisconnectRequest&) {
+    state_.setConnected(false);
+    state_.setActiveScope(std::nullopt);
+    emitter_.emit(BridgeStateChangedEvent{BridgeDisconnectedState{}});
+}
+
+void ManagedWhatsAppBackendService::perform(const BridgeStartListeningRequest& request) {
+    state_.setActiveScope(request.scope);
+    if (const auto* selfTest = std::get_if<BridgeTestOnlyScope>(&request.scope)) {
+        emitSelfTestEvent(*selfTest);
+    } else {
+        delivery_.drainInboundDirectory();
+    }
+}
+
+void ManagedWhatsAppBackendService::perform(const BridgeStopListeningRequest&) {
+    state_.setActiveScope(std::nullopt);
+}
+
+void ManagedWhatsAppBackendService::perform(const BridgeSendMessageRequest& request) {
+    writeOutboundRecord(request.message);
+}
+
+void ManagedWhatsAppBackendService::emitSelfTestEvent(const BridgeTestOnlyScope& scope) {
+    emitter_.emit(BridgeInboundEvent{{.messageId = randomIdentifier(),
+                                      .conversationId = std::string(self_test_reference),
+                                      .conversationTitle = scope.title,
+                                      .senderId = std::string(self_test_sender),
+                                      .senderDisplayName = std::string(backend_display_name),
+                                      .text = std::string(self_test_text),
+                                      .timestampISO8601 = iso8601(clock_.now()),
+                                      .isDirectMessage = true,
+                                      .rawReference = std::string(self_test_reference)}});
+}
+
+void ManagedWhatsAppBackendService::writeOutboundRecord(const BridgeOutboundMessage& message) {
+    ManagedWhatsAppOutboundRecord record;
+    record.messageId = randomIdentifier();
+    record.conversationId = message.conversationId;
+    record.text = message.text;
+    record.replyToMessageId = message.replyToMessageId;
+    record.createdAtISO8601 = iso8601(clock_.now());
+    if (message.attachments) record.attachments = *message.attachments;
+    writeRecord(fileManager_, DataDirectory::recordFile(directory_.outbound, record.messageId), record,
+                Durability::disk);
+}
+
+}  // namespace brindle

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+
+#include "backend/BackendContext.h"
+#include "backend/InboundDelivery.h"
+#include "backend/StatusPublisher.h"
+#include "backend/WorkerSupervisor.h"
+#include "bridge/BridgeMessages.h"
+#include "bridge/ManagedWhatsAppBackendEmitter.h"
+#include "exchange/DataDirectory.h"
+#include "foundation/Clock.h"
+#include "foundation/Environment.h"
+#include "foundation/FileManager.h"
+#include "foundation/Json.h"
+#include "foundation/SerialQueue.h"
+
+namespace brindle {
+
+/// The backend role: answers the parent's requests, keeps the data directory, supervises one worker and
+/// delivers what the worker captures.
+class ManagedWhatsAppBackendService {
+  public:
+    /// Creates the data directory, starts the two pollers and writes the first status. Throws
+    /// FileSystemFailure when a directory cannot be created. `fileManager` and `clock` outlive the service;
+    /// `endRequest` is a descriptor that ends the run once it is readable, -1 for none.
+    ManagedWhatsAppBackendService(std::string platform, Environment environment, FileManager& fileManager,
+                                  const Clock& clock, int endRequest);
+    /// Cancels the timers and stops the worker.
+    ~ManagedWhatsAppBackendService();
+    ManagedWhatsAppBackendService(const ManagedWhatsAppBackendService&) = delete;
+    ManagedWhatsAppBackendService& operator=(const ManagedWhatsAppBackendService&) = delete;
+
+    /// Launches the worker, greets the parent and answers requests until the end of input. Called once.
+    /// Throws when standard output cannot be written; the worker has been stopped then all the same.
+    void run();
+    /// Carries out one request. Throws when it has failed.
+    void handle(const BridgeEnvelope& envelope);
+
+  private:
+    void watchForDeparture(int endRequest);
+    void startPollers();
+    void startParentMonitor();
+    void checkParent() noexcept;
+    void greet();
+    void readRequests();
+    void answer(std::string_view line, JsonParser& parser);
+    void replyWithError(const std::string& message);
+    void shutDown() noexcept;
+    bool isForUs(const std::string& platform) const;
+
+    void perform(const BridgeConnectRequest& request);
+    void perform(const BridgeDisconnectRequest& request);
+    void perform(const BridgeStartListeningRequest& request);
+    void perform(const BridgeStopListeningRequest& request);
+    void perform(const BridgeSendMessageRequest& request);
+    void emitSelfTestEvent(const BridgeTestOnlyScope& scope);
+    void writeOutboundRecord(const BridgeOutboundMessage& message);
+
+    // First, so that it outlives everything that its handlers use; the destructor joins it before anything
+    // goes.
+    SerialQueue pollQueue_;
+    std::string platform_;
+    Environment environment_;
+    FileManager& fileManager_;
+    const Clock& clock_;
+    int endRequest_;
+    pid_t parentProcessIdentifier_;
+    Descriptor parentEnd_;
+    DepartureWatch departureWatch_;
+    ManagedWhatsAppBackendEmitter emitter_;
+    BackendState state_;
+    DataDirectory directory_;
+    BackendContext context_;
+    StatusPublisher publisher_;
+    InboundDelivery delivery_;
+    WorkerSupervisor supervisor_;
+    std::unique_ptr<RepeatingTimer> inboundPoller_;
+    std::unique_ptr<RepeatingTimer> statusPoller_;
+    std::unique_ptr<RepeatingTimer> parentMonitor_;
+};
+
+}  // namespace brindle

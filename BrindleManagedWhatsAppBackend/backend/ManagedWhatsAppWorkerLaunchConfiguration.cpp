@@ -1,0 +1,115 @@
+#include "backend/ManagedWhatsAppWorkerLaunchConfiguration.h"
+
+#include <unistd.h>
+
+#include "exchange/EnvironmentKeys.h"
+#include "foundation/Text.h"
+
+namespace brindle {
+namespace {
+
+namespace key = environment_key;
+
+constexpr std::string_view native_worker_build_directory = "Support/ManagedWhatsAppNativeWorker/.build";
+constexpr std::string_view native_worker_directory = "Support/ManagedWhatsAppNativeWorker";
+constexpr std::string_view native_implementation = "protocol-native";
+// Where these stand, a test harness runs the parent, and real workers stay off.
+constexpr std::string_view test_harness_keys[] = {"XCTestConfigurationFilePath", "SWIFT_TESTING_ENABLED"};
+
+bool nativeWorkersEnabled(const Environment& environment) {
+    if (isFlagSet(environment, key::disableNativeWorker)) return false;
+    if (nonBlankValue(environment, key::enableNativeWorker))
+        return isFlagSet(environment, key::enableNativeWorker);
+    for (const auto harness : test_harness_keys) {
+        if (environment.contains(harness)) return false;
+    }
+    return true;
+}
+
+std::vector<std::string> nativeWorkerCandidates(const MainBundle& bundle) {
+    std::vector<std::string> candidates;
+    const auto add = [&](const std::string& directory) {
+        auto path = standardizedPath(joinedPath(directory, native_worker_name));
+        for (const auto& earlier : candidates) {
+            if (earlier == path) return;
+        }
+        candidates.push_back(std::move(path));
+    };
+    if (bundle.executablePath) add(joinedPath(*bundle.executablePath, ".."));
+    if (bundle.resourceDirectory) add(*bundle.resourceDirectory);
+    add(std::string(native_worker_build_directory));
+    add(std::string(native_worker_directory));
+    return candidates;
+}
+
+std::optional<std::string> findNativeWorker(const BackendContext& context, const MainBundle& bundle) {
+    // A path that was given and is wrong switches the native worker off; it is not replaced by a guess.
+    if (const auto given = nonBlankValue(context.environment, key::nativeWorkerPath)) {
+        auto path = standardizedPath(*given);
+        if (!context.fileManager.fileExists(path)) return std::nullopt;
+        return path;
+    }
+    for (auto& candidate : nativeWorkerCandidates(bundle)) {
+        if (context.fileManager.fileExists(candidate)) return std::move(candidate);
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> runningExecutable(const MainBundle& bundle) {
+    if (bundle.executablePath) return standardizedPath(*bundle.executablePath);
+    const auto argument = trimmed(bundle.firstArgument);
+    if (argument.empty()) return std::nullopt;
+    return standardizedPath(argument);
+}
+
+Environment workerEnvironment(const BackendContext& context) {
+    Environment environment = context.environment;
+    environment.insert_or_assign(std::string(key::dataDirectory), context.directory.path);
+    environment.insert_or_assign(std::string(key::platform), context.platform);
+    environment.insert_or_assign(std::string(key::parentProcess), std::to_string(::getpid()));
+    return environment;
+}
+
+ManagedWhatsAppWorkerLaunchConfiguration webWorker(const BackendContext& context, std::string executable,
+                                                   std::string description) {
+    ManagedWhatsAppWorkerLaunchConfiguration configuration;
+    configuration.executableURL = std::move(executable);
+    configuration.environment = workerEnvironment(context);
+    configuration.environment.insert_or_assign(std::string(key::workerRole),
+                                               std::string(key::runtimeWorkerRole));
+    configuration.launchDescription = std::move(description);
+    return configuration;
+}
+
+ManagedWhatsAppWorkerLaunchConfiguration nativeWorker(const BackendContext& context, std::string executable) {
+    ManagedWhatsAppWorkerLaunchConfiguration configuration;
+    configuration.launchDescription = "native protocol worker (" + executable + ")";
+    configuration.executableURL = std::move(executable);
+    configuration.environment = workerEnvironment(context);
+    configuration.environment.insert_or_assign(std::string(key::workerImplementation),
+                                               std::string(native_implementation));
+    return configuration;
+}
+
+}  // namespace
+
+std::optional<ManagedWhatsAppWorkerLaunchConfiguration> resolveLaunchConfiguration(
+    const BackendContext& context, const MainBundle& bundle) {
+    const auto& environment = context.environment;
+    if (isFlagSet(environment, key::disableWorker)) return std::nullopt;
+    if (const auto given = nonBlankValue(environment, key::workerPath)) {
+        auto path = standardizedPath(*given);
+        return webWorker(context, path, path);
+    }
+    if (nativeWorkersEnabled(environment)) {
+        if (auto path = findNativeWorker(context, bundle)) return nativeWorker(context, std::move(*path));
+    }
+    if (isFlagSet(environment, key::enableBuiltinWorker)) {
+        if (const auto path = runningExecutable(bundle)) {
+            return webWorker(context, *path, "built-in WebKit worker (" + *path + ")");
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace brindle

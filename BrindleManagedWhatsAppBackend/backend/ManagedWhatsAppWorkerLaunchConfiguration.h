@@ -1,0 +1,37 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "backend/BackendContext.h"
+#include "foundation/Environment.h"
+#include "foundation/Paths.h"
+
+namespace brindle {
+
+/// Which worker to start and how.
+struct ManagedWhatsAppWorkerLaunchConfiguration {
+    /// The program to start, standardised.
+    std::string executableURL;
+    /// Empty for every kind of worker.
+    std::vector<std::string> arguments;
+    /// The complete environment of the child.
+    Environment environment;
+    /// How launch messages and the runtime status name the worker.
+    std::string launchDescription;
+    /// Whether the launcher must verify the execute permission first.
+    bool requiresExecutableBit = true;
+};
+
+/// Decides from the environment, the file system and the place of the running executable which worker to run;
+/// nothing when none is configured.
+std::optional<ManagedWhatsAppWorkerLaunchConfiguration> resolveLaunchConfiguration(
+    const BackendContext& context, const MainBundle& bundle);
+
+/// File name of the native protocol worker, a program that is not part of this system.
+inline constexpr std::string_view native_worker_name = "BrindleManagedWhatsAppNativeWorker";
+
+}  // namespace brindle

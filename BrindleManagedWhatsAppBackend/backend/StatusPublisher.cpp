@@ -1,0 +1,107 @@
+#include "backend/StatusPublisher.h"
+
+namespace brindle {
+namespace {
+
+constexpr auto connected_word = "connected";
+constexpr auto disconnected_word = "disconnected";
+
+std::string titled(std::string_view kind, std::string_view title, std::string_view id) {
+    std::string text(kind);
+    return text.append(" ").append(title).append(" [").append(id).append("]");
+}
+
+struct ScopeDescriber {
+    std::string operator()(const BridgeConversationScope& scope) const {
+        return titled("Conversation", scope.title, scope.id);
+    }
+    std::string operator()(const BridgeChannelScope& scope) const {
+        return titled("Channel", scope.title, scope.id);
+    }
+    std::string operator()(const BridgeThreadScope& scope) const {
+        return titled("Thread", scope.title.value_or(scope.id), scope.id);
+    }
+    std::string operator()(const BridgeTestOnlyScope& scope) const { return "Self-test " + scope.title; }
+};
+
+void takeOver(ManagedWhatsAppRuntimeStatusRecord& record, ManagedWhatsAppWorkerStatusRecord worker) {
+    record.workerState = std::move(worker.state);
+    record.workerDisplayName = std::move(worker.displayName);
+    record.workerDetail = std::move(worker.detail);
+    record.workerLastHeartbeatISO8601 = std::move(worker.lastHeartbeatISO8601);
+    record.workerContactQRLink = std::move(worker.contactQRLink);
+    record.workerSupportsLiveCapture = worker.supportsLiveCapture;
+    record.workerSupportsOutbound = worker.supportsOutbound;
+}
+
+}  // namespace
+
+std::string activeScopeDescription(const BridgeScope& scope) {
+    return std::visit(ScopeDescriber(), scope);
+}
+
+void StatusPublisher::writeRuntimeStatus() noexcept {
+    try {
+        writeStatus();
+    } catch (const std::exception& error) {
+        context_.log("failed to write runtime status: " + descriptionOf(error));
+    }
+    try {
+        writeWorkerControl();
+    } catch (const std::exception& error) {
+        context_.log("failed to write worker control: " + descriptionOf(error));
+    }
+}
+
+void StatusPublisher::writeStatus() {
+    const std::lock_guard hold(writeLock_);
+    const auto record = statusRecord(context_.state.takeSnapshot());
+    writeRecord(context_.fileManager, context_.directory.runtimeStatusFile, record, Durability::process);
+}
+
+void StatusPublisher::writeWorkerControl() {
+    const std::lock_guard hold(writeLock_);
+    const auto snapshot = context_.state.takeSnapshot();
+    ManagedWhatsAppWorkerControlRecord record;
+    record.platform = context_.platform;
+    if (snapshot.activeScope)
+        record.activeScope = ManagedWhatsAppWorkerControlScope::from(*snapshot.activeScope);
+    record.updatedAtISO8601 = iso8601(context_.clock.now());
+    writeRecord(context_.fileManager, context_.directory.workerControlFile, record, Durability::process);
+}
+
+std::optional<ManagedWhatsAppWorkerStatusRecord> StatusPublisher::workerStatus(
+    const ManagedWhatsAppWorkerLaunchSnapshot& worker) {
+    if (!worker.processRunning) return std::nullopt;
+    try {
+        return readRecord<ManagedWhatsAppWorkerStatusRecord>(context_.fileManager,
+                                                             context_.directory.workerStatusFile);
+    } catch (const FileSystemFailure& error) {
+        // A worker that has not written its status yet is nothing to report.
+        if (!context_.fileManager.fileExists(context_.directory.workerStatusFile)) return std::nullopt;
+        context_.log("failed to decode worker status: " + descriptionOf(error));
+    } catch (const std::exception& error) {
+        context_.log("failed to decode worker status: " + descriptionOf(error));
+    }
+    return std::nullopt;
+}
+
+ManagedWhatsAppRuntimeStatusRecord StatusPublisher::statusRecord(
+    const ManagedWhatsAppRuntimeStateSnapshot& snapshot) {
+    const auto& worker = snapshot.workerLaunchSnapshot;
+    ManagedWhatsAppRuntimeStatusRecord record;
+    record.platform = context_.platform;
+    record.backendVersion = backend_version;
+    record.dataDirectoryPath = context_.directory.path;
+    record.connectionState = snapshot.isConnected ? connected_word : disconnected_word;
+    if (snapshot.activeScope) record.activeScopeDescription = activeScopeDescription(*snapshot.activeScope);
+    record.workerConfiguredExecutablePath = worker.configuredExecutablePath;
+    record.workerProcessRunning = worker.processRunning;
+    record.workerState = worker.state;
+    record.workerDetail = worker.detail;
+    if (auto status = workerStatus(worker)) takeOver(record, std::move(*status));
+    record.updatedAtISO8601 = iso8601(context_.clock.now());
+    return record;
+}
+
+}  // namespace brindle

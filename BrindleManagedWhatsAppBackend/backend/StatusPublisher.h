@@ -1,0 +1,38 @@
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "backend/BackendContext.h"
+#include "exchange/ExchangeRecords.h"
+
+namespace brindle {
+
+/// The text that names a listening scope to people.
+std::string activeScopeDescription(const BridgeScope& scope);
+
+/// Publishes the backend's state as "runtime-status.json" and "worker-control.json". Callable from any
+/// thread.
+class StatusPublisher {
+  public:
+    explicit StatusPublisher(const BackendContext& context) : context_(context) {}
+
+    /// Writes the runtime status and then, whatever came of it, the worker control record. Failures are
+    /// logged.
+    void writeRuntimeStatus() noexcept;
+
+  private:
+    void writeStatus();
+    void writeWorkerControl();
+    std::optional<ManagedWhatsAppWorkerStatusRecord> workerStatus(
+        const ManagedWhatsAppWorkerLaunchSnapshot& worker);
+    ManagedWhatsAppRuntimeStatusRecord statusRecord(const ManagedWhatsAppRuntimeStateSnapshot& snapshot);
+
+    const BackendContext& context_;
+    // Held from taking a snapshot to having written it, so that an older snapshot never replaces a newer one:
+    // the last status of an ending backend stays the last.
+    std::mutex writeLock_;
+};
+
+}  // namespace brindle

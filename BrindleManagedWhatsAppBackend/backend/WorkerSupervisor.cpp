@@ -1,0 +1,228 @@
+#include "backend/WorkerSupervisor.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <array>
+#include <charconv>
+#include <chrono>
+
+#include "foundation/Processes.h"
+#include "foundation/Text.h"
+
+namespace brindle {
+namespace {
+
+constexpr std::string_view not_configured_state = "not_configured";
+constexpr std::string_view stopped_state = "stopped";
+constexpr std::string_view not_configured_detail = "No managed WhatsApp worker configured.";
+constexpr std::string_view nothing_to_launch_detail =
+    "No managed WhatsApp worker configured. Install the protocol worker dependencies or provide an explicit "
+    "worker "
+    "executable.";
+constexpr std::string_view stopped_detail = "Managed WhatsApp worker stopped.";
+
+constexpr int termination_probes = 20;
+constexpr std::chrono::milliseconds termination_probe_interval{50};
+constexpr std::size_t relay_chunk_bytes = std::size_t{64} << 10U;
+
+}  // namespace
+
+std::optional<pid_t> parsedProcessIdentifier(std::string_view text) {
+    text = trimmed(text);
+    // from_chars knows no plus sign.
+    if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
+    pid_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return value;
+}
+
+WorkerSupervisor::WorkerSupervisor(const BackendContext& context, StatusPublisher& publisher,
+                                   SerialQueue& queue)
+    : context_(context), publisher_(publisher), queue_(queue) {}
+
+void WorkerSupervisor::launchWorkerIfConfigured() {
+    const auto configuration = resolveLaunchConfiguration(context_, MainBundle::current());
+    if (!configuration) {
+        context_.fileManager.removeIfPresent(context_.directory.workerStatusFile);
+        setWorkerState(std::nullopt, std::string(not_configured_state), std::string(nothing_to_launch_detail),
+                       false);
+        publisher_.writeRuntimeStatus();
+        return;
+    }
+    clearUpAfterEarlierWorker();
+    removeWorkerFiles();
+    const auto& description = configuration->launchDescription;
+    if (configuration->requiresExecutableBit &&
+        !context_.fileManager.isExecutableFile(configuration->executableURL)) {
+        return fail(description, "misconfigured",
+                    "Configured worker executable is not executable: " + description);
+    }
+    start(*configuration);
+}
+
+void WorkerSupervisor::setWorkerState(std::optional<std::string> path, std::string state, std::string detail,
+                                      bool running) {
+    context_.state.setWorkerState({.configuredExecutablePath = std::move(path),
+                                   .state = std::move(state),
+                                   .detail = std::move(detail),
+                                   .processRunning = running});
+}
+
+void WorkerSupervisor::fail(const std::string& description, std::string state, const std::string& message) {
+    context_.fileManager.removeIfPresent(context_.directory.workerStatusFile);
+    setWorkerState(description, std::move(state), message, false);
+    context_.log(message);
+    publisher_.writeRuntimeStatus();
+}
+
+void WorkerSupervisor::removeWorkerFiles() {
+    context_.fileManager.removeIfPresent(context_.directory.workerStatusFile);
+    context_.fileManager.removeIfPresent(context_.directory.workerQRCodeFile);
+    context_.fileManager.removeIfPresent(context_.directory.workerPIDFile);
+}
+
+void WorkerSupervisor::clearUpAfterEarlierWorker() {
+    try {
+        const auto process =
+            parsedProcessIdentifier(context_.fileManager.readFile(context_.directory.workerPIDFile));
+        // After a reboot the number may be anybody's; that it is our own is the one case that can be told.
+        if (process && *process > 0 && *process != ::getpid()) terminateEarlierWorker(*process);
+    } catch (const Failure&) {
+        // No file, or one that cannot be read: nothing is known of an earlier worker.
+    }
+    context_.fileManager.removeIfPresent(context_.directory.workerPIDFile);
+}
+
+void WorkerSupervisor::terminateEarlierWorker(pid_t process) {
+    if (::kill(process, 0) != 0) return;
+    ::kill(process, SIGTERM);
+    for (int probe = 0; probe < termination_probes; ++probe) {
+        if (::kill(process, 0) != 0) return;
+        context_.clock.sleep(termination_probe_interval);
+    }
+    if (::kill(process, 0) == 0) ::kill(process, SIGKILL);
+}
+
+void WorkerSupervisor::start(const ManagedWhatsAppWorkerLaunchConfiguration& configuration) {
+    const auto& description = configuration.launchDescription;
+    didRequestWorkerStop_ = false;
+    setWorkerState(description, "launching", "Launching managed WhatsApp worker at " + description + ".",
+                   false);
+    std::shared_ptr<ChildProcess> process;
+    try {
+        process =
+            std::make_shared<ChildProcess>(ChildProcess::Options{.executable = configuration.executableURL,
+                                                                 .arguments = configuration.arguments,
+                                                                 .environment = configuration.environment});
+    } catch (const std::exception& error) {
+        return fail(
+            description, "launch_failed",
+            "Failed to launch managed WhatsApp worker at " + description + ": " + descriptionOf(error));
+    }
+    setWorkerState(description, "launching", "Managed WhatsApp worker launched at " + description + ".",
+                   true);
+    publisher_.writeRuntimeStatus();
+    // Only now: a worker that ended at once is seen to end after it was seen to be launched. Its pipes and
+    // its end descriptor keep what happened meanwhile.
+    watch(process);
+}
+
+void WorkerSupervisor::watch(const std::shared_ptr<ChildProcess>& process) {
+    const std::lock_guard hold(processLock_);
+    workerProcess_ = process;
+    workerStdoutHandle_ = std::make_shared<const Descriptor>(std::move(process->standardOutput()));
+    workerStderrHandle_ = std::make_shared<const Descriptor>(std::move(process->standardError()));
+    outputWatch_ = std::make_unique<ReadinessWatch>(
+        queue_, workerStdoutHandle_->get(),
+        [this, handle = workerStdoutHandle_] { return relayAvailable(handle, Stream::output); });
+    errorWatch_ = std::make_unique<ReadinessWatch>(
+        queue_, workerStderrHandle_->get(),
+        [this, handle = workerStderrHandle_] { return relayAvailable(handle, Stream::error); });
+    endWatch_ = std::make_unique<ReadinessWatch>(queue_, process->endDescriptor(), [this, process] {
+        workerEnded(*process);
+        return false;
+    });
+}
+
+bool WorkerSupervisor::relayAvailable(const Handle& handle, Stream stream) {
+    std::array<char, relay_chunk_bytes> data{};
+    const auto got = ::read(handle->get(), data.data(), data.size());
+    if (got < 0) return errno == EAGAIN || errno == EINTR;
+    relay(std::string_view(data.data(), static_cast<std::size_t>(got)), stream);
+    return got > 0;
+}
+
+/// What the pipe holds now. No more than that, because another process may have inherited it and write on.
+void WorkerSupervisor::relayRemaining(const Handle& handle, Stream stream) {
+    int pending = 0;
+    if (!handle || ::ioctl(handle->get(), FIONREAD, &pending) != 0 || pending <= 0) return;
+    std::string data(static_cast<std::size_t>(pending), '\0');
+    const auto got = ::read(handle->get(), data.data(), data.size());
+    if (got > 0) relay(std::string_view(data).substr(0, static_cast<std::size_t>(got)), stream);
+}
+
+void WorkerSupervisor::relay(std::string_view data, Stream stream) {
+    const std::string_view prefix =
+        stream == Stream::output ? "[ManagedWhatsAppWorker] " : "[ManagedWhatsAppWorker][stderr] ";
+    const std::string text = repairedUtf8(data);
+    std::string_view rest(text);
+    while (!rest.empty()) {
+        const auto lineEnd = rest.find('\n');
+        const auto piece = trimmed(rest.substr(0, lineEnd));
+        rest.remove_prefix(lineEnd == std::string_view::npos ? rest.size() : lineEnd + 1);
+        if (!piece.empty()) context_.emitter.log(std::string(prefix).append(piece).append("\n"));
+    }
+}
+
+void WorkerSupervisor::workerEnded(const ChildProcess& process) {
+    Handle output;
+    Handle error;
+    {
+        const std::lock_guard hold(processLock_);
+        output = std::move(workerStdoutHandle_);
+        error = std::move(workerStderrHandle_);
+        outputWatch_.reset();
+        errorWatch_.reset();
+        workerProcess_.reset();
+    }
+    relayRemaining(output, Stream::output);
+    relayRemaining(error, Stream::error);
+    const int status = process.waitForEnd();
+    auto path = context_.state.workerConfiguredExecutablePath();
+    if (didRequestWorkerStop_) {
+        const auto state = path ? stopped_state : not_configured_state;
+        setWorkerState(std::move(path), std::string(state), std::string(stopped_detail), false);
+    } else {
+        const auto message =
+            "Managed WhatsApp worker exited unexpectedly with status " + std::to_string(status) + ".";
+        context_.log(message);
+        setWorkerState(std::move(path), "exited", message, false);
+    }
+    publisher_.writeRuntimeStatus();
+}
+
+void WorkerSupervisor::stopWorker() noexcept {
+    // Before the signal, so that the end it causes is never taken for an unexpected one.
+    didRequestWorkerStop_ = true;
+    {
+        const std::lock_guard hold(processLock_);
+        outputWatch_.reset();
+        errorWatch_.reset();
+        workerStdoutHandle_.reset();
+        workerStderrHandle_.reset();
+        if (workerProcess_) workerProcess_->signal(SIGTERM);
+        workerProcess_.reset();
+    }
+    auto path = context_.state.workerConfiguredExecutablePath();
+    const bool configured = path.has_value();
+    setWorkerState(std::move(path), std::string(configured ? stopped_state : not_configured_state),
+                   std::string(configured ? stopped_detail : not_configured_detail), false);
+    context_.fileManager.removeIfPresent(context_.directory.workerStatusFile);
+    context_.fileManager.removeIfPresent(context_.directory.workerPIDFile);
+}
+
+}  // namespace brindle

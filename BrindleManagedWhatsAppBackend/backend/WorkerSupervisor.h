@@ -1,0 +1,65 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "backend/BackendContext.h"
+#include "backend/ManagedWhatsAppWorkerLaunchConfiguration.h"
+#include "backend/StatusPublisher.h"
+#include "foundation/ChildProcess.h"
+#include "foundation/SerialQueue.h"
+
+namespace brindle {
+
+/// Runs at most one worker process: launches it once, relays what it prints, notices its end and stops it.
+class WorkerSupervisor {
+  public:
+    /// Output and end of the worker are noticed on `queue`, which must be joined before the supervisor goes.
+    WorkerSupervisor(const BackendContext& context, StatusPublisher& publisher, SerialQueue& queue);
+
+    /// Starts the configured worker, if there is one. Failures are logged and published.
+    void launchWorkerIfConfigured();
+    /// Asks the worker to end, without waiting, and takes its files away. Callable from any thread,
+    /// repeatedly.
+    void stopWorker() noexcept;
+
+  private:
+    /// The read end of one of the worker's pipes; closed when the last user lets go.
+    using Handle = std::shared_ptr<const Descriptor>;
+    enum class Stream { output, error };
+
+    void setWorkerState(std::optional<std::string> path, std::string state, std::string detail, bool running);
+    void fail(const std::string& description, std::string state, const std::string& message);
+    void removeWorkerFiles();
+    void clearUpAfterEarlierWorker();
+    void terminateEarlierWorker(pid_t process);
+    void start(const ManagedWhatsAppWorkerLaunchConfiguration& configuration);
+    void watch(const std::shared_ptr<ChildProcess>& process);
+    bool relayAvailable(const Handle& handle, Stream stream);
+    void relayRemaining(const Handle& handle, Stream stream);
+    void relay(std::string_view data, Stream stream);
+    void workerEnded(const ChildProcess& process);
+
+    const BackendContext& context_;
+    StatusPublisher& publisher_;
+    SerialQueue& queue_;
+    std::atomic<bool> didRequestWorkerStop_ = false;
+
+    // Guards the process and its handles; stop may come from the request thread while the queue sees the end.
+    std::mutex processLock_;
+    std::shared_ptr<ChildProcess> workerProcess_;
+    Handle workerStdoutHandle_;
+    Handle workerStderrHandle_;
+    std::unique_ptr<ReadinessWatch> outputWatch_;
+    std::unique_ptr<ReadinessWatch> errorWatch_;
+    std::unique_ptr<ReadinessWatch> endWatch_;
+};
+
+/// The process id in the text of a pid file: an optional sign and decimal digits in the range of 32 bits;
+/// nothing for any other text.
+std::optional<pid_t> parsedProcessIdentifier(std::string_view text);
+
+}  // namespace brindle

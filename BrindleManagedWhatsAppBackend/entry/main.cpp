@@ -1,0 +1,90 @@
+#include <signal.h>
+#include <sys/resource.h>
+#include <sysexits.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <exception>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "backend/ManagedWhatsAppBackendService.h"
+#include "entry/CommandLine.h"
+#include "entry/LaunchAuthentication.h"
+#include "exchange/EnvironmentKeys.h"
+#include "foundation/Clock.h"
+#include "foundation/Environment.h"
+#include "foundation/FileManager.h"
+#include "foundation/Processes.h"
+#include "foundation/Text.h"
+
+namespace brindle {
+namespace {
+
+/// Best effort: there is no place to report that standard error cannot be written.
+void writeToStandardError(std::string_view text) {
+    static_cast<void>(::write(STDERR_FILENO, text.data(), text.size()) + 1);
+}
+
+/// The launch token stands in this process's memory, so it must never be dumped. One byte rather than none:
+/// with that value the kernel also spares programs that collect dumps through a pipe, which a limit of zero
+/// does not.
+void forbidCoreDumps() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_CORE, &limit) != 0) return;
+    limit.rlim_cur = std::min<rlim_t>(1, limit.rlim_max);
+    ::setrlimit(RLIMIT_CORE, &limit);
+}
+
+bool isWorkerRole(const Environment& environment) {
+    const auto role = environment.find(environment_key::workerRole);
+    return role != environment.end() && role->second == environment_key::runtimeWorkerRole;
+}
+
+void runBackendRole(const std::string& platform, const Environment& environment, FileManager& fileManager) {
+    TerminationSignals signals;
+    const SystemClock clock;
+    {
+        ManagedWhatsAppBackendService service(platform, environment, fileManager, clock,
+                                              signals.descriptor());
+        service.run();
+    }
+    if (const int signal = signals.take(); signal != 0) endBySignal(signal);
+}
+
+[[noreturn]] void runWorkerRole() {
+    throw Failure("The built-in web worker is not part of this version; set " +
+                  std::string(environment_key::nativeWorkerPath) + " to run a native worker instead.");
+}
+
+int run(int argumentCount, char** arguments) {
+    ::signal(SIGPIPE, SIG_IGN);
+    const std::vector<std::string> argumentList(arguments + std::min(1, argumentCount),
+                                                arguments + argumentCount);
+    const Environment environment = currentEnvironment();
+    PosixFileManager fileManager;
+    if (!isLaunchAuthenticated(environment, fileManager)) {
+        writeToStandardError("This component must be launched by Brindle.\n");
+        return EX_USAGE;
+    }
+    const std::string platform = platformName(argumentList);
+    if (isWorkerRole(environment)) runWorkerRole();
+    runBackendRole(platform, environment, fileManager);
+    return EX_OK;
+}
+
+}  // namespace
+}  // namespace brindle
+
+int main(int argumentCount, char** arguments) {
+    brindle::forbidCoreDumps();
+    brindle::reserveStandardDescriptors();
+    try {
+        return brindle::run(argumentCount, arguments);
+    } catch (const std::exception& error) {
+        brindle::writeToStandardError(
+            "[ManagedWhatsAppBackend] fatal: " + brindle::singleLine(brindle::descriptionOf(error)) + "\n");
+        return EX_SOFTWARE;
+    }
+}

@@ -1,0 +1,108 @@
+#include "exchange/DataDirectory.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+#include <array>
+
+#include "exchange/EnvironmentKeys.h"
+#include "foundation/Failure.h"
+#include "foundation/Paths.h"
+
+namespace brindle {
+namespace {
+
+constexpr std::string_view default_temporary_directory = "/tmp";
+constexpr std::string_view application_component = "Brindle";
+constexpr std::string_view bridge_component = "ManagedBridge";
+constexpr mode_t private_mode = 0700;
+
+/// The user's runtime directory (XDG Base Directory Specification), when it is there and private.
+std::optional<std::string> privateRuntimeDirectory(const Environment& environment, FileManager& fileManager) {
+    const auto value = nonBlankValue(environment, environment_key::runtimeDirectory);
+    if (!value || !value->starts_with('/')) return std::nullopt;
+    auto directory = standardizedPath(*value);
+    try {
+        const auto attributes = fileManager.attributes(directory);
+        const bool isPrivate = attributes && attributes->isDirectory && attributes->owner == ::geteuid() &&
+                               attributes->permissions == private_mode;
+        if (!isPrivate) return std::nullopt;
+    } catch (const Failure&) {
+        return std::nullopt;
+    }
+    return directory;
+}
+
+std::string generalTemporaryDirectory(const Environment& environment) {
+    return standardizedPath(nonBlankValue(environment, environment_key::temporaryDirectory)
+                                .value_or(std::string(default_temporary_directory)));
+}
+
+/// A name in a shared directory can be taken by anybody; what lies there must be ours before we use it.
+void requireOwnDirectory(FileManager& fileManager, const std::string& path) {
+    const auto attributes = fileManager.attributes(path);
+    if (attributes && attributes->isDirectory && attributes->owner == ::geteuid()) return;
+    throw FileSystemFailure("use the directory", path,
+                            "It belongs to another user or is a link; remove it or set " +
+                                std::string(environment_key::dataDirectory),
+                            EPERM);
+}
+
+}  // namespace
+
+DataDirectory::DataDirectory(const Environment& environment, FileManager& fileManager,
+                             std::string_view platform) {
+    if (const auto configured = nonBlankValue(environment, environment_key::dataDirectory)) {
+        path = standardizedPath(*configured);
+    } else {
+        auto base = privateRuntimeDirectory(environment, fileManager);
+        if (!base) base = sharedBase_ = generalTemporaryDirectory(environment);
+        path = joinedPath(joinedPath(joinedPath(*base, application_component), bridge_component), platform);
+    }
+    inbound = joinedPath(path, "inbound");
+    outbound = joinedPath(path, "outbound");
+    processed = joinedPath(path, "processed");
+    rejected = joinedPath(path, "rejected");
+    runtime = joinedPath(path, "runtime");
+    runtimeStatusFile = joinedPath(runtime, "runtime-status.json");
+    workerStatusFile = joinedPath(runtime, "worker-status.json");
+    workerControlFile = joinedPath(runtime, "worker-control.json");
+    workerQRCodeFile = joinedPath(runtime, "worker-qr.png");
+    workerPIDFile = joinedPath(runtime, "worker.pid");
+    freshLinkRequestFile = joinedPath(runtime, "fresh-link-request.flag");
+    workerProcessedOutbound = joinedPath(runtime, "worker-processed-outbound");
+    workerRejectedOutbound = joinedPath(runtime, "worker-rejected-outbound");
+}
+
+void DataDirectory::create(FileManager& fileManager) const {
+    if (!sharedBase_.empty()) {
+        const auto application = joinedPath(sharedBase_, application_component);
+        const auto bridge = joinedPath(application, bridge_component);
+        for (const auto& directory : {application, bridge}) {
+            fileManager.createDirectory(directory);
+            requireOwnDirectory(fileManager, directory);
+        }
+    }
+    fileManager.createDirectory(path);
+    if (!sharedBase_.empty()) requireOwnDirectory(fileManager, standardizedPath(path));
+}
+
+void DataDirectory::createForBackend(FileManager& fileManager) const {
+    create(fileManager);
+    for (const auto* directory : {&inbound, &outbound, &processed, &rejected, &runtime,
+                                  &workerProcessedOutbound, &workerRejectedOutbound}) {
+        fileManager.createDirectory(*directory);
+    }
+}
+
+void DataDirectory::createForWorker(FileManager& fileManager) const {
+    create(fileManager);
+    fileManager.createDirectory(inbound);
+    fileManager.createDirectory(runtime);
+}
+
+std::string DataDirectory::recordFile(std::string_view directory, std::string_view messageId) {
+    return joinedPath(directory, messageId).append(record_file_extension);
+}
+
+}  // namespace brindle

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "foundation/Environment.h"
+#include "foundation/FileManager.h"
+
+namespace brindle {
+
+/// The directory through which backend and worker exchange records, and every path in it. Both roles compute
+/// it from the same environment.
+struct DataDirectory {
+    /// Finds the directory: `BRINDLE_MANAGED_BRIDGE_DATA_DIR`, else a place of the user's own for `platform`.
+    /// Touches nothing.
+    DataDirectory(const Environment& environment, FileManager& fileManager, std::string_view platform);
+
+    /// Creates what the backend needs, in order. Throws the first failure.
+    void createForBackend(FileManager& fileManager) const;
+    /// Creates what the worker needs, in order. Throws the first failure.
+    void createForWorker(FileManager& fileManager) const;
+
+    /// The file of the record with that message identifier: `directory`/`messageId`.json.
+    static std::string recordFile(std::string_view directory, std::string_view messageId);
+
+    std::string path;
+    std::string inbound;
+    std::string outbound;
+    std::string processed;
+    std::string rejected;
+    std::string runtime;
+    std::string runtimeStatusFile;
+    std::string workerStatusFile;
+    std::string workerControlFile;
+    std::string workerQRCodeFile;
+    std::string workerPIDFile;
+    std::string freshLinkRequestFile;
+    std::string workerProcessedOutbound;
+    std::string workerRejectedOutbound;
+
+  private:
+    void create(FileManager& fileManager) const;
+
+    /// Not empty when the directory lies in a temporary directory that other users share.
+    std::string sharedBase_;
+};
+
+/// The extension of record files; matched exactly.
+inline constexpr std::string_view record_file_extension = ".json";
+
+}  // namespace brindle

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace brindle {
+
+/// A snapshot of a process environment. Values are bytes as the system gave them.
+using Environment = std::map<std::string, std::string, std::less<>>;
+
+/// The environment of this process as it is now (POSIX environ). Of a name that stands twice the first
+/// counts, as for getenv.
+Environment currentEnvironment();
+
+/// The value of `key`, trimmed, or nothing when it is absent or blank.
+std::optional<std::string> nonBlankValue(const Environment& environment, std::string_view key);
+
+/// The flag test: true when the trimmed value is "1", "true", "yes" or "on" in any letter case.
+bool isFlagSet(const Environment& environment, std::string_view key);
+
+}  // namespace brindle

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace brindle {
+
+/// How sure a written file must be before it is visible.
+enum class Durability {
+    /// Survives the end of the process. For records that are rewritten all the time.
+    process,
+    /// On disk, name included, before the call returns. For messages.
+    disk,
+};
+
+/// What the system knows of the object that a path itself names (a link is not followed).
+struct FileAttributes {
+    uid_t owner = 0;
+    /// Permission bits.
+    mode_t permissions = 0;
+    bool isDirectory = false;
+};
+
+/// Every touch of the file system. Operations that fail throw FileSystemFailure and have had no effect.
+class FileManager {
+  public:
+    virtual ~FileManager() = default;
+
+    /// Creates the directory and those above it, private to the user (0700). One that exists is no error.
+    virtual void createDirectory(const std::string& path) = 0;
+    /// Names of the entries, hidden ones (".…") left out, in no order; not recursive.
+    virtual std::vector<std::string> visibleEntries(const std::string& directory) = 0;
+    /// True when something exists at the path, links followed.
+    virtual bool fileExists(const std::string& path) = 0;
+    /// True for a regular file that this process may execute.
+    virtual bool isExecutableFile(const std::string& path) = 0;
+    /// Nothing when there is no such object.
+    virtual std::optional<FileAttributes> attributes(const std::string& path) = 0;
+    /// The whole content of a regular file. Anything else at the path is a failure and is never opened.
+    virtual std::string readFile(const std::string& path) = 0;
+    /// Replaces the file in one step: a reader sees the old or the new content, never a part. The mode is
+    /// 0600.
+    virtual void writeFileAtomically(const std::string& path, std::string_view bytes,
+                                     Durability durability) = 0;
+    /// Renames; fails with EEXIST rather than replacing something.
+    virtual void moveItem(const std::string& from, const std::string& to) = 0;
+    /// Removes a file or an empty directory.
+    virtual void removeItem(const std::string& path) = 0;
+
+    /// Removes the file when it exists; never fails.
+    void removeIfPresent(const std::string& path) noexcept;
+};
+
+/// The real file system, by POSIX calls.
+class PosixFileManager final : public FileManager {
+  public:
+    void createDirectory(const std::string& path) override;
+    std::vector<std::string> visibleEntries(const std::string& directory) override;
+    bool fileExists(const std::string& path) override;
+    bool isExecutableFile(const std::string& path) override;
+    std::optional<FileAttributes> attributes(const std::string& path) override;
+    std::string readFile(const std::string& path) override;
+    void writeFileAtomically(const std::string& path, std::string_view bytes, Durability durability) override;
+    void moveItem(const std::string& from, const std::string& to) override;
+    void removeItem(const std::string& path) override;
+};
+
+}  // namespace brindle

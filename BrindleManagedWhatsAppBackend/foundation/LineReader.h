@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+namespace brindle {
+
+/// Reads lines of any length from a descriptor. Only a line feed ends a line; a last line without one counts.
+class LineReader {
+  public:
+    /// How many bytes after a line may be read (not used), for parsers that look ahead.
+    static constexpr std::size_t padding_bytes = 64;
+    /// A buffer no larger than this is kept between lines.
+    static constexpr std::size_t kept_buffer_bytes = std::size_t{1} << 20U;
+
+    /// `interrupt` ends the input as soon as it is readable; -1 for none.
+    LineReader(int descriptor, int interrupt);
+
+    /// The next line without its line feed and a carriage return before it, valid until the next call;
+    /// nothing at the end of input. A read error ends the input.
+    std::optional<std::string_view> next();
+
+  private:
+    struct Free {
+        void operator()(char* memory) const { std::free(memory); }
+    };
+
+    std::string_view takeLine(std::size_t length, std::size_t terminator);
+    void giveBackLargeBuffer();
+    void makeRoom();
+    void resize(std::size_t capacity);
+    bool readMore();
+
+    int descriptor_;
+    int interrupt_;
+    std::unique_ptr<char, Free> buffer_;
+    std::size_t capacity_ = 0;
+    std::size_t begin_ = 0;
+    std::size_t scanned_ = 0;
+    std::size_t end_ = 0;
+    bool atEnd_ = false;
+};
+
+}  // namespace brindle

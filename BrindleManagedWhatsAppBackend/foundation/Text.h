@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace brindle {
+
+/// `text` without Unicode white space (property White_Space, line breaks included) at both ends. Bytes that
+/// are not UTF-8 count as text.
+std::string_view trimmed(std::string_view text);
+
+/// Number of user-perceived characters: extended grapheme clusters (Unicode UAX #29). `text` must be UTF-8.
+std::size_t graphemeClusterCount(std::string_view text);
+
+/// Unicode canonical equivalence (UAX #15) without case folding. Texts that are not UTF-8 are equal only byte
+/// for byte.
+bool canonicallyEquivalent(std::string_view left, std::string_view right);
+
+/// As canonicallyEquivalent, in a time that does not depend on where the texts differ. For secrets.
+bool canonicallyEquivalentInConstantTime(std::string_view left, std::string_view right);
+
+/// True when the bytes are well-formed UTF-8 (RFC 3629).
+bool isValidUtf8(std::string_view bytes);
+
+/// `bytes` with every invalid UTF-8 sequence replaced by U+FFFD.
+std::string repairedUtf8(std::string_view bytes);
+
+/// `text` fit for a one-line diagnostic: valid UTF-8, with control characters shown as "?".
+std::string singleLine(std::string_view text);
+
+/// `text` with the letters A to Z in lower case.
+std::string asciiLowercased(std::string_view text);
+
+}  // namespace brindle
