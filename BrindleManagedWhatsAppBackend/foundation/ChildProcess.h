@@ -20,9 +20,9 @@ class ChildProcess {
     struct Options {
         std::string executable;
         /// Without the program path, which is put in front.
-        std::vector<std::string> arguments;
+        std::vector<std::string> arguments = {};
         /// Complete: nothing is inherited.
-        Environment environment;
+        Environment environment = {};
         StandardInput standardInput = StandardInput::inherited;
         ProcessGroup processGroup = ProcessGroup::inherited;
     };
