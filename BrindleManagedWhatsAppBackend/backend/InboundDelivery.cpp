@@ -109,7 +109,7 @@ BridgeInboundMessageEvent InboundDelivery::eventFor(ManagedWhatsAppInboundRecord
     event.timestampISO8601 =
         record.timestampISO8601 ? std::move(*record.timestampISO8601) : iso8601(context_.clock.now());
     event.isDirectMessage = record.isDirectMessage;
-    event.rawReference = record.rawReference ? std::move(*record.rawReference) : name;
+    event.rawReference = std::move(record.rawReference).value_or(name);
     return event;
 }
 

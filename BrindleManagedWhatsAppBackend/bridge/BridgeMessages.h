@@ -101,7 +101,7 @@ struct BridgeScope
 
     static constexpr std::array<std::string_view, 4> caseNames{"conversation", "channel", "thread",
                                                                "testOnly"};
-    static constexpr std::string_view payloadName = "";
+    static constexpr std::string_view payloadName{};
 };
 
 struct BridgeStartListeningRequest {
@@ -253,7 +253,7 @@ struct BridgeConnectionState
 
     static constexpr std::array<std::string_view, 4> caseNames{"disconnected", "connecting", "connected",
                                                                "error"};
-    static constexpr std::string_view payloadName = "";
+    static constexpr std::string_view payloadName{};
 };
 
 struct BridgeStateChangedEvent {

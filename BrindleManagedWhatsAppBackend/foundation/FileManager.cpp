@@ -136,7 +136,8 @@ std::vector<std::string> PosixFileManager::visibleEntries(const std::string& dir
     std::vector<std::string> names;
     for (;;) {
         errno = 0;
-        const dirent* entry = ::readdir(stream.get());
+        // The stream is this call's own, which is all that readdir needs to be safe.
+        const dirent* entry = ::readdir(stream.get());  // NOLINT(concurrency-mt-unsafe)
         if (entry == nullptr) break;
         const std::string_view name(static_cast<const char*>(entry->d_name));
         if (!name.starts_with('.')) names.emplace_back(name);
