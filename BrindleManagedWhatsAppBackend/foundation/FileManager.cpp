@@ -13,6 +13,7 @@
 #include "foundation/Descriptor.h"
 #include "foundation/Failure.h"
 #include "foundation/Paths.h"
+#include "foundation/Text.h"
 
 namespace brindle {
 namespace {
@@ -101,11 +102,15 @@ void flushDirectoryToDisk(const std::string& directory) {
     if (::fsync(descriptor.get()) != 0 && errno != EINVAL) throw FileSystemFailure("write", directory, errno);
 }
 
+[[noreturn]] void failToMove(const std::string& from, const std::string& to, int code) {
+    throw FileSystemFailure("move \"" + singleLine(from) + "\" to", to, code);
+}
+
 /// Rename without replacing, for file systems that lack RENAME_NOREPLACE.
 void moveAfterLooking(const std::string& from, const std::string& to) {
     struct stat status {};
-    if (::lstat(to.c_str(), &status) == 0) throw FileSystemFailure("move", from, EEXIST);
-    if (::rename(from.c_str(), to.c_str()) != 0) throw FileSystemFailure("move", from, errno);
+    if (::lstat(to.c_str(), &status) == 0) failToMove(from, to, EEXIST);
+    if (::rename(from.c_str(), to.c_str()) != 0) failToMove(from, to, errno);
 }
 
 }  // namespace
@@ -197,7 +202,7 @@ void PosixFileManager::writeFileAtomically(const std::string& path, std::string_
 void PosixFileManager::moveItem(const std::string& from, const std::string& to) {
     if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return;
     if (errno == EINVAL || errno == ENOSYS) return moveAfterLooking(from, to);
-    throw FileSystemFailure("move", from, errno);
+    failToMove(from, to, errno);
 }
 
 void PosixFileManager::removeItem(const std::string& path) {

@@ -21,6 +21,13 @@ using SteadyClock = std::chrono::steady_clock;
 // The order of a poll set: the output, the wake-up, then the signs.
 constexpr std::size_t first_sign = 2;
 
+/// For poll: rounded up, and without end for the clock's last moment.
+int millisecondsUntil(SteadyClock::time_point deadline) {
+    if (deadline == SteadyClock::time_point::max()) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+}
+
 std::string streamName(int descriptor) {
     return descriptor == STDOUT_FILENO ? "standard output" : "standard error";
 }
@@ -54,17 +61,13 @@ bool DepartureWatch::hasDeparted(const std::vector<pollfd>& set) {
 
 void DepartureWatch::waitUntilWritable(int output) {
     auto set = pollSet(output, true);
-    SteadyClock::time_point deadline = SteadyClock::time_point::max();
-    while (!abandoned_) {
-        int timeout_ms = -1;
-        if (deadline != SteadyClock::time_point::max()) {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
-            if (left.count() <= 0) break;
-            timeout_ms = static_cast<int>(left.count());
-        }
+    auto deadline = SteadyClock::time_point::max();
+    for (;;) {
+        const int timeout_ms = abandoned_ ? 0 : millisecondsUntil(deadline);
         if (::poll(set.data(), set.size(), timeout_ms) < 0) continue;
         if (set.front().revents != 0) return;
-        if (!hasDeparted(set)) continue;
+        if (abandoned_ || timeout_ms == 0) break;
+        if (deadline != SteadyClock::time_point::max() || !hasDeparted(set)) continue;
         deadline = SteadyClock::now() + unread_output_grace;
         set = pollSet(output, false);
     }
@@ -91,22 +94,29 @@ ssize_t OutputStream::writeSome(std::string_view bytes) {
         case Manner::pieces:
             break;
     }
-    watch_.waitUntilWritable(descriptor_);
+    wait();
     return ::write(descriptor_, bytes.data(), std::min<std::size_t>(bytes.size(), PIPE_BUF));
 }
 
 void OutputStream::write(std::string_view bytes) {
-    if (watch_.isAbandoned()) throw OutputAbandoned();
+    if (isCutOff_) throw OutputAbandoned();
     while (!bytes.empty()) {
         const auto written = writeSome(bytes);
         if (written >= 0) {
             bytes.remove_prefix(static_cast<std::size_t>(written));
         } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            watch_.waitUntilWritable(descriptor_);
+            wait();
         } else if (errno != EINTR) {
             throw FileSystemFailure("write to", streamName(descriptor_), errno);
         }
     }
+}
+
+void OutputStream::wait() {
+    // Until the wait has ended well, a text may stand half written at the stream's end.
+    isCutOff_ = true;
+    watch_.waitUntilWritable(descriptor_);
+    isCutOff_ = false;
 }
 
 }  // namespace brindle

@@ -23,7 +23,6 @@ class DepartureWatch {
     void addSign(int descriptor, bool readableMeansGone);
     /// From now on every write that would have to wait fails. Callable from any thread.
     void abandonOutput();
-    bool isAbandoned() const { return abandoned_; }
 
     /// Waits until `output` takes more. Throws OutputAbandoned when the reader has departed and takes nothing
     /// for the length of the grace.
@@ -48,6 +47,7 @@ class OutputStream {
 
   private:
     ssize_t writeSome(std::string_view bytes);
+    void wait();
 
     enum class Manner {
         /// A descriptor of our own that answers EAGAIN: the description that the parent may share stays as it
@@ -63,6 +63,8 @@ class OutputStream {
     DepartureWatch& watch_;
     Descriptor reopened_;
     Manner manner_ = Manner::pieces;
+    /// A text was given up, perhaps in its middle; nothing may follow it.
+    bool isCutOff_ = false;
 };
 
 }  // namespace brindle

@@ -1,0 +1,195 @@
+#include "console/Command.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+
+#include "console/Words.h"
+#include "exchange/ExchangeRecords.h"
+#include "foundation/Failure.h"
+#include "foundation/Text.h"
+
+namespace brindle::console {
+namespace {
+
+constexpr double longest_patience_seconds = 86400;
+
+/// The words after a command's name, taken one by one.
+class Arguments {
+  public:
+    Arguments(std::vector<std::string> words, std::string_view usage)
+        : words_(std::move(words)), usage_(usage) {}
+
+    bool isEmpty() const { return next_ == words_.size(); }
+    std::string take() {
+        if (isEmpty()) fail();
+        return std::move(words_[next_++]);
+    }
+    /// Takes the next word when it is `word`.
+    bool skip(std::string_view word) {
+        if (isEmpty() || words_[next_] != word) return false;
+        ++next_;
+        return true;
+    }
+    void requireEnd() const {
+        if (!isEmpty()) fail();
+    }
+    [[noreturn]] void fail() const { throw Failure("Usage: " + std::string(usage_)); }
+
+  private:
+    std::vector<std::string> words_;
+    std::string_view usage_;
+    std::size_t next_ = 0;
+};
+
+template <class Plain>
+Command parsePlain(Arguments& arguments) {
+    arguments.requireEnd();
+    return Plain{};
+}
+
+Command parseListen(Arguments& arguments) {
+    const auto kind = arguments.take();
+    ListenCommand command;
+    if (kind == "conversation") {
+        command.scope = BridgeConversationScope{.id = arguments.take(), .title = arguments.take()};
+    } else if (kind == "channel") {
+        command.scope = BridgeChannelScope{.id = arguments.take(), .title = arguments.take()};
+    } else if (kind == "thread") {
+        BridgeThreadScope thread{.id = arguments.take(), .title = std::nullopt};
+        if (!arguments.isEmpty()) thread.title = arguments.take();
+        command.scope = std::move(thread);
+    } else if (kind == "test") {
+        command.scope = BridgeTestOnlyScope{.title = arguments.take()};
+    } else {
+        arguments.fail();
+    }
+    arguments.requireEnd();
+    return command;
+}
+
+Command parseSend(Arguments& arguments) {
+    SendCommand command;
+    std::vector<std::string> texts;
+    bool optionsEnded = false;
+    while (!arguments.isEmpty()) {
+        if (!optionsEnded && arguments.skip("--")) {
+            optionsEnded = true;
+        } else if (!optionsEnded && arguments.skip("--reply")) {
+            command.replyTo = arguments.take();
+        } else if (!optionsEnded && arguments.skip("--attach")) {
+            command.files.push_back(arguments.take());
+        } else {
+            texts.push_back(arguments.take());
+            if (!optionsEnded && texts.back().starts_with("--")) arguments.fail();
+        }
+    }
+    if (texts.size() > 2) throw Failure("The text to send is one word; put it in quotes.");
+    if (texts.size() < 2) arguments.fail();
+    command.conversation = std::move(texts[0]);
+    command.text = std::move(texts[1]);
+    return command;
+}
+
+std::chrono::milliseconds parseSeconds(const std::string& text) {
+    double seconds = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    const bool isNumber = error == std::errc() && end == text.data() + text.size();
+    if (!isNumber || !(seconds > 0) || seconds > longest_patience_seconds) {
+        throw Failure("\"" + text + "\" is not a number of seconds between 0 and 86400.");
+    }
+    return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+}
+
+Command parseExpect(Arguments& arguments) {
+    ExpectCommand command{.expectation = Expectation::forName(arguments.take()),
+                          .patience = default_patience};
+    while (!arguments.isEmpty()) {
+        if (arguments.skip("containing")) {
+            command.expectation.containing = arguments.take();
+        } else if (arguments.skip("within")) {
+            command.patience = parseSeconds(arguments.take());
+        } else {
+            arguments.fail();
+        }
+    }
+    return command;
+}
+
+Command parseWaitStatus(Arguments& arguments) {
+    WaitStatusCommand command{
+        .field = arguments.take(), .value = arguments.take(), .patience = default_patience};
+    const auto fields = record::fieldNames<ManagedWhatsAppRuntimeStatusRecord>();
+    if (std::find(fields.begin(), fields.end(), command.field) == fields.end()) {
+        throw Failure("The runtime status has no field \"" + command.field + "\".");
+    }
+    if (arguments.skip("within")) command.patience = parseSeconds(arguments.take());
+    arguments.requireEnd();
+    return command;
+}
+
+struct Syntax {
+    std::string_view name;
+    std::string_view usage;
+    std::string_view meaning;
+    /// None for raw, whose line is not made of words.
+    Command (*parse)(Arguments&);
+};
+
+constexpr std::array syntaxes{
+    Syntax{"connect", "connect", "Ask the helper to connect.", parsePlain<ConnectCommand>},
+    Syntax{"disconnect", "disconnect", "Ask the helper to disconnect.", parsePlain<DisconnectCommand>},
+    Syntax{"listen", "listen conversation|channel ID TITLE | thread ID [TITLE] | test TITLE",
+           "Listen to a chat, or let the helper send a test event.", parseListen},
+    Syntax{"stop", "stop", "Stop listening.", parsePlain<StopCommand>},
+    Syntax{"send", "send CONVERSATION TEXT [--reply ID] [--attach FILE]...",
+           "Send a message; text with spaces goes in quotes.", parseSend},
+    Syntax{"status", "status", "Show the helper's runtime-status.json.", parsePlain<StatusCommand>},
+    Syntax{"raw", "raw LINE", "Send the rest of the line as it is.", nullptr},
+    Syntax{"expect", "expect CASE[.STATE] [containing TEXT] [within SECONDS]",
+           "Wait for an envelope from the helper (10 s).", parseExpect},
+    Syntax{"wait-status", "wait-status FIELD VALUE [within SECONDS]",
+           "Wait until a field of the runtime status has a value (10 s).", parseWaitStatus},
+    Syntax{"help", "help", "Show this list.", parsePlain<HelpCommand>},
+    Syntax{"quit", "quit", "End the helper and the console.", parsePlain<QuitCommand>},
+};
+
+std::string rawRemainder(std::string_view line) {
+    constexpr std::string_view name = "raw";
+    const auto rest = line.substr(line.find(name) + name.size());
+    return std::string(rest.substr(rest.empty() ? 0 : 1));
+}
+
+}  // namespace
+
+std::optional<Command> parseCommand(std::string_view line) {
+    const auto text = trimmed(line);
+    if (text.empty() || text.starts_with('#')) return std::nullopt;
+    if (text == "raw" || text.starts_with("raw ") || text.starts_with("raw\t")) {
+        return RawCommand{.line = rawRemainder(line)};
+    }
+    auto words = splitWords(text);
+    const auto name = words.front();
+    const auto found = std::find_if(syntaxes.begin(), syntaxes.end(), [&](const Syntax& each) {
+        return each.name == name && each.parse != nullptr;
+    });
+    if (found == syntaxes.end()) {
+        throw Failure("Unknown command \"" + singleLine(name) + "\"; \"help\" lists the commands.");
+    }
+    words.erase(words.begin());
+    Arguments arguments(std::move(words), found->usage);
+    return found->parse(arguments);
+}
+
+std::string commandHelp() {
+    std::string help;
+    for (const auto& syntax : syntaxes) {
+        help.append(syntax.usage).append("\n    ").append(syntax.meaning).append("\n");
+    }
+    return help;
+}
+
+}  // namespace brindle::console

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "bridge/BridgeMessages.h"
+#include "console/Expectation.h"
+
+namespace brindle::console {
+
+struct ConnectCommand {};
+
+struct DisconnectCommand {};
+
+struct ListenCommand {
+    BridgeScope scope;
+};
+
+struct StopCommand {};
+
+struct SendCommand {
+    std::string conversation;
+    std::string text;
+    std::optional<std::string> replyTo;
+    /// Paths of the files to attach.
+    std::vector<std::string> files;
+};
+
+struct StatusCommand {};
+
+struct RawCommand {
+    std::string line;
+};
+
+struct HelpCommand {};
+
+struct QuitCommand {};
+
+struct ExpectCommand {
+    Expectation expectation;
+    std::chrono::milliseconds patience{};
+};
+
+struct WaitStatusCommand {
+    std::string field;
+    std::string value;
+    std::chrono::milliseconds patience{};
+};
+
+/// What a person or a script can ask of the console.
+using Command =
+    std::variant<ConnectCommand, DisconnectCommand, ListenCommand, StopCommand, SendCommand, StatusCommand,
+                 RawCommand, HelpCommand, QuitCommand, ExpectCommand, WaitStatusCommand>;
+
+/// How long expect and wait-status wait unless told otherwise.
+inline constexpr std::chrono::milliseconds default_patience{10000};
+
+/// The command in a line, or nothing when it is blank or a comment. Throws Failure with one sentence for
+/// anything that is no command.
+std::optional<Command> parseCommand(std::string_view line);
+
+/// Every command with its meaning, a line each.
+std::string commandHelp();
+
+}  // namespace brindle::console

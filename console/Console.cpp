@@ -1,0 +1,337 @@
+#include "console/Console.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <sysexits.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "console/Attachment.h"
+#include "foundation/Failure.h"
+#include "foundation/Text.h"
+
+namespace brindle::console {
+namespace {
+
+constexpr int failure_status = 1;
+
+std::string seconds(std::chrono::milliseconds duration) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%g s", static_cast<double>(duration.count()) / 1000);
+    return text;
+}
+
+std::string valueText(bool value) {
+    return value ? "true" : "false";
+}
+std::string valueText(const std::string& value) {
+    return value;
+}
+
+std::optional<std::string> statusValue(const ManagedWhatsAppRuntimeStatusRecord& status,
+                                       std::string_view name) {
+    for (const auto& [field, value] : statusFields(status)) {
+        if (field == name) return value;
+    }
+    return std::nullopt;
+}
+
+std::string statusTable(const ManagedWhatsAppRuntimeStatusRecord& status) {
+    constexpr std::size_t name_columns = 32;
+    std::string table;
+    for (const auto& [name, value] : statusFields(status)) {
+        table.append("  ").append(name).append(name_columns - name.size(), ' ');
+        table.append(value ? singleLine(*value) : "-").append("\n");
+    }
+    return table;
+}
+
+}  // namespace
+
+std::vector<std::pair<std::string, std::optional<std::string>>> statusFields(
+    const ManagedWhatsAppRuntimeStatusRecord& status) {
+    std::vector<std::pair<std::string, std::optional<std::string>>> result;
+    const auto add = [&](const auto& field) {
+        const auto& value = status.*(field.member);
+        std::optional<std::string> text;
+        if constexpr (record::IsOptional<std::remove_cvref_t<decltype(value)>>::value) {
+            if (value) text = valueText(*value);
+        } else {
+            text = valueText(value);
+        }
+        result.emplace_back(field.name, std::move(text));
+    };
+    std::apply([&](const auto&... each) { (add(each), ...); }, ManagedWhatsAppRuntimeStatusRecord::fields());
+    return result;
+}
+
+Console::Console(const Options& options, Environment environment, CommandInput& input, Display& display,
+                 TerminationSignals& signals)
+    : platform_(options.platform),
+      input_(input),
+      display_(display),
+      signals_(signals),
+      directory_(environment, fileManager_, platform_),
+      helper_(
+          launch(options, std::move(environment)), [this](std::string_view line) { received(line); },
+          [this](std::string_view line) { display_.helperDiagnostic(line); }) {}
+
+ChildProcess::Options Console::launch(const Options& options, Environment environment) {
+    ticket_.addTo(environment);
+    return {.executable = options.helper,
+            .arguments = {"--platform", platform_},
+            .environment = std::move(environment),
+            .standardInput = ChildProcess::StandardInput::pipe,
+            .processGroup = ChildProcess::ProcessGroup::own};
+}
+
+int Console::run() {
+    if (!input_.isInteractive()) awaitGreeting();
+    while (!isDone_) {
+        runReadyCommands();
+        if (isDone_) break;
+        waitForEvents();
+        checkWait();
+        checkHelper();
+        checkOutput();
+    }
+    if (!helperHasEnded_) endHelper();
+    return status_;
+}
+
+/// Before the greeting, the runtime status may still be that of an earlier helper.
+void Console::awaitGreeting() {
+    wait_ = Wait{.isFulfilled = [this] { return hasGreeted_; },
+                 .subject = "the helper's hello",
+                 .observation = [] { return std::string(); },
+                 .deadline = std::chrono::steady_clock::now() + greeting_patience,
+                 .place = "",
+                 .needsPolling = false};
+}
+
+void Console::runReadyCommands() {
+    while (!wait_ && !isDone_) {
+        const auto line = input_.next();
+        if (line) {
+            execute(*line);
+        } else {
+            isDone_ = isDone_ || input_.isAtEnd();
+            return;
+        }
+    }
+}
+
+void Console::execute(const InputLine& line) {
+    place_ = line.place;
+    try {
+        const auto command = parseCommand(line.text);
+        if (!command) return;
+        if (!input_.isInteractive()) display_.command(line.text);
+        std::visit([this](const auto& each) { perform(each); }, *command);
+        checkWait();
+    } catch (const Failure& failure) {
+        fail(line.place, failure.what());
+    }
+}
+
+void Console::perform(const ConnectCommand&) {
+    submit(BridgeConnectRequest{.platform = platform_});
+}
+
+void Console::perform(const DisconnectCommand&) {
+    submit(BridgeDisconnectRequest{.platform = platform_});
+}
+
+void Console::perform(const ListenCommand& command) {
+    submit(BridgeStartListeningRequest{.platform = platform_, .scope = command.scope});
+}
+
+void Console::perform(const StopCommand&) {
+    submit(BridgeStopListeningRequest{.platform = platform_});
+}
+
+void Console::perform(const SendCommand& command) {
+    BridgeOutboundMessage message{.conversationId = command.conversation,
+                                  .text = command.text,
+                                  .replyToMessageId = command.replyTo,
+                                  .attachments = std::nullopt};
+    if (!command.files.empty()) message.attachments.emplace();
+    for (const auto& file : command.files) {
+        message.attachments->push_back(attachmentFromFile(fileManager_, file));
+    }
+    submit(BridgeSendMessageRequest{.platform = platform_, .message = std::move(message)});
+}
+
+void Console::perform(const StatusCommand&) {
+    const auto status =
+        readRecord<ManagedWhatsAppRuntimeStatusRecord>(fileManager_, directory_.runtimeStatusFile);
+    if (display_.isJson()) return display_.answer(encodedRecord(status, JsonStyle::compact) + "\n");
+    display_.answer(statusTable(status));
+}
+
+void Console::perform(const RawCommand& command) {
+    submitLine(command.line);
+}
+
+void Console::perform(const HelpCommand&) {
+    display_.answer(commandHelp());
+}
+
+void Console::perform(const QuitCommand&) {
+    isDone_ = true;
+}
+
+void Console::perform(const ExpectCommand& command) {
+    wait_ = Wait{
+        .isFulfilled = [this, expected = command.expectation] { return envelopes_.consume(expected); },
+        .subject = command.expectation.description(),
+        .observation = [patience = command.patience] { return "did not come within " + seconds(patience); },
+        .deadline = std::chrono::steady_clock::now() + command.patience,
+        .place = place_,
+        .needsPolling = false};
+}
+
+void Console::perform(const WaitStatusCommand& command) {
+    const auto current = [this, field = command.field]() -> std::optional<std::string> {
+        const auto status = readStatus();
+        return status ? statusValue(*status, field) : std::nullopt;
+    };
+    wait_ = Wait{.isFulfilled = [current, value = command.value] { return current() == value; },
+                 .subject = command.field + " \"" + command.value + "\"",
+                 .observation =
+                     [current, patience = command.patience] {
+                         const auto value = current();
+                         return "did not come within " + seconds(patience) + "; it is " +
+                                (value ? "\"" + *value + "\"" : "absent");
+                     },
+                 .deadline = std::chrono::steady_clock::now() + command.patience,
+                 .place = place_,
+                 .needsPolling = true};
+}
+
+void Console::submit(const BridgeEnvelope& envelope) {
+    std::string line = encodedLine(envelope);
+    line.pop_back();
+    submitLine(line);
+}
+
+void Console::submitLine(std::string_view line) {
+    display_.envelope(Direction::toHelper, line);
+    helper_.send(line);
+}
+
+void Console::received(std::string_view line) {
+    display_.envelope(Direction::fromHelper, line);
+    auto envelope = ReceivedEnvelope::from(line);
+    hasGreeted_ = hasGreeted_ || envelope.name == "hello";
+    envelopes_.add(std::move(envelope));
+}
+
+/// Nothing while there is no status that can be read.
+std::optional<ManagedWhatsAppRuntimeStatusRecord> Console::readStatus() {
+    try {
+        return readRecord<ManagedWhatsAppRuntimeStatusRecord>(fileManager_, directory_.runtimeStatusFile);
+    } catch (const Failure&) {
+        return std::nullopt;
+    }
+}
+
+void Console::waitForEvents() {
+    std::vector<pollfd> entries;
+    entries.push_back({.fd = signals_.descriptor(), .events = POLLIN, .revents = 0});
+    entries.push_back({.fd = wait_ ? -1 : input_.descriptor(), .events = POLLIN, .revents = 0});
+    helper_.addPollEntries(entries);
+    if (::poll(entries.data(), entries.size(), pollTimeout()) < 0) return;
+    helper_.pump();
+    if (entries[1].revents != 0) input_.receive();
+    if (signals_.take() != 0) isDone_ = true;
+}
+
+int Console::pollTimeout() const {
+    if (!wait_) return -1;
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(wait_->deadline - std::chrono::steady_clock::now());
+    const auto longest = wait_->needsPolling ? status_interval : std::max(left, status_interval);
+    return static_cast<int>(std::clamp(left, std::chrono::milliseconds(0), longest).count());
+}
+
+void Console::checkWait() {
+    if (!wait_ || isDone_) return;
+    if (wait_->isFulfilled()) {
+        wait_.reset();
+    } else if (std::chrono::steady_clock::now() >= wait_->deadline) {
+        const auto wait = *std::exchange(wait_, std::nullopt);
+        fail(wait.place, "Expected " + wait.subject + ", which " + wait.observation() + ".");
+    }
+}
+
+void Console::checkHelper() {
+    if (!helper_.hasEnded()) return;
+    const auto end = helper_.finish();
+    helperHasEnded_ = true;
+    // Its last words may have been what was waited for.
+    checkWait();
+    std::string sentence = "The helper " + end.description();
+    if (!end.bySignal && end.number == EX_USAGE) sentence += ": it refused the launch";
+    if (wait_) sentence += " while the console waited for " + wait_->subject;
+    display_.problem((wait_ && !wait_->place.empty() ? wait_->place + ": " : "") + sentence + ".");
+    status_ = failure_status;
+    isDone_ = true;
+}
+
+void Console::checkOutput() {
+    if (!display_.hasLostOutput() || isDone_) return;
+    display_.problem("Standard output cannot be written any more.");
+    status_ = failure_status;
+    isDone_ = true;
+}
+
+void Console::fail(const std::string& place, const std::string& sentence) {
+    display_.problem((place.empty() ? "" : place + ": ") + sentence);
+    if (input_.isInteractive()) return;
+    status_ = failure_status;
+    isDone_ = true;
+}
+
+void Console::endHelper() {
+    helper_.closeInputWhenWritten();
+    if (!helperEndsWithin(end_of_input_grace)) {
+        reportForcedEnd("terminated");
+        helper_.signal(SIGTERM);
+        if (!helperEndsWithin(termination_grace)) {
+            reportForcedEnd("killed");
+            helper_.killGroup();
+            helperEndsWithin(termination_grace);
+        }
+    }
+    const auto end = helper_.finish();
+    if (status_ != 0 || (!end.bySignal && end.number == 0)) return;
+    display_.problem("The helper " + end.description() + ".");
+    status_ = failure_status;
+}
+
+bool Console::helperEndsWithin(std::chrono::milliseconds patience) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!helper_.hasEnded()) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        std::vector<pollfd> entries;
+        helper_.addPollEntries(entries);
+        ::poll(entries.data(), entries.size(), static_cast<int>(left.count()));
+        helper_.pump();
+    }
+    return true;
+}
+
+void Console::reportForcedEnd(std::string_view means) {
+    display_.problem("The helper does not end by itself and is being " + std::string(means) + ".");
+    status_ = failure_status;
+}
+
+}  // namespace brindle::console

@@ -1,0 +1,114 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "console/Command.h"
+#include "console/CommandInput.h"
+#include "console/Display.h"
+#include "console/Expectation.h"
+#include "console/HelperProcess.h"
+#include "console/LaunchTicket.h"
+#include "console/Options.h"
+#include "exchange/DataDirectory.h"
+#include "exchange/ExchangeRecords.h"
+#include "foundation/FileManager.h"
+#include "foundation/Processes.h"
+
+namespace brindle::console {
+
+/// A session with one helper: carries out commands, shows what is exchanged and ends the helper.
+class Console {
+  public:
+    /// How long the helper has to greet before a script gives it up.
+    static constexpr std::chrono::milliseconds greeting_patience{10000};
+    /// How long the helper may take to end once its input has ended, and once it was asked to.
+    static constexpr std::chrono::milliseconds end_of_input_grace{3000};
+    static constexpr std::chrono::milliseconds termination_grace{2000};
+    /// How often wait-status looks.
+    static constexpr std::chrono::milliseconds status_interval{50};
+
+    /// Starts the helper in `environment`. Throws Failure.
+    Console(const Options& options, Environment environment, CommandInput& input, Display& display,
+            TerminationSignals& signals);
+    Console(const Console&) = delete;
+    Console& operator=(const Console&) = delete;
+
+    /// Runs the session to its end and returns the exit status of the program.
+    int run();
+
+  private:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    /// Something that must come true before the next command runs.
+    struct Wait {
+        std::function<bool()> isFulfilled;
+        /// What is being waited for, and what happened instead; for the message.
+        std::string subject;
+        std::function<std::string()> observation;
+        TimePoint deadline;
+        std::string place;
+        /// Not told by an envelope, so it has to be looked at again and again.
+        bool needsPolling = false;
+    };
+
+    ChildProcess::Options launch(const Options& options, Environment environment);
+
+    void execute(const InputLine& line);
+    void perform(const ConnectCommand& command);
+    void perform(const DisconnectCommand& command);
+    void perform(const ListenCommand& command);
+    void perform(const StopCommand& command);
+    void perform(const SendCommand& command);
+    void perform(const StatusCommand& command);
+    void perform(const RawCommand& command);
+    void perform(const HelpCommand& command);
+    void perform(const QuitCommand& command);
+    void perform(const ExpectCommand& command);
+    void perform(const WaitStatusCommand& command);
+
+    void submit(const BridgeEnvelope& envelope);
+    void submitLine(std::string_view line);
+    void received(std::string_view line);
+    std::optional<ManagedWhatsAppRuntimeStatusRecord> readStatus();
+
+    void awaitGreeting();
+    void runReadyCommands();
+    void waitForEvents();
+    int pollTimeout() const;
+    void checkWait();
+    void checkHelper();
+    void checkOutput();
+    void fail(const std::string& place, const std::string& sentence);
+
+    void endHelper();
+    bool helperEndsWithin(std::chrono::milliseconds patience);
+    void reportForcedEnd(std::string_view means);
+
+    std::string platform_;
+    CommandInput& input_;
+    Display& display_;
+    TerminationSignals& signals_;
+    PosixFileManager fileManager_;
+    DataDirectory directory_;
+    LaunchTicket ticket_;
+    HelperProcess helper_;
+
+    ReceivedEnvelopes envelopes_;
+    bool hasGreeted_ = false;
+    std::optional<Wait> wait_;
+    /// Where the command stands that is being carried out.
+    std::string place_;
+    bool isDone_ = false;
+    bool helperHasEnded_ = false;
+    int status_ = 0;
+};
+
+/// The fields of a runtime status with their values; an absent one has none.
+std::vector<std::pair<std::string, std::optional<std::string>>> statusFields(
+    const ManagedWhatsAppRuntimeStatusRecord& status);
+
+}  // namespace brindle::console

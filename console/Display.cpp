@@ -1,0 +1,165 @@
+#include "console/Display.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <utility>
+
+#include "bridge/BridgeMessages.h"
+#include "foundation/Failure.h"
+#include "foundation/Text.h"
+
+namespace brindle::console {
+namespace {
+
+// Select Graphic Rendition (ECMA-48, section 8.3.117).
+constexpr std::string_view reset_color = "\033[0m";
+constexpr std::string_view dim_color = "\033[2m";
+constexpr std::string_view red_color = "\033[31m";
+constexpr std::string_view green_color = "\033[32m";
+constexpr std::string_view cyan_color = "\033[36m";
+constexpr std::string_view bold_color = "\033[1m";
+
+std::string colored(std::string_view text, std::string_view color, bool inColor) {
+    if (!inColor) return std::string(text);
+    return std::string(color).append(text).append(reset_color);
+}
+
+std::string timeOfDay() {
+    const auto now = std::chrono::system_clock::now();
+    const auto seconds = std::chrono::system_clock::to_time_t(now);
+    const auto sinceEpoch = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch());
+    tm local{};
+    ::localtime_r(&seconds, &local);
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
+                  static_cast<int>(sinceEpoch.count() % 1000));
+    return text.data();
+}
+
+/// Without control characters; those beyond ASCII (U+0080 to U+009F) are commands to some terminals too.
+std::string terminalSafe(std::string_view text) {
+    std::string safe = singleLine(text);
+    for (std::size_t at = safe.find('\xC2'); at != std::string::npos; at = safe.find('\xC2', at + 1)) {
+        if (static_cast<unsigned char>(safe[at + 1]) < 0xA0) safe.replace(at, 2, "?");
+    }
+    return safe;
+}
+
+/// JSON text without the escapes before slashes, which only hinder reading.
+std::string withoutSlashEscapes(std::string_view json) {
+    std::string text;
+    text.reserve(json.size());
+    for (std::size_t i = 0; i < json.size(); ++i) {
+        if (json[i] != '\\' || i + 1 == json.size()) {
+            text += json[i];
+        } else {
+            if (json[i + 1] != '/') text += '\\';
+            text += json[++i];
+        }
+    }
+    return text;
+}
+
+void abbreviateContent(BridgeEnvelope& envelope) {
+    auto* request = std::get_if<BridgeSendMessageRequest>(&envelope);
+    if (request == nullptr || !request->message.attachments) return;
+    for (auto& attachment : *request->message.attachments) {
+        if (!attachment.dataBase64) continue;
+        attachment.dataBase64 = "(" + std::to_string(attachment.dataBase64->size()) + " characters)";
+    }
+}
+
+std::string envelopeName(const BridgeEnvelope& envelope) {
+    std::string name(BridgeEnvelope::caseNames[envelope.index()]);
+    if (const auto* event = std::get_if<BridgeStateChangedEvent>(&envelope)) {
+        name.append(".").append(BridgeConnectionState::caseNames[event->state.index()]);
+    }
+    return name;
+}
+
+bool isColorTerminal(int descriptor, const Environment& environment) {
+    const auto terminal = environment.find("TERM");
+    const bool isDumb = terminal != environment.end() && terminal->second == "dumb";
+    const auto refused = environment.find("NO_COLOR");
+    const bool isRefused = refused != environment.end() && !refused->second.empty();
+    return ::isatty(descriptor) == 1 && !isDumb && !isRefused;
+}
+
+}  // namespace
+
+DisplayStyle DisplayStyle::from(const Options& options, const Environment& environment) {
+    const auto inColor = [&](int descriptor) {
+        if (options.color != ColorChoice::automatic) return options.color == ColorChoice::always;
+        return isColorTerminal(descriptor, environment);
+    };
+    return {
+        .json = options.json, .colorsOutput = inColor(STDOUT_FILENO), .colorsError = inColor(STDERR_FILENO)};
+}
+
+std::string readableEnvelope(std::string_view line, bool inColor) {
+    try {
+        auto envelope = decodedRecord<BridgeEnvelope>(line);
+        abbreviateContent(envelope);
+        const auto content =
+            std::visit([](const auto& payload) { return encodedRecord(payload, JsonStyle::compact); },
+                       static_cast<const BridgeEnvelope::Cases&>(envelope));
+        const bool isError = std::holds_alternative<BridgeErrorEvent>(envelope);
+        return colored(envelopeName(envelope), isError ? red_color : bold_color, inColor) + " " +
+               terminalSafe(withoutSlashEscapes(content));
+    } catch (const DecodingFailure&) {
+        return colored("(not an envelope)", red_color, inColor) + " " + terminalSafe(line);
+    }
+}
+
+void Display::envelope(Direction direction, std::string_view line) {
+    if (style_.json) return write(STDOUT_FILENO, std::string(line).append("\n"));
+    const bool isOutgoing = direction == Direction::toHelper;
+    const bool inColor = style_.colorsOutput;
+    write(STDOUT_FILENO,
+          colored(timeOfDay(), dim_color, inColor) + " " +
+              colored(isOutgoing ? "-->" : "<--", isOutgoing ? cyan_color : green_color, inColor) + " " +
+              readableEnvelope(line, inColor) + "\n");
+}
+
+void Display::helperDiagnostic(std::string_view line) {
+    write(STDERR_FILENO, colored("helper| " + terminalSafe(line), dim_color, style_.colorsError) + "\n");
+}
+
+void Display::command(std::string_view text) {
+    if (style_.json) return;
+    write(STDOUT_FILENO, colored("> " + terminalSafe(trimmed(text)), bold_color, style_.colorsOutput) + "\n");
+}
+
+void Display::answer(std::string_view text) {
+    write(STDOUT_FILENO, text);
+}
+
+void Display::problem(std::string_view sentence) {
+    write(STDERR_FILENO, colored(terminalSafe(sentence), red_color, style_.colorsError) + "\n");
+}
+
+void Display::write(int descriptor, std::string_view text) {
+    if (editedLine_ != nullptr) editedLine_->hide();
+    while (!text.empty()) {
+        const auto count = ::write(descriptor, text.data(), text.size());
+        if (count >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno == EAGAIN) {
+            // Whoever shares the stream with us has set it up so.
+            pollfd set{.fd = descriptor, .events = POLLOUT, .revents = 0};
+            ::poll(&set, 1, -1);
+        } else if (errno != EINTR) {
+            hasLostOutput_ = hasLostOutput_ || descriptor == STDOUT_FILENO;
+            break;
+        }
+    }
+    if (editedLine_ != nullptr) editedLine_->show();
+}
+
+}  // namespace brindle::console

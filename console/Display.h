@@ -1,0 +1,70 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "console/Options.h"
+
+namespace brindle::console {
+
+enum class Direction { toHelper, fromHelper };
+
+/// How the two output streams are to look.
+struct DisplayStyle {
+    /// Standard output carries bare protocol lines.
+    bool json = false;
+    bool colorsOutput = false;
+    bool colorsError = false;
+
+    /// What the options ask for, where NO_COLOR and the kind of the two streams decide what they leave open.
+    static DisplayStyle from(const Options& options, const Environment& environment);
+};
+
+/// What stands in the way of output: a line that a person is editing.
+class EditedLine {
+  public:
+    virtual ~EditedLine() = default;
+    /// Takes the line off the screen.
+    virtual void hide() = 0;
+    /// Brings it back.
+    virtual void show() = 0;
+};
+
+/// A protocol line as people like to read it: the name of the envelope as expect takes it, then its content,
+/// on one line and without anything that a terminal would obey. Base64 content is only counted.
+std::string readableEnvelope(std::string_view line, bool inColor);
+
+/// Everything that the console shows. Envelopes and answers go to standard output; the helper's standard
+/// error and problems go to standard error.
+class Display {
+  public:
+    explicit Display(DisplayStyle style) : style_(style) {}
+    Display(const Display&) = delete;
+    Display& operator=(const Display&) = delete;
+
+    /// From now on `line` steps aside for output; null for none.
+    void stepAside(EditedLine* line) { editedLine_ = line; }
+
+    void envelope(Direction direction, std::string_view line);
+    /// A line of the helper's standard error.
+    void helperDiagnostic(std::string_view line);
+    /// A command from a script that is about to run.
+    void command(std::string_view text);
+    /// The answer to a command; the line feed at its end included.
+    void answer(std::string_view text);
+    /// One sentence about what went wrong.
+    void problem(std::string_view sentence);
+
+    bool isJson() const { return style_.json; }
+    /// True once standard output takes nothing any more.
+    bool hasLostOutput() const { return hasLostOutput_; }
+
+  private:
+    void write(int descriptor, std::string_view text);
+
+    DisplayStyle style_;
+    EditedLine* editedLine_ = nullptr;
+    bool hasLostOutput_ = false;
+};
+
+}  // namespace brindle::console

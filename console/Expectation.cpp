@@ -1,0 +1,108 @@
+#include "console/Expectation.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "bridge/BridgeMessages.h"
+#include "foundation/Failure.h"
+
+namespace brindle::console {
+namespace {
+
+void collectTexts(JsonValue value, std::vector<std::string>& texts) {
+    switch (value.kind()) {
+        case JsonValue::Kind::object:
+            value.forEachMember([&](std::string_view, JsonValue member) { collectTexts(member, texts); });
+            break;
+        case JsonValue::Kind::array:
+            value.forEachElement([&](JsonValue element) { collectTexts(element, texts); });
+            break;
+        case JsonValue::Kind::string:
+            texts.emplace_back(value.string());
+            break;
+        default:
+            break;
+    }
+}
+
+template <class Names>
+std::string listed(const Names& names) {
+    std::string list;
+    for (const auto name : names) list.append(list.empty() ? "" : ", ").append(name);
+    return list;
+}
+
+template <class Names>
+bool contains(const Names& names, std::string_view name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+}  // namespace
+
+ReceivedEnvelope ReceivedEnvelope::from(std::string_view line) {
+    ReceivedEnvelope received;
+    try {
+        JsonParser parser;
+        const JsonValue document = parser.parse(line);
+        const auto envelope = decodedRecord<BridgeEnvelope>(document);
+        received.name = BridgeEnvelope::caseNames[envelope.index()];
+        if (const auto* event = std::get_if<BridgeStateChangedEvent>(&envelope)) {
+            received.innerName = BridgeConnectionState::caseNames[event->state.index()];
+        }
+        collectTexts(document, received.texts);
+    } catch (const DecodingFailure&) {
+        return {};
+    }
+    return received;
+}
+
+bool Expectation::matches(const ReceivedEnvelope& envelope) const {
+    if (envelope.name != name) return false;
+    if (!innerName.empty() && envelope.innerName != innerName) return false;
+    return !containing ||
+           std::any_of(envelope.texts.begin(), envelope.texts.end(), [this](const std::string& text) {
+               return text.find(*containing) != std::string::npos;
+           });
+}
+
+std::string Expectation::description() const {
+    std::string text = name;
+    if (!innerName.empty()) text.append(".").append(innerName);
+    if (containing) text.append(" containing \"").append(*containing).append("\"");
+    return text;
+}
+
+Expectation Expectation::forName(std::string_view dottedName) {
+    const auto dot = dottedName.find('.');
+    Expectation expectation;
+    expectation.name = dottedName.substr(0, dot);
+    if (!contains(BridgeEnvelope::caseNames, expectation.name)) {
+        throw Failure("There is no envelope \"" + expectation.name + "\"; the envelopes are " +
+                      listed(BridgeEnvelope::caseNames) + ".");
+    }
+    if (dot == std::string_view::npos) return expectation;
+    expectation.innerName = dottedName.substr(dot + 1);
+    if (expectation.name != "stateChanged") {
+        throw Failure("The envelope " + expectation.name + " has no inner cases; only stateChanged has.");
+    }
+    if (!contains(BridgeConnectionState::caseNames, expectation.innerName)) {
+        throw Failure("There is no state \"" + expectation.innerName + "\"; the states are " +
+                      listed(BridgeConnectionState::caseNames) + ".");
+    }
+    return expectation;
+}
+
+void ReceivedEnvelopes::add(ReceivedEnvelope envelope) {
+    waiting_.push_back(std::move(envelope));
+    if (waiting_.size() > kept_envelopes) waiting_.pop_front();
+}
+
+bool ReceivedEnvelopes::consume(const Expectation& expectation) {
+    const auto found = std::find_if(waiting_.begin(), waiting_.end(),
+                                    [&](const ReceivedEnvelope& each) { return expectation.matches(each); });
+    if (found == waiting_.end()) return false;
+    waiting_.erase(waiting_.begin(), std::next(found));
+    return true;
+}
+
+}  // namespace brindle::console

@@ -1,0 +1,135 @@
+#include "console/HelperProcess.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <utility>
+
+#include "foundation/Failure.h"
+
+namespace brindle::console {
+namespace {
+
+constexpr std::size_t read_buffer_bytes = 65536;
+/// The buffer of what is to be written is compacted only after this much, not after each piece.
+constexpr std::size_t compaction_bytes = std::size_t{1} << 20U;
+
+ChildProcess start(const ChildProcess::Options& options) {
+    try {
+        return ChildProcess(options);
+    } catch (const Failure& failure) {
+        throw Failure("Cannot start the helper " + options.executable + ": " + failure.what() + ".");
+    }
+}
+
+}  // namespace
+
+std::string HelperProcess::End::description() const {
+    if (!bySignal) return "ended with exit status " + std::to_string(number);
+    const char* name = ::sigdescr_np(number);
+    return "was ended by signal " + std::to_string(number) + " (" + (name != nullptr ? name : "unknown") +
+           ")";
+}
+
+HelperProcess::HelperProcess(const ChildProcess::Options& options, LineHandler onOutput, LineHandler onError)
+    : process_(start(options)),
+      input_(process_.standardInput()),
+      output_{process_.standardOutput(), std::move(onOutput), {}},
+      error_{process_.standardError(), std::move(onError), {}} {
+    ::fcntl(input_.get(), F_SETFL, ::fcntl(input_.get(), F_GETFL) | O_NONBLOCK);
+}
+
+HelperProcess::~HelperProcess() {
+    if (isReaped_) return;
+    killGroup();
+    process_.waitForEnd();
+}
+
+void HelperProcess::send(std::string_view line) {
+    pending_.append(line).append("\n");
+    writePending();
+}
+
+void HelperProcess::closeInputWhenWritten() {
+    closesInput_ = true;
+    writePending();
+}
+
+void HelperProcess::killGroup() const {
+    ::kill(-process_.processIdentifier(), SIGKILL);
+}
+
+void HelperProcess::addPollEntries(std::vector<pollfd>& entries) const {
+    entries.push_back({.fd = process_.endDescriptor(), .events = POLLIN, .revents = 0});
+    // A closed descriptor is -1 here, which poll() passes over.
+    entries.push_back({.fd = output_.descriptor.get(), .events = POLLIN, .revents = 0});
+    entries.push_back({.fd = error_.descriptor.get(), .events = POLLIN, .revents = 0});
+    const bool wantsToWrite = written_ < pending_.size();
+    entries.push_back({.fd = wantsToWrite ? input_.get() : -1, .events = POLLOUT, .revents = 0});
+}
+
+void HelperProcess::pump() {
+    writePending();
+    readSome(output_);
+    readSome(error_);
+}
+
+bool HelperProcess::hasEnded() const {
+    pollfd end{.fd = process_.endDescriptor(), .events = POLLIN, .revents = 0};
+    return ::poll(&end, 1, 0) > 0;
+}
+
+HelperProcess::End HelperProcess::finish() {
+    while (readSome(output_)) {
+    }
+    while (readSome(error_)) {
+    }
+    for (auto* source : {&output_, &error_}) {
+        if (const auto rest = source->lines.takeRest()) source->handler(*rest);
+    }
+    siginfo_t information{};
+    ::waitid(P_PID, static_cast<id_t>(process_.processIdentifier()), &information, WEXITED | WNOWAIT);
+    const End end{.bySignal = information.si_code != CLD_EXITED, .number = information.si_status};
+    if (end.bySignal) killGroup();
+    process_.waitForEnd();
+    isReaped_ = true;
+    return end;
+}
+
+void HelperProcess::writePending() {
+    while (input_.isOpen() && written_ < pending_.size()) {
+        const auto count = ::write(input_.get(), pending_.data() + written_, pending_.size() - written_);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 && errno == EAGAIN) break;
+        // A helper that takes nothing any more has ended or is about to; its end says so.
+        if (count < 0) return input_.reset();
+        written_ += static_cast<std::size_t>(count);
+    }
+    if (written_ == pending_.size() || written_ >= compaction_bytes) {
+        pending_.erase(0, written_);
+        written_ = 0;
+    }
+    if (closesInput_ && pending_.empty()) input_.reset();
+}
+
+/// False when there is nothing to read now.
+bool HelperProcess::readSome(Source& source) {
+    if (!source.descriptor.isOpen()) return false;
+    std::array<char, read_buffer_bytes> buffer;
+    const auto count = ::read(source.descriptor.get(), buffer.data(), buffer.size());
+    if (count < 0) return errno == EINTR;
+    if (count == 0) {
+        source.descriptor.reset();
+        return false;
+    }
+    source.lines.append({buffer.data(), static_cast<std::size_t>(count)});
+    while (const auto line = source.lines.next()) source.handler(*line);
+    return true;
+}
+
+}  // namespace brindle::console

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <poll.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "console/LineBuffer.h"
+#include "foundation/ChildProcess.h"
+
+namespace brindle::console {
+
+/// The helper and its three pipes, without ever blocking. It runs in a process group of its own, so that the
+/// terminal's Ctrl-C reaches the console alone; it never outlives this object.
+class HelperProcess {
+  public:
+    using LineHandler = std::function<void(std::string_view line)>;
+
+    /// How the process ended.
+    struct End {
+        bool bySignal = false;
+        /// The exit status, or the signal.
+        int number = 0;
+
+        /// "ended with exit status 1" or "was ended by signal 9 (Killed)".
+        std::string description() const;
+    };
+
+    /// Starts the helper. Throws Failure.
+    HelperProcess(const ChildProcess::Options& options, LineHandler onOutput, LineHandler onError);
+    /// Kills what still runs.
+    ~HelperProcess();
+    HelperProcess(const HelperProcess&) = delete;
+    HelperProcess& operator=(const HelperProcess&) = delete;
+
+    /// Queues a line for the helper's standard input; the line feed is added.
+    void send(std::string_view line);
+    /// Closes the helper's standard input as soon as everything queued is written.
+    void closeInputWhenWritten();
+    void signal(int number) const { process_.signal(number); }
+    /// Kills the helper and everything in its process group: a killed helper cannot end its worker itself.
+    void killGroup() const;
+
+    /// What to wait for before pump() has something to do.
+    void addPollEntries(std::vector<pollfd>& entries) const;
+    /// Moves what can be moved without waiting and hands out complete lines.
+    void pump();
+    /// Whether the process has ended (it may still have output to pump).
+    bool hasEnded() const;
+    /// Takes the last output and the status. Precondition: hasEnded().
+    End finish();
+
+  private:
+    /// A stream of lines from the helper.
+    struct Source {
+        Descriptor& descriptor;
+        LineHandler handler;
+        LineBuffer lines;
+    };
+
+    void writePending();
+    static bool readSome(Source& source);
+
+    ChildProcess process_;
+    Descriptor& input_;
+    Source output_;
+    Source error_;
+    std::string pending_;
+    std::size_t written_ = 0;
+    bool closesInput_ = false;
+    bool isReaped_ = false;
+};
+
+}  // namespace brindle::console

@@ -1,0 +1,228 @@
+#include "console/LineEditor.h"
+
+#include <histedit.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+#include <wchar.h>
+
+#include <chrono>
+#include <cstdio>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "foundation/Failure.h"
+#include "foundation/FileManager.h"
+#include "foundation/Paths.h"
+#include "foundation/Text.h"
+
+namespace brindle::console {
+namespace {
+
+constexpr const char* program_name = "BrindleBridgeConsole";
+constexpr int usual_terminal_columns = 80;
+constexpr std::chrono::milliseconds key_patience{300};
+// libedit takes the prompt as a char* that it only reads.
+char prompt_text[] = "brindle> ";
+
+char* prompt(EditLine*) {
+    return prompt_text;
+}
+
+int terminalColumns() {
+    winsize size{};
+    const bool isKnown = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return isKnown ? size.ws_col : usual_terminal_columns;
+}
+
+/// The next byte of a key that is under way; nothing when it does not come soon. Somebody who presses Escape
+/// alone must not stop the session until the next key.
+std::optional<char> nextByte() {
+    pollfd terminal{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
+    char byte = 0;
+    const bool isReady = ::poll(&terminal, 1, static_cast<int>(key_patience.count())) > 0;
+    if (!isReady || ::read(STDIN_FILENO, &byte, 1) != 1) return std::nullopt;
+    return byte;
+}
+
+/// Reads a character for libedit: 1 when there is one, else 0.
+int readCharacter(EditLine*, wchar_t* character) {
+    mbstate_t state{};
+    while (const auto byte = nextByte()) {
+        const auto length = ::mbrtowc(character, &*byte, 1, &state);
+        if (length == 0 || length == 1) return 1;
+        // Not text in this locale: passed over.
+        if (length == static_cast<std::size_t>(-1)) state = {};
+    }
+    return 0;
+}
+
+struct EndEditLine {
+    void operator()(EditLine* editor) const { ::el_end(editor); }
+};
+
+struct EndHistory {
+    void operator()(History* past) const { ::history_end(past); }
+};
+
+}  // namespace
+
+struct LineEditor::Implementation {
+    std::string historyFile;
+    std::unique_ptr<History, EndHistory> past{::history_init()};
+    std::unique_ptr<EditLine, EndEditLine> editor{::el_init(program_name, stdin, stdout, stderr)};
+    std::deque<std::string> lines;
+    bool isEditing = false;
+    bool isAtEnd = false;
+
+    void setUpHistory() {
+        if (!past) return;
+        HistEvent event{};
+        ::history(past.get(), &event, H_SETSIZE, kept_history_lines);
+        ::history(past.get(), &event, H_SETUNIQUE, 1);
+        if (!historyFile.empty()) ::history(past.get(), &event, H_LOAD, historyFile.c_str());
+        ::el_set(editor.get(), EL_HIST, &::history, past.get());
+    }
+
+    void setUpEditor() {
+        ::el_set(editor.get(), EL_CLIENTDATA, this);
+        ::el_set(editor.get(), EL_PROMPT, &prompt);
+        ::el_set(editor.get(), EL_GETCFN, &readCharacter);
+        ::el_set(editor.get(), EL_EDITOR, "emacs");
+        // Resizing and suspending; the signals that end the console are held back and taken elsewhere.
+        ::el_set(editor.get(), EL_SIGNAL, 1);
+        ::el_source(editor.get(), nullptr);
+        // libedit's own end-of-file command damages the line buffer in unbuffered mode.
+        ::el_set(editor.get(), EL_ADDFN, "end-or-delete", "End the input or delete a character",
+                 &endOrDelete);
+        ::el_set(editor.get(), EL_BIND, "^D", "end-or-delete", nullptr);
+    }
+
+    static unsigned char endOrDelete(EditLine* editor, int) {
+        const LineInfoW* line = ::el_wline(editor);
+        if (line->lastchar == line->buffer) {
+            Implementation* self = nullptr;
+            ::el_get(editor, EL_CLIENTDATA, &self);
+            self->isAtEnd = true;
+            return CC_NORM;
+        }
+        if (line->cursor == line->lastchar) return CC_ERROR;
+        const auto position = static_cast<int>(line->cursor - line->buffer);
+        ::el_deletestr1(editor, position, position + 1);
+        return CC_REFRESH;
+    }
+
+    void begin() {
+        if (isEditing) return;
+        isEditing = true;
+        // Also takes the terminal over and shows the prompt.
+        ::el_set(editor.get(), EL_UNBUFFERED, 1);
+    }
+
+    void end() {
+        if (!isEditing) return;
+        isEditing = false;
+        ::el_set(editor.get(), EL_UNBUFFERED, 0);
+    }
+
+    void remember(const std::string& line) {
+        if (!past || trimmed(line).empty()) return;
+        HistEvent event{};
+        ::history(past.get(), &event, H_ENTER, line.c_str());
+        if (!historyFile.empty()) ::history(past.get(), &event, H_SAVE, historyFile.c_str());
+    }
+
+    /// The row of the edited line, counted from its first, that the cursor is in.
+    int cursorRow() const {
+        const LineInfoW* line = ::el_wline(editor.get());
+        int columns = static_cast<int>(std::string_view(prompt_text).size());
+        for (const wchar_t* at = line->buffer; at != line->cursor; ++at) {
+            const int width = ::wcwidth(*at);
+            // A control character is shown as two: ^A.
+            columns += width >= 0 ? width : 2;
+        }
+        return columns / terminalColumns();
+    }
+};
+
+LineEditor::LineEditor(std::string historyFile) : implementation_(std::make_unique<Implementation>()) {
+    if (!implementation_->editor) throw Failure("The terminal cannot be used for editing.");
+    implementation_->historyFile = std::move(historyFile);
+    implementation_->setUpHistory();
+    implementation_->setUpEditor();
+}
+
+LineEditor::~LineEditor() {
+    const bool leavesLine = implementation_->isEditing;
+    implementation_->end();
+    if (leavesLine) std::fputs("\n", stdout);
+    std::fflush(stdout);
+}
+
+std::string LineEditor::historyFile(const Environment& environment) {
+    std::string base = nonBlankValue(environment, "XDG_STATE_HOME").value_or("");
+    if (!base.starts_with('/')) {
+        const auto home = nonBlankValue(environment, "HOME");
+        if (!home || !home->starts_with('/')) return {};
+        base = joinedPath(*home, ".local/state");
+    }
+    const auto directory = joinedPath(base, "brindle");
+    try {
+        PosixFileManager().createDirectory(directory);
+    } catch (const FileSystemFailure&) {
+        return {};
+    }
+    return joinedPath(directory, "console-history");
+}
+
+int LineEditor::descriptor() const {
+    return STDIN_FILENO;
+}
+
+void LineEditor::receive() {
+    pollfd terminal{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
+    ::poll(&terminal, 1, 0);
+    if ((terminal.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
+        implementation_->isAtEnd = true;
+        return;
+    }
+    int length = 0;
+    const char* text = ::el_gets(implementation_->editor.get(), &length);
+    if (text == nullptr || length <= 0) return;
+    std::string line(text, static_cast<std::size_t>(length));
+    if (!line.ends_with('\n') && !line.ends_with('\r')) return;
+    line.pop_back();
+    implementation_->end();
+    implementation_->remember(line);
+    implementation_->lines.push_back(std::move(line));
+}
+
+std::optional<InputLine> LineEditor::next() {
+    auto& lines = implementation_->lines;
+    if (lines.empty()) {
+        if (!implementation_->isAtEnd) implementation_->begin();
+        return std::nullopt;
+    }
+    InputLine line{.text = std::move(lines.front()), .place = ""};
+    lines.pop_front();
+    return line;
+}
+
+bool LineEditor::isAtEnd() const {
+    return implementation_->isAtEnd && implementation_->lines.empty();
+}
+
+void LineEditor::hide() {
+    if (!implementation_->isEditing) return;
+    const int row = implementation_->cursorRow();
+    if (row > 0) std::fprintf(stdout, "\033[%dA", row);
+    std::fputs("\r\033[J", stdout);
+    std::fflush(stdout);
+}
+
+void LineEditor::show() {
+    if (implementation_->isEditing) ::el_set(implementation_->editor.get(), EL_REFRESH);
+}
+
+}  // namespace brindle::console

@@ -1,0 +1,147 @@
+#include "console/Options.h"
+
+#include <CLI/CLI.hpp>
+#include <sstream>
+#include <utility>
+
+#include "console/Command.h"
+#include "exchange/EnvironmentKeys.h"
+#include "foundation/Paths.h"
+
+namespace brindle::console {
+namespace {
+
+constexpr const char* description =
+    "Plays the parent application for the messaging helper: starts it with a launch token, shows every "
+    "envelope "
+    "in both directions and sends what you type.\n";
+
+std::string footer() {
+    return "\nCommands:\n" + commandHelp() +
+           "\nExamples:\n"
+           "  BrindleBridgeConsole --no-worker\n"
+           "      Talk to a helper without a worker: try connect, then listen test \"Smoke test\".\n"
+           "  BrindleBridgeConsole --native-worker ./my-worker --data-dir /tmp/try\n"
+           "      Try a native worker of your own in a directory of its own.\n"
+           "  BrindleBridgeConsole --script check.console\n"
+           "      Run a script; the exit status tells whether its expectations were met.\n"
+           "  echo connect | BrindleBridgeConsole --json\n"
+           "      Show the bare protocol lines.\n";
+}
+
+struct Parser {
+    Options options;
+    bool noWorker = false;
+    bool builtinWorker = false;
+    std::string nativeWorkerPath;
+    std::string color = "auto";
+    CLI::App app{description};
+
+    explicit Parser(const std::string& defaultHelper) {
+        options.helper = defaultHelper;
+        app.name("BrindleBridgeConsole");
+        app.footer(footer());
+        app.set_version_flag("--version", "BrindleBridgeConsole " CONSOLE_VERSION, "Show the version.");
+        app.set_help_flag("-h,--help", "Show this help.");
+        addGeneralOptions();
+        addWorkerOptions();
+    }
+
+    void addGeneralOptions() {
+        app.add_option("--helper", options.helper, "The helper to start.")
+            ->type_name("PATH")
+            ->capture_default_str();
+        app.add_option("--platform", options.platform, "The messaging platform.")
+            ->type_name("NAME")
+            ->capture_default_str();
+        app.add_option("--data-dir", options.dataDirectory, "The directory shared by helper and worker.")
+            ->type_name("DIR");
+        app.add_option("--script", options.script, "Run the commands in a file, then end.")
+            ->type_name("FILE");
+        app.add_flag("--json", options.json,
+                     "Show the bare protocol lines and nothing else on standard output.");
+        app.add_option("--color", color, "Use colours: auto, always or never.")
+            ->type_name("WHEN")
+            ->check(CLI::IsMember({"auto", "always", "never"}).description(""));
+    }
+
+    void addWorkerOptions() {
+        auto* group = app.add_option_group("Worker", "Which worker the helper runs; at most one of these.");
+        group->add_option("--worker", options.workerPath, "This executable.")->type_name("PATH");
+        group->add_option("--native-worker", nativeWorkerPath, "This native protocol worker.")
+            ->type_name("PATH")
+            ->check(CLI::ExistingFile.description(""));
+        group->add_flag("--builtin-worker", builtinWorker, "The helper's own web worker.");
+        group->add_flag("--no-worker", noWorker, "None.");
+        group->require_option(0, 1);
+    }
+
+    Options result() {
+        if (color == "always") options.color = ColorChoice::always;
+        if (color == "never") options.color = ColorChoice::never;
+        if (!options.workerPath.empty()) options.worker = WorkerChoice::explicitPath;
+        if (builtinWorker) options.worker = WorkerChoice::builtin;
+        if (noWorker) options.worker = WorkerChoice::none;
+        if (!nativeWorkerPath.empty()) {
+            options.worker = WorkerChoice::native;
+            options.workerPath = nativeWorkerPath;
+        }
+        return std::move(options);
+    }
+};
+
+void set(Environment& environment, std::string_view key, std::string value) {
+    environment.insert_or_assign(std::string(key), std::move(value));
+}
+
+/// A choice on the command line replaces whatever the environment says about workers.
+void chooseWorker(const Options& options, Environment& environment) {
+    using namespace environment_key;
+    if (options.worker == WorkerChoice::unchanged) return;
+    for (const auto key : {disableWorker, workerPath, enableNativeWorker, disableNativeWorker,
+                           nativeWorkerPath, enableBuiltinWorker}) {
+        environment.erase(std::string(key));
+    }
+    switch (options.worker) {
+        case WorkerChoice::explicitPath:
+            return set(environment, workerPath, standardizedPath(options.workerPath));
+        case WorkerChoice::native:
+            set(environment, enableNativeWorker, "1");
+            return set(environment, nativeWorkerPath, standardizedPath(options.workerPath));
+        case WorkerChoice::builtin:
+            set(environment, disableNativeWorker, "1");
+            return set(environment, enableBuiltinWorker, "1");
+        case WorkerChoice::none:
+            return set(environment, disableWorker, "1");
+        case WorkerChoice::unchanged:
+            return;
+    }
+}
+
+}  // namespace
+
+std::variant<Options, CommandLineAnswer> parseCommandLine(int argumentCount, const char* const* arguments,
+                                                          const std::string& defaultHelper) {
+    Parser parser(defaultHelper);
+    try {
+        parser.app.parse(argumentCount, arguments);
+        return parser.result();
+    } catch (const CLI::ParseError& error) {
+        std::ostringstream output;
+        std::ostringstream problem;
+        const int status = parser.app.exit(error, output, problem);
+        return CommandLineAnswer{.text = output.str() + problem.str(), .status = status == 0 ? 0 : 2};
+    }
+}
+
+Environment helperEnvironment(const Options& options, Environment inherited) {
+    // The helper must come up in its parent-facing role whatever this process was started with.
+    inherited.erase(std::string(environment_key::workerRole));
+    if (options.dataDirectory) {
+        set(inherited, environment_key::dataDirectory, standardizedPath(*options.dataDirectory));
+    }
+    chooseWorker(options, inherited);
+    return inherited;
+}
+
+}  // namespace brindle::console

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "foundation/Environment.h"
+
+namespace brindle::console {
+
+enum class ColorChoice { automatic, always, never };
+
+/// Which worker the helper is told to run.
+enum class WorkerChoice {
+    /// What the environment and the helper itself decide.
+    unchanged,
+    explicitPath,
+    native,
+    builtin,
+    none,
+};
+
+struct Options {
+    std::string helper;
+    std::string platform = "whatsapp";
+    std::optional<std::string> dataDirectory;
+    WorkerChoice worker = WorkerChoice::unchanged;
+    std::string workerPath;
+    bool json = false;
+    ColorChoice color = ColorChoice::automatic;
+    std::optional<std::string> script;
+};
+
+/// The command line was not one to run with: what to print instead, and the exit status.
+struct CommandLineAnswer {
+    std::string text;
+    int status = 0;
+};
+
+/// Reads the command line. `defaultHelper` is used when it names no helper.
+std::variant<Options, CommandLineAnswer> parseCommandLine(int argumentCount, const char* const* arguments,
+                                                          const std::string& defaultHelper);
+
+/// The environment to start the helper with: `inherited`, changed as the options say. The launch token is not
+/// part of it yet.
+Environment helperEnvironment(const Options& options, Environment inherited);
+
+}  // namespace brindle::console

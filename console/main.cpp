@@ -1,0 +1,82 @@
+#include <locale.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "console/CommandInput.h"
+#include "console/Console.h"
+#include "console/Display.h"
+#include "console/LineEditor.h"
+#include "console/Options.h"
+#include "foundation/Environment.h"
+#include "foundation/Failure.h"
+#include "foundation/Paths.h"
+#include "foundation/Processes.h"
+
+using namespace brindle;
+using namespace brindle::console;
+
+namespace {
+
+constexpr std::string_view helper_name = "BrindleManagedWhatsAppBackend";
+
+/// The helper is installed beside the console.
+std::string defaultHelper() {
+    const auto executable = MainBundle::current().executablePath;
+    if (!executable) return std::string(helper_name);
+    return joinedPath(executable->substr(0, executable->rfind('/')), helper_name);
+}
+
+/// Where the session's commands come from. A terminal is edited; `editor` is then the same object.
+struct Input {
+    std::unique_ptr<CommandInput> commands;
+    LineEditor* editor = nullptr;
+};
+
+Input chooseInput(const Options& options, const Environment& environment) {
+    if (options.script) return {.commands = std::make_unique<ScriptInput>(*options.script)};
+    const bool isTerminal = ::isatty(STDIN_FILENO) == 1;
+    if (!isTerminal || ::isatty(STDOUT_FILENO) != 1) {
+        return {.commands = std::make_unique<StreamInput>(STDIN_FILENO, "standard input", isTerminal)};
+    }
+    auto editor = std::make_unique<LineEditor>(LineEditor::historyFile(environment));
+    auto* raw = editor.get();
+    return {.commands = std::move(editor), .editor = raw};
+}
+
+int runSession(const Options& options) {
+    TerminationSignals signals;
+    const auto environment = currentEnvironment();
+    Display display(DisplayStyle::from(options, environment));
+    try {
+        const auto input = chooseInput(options, environment);
+        display.stepAside(input.editor);
+        Console console(options, helperEnvironment(options, environment), *input.commands, display, signals);
+        const int status = console.run();
+        display.stepAside(nullptr);
+        return status;
+    } catch (const Failure& failure) {
+        display.stepAside(nullptr);
+        display.problem(failure.what());
+        return 1;
+    }
+}
+
+}  // namespace
+
+int main(int argumentCount, char** arguments) {
+    reserveStandardDescriptors();
+    ::setlocale(LC_CTYPE, "");
+    // A reader that has gone is noticed by the write that fails.
+    ::signal(SIGPIPE, SIG_IGN);
+    const auto parsed = parseCommandLine(argumentCount, arguments, defaultHelper());
+    if (const auto* answer = std::get_if<CommandLineAnswer>(&parsed)) {
+        std::fputs(answer->text.c_str(), answer->status == 0 ? stdout : stderr);
+        return answer->status;
+    }
+    return runSession(std::get<Options>(parsed));
+}

@@ -1,0 +1,192 @@
+#include "EchoWorker.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <iostream>
+#include <tuple>
+#include <utility>
+
+#include "foundation/Clock.h"
+#include "foundation/Failure.h"
+#include "foundation/Identifier.h"
+#include "foundation/Paths.h"
+#include "foundation/Text.h"
+
+using namespace brindle;
+
+namespace {
+
+constexpr std::string_view account_name = "Echo";
+constexpr std::string_view sender_identifier = "echo";
+constexpr std::string_view echo_prefix = "echo-";
+
+std::string now() {
+    return iso8601(SystemClock().now());
+}
+
+bool isRecordName(std::string_view name) {
+    return name.size() > record_file_extension.size() && name.ends_with(record_file_extension);
+}
+
+/// Only these scopes are chats; the backend answers a self-test itself.
+bool isChat(const ManagedWhatsAppWorkerControlScope& scope) {
+    return scope.id && (scope.kind == "conversation" || scope.kind == "channel" || scope.kind == "thread");
+}
+
+}  // namespace
+
+EchoWorker::EchoWorker(WorkerSettings settings, FileManager& fileManager)
+    : settings_(std::move(settings)), fileManager_(fileManager) {}
+
+EchoWorker::~EchoWorker() {
+    removeOwnFiles();
+}
+
+void EchoWorker::start() {
+    settings_.directory.createForWorker(fileManager_);
+    fileManager_.writeFileAtomically(settings_.directory.workerPIDFile, std::to_string(::getpid()),
+                                     Durability::process);
+    publishStatus();
+}
+
+void EchoWorker::tick() {
+    std::string problems;
+    // Each step has its own try: a full disk must not keep the heartbeat from being tried.
+    for (const auto step :
+         {&EchoWorker::refreshControl, &EchoWorker::handleOutbound, &EchoWorker::publishStatus}) {
+        try {
+            (this->*step)();
+        } catch (const std::exception& problem) {
+            problems.append(problem.what()).append("\n");
+        }
+    }
+    if (problems != lastProblems_) std::cerr << problems;
+    lastProblems_ = problems;
+}
+
+void EchoWorker::refreshControl() {
+    try {
+        const auto control = readRecord<ManagedWhatsAppWorkerControlRecord>(
+            fileManager_, settings_.directory.workerControlFile);
+        if (control.platform != settings_.platform) return;
+        watched_ = control.activeScope;
+        if (watched_ && !isChat(*watched_)) watched_.reset();
+    } catch (const FileSystemFailure& failure) {
+        watched_.reset();
+        if (failure.code() != ENOENT) throw;
+    } catch (const DecodingFailure&) {
+        watched_.reset();
+        throw;
+    }
+}
+
+void EchoWorker::handleOutbound() {
+    for (const auto& outgoing : readOutbound()) {
+        deliver(outgoing);
+        // Last of all: a worker that dies before this line finds the record again.
+        moveTo(settings_.directory.workerProcessedOutbound, outgoing.fileName);
+    }
+}
+
+/// Every record that waits, in the order in which the messages were accepted.
+std::vector<EchoWorker::Outgoing> EchoWorker::readOutbound() {
+    std::vector<Outgoing> waiting;
+    for (const auto& name : fileManager_.visibleEntries(settings_.directory.outbound)) {
+        if (!isRecordName(name)) continue;
+        if (auto outgoing = readOutgoing(name)) waiting.push_back(std::move(*outgoing));
+    }
+    std::sort(waiting.begin(), waiting.end(), [](const Outgoing& left, const Outgoing& right) {
+        return std::tie(left.record.createdAtISO8601, left.fileName) <
+               std::tie(right.record.createdAtISO8601, right.fileName);
+    });
+    return waiting;
+}
+
+/// The record in that file, or nothing when it had to be rejected.
+std::optional<EchoWorker::Outgoing> EchoWorker::readOutgoing(const std::string& fileName) {
+    try {
+        const auto path = joinedPath(settings_.directory.outbound, fileName);
+        auto record = readRecord<ManagedWhatsAppOutboundRecord>(fileManager_, path);
+        // The identifier becomes part of a file name; it can be trusted when it already is one.
+        if (record.messageId + std::string(record_file_extension) != fileName) {
+            throw Failure("Its message identifier is not its file name.");
+        }
+        return Outgoing{.fileName = fileName, .record = std::move(record)};
+    } catch (const Failure& failure) {
+        std::cerr << "Rejected outbound record " + singleLine(fileName) + ": " + failure.what() + "\n";
+        moveTo(settings_.directory.workerRejectedOutbound, fileName);
+        return std::nullopt;
+    }
+}
+
+/// A real worker sends here. Done twice it must have the effect of once, because a crash may come right
+/// after.
+void EchoWorker::deliver(const Outgoing& outgoing) {
+    const std::string messageId = std::string(echo_prefix) + outgoing.record.messageId;
+    if (hasEcho(messageId)) return;
+    writeEcho(messageId, outgoing.record);
+    std::cout << "Echoed message " + outgoing.record.messageId + ".\n" << std::flush;
+}
+
+/// In the order in which the backend moves the file, so that one on its way is not missed.
+bool EchoWorker::hasEcho(const std::string& messageId) {
+    const auto& directory = settings_.directory;
+    const auto places = {directory.inbound, directory.processed, directory.rejected};
+    return std::any_of(places.begin(), places.end(), [&](const std::string& place) {
+        return fileManager_.fileExists(DataDirectory::recordFile(place, messageId));
+    });
+}
+
+void EchoWorker::writeEcho(const std::string& messageId, const ManagedWhatsAppOutboundRecord& record) {
+    const std::string conversation = watched_ ? *watched_->id : record.conversationId;
+    const ManagedWhatsAppWorkerInboundRecord echo{
+        .messageId = messageId,
+        .conversationId = conversation,
+        .conversationTitle = watched_ && watched_->title ? *watched_->title : conversation,
+        .senderId = std::string(sender_identifier),
+        .senderDisplayName = std::string(account_name),
+        .text = "Echo: " + record.text,
+        .timestampISO8601 = now(),
+        .isDirectMessage = !watched_ || watched_->kind == "conversation",
+        .rawReference = record.messageId,
+    };
+    writeRecord(fileManager_, DataDirectory::recordFile(settings_.directory.inbound, messageId), echo,
+                Durability::disk);
+}
+
+void EchoWorker::moveTo(const std::string& directory, const std::string& fileName) {
+    const auto from = joinedPath(settings_.directory.outbound, fileName);
+    try {
+        fileManager_.moveItem(from, joinedPath(directory, fileName));
+    } catch (const FileSystemFailure& failure) {
+        if (failure.code() != EEXIST) throw;
+        fileManager_.moveItem(from, joinedPath(directory, randomIdentifier() + "-" + fileName));
+    }
+}
+
+void EchoWorker::publishStatus() {
+    const auto title = watched_ ? watched_->title.value_or(*watched_->id) : std::string();
+    const ManagedWhatsAppWorkerStatusRecord status{
+        .state = watched_ ? "watching_chat" : "linked",
+        .displayName = std::string(account_name),
+        .detail = watched_ ? "Watching " + title + "." : "Linked; no chat is being watched.",
+        .lastHeartbeatISO8601 = now(),
+        .contactQRLink = std::nullopt,
+        .supportsLiveCapture = true,
+        .supportsOutbound = true,
+    };
+    writeRecord(fileManager_, settings_.directory.workerStatusFile, status, Durability::process);
+}
+
+/// When the next backend has already started its own worker, the files are that worker's.
+void EchoWorker::removeOwnFiles() noexcept {
+    try {
+        if (fileManager_.readFile(settings_.directory.workerPIDFile) != std::to_string(::getpid())) return;
+    } catch (const std::exception&) {
+        return;
+    }
+    fileManager_.removeIfPresent(settings_.directory.workerStatusFile);
+    fileManager_.removeIfPresent(settings_.directory.workerPIDFile);
+}

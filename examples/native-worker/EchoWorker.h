@@ -1,0 +1,60 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "exchange/DataDirectory.h"
+#include "exchange/ExchangeRecords.h"
+#include "foundation/FileManager.h"
+
+/// What the backend hands over in the environment.
+struct WorkerSettings {
+    brindle::DataDirectory directory;
+    std::string platform;
+    pid_t backend = -1;
+};
+
+/// A native worker without a messaging service behind it: it answers every message with its echo.
+///
+/// A real worker replaces `deliver` by its protocol and writes what the service sends into "inbound" the way
+/// `writeEcho` does. Everything else is the contract of the data directory and can stay.
+class EchoWorker {
+  public:
+    EchoWorker(WorkerSettings settings, brindle::FileManager& fileManager);
+    /// Takes this worker's own files away.
+    ~EchoWorker();
+    EchoWorker(const EchoWorker&) = delete;
+    EchoWorker& operator=(const EchoWorker&) = delete;
+
+    /// Writes the process id and the first status. Throws FileSystemFailure.
+    void start();
+    /// One round: reads what to watch, handles every outbound record and publishes a fresh status. Never
+    /// fails: what goes wrong is reported once on standard error and tried again in the next round.
+    void tick();
+
+  private:
+    struct Outgoing {
+        std::string fileName;
+        brindle::ManagedWhatsAppOutboundRecord record;
+    };
+
+    void refreshControl();
+    void handleOutbound();
+    std::vector<Outgoing> readOutbound();
+    std::optional<Outgoing> readOutgoing(const std::string& fileName);
+    void deliver(const Outgoing& outgoing);
+    bool hasEcho(const std::string& messageId);
+    void writeEcho(const std::string& messageId, const brindle::ManagedWhatsAppOutboundRecord& record);
+    void moveTo(const std::string& directory, const std::string& fileName);
+    void publishStatus();
+    void removeOwnFiles() noexcept;
+
+    WorkerSettings settings_;
+    brindle::FileManager& fileManager_;
+    /// The chat to watch; none when the control record names none.
+    std::optional<brindle::ManagedWhatsAppWorkerControlScope> watched_;
+    std::string lastProblems_;
+};
