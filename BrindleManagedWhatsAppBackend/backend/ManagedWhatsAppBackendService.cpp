@@ -169,12 +169,12 @@ bool ManagedWhatsAppBackendService::isForUs(const std::string& platform) const {
     return canonicallyEquivalent(platform, platform_);
 }
 
-void ManagedWhatsAppBackendService::handle(const BridgeEnvelope& envelope) {
+void ManagedWhatsAppBackendService::handle(BridgeEnvelope envelope) {
     std::visit(
-        [this]<class Payload>(const Payload& payload) {
+        [this]<class Payload>(Payload& payload) {
             if constexpr (Request<Payload>) {
                 if (!isForUs(payload.platform)) return;
-                perform(payload);
+                perform(std::move(payload));
                 publisher_.writeRuntimeStatus();
             }
         },
@@ -206,8 +206,8 @@ void ManagedWhatsAppBackendService::perform(const BridgeStopListeningRequest&) {
     state_.setActiveScope(std::nullopt);
 }
 
-void ManagedWhatsAppBackendService::perform(const BridgeSendMessageRequest& request) {
-    writeOutboundRecord(request.message);
+void ManagedWhatsAppBackendService::perform(BridgeSendMessageRequest&& request) {
+    writeOutboundRecord(std::move(request.message));
 }
 
 void ManagedWhatsAppBackendService::emitSelfTestEvent(const BridgeTestOnlyScope& scope) {
@@ -222,14 +222,14 @@ void ManagedWhatsAppBackendService::emitSelfTestEvent(const BridgeTestOnlyScope&
                                       .rawReference = std::string(self_test_reference)}});
 }
 
-void ManagedWhatsAppBackendService::writeOutboundRecord(const BridgeOutboundMessage& message) {
+void ManagedWhatsAppBackendService::writeOutboundRecord(BridgeOutboundMessage message) {
     ManagedWhatsAppOutboundRecord record;
     record.messageId = randomIdentifier();
-    record.conversationId = message.conversationId;
-    record.text = message.text;
-    record.replyToMessageId = message.replyToMessageId;
+    record.conversationId = std::move(message.conversationId);
+    record.text = std::move(message.text);
+    record.replyToMessageId = std::move(message.replyToMessageId);
     record.createdAtISO8601 = iso8601(clock_.now());
-    if (message.attachments) record.attachments = *message.attachments;
+    if (message.attachments) record.attachments = std::move(*message.attachments);
     writeRecord(fileManager_, DataDirectory::recordFile(directory_.outbound, record.messageId), record,
                 Durability::disk);
 }

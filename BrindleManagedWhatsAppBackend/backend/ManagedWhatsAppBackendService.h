@@ -38,7 +38,7 @@ class ManagedWhatsAppBackendService {
     /// Throws when standard output cannot be written; the worker has been stopped then all the same.
     void run();
     /// Carries out one request. Throws when it has failed.
-    void handle(const BridgeEnvelope& envelope);
+    void handle(BridgeEnvelope envelope);
 
   private:
     void watchForDeparture(int endRequest);
@@ -56,9 +56,9 @@ class ManagedWhatsAppBackendService {
     void perform(const BridgeDisconnectRequest& request);
     void perform(const BridgeStartListeningRequest& request);
     void perform(const BridgeStopListeningRequest& request);
-    void perform(const BridgeSendMessageRequest& request);
+    void perform(BridgeSendMessageRequest&& request);
     void emitSelfTestEvent(const BridgeTestOnlyScope& scope);
-    void writeOutboundRecord(const BridgeOutboundMessage& message);
+    void writeOutboundRecord(BridgeOutboundMessage message);
 
     // First, so that it outlives everything that its handlers use; the destructor joins it before anything
     // goes.

@@ -95,11 +95,20 @@ class TemporaryFile {
     Descriptor descriptor_;
 };
 
-void flushDirectoryToDisk(const std::string& directory) {
-    const Descriptor descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!descriptor.isOpen()) throw FileSystemFailure("write", directory, errno);
+Descriptor openDirectory(const std::string& path) {
+    Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.isOpen()) throw FileSystemFailure("write", path, errno);
+    return directory;
+}
+
+/// Makes the name of a file that has just become visible durable. A file whose name cannot be made durable is
+/// taken away again: what is reported as failed must not be found.
+void flushName(const Descriptor& directory, const std::string& path) {
     // EINVAL: the file system has nothing to flush for a directory.
-    if (::fsync(descriptor.get()) != 0 && errno != EINVAL) throw FileSystemFailure("write", directory, errno);
+    if (::fsync(directory.get()) == 0 || errno == EINVAL) return;
+    const int code = errno;
+    ::unlink(path.c_str());
+    throw FileSystemFailure("write", path, code);
 }
 
 [[noreturn]] void failToMove(const std::string& from, const std::string& to, int code) {
@@ -194,9 +203,12 @@ void PosixFileManager::writeFileAtomically(const std::string& path, std::string_
                                            Durability durability) {
     TemporaryFile file(path);
     file.write(bytes);
-    if (durability == Durability::disk) file.flushToDisk();
+    if (durability == Durability::process) return file.becomeTarget();
+    file.flushToDisk();
+    // Opened first, because a failure after the file has become visible would come too late.
+    const Descriptor directory = openDirectory(parentDirectory(path));
     file.becomeTarget();
-    if (durability == Durability::disk) flushDirectoryToDisk(parentDirectory(path));
+    flushName(directory, path);
 }
 
 void PosixFileManager::moveItem(const std::string& from, const std::string& to) {
