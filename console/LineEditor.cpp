@@ -108,8 +108,8 @@ struct LineEditor::Implementation {
             return CC_NORM;
         }
         if (line->cursor == line->lastchar) return CC_ERROR;
-        const auto position = static_cast<int>(line->cursor - line->buffer);
-        ::el_deletestr1(editor, position, position + 1);
+        ::el_cursor(editor, 1);
+        ::el_deletestr(editor, 1);
         return CC_REFRESH;
     }
 
