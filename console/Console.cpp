@@ -108,7 +108,7 @@ int Console::run() {
 void Console::awaitGreeting() {
     wait_ = Wait{.isFulfilled = [this] { return hasGreeted_; },
                  .subject = "the helper's hello",
-                 .observation = [] { return std::string(); },
+                 .observation = [] { return "did not come within " + seconds(greeting_patience); },
                  .deadline = std::chrono::steady_clock::now() + greeting_patience,
                  .place = "",
                  .needsPolling = false};

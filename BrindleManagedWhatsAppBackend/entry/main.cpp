@@ -1,3 +1,5 @@
+#include <limits.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sysexits.h>
@@ -22,9 +24,14 @@
 namespace brindle {
 namespace {
 
-/// Best effort: there is no place to report that standard error cannot be written.
+/// Best effort: there is no place to report that standard error cannot be written, and a reader that does not
+/// read must not keep an ending process.
 void writeToStandardError(std::string_view text) {
-    static_cast<void>(::write(STDERR_FILENO, text.data(), text.size()) + 1);
+    constexpr int patience_ms = 1000;
+    pollfd error{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
+    if (::poll(&error, 1, patience_ms) != 1) return;
+    const auto length = std::min<std::size_t>(text.size(), PIPE_BUF);
+    if (::write(STDERR_FILENO, text.data(), length) < 0) return;
 }
 
 /// The launch token stands in this process's memory, so it must never be dumped. One byte rather than none:
@@ -43,6 +50,8 @@ bool isWorkerRole(const Environment& environment) {
 }
 
 void runBackendRole(const std::string& platform, const Environment& environment, FileManager& fileManager) {
+    // Inherited as ignored, it would throw the worker's exit status away.
+    ::signal(SIGCHLD, SIG_DFL);
     TerminationSignals signals;
     const SystemClock clock;
     {

@@ -51,6 +51,7 @@ OpenFile openRegularFile(const std::string& path) {
     if (::fstat(file.descriptor.get(), &status) != 0) throw FileSystemFailure("read", path, errno);
     if (!S_ISREG(status.st_mode)) throw FileSystemFailure("read", path, "Not a regular file", EINVAL);
     file.size = static_cast<std::size_t>(status.st_size);
+    if (file.size > FileManager::longest_file_bytes) throw FileSystemFailure("read", path, EFBIG);
     return file;
 }
 
@@ -188,6 +189,7 @@ std::string PosixFileManager::readFile(const std::string& path) {
     std::string content(file.size + 1, '\0');
     std::size_t length = 0;
     for (;;) {
+        if (length > longest_file_bytes) throw FileSystemFailure("read", path, EFBIG);
         if (length == content.size()) content.resize(content.size() * 2);
         const auto got = ::read(file.descriptor.get(), content.data() + length, content.size() - length);
         if (got < 0 && errno == EINTR) continue;

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,6 +29,10 @@ struct FileAttributes {
 /// Every touch of the file system. Operations that fail throw FileSystemFailure and have had no effect.
 class FileManager {
   public:
+    /// Longer files are not read: no record comes near it, and a broken writer must not cost the system its
+    /// memory.
+    static constexpr std::size_t longest_file_bytes = std::size_t{256} << 20U;
+
     virtual ~FileManager() = default;
 
     /// Creates the directory and those above it, private to the user (0700). One that exists is no error.
@@ -40,7 +45,8 @@ class FileManager {
     virtual bool isExecutableFile(const std::string& path) = 0;
     /// Nothing when there is no such object.
     virtual std::optional<FileAttributes> attributes(const std::string& path) = 0;
-    /// The whole content of a regular file. Anything else at the path is a failure and is never opened.
+    /// The whole content of a regular file. Anything else at the path is a failure and is never opened; so is
+    /// a file of more than longest_file_bytes.
     virtual std::string readFile(const std::string& path) = 0;
     /// Replaces the file in one step: a reader sees the old or the new content, never a part. The mode is
     /// 0600.
