@@ -244,7 +244,8 @@ std::optional<ManagedWhatsAppRuntimeStatusRecord> Console::readStatus() {
 void Console::waitForEvents() {
     std::vector<pollfd> entries;
     entries.push_back({.fd = signals_.descriptor(), .events = POLLIN, .revents = 0});
-    entries.push_back({.fd = wait_ ? -1 : input_.descriptor(), .events = POLLIN, .revents = 0});
+    const bool takesCommands = !wait_ && !helper_.isCongested();
+    entries.push_back({.fd = takesCommands ? input_.descriptor() : -1, .events = POLLIN, .revents = 0});
     helper_.addPollEntries(entries);
     if (::poll(entries.data(), entries.size(), pollTimeout()) < 0) return;
     helper_.pump();

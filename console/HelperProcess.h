@@ -2,7 +2,7 @@
 
 #include <poll.h>
 
-#include <chrono>
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -18,6 +18,8 @@ namespace brindle::console {
 class HelperProcess {
   public:
     using LineHandler = std::function<void(std::string_view line)>;
+
+    static constexpr std::size_t congestion_bytes = std::size_t{1} << 20U;
 
     /// How the process ended.
     struct End {
@@ -38,6 +40,8 @@ class HelperProcess {
 
     /// Queues a line for the helper's standard input; the line feed is added.
     void send(std::string_view line);
+    /// True while the helper has a lot of lines to catch up on; better not to queue more.
+    bool isCongested() const { return pending_.size() - written_ > congestion_bytes; }
     /// Closes the helper's standard input as soon as everything queued is written.
     void closeInputWhenWritten();
     void signal(int number) const { process_.signal(number); }

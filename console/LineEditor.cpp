@@ -50,6 +50,7 @@ std::optional<char> nextByte() {
 int readCharacter(EditLine*, wchar_t* character) {
     mbstate_t state{};
     while (const auto byte = nextByte()) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): only a null state would be shared.
         const auto length = ::mbrtowc(character, &*byte, 1, &state);
         if (length == 0 || length == 1) return 1;
         // Not text in this locale: passed over.
@@ -94,12 +95,13 @@ struct LineEditor::Implementation {
         ::el_set(editor.get(), EL_SIGNAL, 1);
         ::el_source(editor.get(), nullptr);
         // libedit's own end-of-file command damages the line buffer in unbuffered mode.
-        ::el_set(editor.get(), EL_ADDFN, "end-or-delete", "End the input or delete a character",
-                 &endOrDelete);
+        // Wide texts: of others libedit keeps copies that it never frees.
+        ::el_wset(editor.get(), EL_ADDFN, L"end-or-delete", L"End the input or delete a character",
+                  &endOrDelete);
         ::el_set(editor.get(), EL_BIND, "^D", "end-or-delete", nullptr);
     }
 
-    static unsigned char endOrDelete(EditLine* editor, int) {
+    static unsigned char endOrDelete(EditLine* editor, wint_t) {
         const LineInfoW* line = ::el_wline(editor);
         if (line->lastchar == line->buffer) {
             Implementation* self = nullptr;

@@ -70,6 +70,7 @@ int runSession(const Options& options) {
 
 int main(int argumentCount, char** arguments) {
     reserveStandardDescriptors();
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread.
     ::setlocale(LC_CTYPE, "");
     // A reader that has gone is noticed by the write that fails.
     ::signal(SIGPIPE, SIG_IGN);
