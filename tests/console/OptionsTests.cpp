@@ -1,0 +1,114 @@
+#include "console/Options.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace brindle::console {
+namespace {
+
+using testing::HasSubstr;
+
+std::variant<Options, CommandLineAnswer> parse(std::vector<const char*> arguments) {
+    arguments.insert(arguments.begin(), "BrindleBridgeConsole");
+    return parseCommandLine(static_cast<int>(arguments.size()), arguments.data(), "/opt/helper");
+}
+
+Options accepted(const std::vector<const char*>& arguments) {
+    return std::get<Options>(parse(arguments));
+}
+
+CommandLineAnswer answered(const std::vector<const char*>& arguments) {
+    return std::get<CommandLineAnswer>(parse(arguments));
+}
+
+Environment environmentFor(const std::vector<const char*>& arguments, Environment inherited = {}) {
+    return helperEnvironment(accepted(arguments), std::move(inherited));
+}
+
+TEST(Options, HaveDefaults) {
+    const auto options = accepted({});
+    EXPECT_EQ(options.helper, "/opt/helper");
+    EXPECT_EQ(options.platform, "whatsapp");
+    EXPECT_EQ(options.worker, WorkerChoice::unchanged);
+    EXPECT_EQ(options.color, ColorChoice::automatic);
+    EXPECT_FALSE(options.json);
+    EXPECT_EQ(options.script, std::nullopt);
+    EXPECT_EQ(options.dataDirectory, std::nullopt);
+}
+
+TEST(Options, AreRead) {
+    const auto options = accepted({"--helper", "/h", "--platform", "p", "--data-dir", "/d", "--json",
+                                   "--color", "never", "--script", "s.console", "--worker", "/w"});
+    EXPECT_EQ(options.helper, "/h");
+    EXPECT_EQ(options.platform, "p");
+    EXPECT_EQ(options.dataDirectory, "/d");
+    EXPECT_TRUE(options.json);
+    EXPECT_EQ(options.color, ColorChoice::never);
+    EXPECT_EQ(options.script, "s.console");
+    EXPECT_EQ(options.worker, WorkerChoice::explicitPath);
+    EXPECT_EQ(options.workerPath, "/w");
+}
+
+TEST(Options, HelpShowsCommandsAndExamples) {
+    const auto answer = answered({"--help"});
+    EXPECT_EQ(answer.status, 0);
+    EXPECT_THAT(answer.text, HasSubstr("wait-status FIELD VALUE"));
+    EXPECT_THAT(answer.text, HasSubstr("Examples:"));
+}
+
+TEST(Options, VersionIsAnswered) {
+    const auto answer = answered({"--version"});
+    EXPECT_EQ(answer.status, 0);
+    EXPECT_THAT(answer.text, HasSubstr("BrindleBridgeConsole 3."));
+}
+
+TEST(Options, ThatAreWrongAreRefusedWithStatusTwo) {
+    EXPECT_EQ(answered({"--colour"}).status, 2);
+    EXPECT_EQ(answered({"--color", "purple"}).status, 2);
+    EXPECT_EQ(answered({"--script"}).status, 2);
+    EXPECT_EQ(answered({"stray"}).status, 2);
+    EXPECT_EQ(answered({"--native-worker", "/no/such/file"}).status, 2);
+}
+
+TEST(Options, NameOneWorkerAtMost) {
+    EXPECT_EQ(answered({"--no-worker", "--builtin-worker"}).status, 2);
+    EXPECT_EQ(answered({"--worker", "/w", "--native-worker", "/bin/sh"}).status, 2);
+}
+
+TEST(HelperEnvironment, PassesEverythingElseOn) {
+    const auto environment =
+        environmentFor({}, {{"HOME", "/h"}, {"BRINDLE_MANAGED_BRIDGE_WORKER_PATH", "/w"}});
+    EXPECT_EQ(environment.at("HOME"), "/h");
+    EXPECT_EQ(environment.at("BRINDLE_MANAGED_BRIDGE_WORKER_PATH"), "/w");
+}
+
+TEST(HelperEnvironment, NeverAsksForTheWorkerRole) {
+    EXPECT_FALSE(environmentFor({}, {{"BRINDLE_MANAGED_BRIDGE_WORKER_ROLE", "runtime-worker"}})
+                     .contains("BRINDLE_MANAGED_BRIDGE_WORKER_ROLE"));
+}
+
+TEST(HelperEnvironment, HasAnAbsoluteDataDirectory) {
+    EXPECT_EQ(environmentFor({"--data-dir", "/a/../b/"}).at("BRINDLE_MANAGED_BRIDGE_DATA_DIR"), "/b");
+    EXPECT_TRUE(
+        environmentFor({"--data-dir", "here"}).at("BRINDLE_MANAGED_BRIDGE_DATA_DIR").starts_with('/'));
+}
+
+TEST(HelperEnvironment, ReplacesTheChoiceOfWorker) {
+    const Environment inherited{{"BRINDLE_MANAGED_BRIDGE_DISABLE_WORKER", "1"},
+                                {"BRINDLE_MANAGED_BRIDGE_WORKER_PATH", "/old"}};
+    EXPECT_EQ(environmentFor({"--worker", "/w"}, inherited),
+              (Environment{{"BRINDLE_MANAGED_BRIDGE_WORKER_PATH", "/w"}}));
+    EXPECT_EQ(environmentFor({"--native-worker", "/bin/sh"}, inherited),
+              (Environment{{"BRINDLE_MANAGED_BRIDGE_ENABLE_NATIVE_WORKER", "1"},
+                           {"BRINDLE_MANAGED_BRIDGE_NATIVE_WORKER_PATH", "/bin/sh"}}));
+    EXPECT_EQ(environmentFor({"--builtin-worker"}, inherited),
+              (Environment{{"BRINDLE_MANAGED_BRIDGE_DISABLE_NATIVE_WORKER", "1"},
+                           {"BRINDLE_MANAGED_BRIDGE_ENABLE_BUILTIN_WORKER", "1"}}));
+    EXPECT_EQ(environmentFor({"--no-worker"}, inherited),
+              (Environment{{"BRINDLE_MANAGED_BRIDGE_DISABLE_WORKER", "1"}}));
+}
+
+}  // namespace
+}  // namespace brindle::console

@@ -1,0 +1,478 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/BackendProcess.h"
+#include "support/WorkerScript.h"
+
+namespace brindle::test {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+const std::string account_display_name = "Brindle Managed WhatsApp Backend";
+
+json stateEnvelope(const json& state) {
+    return {{"stateChanged", {{"_0", {{"state", state}}}}}};
+}
+
+const json disconnected = stateEnvelope({{"disconnected", json::object()}});
+const json connecting = stateEnvelope({{"connecting", json::object()}});
+const json connected = stateEnvelope({{"connected", {{"accountDisplayName", account_display_name}}}});
+
+/// Sends a line that is always answered by exactly one `error`; every request sent before it has been handled
+/// when that answer comes. Returns the envelopes that came before the answer.
+std::vector<json> envelopesUpToHere(BackendProcess& backend) {
+    backend.send(std::string("{"));
+    std::vector<json> envelopes;
+    for (;;) {
+        json envelope = backend.nextEnvelope();
+        if (envelope.contains("error")) return envelopes;
+        envelopes.push_back(std::move(envelope));
+    }
+}
+
+std::string errorMessageOf(const json& envelope) {
+    return envelope.at("error").at("_0").at("message");
+}
+
+json message(const std::string& text) {
+    return {{"conversationId", "team-room"}, {"text", text}};
+}
+
+TEST(BackendService, GreetsWithHelloAndDisconnectedBeforeAnyRequest) {
+    BackendProcess backend;
+    EXPECT_EQ(
+        backend.nextEnvelope(),
+        (json{{"hello",
+               {{"_0", {{"platform", "whatsapp"}, {"bridgeVersion", "managed-whatsapp-backend-3"}}}}}}));
+    EXPECT_EQ(backend.nextEnvelope(), disconnected);
+    EXPECT_TRUE(backend.finishAndTakeRest().empty());
+}
+
+TEST(BackendService, StatusFilesExistBeforeTheGreeting) {
+    BackendProcess backend;
+    backend.nextLine();
+    EXPECT_EQ(backend.readJson("runtime/runtime-status.json").at("connectionState"), "disconnected");
+    EXPECT_EQ(backend.readJson("runtime/worker-control.json").at("platform"), "whatsapp");
+}
+
+TEST(BackendService, ConnectYieldsConnectingThenConnectedAndNothingElse) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(connectRequest());
+    EXPECT_EQ(backend.nextEnvelope(), connecting);
+    EXPECT_EQ(backend.nextEnvelope(), connected);
+    EXPECT_TRUE(backend.finishAndTakeRest().empty());
+}
+
+TEST(BackendService, ConnectReportsConnectedWhateverTheWorkerSays) {
+    const WorkerScript worker(
+        R"(publish worker-status.json '{"state":"waiting_for_qr","supportsLiveCapture":true,"supportsOutbound":false}'
+stay)");
+    BackendProcess backend(optionsWithWorker(worker.path()));
+    backend.waitForRuntimeStatus(
+        [](const json& status) { return status["workerState"] == "waiting_for_qr"; });
+    backend.greet();
+    backend.send(connectRequest());
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{connecting, connected}));
+    EXPECT_EQ(backend.readJson("runtime/runtime-status.json").at("workerState"), "waiting_for_qr");
+}
+
+TEST(BackendService, ConnectIsPublishedBeforeTheNextRequestIsRead) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(connectRequest());
+    envelopesUpToHere(backend);
+    EXPECT_EQ(backend.readJson("runtime/runtime-status.json").at("connectionState"), "connected");
+}
+
+TEST(BackendService, ConnectWhileConnectedRepeatsBothEnvelopes) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(connectRequest());
+    backend.send(connectRequest());
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{connecting, connected, connecting, connected}));
+}
+
+TEST(BackendService, DisconnectWhileDisconnectedRepeatsItsEnvelope) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(disconnectRequest());
+    backend.send(disconnectRequest());
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{disconnected, disconnected}));
+}
+
+TEST(BackendService, ConnectForAnotherPlatformYieldsNothing) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(connectRequest("other"));
+    EXPECT_TRUE(envelopesUpToHere(backend).empty());
+    EXPECT_EQ(backend.readJson("runtime/runtime-status.json").at("connectionState"), "disconnected");
+    EXPECT_TRUE(backend.finishAndTakeRest().empty());
+}
+
+TEST(BackendService, PlatformOfARequestIsComparedWithRegardToCase) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(connectRequest("WhatsApp"));
+    EXPECT_TRUE(envelopesUpToHere(backend).empty());
+}
+
+TEST(BackendService, PlatformOfARequestIsComparedByCanonicalEquivalence) {
+    const std::string composed = "caf\xC3\xA9";
+    const std::string decomposed = "cafe\xCC\x81";
+    BackendOptions options;
+    options.arguments = {"--platform", decomposed};
+    BackendProcess backend(options);
+    EXPECT_EQ(backend.nextEnvelope().at("hello").at("_0").at("platform"), decomposed);
+    EXPECT_EQ(backend.nextEnvelope(), disconnected);
+    backend.send(connectRequest(composed));
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{connecting, connected}));
+}
+
+TEST(BackendService, RequestsForAnotherPlatformChangeNoStateAndNoFile) {
+    BackendProcess backend;
+    backend.connectAndListen();
+    backend.send(disconnectRequest("other"));
+    backend.send(startListeningRequest(conversationScope("elsewhere", "Elsewhere"), "other"));
+    backend.send(startListeningRequest(testOnlyScope("Elsewhere"), "other"));
+    backend.send(stopListeningRequest("other"));
+    backend.send(sendMessageRequest(message("hi"), "other"));
+    EXPECT_TRUE(envelopesUpToHere(backend).empty());
+    backend.waitForStatusWrites(2);
+    const json status = backend.readJson("runtime/runtime-status.json");
+    EXPECT_EQ(status.at("connectionState"), "connected");
+    EXPECT_EQ(status.at("activeScopeDescription"), "Conversation Team Room [team-room]");
+    EXPECT_TRUE(namesIn(backend.path("outbound")).empty());
+    EXPECT_EQ(backend.standardError(), "");
+}
+
+TEST(BackendService, PlatformOfTheCommandLineDecidesWhichRequestsAreMeant) {
+    BackendOptions options;
+    options.arguments = {"--platform", "signal"};
+    BackendProcess backend(options);
+    EXPECT_EQ(backend.nextEnvelope().at("hello").at("_0").at("platform"), "signal");
+    EXPECT_EQ(backend.nextEnvelope(), disconnected);
+    backend.send(connectRequest("whatsapp"));
+    EXPECT_TRUE(envelopesUpToHere(backend).empty());
+    backend.send(connectRequest("signal"));
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{connecting, connected}));
+}
+
+TEST(BackendService, EnvelopesMeantForTheParentAreIgnored) {
+    BackendProcess backend;
+    backend.connectAndListen();
+    backend.send(json{{"hello", {{"_0", {{"platform", "whatsapp"}, {"bridgeVersion", "parent"}}}}}});
+    backend.send(disconnected);
+    backend.send(json{{"error", {{"_0", {{"message", "not for you"}}}}}});
+    backend.send(json{{"inboundEvent", {{"_0", {{"event", inboundRecord("m-1", "hi")}}}}}});
+    EXPECT_TRUE(envelopesUpToHere(backend).empty());
+    const json status = backend.readJson("runtime/runtime-status.json");
+    EXPECT_EQ(status.at("connectionState"), "connected");
+    EXPECT_EQ(status.at("activeScopeDescription"), "Conversation Team Room [team-room]");
+}
+
+TEST(BackendService, BlankLineYieldsNothing) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(std::string());
+    backend.send(std::string("  \r"));
+    EXPECT_TRUE(envelopesUpToHere(backend).empty());
+}
+
+TEST(BackendService, MalformedLineYieldsOneErrorAndTheLoopContinues) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(std::string("{"));
+    const std::string description = errorMessageOf(backend.nextEnvelope());
+    EXPECT_FALSE(description.empty());
+    EXPECT_EQ(description.find('\n'), std::string::npos);
+    backend.send(connectRequest());
+    EXPECT_EQ(backend.nextEnvelope(), connecting);
+    EXPECT_EQ(backend.nextEnvelope(), connected);
+    EXPECT_TRUE(backend.finishAndTakeRest().empty());
+}
+
+TEST(BackendService, MalformedLineLeavesTheStateUnchangedAndIsNotLogged) {
+    BackendProcess backend;
+    backend.connectAndListen();
+    const json bad_scope = {{"conversation", {{"id", "x"}}}};
+    backend.send(startListeningRequest(bad_scope));
+    EXPECT_NE(errorMessageOf(backend.nextEnvelope()), "");
+    backend.waitForStatusWrites(2);
+    const json status = backend.readJson("runtime/runtime-status.json");
+    EXPECT_EQ(status.at("connectionState"), "connected");
+    EXPECT_EQ(status.at("activeScopeDescription"), "Conversation Team Room [team-room]");
+    EXPECT_EQ(backend.standardError(), "");
+}
+
+TEST(BackendService, DisconnectClearsConnectionAndScopeAtOnce) {
+    BackendProcess backend;
+    backend.connectAndListen();
+    backend.send(disconnectRequest());
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{disconnected}));
+    const json status = backend.readJson("runtime/runtime-status.json");
+    EXPECT_EQ(status.at("connectionState"), "disconnected");
+    EXPECT_FALSE(status.contains("activeScopeDescription"));
+    EXPECT_FALSE(backend.readJson("runtime/worker-control.json").contains("activeScope"));
+}
+
+TEST(BackendService, DisconnectLeavesTheWorkerRunning) {
+    const WorkerScript worker("stay");
+    BackendProcess backend(optionsWithWorker(worker.path()));
+    const pid_t pid = worker.waitForPid();
+    backend.connectAndListen();
+    backend.send(disconnectRequest());
+    backend.waitForRuntimeStatus(
+        [](const json& status) { return status["connectionState"] == "disconnected"; });
+    backend.waitForStatusWrites(2);
+    EXPECT_TRUE(processIsRunning(pid));
+    EXPECT_EQ(backend.readJson("runtime/runtime-status.json").at("workerProcessRunning"), true);
+}
+
+TEST(BackendService, AfterDisconnectDeliveryNeedsConnectAndStartListeningAgain) {
+    BackendProcess backend;
+    backend.connectAndListen();
+    backend.send(disconnectRequest());
+    EXPECT_EQ(backend.nextEnvelope(), disconnected);
+    backend.writeInbound("m-1.json", inboundRecord("m-1", "later"));
+    backend.send(connectRequest());
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{connecting, connected}));
+    backend.waitForStatusWrites(2);
+    EXPECT_EQ(namesIn(backend.path("inbound")), std::vector<std::string>{"m-1.json"});
+    backend.send(startListeningRequest(conversationScope()));
+    EXPECT_EQ(backend.nextEnvelope().at("inboundEvent").at("_0").at("event").at("messageId"), "m-1");
+}
+
+TEST(BackendService, StartListeningReplacesTheScope) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(startListeningRequest(conversationScope()));
+    backend.send(startListeningRequest(channelScope("news", "News")));
+    EXPECT_TRUE(envelopesUpToHere(backend).empty());
+    EXPECT_EQ(backend.readJson("runtime/runtime-status.json").at("activeScopeDescription"),
+              "Channel News [news]");
+    EXPECT_EQ(backend.readJson("runtime/worker-control.json").at("activeScope"),
+              (json{{"kind", "channel"}, {"id", "news"}, {"title", "News"}}));
+}
+
+TEST(BackendService, StopListeningClearsTheScopeWithoutAReplyAndKeepsTheConnection) {
+    BackendProcess backend;
+    backend.connectAndListen();
+    backend.send(stopListeningRequest());
+    EXPECT_TRUE(envelopesUpToHere(backend).empty());
+    const json status = backend.readJson("runtime/runtime-status.json");
+    EXPECT_EQ(status.at("connectionState"), "connected");
+    EXPECT_FALSE(status.contains("activeScopeDescription"));
+    EXPECT_FALSE(backend.readJson("runtime/worker-control.json").contains("activeScope"));
+}
+
+TEST(BackendService, ConnectLeavesTheScopeAsItIs) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(startListeningRequest(threadScope("t-9", "Launch")));
+    backend.send(connectRequest());
+    envelopesUpToHere(backend);
+    EXPECT_EQ(backend.readJson("runtime/runtime-status.json").at("activeScopeDescription"),
+              "Thread Launch [t-9]");
+}
+
+TEST(BackendService, SelfTestYieldsItsOneEventEvenWhenNotConnected) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(startListeningRequest(testOnlyScope("X")));
+    json event = backend.nextEnvelope().at("inboundEvent").at("_0").at("event");
+    EXPECT_TRUE(isCanonicalUuid(event.at("messageId").get<std::string>())) << event;
+    EXPECT_TRUE(isTimestamp(event.at("timestampISO8601").get<std::string>())) << event;
+    event.erase("messageId");
+    event.erase("timestampISO8601");
+    EXPECT_EQ(event, (json{{"conversationId", "managed-whatsapp-backend-self-test"},
+                           {"conversationTitle", "X"},
+                           {"senderId", "managed-whatsapp-backend"},
+                           {"senderDisplayName", account_display_name},
+                           {"text", "/skiff help"},
+                           {"isDirectMessage", true},
+                           {"rawReference", "managed-whatsapp-backend-self-test"}}));
+    EXPECT_TRUE(backend.finishAndTakeRest().empty());
+}
+
+TEST(BackendService, EverySelfTestHasAMessageIdOfItsOwn) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(startListeningRequest(testOnlyScope("X")));
+    backend.send(startListeningRequest(testOnlyScope("X")));
+    const json first = backend.nextEnvelope();
+    const json second = backend.nextEnvelope();
+    EXPECT_NE(first.at("inboundEvent").at("_0").at("event").at("messageId"),
+              second.at("inboundEvent").at("_0").at("event").at("messageId"));
+}
+
+TEST(BackendService, SelfTestScopeIsPublished) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(startListeningRequest(testOnlyScope("X")));
+    envelopesUpToHere(backend);
+    EXPECT_EQ(backend.readJson("runtime/runtime-status.json").at("activeScopeDescription"), "Self-test X");
+}
+
+TEST(BackendService, SendMessageWritesOneRecordAndAnswersNothing) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(sendMessageRequest(message("On my way")));
+    EXPECT_TRUE(envelopesUpToHere(backend).empty());
+    EXPECT_EQ(namesIn(backend.path("outbound")).size(), 1U);
+}
+
+TEST(BackendService, SendMessageNeedsNoConnectionAndNoScope) {
+    BackendProcess backend;
+    backend.connectAndListen();
+    backend.send(disconnectRequest());
+    backend.send(sendMessageRequest(message("while disconnected")));
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{disconnected}));
+    EXPECT_EQ(namesIn(backend.path("outbound")).size(), 1U);
+}
+
+TEST(BackendService, SameTextSentTwiceMakesTwoRecordsWithIdsOfTheirOwn) {
+    BackendProcess backend;
+    backend.greet();
+    backend.send(sendMessageRequest(message("again")));
+    backend.send(sendMessageRequest(message("again")));
+    envelopesUpToHere(backend);
+    const std::vector<std::string> names = namesIn(backend.path("outbound"));
+    ASSERT_EQ(names.size(), 2U);
+    for (const std::string& name : names) {
+        const json record = backend.readJson(fs::path("outbound") / name);
+        EXPECT_TRUE(isCanonicalUuid(record.at("messageId").get<std::string>())) << record;
+        EXPECT_EQ(name, record.at("messageId").get<std::string>() + ".json");
+        EXPECT_EQ(record.at("text"), "again");
+    }
+}
+
+TEST(BackendService, MessageIdInARequestIsNeverUsed) {
+    BackendProcess backend;
+    backend.greet();
+    json request = message("hi");
+    request["messageId"] = "chosen-by-the-parent";
+    backend.send(sendMessageRequest(request));
+    envelopesUpToHere(backend);
+    const std::vector<std::string> names = namesIn(backend.path("outbound"));
+    ASSERT_EQ(names.size(), 1U);
+    EXPECT_TRUE(isCanonicalUuid(names.front().substr(0, names.front().find('.')))) << names.front();
+}
+
+TEST(BackendService, OutboundRecordsAreNeverReadOrRemoved) {
+    BackendProcess backend;
+    backend.connectAndListen();
+    writeFileAtomically(backend.path("outbound/foreign.json"), "{ not a record");
+    backend.send(sendMessageRequest(message("stays")));
+    envelopesUpToHere(backend);
+    backend.waitForStatusWrites(3);
+    EXPECT_EQ(namesIn(backend.path("outbound")).size(), 2U);
+    backend.finish();
+    EXPECT_EQ(namesIn(backend.path("outbound")).size(), 2U);
+    EXPECT_EQ(backend.standardError(), "");
+}
+
+TEST(BackendService, FailedOutboundWriteIsAnsweredByAnErrorNamingPathAndReason) {
+    BackendProcess backend;
+    backend.connectAndListen();
+    makeVanish(backend.path("outbound"));
+    backend.send(sendMessageRequest(message("lost")));
+    const std::string description = errorMessageOf(backend.nextEnvelope());
+    EXPECT_NE(description.find(backend.path("outbound").string()), std::string::npos) << description;
+    EXPECT_NE(description.find("No such file or directory"), std::string::npos) << description;
+    EXPECT_EQ(description.find('\n'), std::string::npos);
+}
+
+TEST(BackendService, VanishedOutboundDirectoryIsNotMadeAgain) {
+    BackendProcess backend;
+    backend.greet();
+    makeVanish(backend.path("outbound"));
+    backend.send(sendMessageRequest(message("lost")));
+    EXPECT_NE(errorMessageOf(backend.nextEnvelope()), "");
+    EXPECT_FALSE(fs::exists(backend.path("outbound")));
+    EXPECT_TRUE(backend.finishAndTakeRest().empty());
+    EXPECT_FALSE(fs::exists(backend.path("outbound")));
+}
+
+TEST(BackendService, FailedOutboundWriteLeavesConnectionAndScopeUnchanged) {
+    BackendProcess backend;
+    backend.connectAndListen();
+    makeVanish(backend.path("outbound"));
+    backend.send(sendMessageRequest(message("lost")));
+    EXPECT_NE(errorMessageOf(backend.nextEnvelope()), "");
+    backend.waitForStatusWrites(2);
+    const json status = backend.readJson("runtime/runtime-status.json");
+    EXPECT_EQ(status.at("connectionState"), "connected");
+    EXPECT_EQ(status.at("activeScopeDescription"), "Conversation Team Room [team-room]");
+}
+
+TEST(BackendService, SendingWorksAgainOnceTheOutboundDirectoryIsBack) {
+    BackendProcess backend;
+    backend.greet();
+    makeVanish(backend.path("outbound"));
+    backend.send(sendMessageRequest(message("lost")));
+    EXPECT_NE(errorMessageOf(backend.nextEnvelope()), "");
+    fs::create_directory(backend.path("outbound"));
+    backend.send(sendMessageRequest(message("arrives")));
+    EXPECT_TRUE(envelopesUpToHere(backend).empty());
+    EXPECT_EQ(namesIn(backend.path("outbound")).size(), 1U);
+}
+
+TEST(BackendService, EveryDiagnosticIsOneLineWithThePrefixOfTheBackend) {
+    BackendProcess backend;
+    backend.connectAndListen();
+    backend.writeInboundRaw("broken.json", "{");
+    backend.waitForEntries("rejected", 1);
+    makeVanish(backend.path("runtime"));
+    backend.waitForStandardError("failed to write worker control: ");
+    backend.finish();
+    const std::string all = backend.standardError();
+    ASSERT_FALSE(all.empty());
+    EXPECT_EQ(all.back(), '\n');
+    for (const std::string& line : backend.standardErrorLines()) {
+        EXPECT_TRUE(line.starts_with("[ManagedWhatsAppBackend] ")) << line;
+    }
+}
+
+TEST(BackendService, FileFailuresReachTheParentAsNoEnvelope) {
+    BackendProcess backend;
+    backend.connectAndListen();
+    backend.writeInboundRaw("broken.json", "{");
+    backend.waitForEntries("rejected", 1);
+    makeVanish(backend.path("runtime"));
+    backend.waitForStandardError("failed to write runtime status: ");
+    backend.waitForStandardError("failed to write worker control: ");
+    EXPECT_TRUE(backend.finishAndTakeRest().empty());
+}
+
+TEST(BackendService, EndOfInputKeepsConnectionAndScopeInTheLastStatus) {
+    BackendProcess backend;
+    backend.connectAndListen();
+    backend.finish();
+    EXPECT_EQ(backend.waitForExit(), exitedWith(0));
+    const json status = backend.readJson("runtime/runtime-status.json");
+    EXPECT_EQ(status.at("connectionState"), "connected");
+    EXPECT_EQ(status.at("activeScopeDescription"), "Conversation Team Room [team-room]");
+    EXPECT_EQ(status.at("workerState"), "not_configured");
+    EXPECT_EQ(status.at("workerDetail"), "No managed WhatsApp worker configured.");
+}
+
+TEST(BackendService, RequestsAreAnsweredWhileNothingIsKnownOfTheWorker) {
+    const WorkerScript worker("exit 3");
+    BackendProcess backend(optionsWithWorker(worker.path()));
+    backend.waitForStandardError("exited unexpectedly");
+    backend.greet();
+    backend.send(connectRequest());
+    backend.send(sendMessageRequest(message("no worker takes it")));
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{connecting, connected}));
+    EXPECT_EQ(namesIn(backend.path("outbound")).size(), 1U);
+}
+
+}  // namespace
+}  // namespace brindle::test

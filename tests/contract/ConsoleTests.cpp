@@ -1,0 +1,621 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "support/BackendProcess.h"
+#include "support/WorkerScript.h"
+
+namespace brindle::test {
+namespace {
+
+using namespace std::string_view_literals;
+namespace fs = std::filesystem;
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr const char* escape_character = "\033";
+
+std::string joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const auto& line : lines) text.append(line).append("\n");
+    return text;
+}
+
+/// Runs the console as a program that an integrating engineer or a build server starts.
+class ConsoleTest : public testing::Test {
+  protected:
+    /// Whatever the console does, it leaves nothing in the temporary directory.
+    void TearDown() override {
+        console_.reset();
+        EXPECT_THAT(namesIn(temporary_.path()), IsEmpty());
+    }
+
+    BackendOptions optionsFor(std::vector<std::string> arguments) const {
+        BackendOptions options;
+        options.executable = CONSOLE_EXECUTABLE;
+        options.arguments = std::move(arguments);
+        options.environment["TMPDIR"] = temporary_.path();
+        options.dataDirectory = data_;
+        options.environment["BRINDLE_MANAGED_BRIDGE_DATA_DIR"] = data_->path();
+        return options;
+    }
+
+    BackendProcess& start(std::vector<std::string> arguments = {}) {
+        return startWith(optionsFor(std::move(arguments)));
+    }
+
+    BackendProcess& startWith(BackendOptions options) {
+        console_ = std::make_unique<BackendProcess>(std::move(options));
+        return *console_;
+    }
+
+    std::string scriptWith(std::string_view content) const {
+        const auto file = files_.path() / "check.console";
+        writeFileAtomically(file, content);
+        return file.string();
+    }
+
+    BackendProcess& startScript(std::string_view content, std::vector<std::string> arguments = {}) {
+        arguments.insert(arguments.end(), {"--script", scriptWith(content)});
+        return start(std::move(arguments));
+    }
+
+    /// A file that nobody can execute.
+    std::string plainFile() const {
+        const auto file = files_.path() / "plain";
+        writeFileAtomically(file, "not a program");
+        fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
+        return file.string();
+    }
+
+    /// A program that stands in for the helper.
+    std::vector<std::string> helperThat(std::string_view body) const {
+        return {"--helper", writeScript(files_.path() / "helper", body).string()};
+    }
+
+    TemporaryDirectory temporary_;
+    TemporaryDirectory files_;
+    std::shared_ptr<TemporaryDirectory> data_ = std::make_shared<TemporaryDirectory>();
+    std::unique_ptr<BackendProcess> console_;
+};
+
+/// The next line that is not an envelope's time stamp: everything after "12:34:56.789 ".
+std::string withoutTime(const std::string& line) {
+    constexpr std::size_t time_length = std::string_view("12:34:56.789 ").size();
+    return line.size() > time_length ? line.substr(time_length) : line;
+}
+
+void waitForGreeting(BackendProcess& console) {
+    EXPECT_THAT(withoutTime(console.nextLine()), HasSubstr("<-- hello "));
+    EXPECT_THAT(withoutTime(console.nextLine()), HasSubstr("<-- stateChanged.disconnected "));
+}
+
+void waitUntilGone(pid_t process) {
+    waitUntil([&] { return !processIsRunning(process); }, "the end of process " + std::to_string(process));
+}
+
+TEST_F(ConsoleTest, ScriptThatIsMetEndsWithZero) {
+    auto& console = startScript(
+        "# greets\n"
+        "expect hello containing managed-whatsapp-backend-3\n"
+        "connect\n"
+        "expect stateChanged.connecting\n"
+        "expect stateChanged.connected\n"
+        "listen test 'Smoke / test'\n"
+        "expect inboundEvent containing 'Smoke / test' within 5\n");
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    EXPECT_EQ(console.standardError(), "");
+    const auto output = console.rawOutput();
+    EXPECT_THAT(output, HasSubstr("> connect\n"));
+    EXPECT_THAT(output, HasSubstr(R"(--> connect {"platform":"whatsapp"})"));
+    EXPECT_THAT(output, HasSubstr("<-- inboundEvent "));
+}
+
+TEST_F(ConsoleTest, ScriptThatIsNotMetNamesFileAndLine) {
+    auto& console = startScript("connect\n\nexpect error containing nonsense within 0.1\nquit\n");
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_EQ(console.standardError(), console.options().arguments.back() +
+                                           ":3: Expected error containing \"nonsense\", which did not come "
+                                           "within 0.1 s.\n");
+    EXPECT_THAT(console.rawOutput(), Not(HasSubstr("> quit")));
+}
+
+TEST_F(ConsoleTest, ExpectationsConsumeInOrder) {
+    auto& console = startScript(
+        "connect\n"
+        "expect stateChanged.connected\n"
+        "expect stateChanged.connecting within 0.1\n");
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_THAT(console.standardError(), HasSubstr(":3: Expected stateChanged.connecting"));
+}
+
+TEST_F(ConsoleTest, ScriptWithAMistakeStartsNothing) {
+    auto& console = startScript("connect\nconect\n");
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_EQ(console.standardError(), console.options().arguments.back() +
+                                           ":2: Unknown command \"conect\"; \"help\" lists the commands.\n");
+    EXPECT_EQ(console.rawOutput(), "");
+    EXPECT_THAT(namesIn(data_->path()), IsEmpty());
+}
+
+TEST_F(ConsoleTest, ScriptThatIsMissingIsOneSentence) {
+    auto& console = start({"--script", "/no/such/script"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_EQ(console.standardErrorLines().size(), 1U);
+    EXPECT_THAT(console.standardError(), HasSubstr("/no/such/script"));
+}
+
+TEST_F(ConsoleTest, CommandsComeFromAPipeToo) {
+    auto& console = start();
+    console.send("connect");
+    EXPECT_THAT(joined(console.finish()), HasSubstr("<-- stateChanged.connected "));
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    EXPECT_EQ(console.standardError(), "");
+}
+
+TEST_F(ConsoleTest, AFailureInAPipeNamesItsLine) {
+    auto& console = start();
+    console.send("connect");
+    console.send("send room");
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_THAT(console.standardError(), HasSubstr("standard input:2: Usage: send "));
+}
+
+TEST_F(ConsoleTest, EndOfInputAtOnceEndsWithZero) {
+    auto& console = start();
+    const auto lines = console.finish();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+}
+
+TEST_F(ConsoleTest, WithoutStandardInputEndsWithZero) {
+    auto options = optionsFor({});
+    options.closeStdin = true;
+    EXPECT_EQ(startWith(std::move(options)).waitForExit(), exitedWith(0));
+}
+
+TEST_F(ConsoleTest, QuitEndsTheHelper) {
+    auto& console = start();
+    waitForGreeting(console);
+    const auto helper = waitForOnlyChild(console.pid());
+    console.send("quit");
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    EXPECT_FALSE(processIsRunning(helper));
+}
+
+class ConsoleSignalTest : public ConsoleTest, public testing::WithParamInterface<int> {};
+
+TEST_P(ConsoleSignalTest, EndsTheHelperAndThenItself) {
+    auto& console = start();
+    waitForGreeting(console);
+    const auto helper = waitForOnlyChild(console.pid());
+    console.signal(GetParam());
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    EXPECT_FALSE(processIsRunning(helper));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, ConsoleSignalTest, testing::Values(SIGINT, SIGTERM, SIGHUP));
+
+TEST_F(ConsoleTest, HelperIsOutOfReachOfTheTerminalsSignals) {
+    auto& console = start();
+    waitForGreeting(console);
+    const auto helper = waitForOnlyChild(console.pid());
+    EXPECT_EQ(::getpgid(helper), helper);
+    EXPECT_NE(::getpgid(console.pid()), helper);
+    console.finish();
+}
+
+TEST_F(ConsoleTest, HelperGetsATokenAndItsPrivateFile) {
+    auto& console = start();
+    waitForGreeting(console);
+    const auto environment = environmentOf(waitForOnlyChild(console.pid()));
+    const fs::path file = environment.at("BRINDLE_HELPER_LAUNCH_TOKEN_FILE");
+    EXPECT_EQ(file.parent_path().parent_path(), temporary_.path());
+    EXPECT_EQ(readFile(file), environment.at("BRINDLE_HELPER_LAUNCH_TOKEN"));
+    EXPECT_GE(readFile(file).size(), 32U);
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    console.finish();
+}
+
+TEST_F(ConsoleTest, HelperThatIsMissingIsOneSentence) {
+    auto& console = start({"--helper", "/no/such/helper"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_EQ(console.standardError(),
+              "Cannot start the helper /no/such/helper: No such file or directory.\n");
+}
+
+TEST_F(ConsoleTest, HelperThatRefusesIsOneSentence) {
+    auto& console = start(helperThat("exit 64"));
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_EQ(console.standardErrorLines().size(), 1U);
+    EXPECT_THAT(console.standardError(),
+                HasSubstr("The helper ended with exit status 64: it refused the launch"));
+}
+
+TEST_F(ConsoleTest, HelperThatEndsFirstIsReportedWithItsStatus) {
+    auto& console =
+        start(helperThat("echo '{\"hello\":{\"_0\":{\"platform\":\"p\",\"bridgeVersion\":\"v\"}}}'\n"
+                         "read line\nexit 7"));
+    EXPECT_THAT(console.nextLine(), HasSubstr("<-- hello "));
+    console.send("connect");
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_EQ(console.standardError(), "The helper ended with exit status 7.\n");
+}
+
+TEST_F(ConsoleTest, HelperThatIsKilledIsReportedWithItsSignal) {
+    auto& console = start();
+    waitForGreeting(console);
+    ASSERT_EQ(::kill(waitForOnlyChild(console.pid()), SIGKILL), 0);
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_EQ(console.standardError(), "The helper was ended by signal 9 (Killed).\n");
+}
+
+TEST_F(ConsoleTest, HelperThatEndsDuringAnExpectationIsReportedWithFileAndLine) {
+    const auto helper = helperThat(
+        "echo '{\"hello\":{\"_0\":{\"platform\":\"p\",\"bridgeVersion\":\"v\"}}}'\n"
+        "read line\nexit 3");
+    auto& console = startScript("connect\nexpect stateChanged.connected\n", helper);
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_THAT(console.standardError(),
+                HasSubstr("check.console:2: The helper ended with exit status 3 while"));
+}
+
+TEST_F(ConsoleTest, HelperThatDoesNotEndByItselfIsKilledWithAllItStarted) {
+    auto& console =
+        start(helperThat("trap '' TERM\n"
+                         "echo '{\"hello\":{\"_0\":{\"platform\":\"p\",\"bridgeVersion\":\"v\"}}}'\n"
+                         "sleep 1000 &\n"
+                         "echo $! >&2\n"
+                         "while :; do wait; done"));
+    console.nextLine();
+    const auto said =
+        console.waitForStandardErrorWhere([](const std::string& all) { return all.ends_with("\n"); });
+    const auto started = static_cast<pid_t>(std::stol(said.substr(said.find("| ") + 2)));
+    const auto helper = childrenOf(console.pid());
+    ASSERT_EQ(helper.size(), 1U);
+    console.send("quit");
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_THAT(console.standardError(),
+                HasSubstr("The helper does not end by itself and is being killed.\n"));
+    EXPECT_FALSE(processIsRunning(helper.front()));
+    waitUntilGone(started);
+}
+
+TEST_F(ConsoleTest, LosingItsReaderEndsTheHelper) {
+    auto& console = start();
+    waitForGreeting(console);
+    const auto helper = waitForOnlyChild(console.pid());
+    console.closeOutputReader();
+    console.send("connect");
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_FALSE(processIsRunning(helper));
+}
+
+TEST_F(ConsoleTest, HelperEndsWhenTheConsoleIsKilled) {
+    auto& console = start();
+    waitForGreeting(console);
+    const auto helper = waitForOnlyChild(console.pid());
+    const fs::path tokenFile = environmentOf(helper).at("BRINDLE_HELPER_LAUNCH_TOKEN_FILE");
+    console.signal(SIGKILL);
+    console.waitForExit();
+    waitUntilGone(helper);
+    // A killed console cannot clear up after itself.
+    fs::remove_all(tokenFile.parent_path());
+}
+
+TEST_F(ConsoleTest, JsonShowsBareLinesAndNothingElse) {
+    auto& console =
+        startScript("expect stateChanged.disconnected\nconnect\nexpect stateChanged.connected\n", {"--json"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    std::vector<std::string> cases;
+    for (const auto& line : console.receivedLines()) cases.push_back(json::parse(line).begin().key());
+    EXPECT_THAT(cases, ElementsAre("hello", "stateChanged", "connect", "stateChanged", "stateChanged"));
+    EXPECT_EQ(console.receivedLines()[2], R"({"connect":{"_0":{"platform":"whatsapp"}}})");
+}
+
+TEST_F(ConsoleTest, HasNoColorsInAPipe) {
+    auto& console = startScript("connect\nexpect stateChanged.connected\nexpect error within 0.05\n",
+                                {"--worker", plainFile()});
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_THAT(console.rawOutput(), Not(HasSubstr(escape_character)));
+    EXPECT_THAT(console.standardError(), Not(HasSubstr(escape_character)));
+}
+
+TEST_F(ConsoleTest, HasColorsWhenTheyAreAskedFor) {
+    auto& console = startScript("connect\nexpect stateChanged.connected\n", {"--color", "always"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    EXPECT_THAT(console.rawOutput(), HasSubstr(escape_character));
+}
+
+TEST_F(ConsoleTest, ShowsTheHelpersStandardErrorSeparately) {
+    const auto worker = plainFile();
+    auto& console = start({"--worker", worker});
+    console.waitForStandardError(
+        "helper| [ManagedWhatsAppBackend] Configured worker executable is not executable: " + worker + "\n");
+    console.finish();
+    EXPECT_THAT(console.rawOutput(), Not(HasSubstr("[ManagedWhatsAppBackend]")));
+}
+
+TEST_F(ConsoleTest, MarksLinesThatAreNoEnvelopes) {
+    auto& console =
+        start(helperThat("echo '{\"hello\":{\"_0\":{\"platform\":\"p\",\"bridgeVersion\":\"v\"}}}'\n"
+                         "printf 'half\\033 a line'\nread line\nexit 0"));
+    const auto output = joined(console.finish());
+    EXPECT_THAT(output, HasSubstr("<-- (not an envelope) half? a line\n"));
+}
+
+TEST_F(ConsoleTest, RawSendsWhatStandsThere) {
+    auto& console = startScript(
+        "raw {\"connect\":{\"_0\":{\"platform\":\"whatsapp\"}},\"note\":1}\n"
+        "expect stateChanged.connected\n"
+        "raw not json\n"
+        "expect error\n");
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    EXPECT_THAT(console.rawOutput(), HasSubstr("--> (not an envelope) not json\n"));
+}
+
+TEST_F(ConsoleTest, ASilentHelperFailsAScript) {
+    auto& console = startScript("connect\n", helperThat("read line\n"));
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_THAT(console.standardError(),
+                HasSubstr("Expected the helper's hello, which did not come within 10 s."));
+}
+
+TEST_F(ConsoleTest, SendCarriesReplyAndAttachments) {
+    const auto image = files_.path() / "picture.bin";
+    writeFileAtomically(image, "\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\0\x01\0\0\0\x01\x08\x06\0\0\0"sv);
+    const auto note = files_.path() / "note.txt";
+    writeFileAtomically(note, "hello");
+    auto& console = startScript("send team-room \"On my way\\nhome\" --reply m-17 --attach " +
+                                image.string() + " --attach " + note.string() + "\n");
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    const auto names = console.waitForEntries("outbound", 1);
+    const auto record = console.readJson(fs::path("outbound") / names.front());
+    EXPECT_EQ(record.at("conversationId"), "team-room");
+    EXPECT_EQ(record.at("text"), "On my way\nhome");
+    EXPECT_EQ(record.at("replyToMessageId"), "m-17");
+    const auto& attachments = record.at("attachments");
+    ASSERT_EQ(attachments.size(), 2U);
+    EXPECT_EQ(attachments[0].at("kind"), "image");
+    EXPECT_EQ(attachments[0].at("mimeType"), "image/png");
+    EXPECT_EQ(attachments[1], (json{{"dataBase64", "aGVsbG8="},
+                                    {"fileName", "note.txt"},
+                                    {"kind", "document"},
+                                    {"mimeType", "text/plain"}}));
+}
+
+TEST_F(ConsoleTest, SendPassesAnAttachmentLargerThanAnyPipe) {
+    const auto file = files_.path() / "large";
+    constexpr std::size_t content_bytes = std::size_t{12} << 20U;
+    writeFileAtomically(file, std::string(content_bytes, 'x'));
+    auto& console = startScript("send team-room big --attach " + file.string() + "\n");
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    const auto names = console.waitForEntries("outbound", 1);
+    const auto record = console.readJson(fs::path("outbound") / names.front());
+    EXPECT_EQ(record.at("attachments")[0].at("dataBase64").get<std::string>().size(), content_bytes / 3 * 4);
+}
+
+TEST_F(ConsoleTest, SendOfAMissingFileFailsWithoutSending) {
+    auto& console = startScript("send team-room hi --attach /no/such/file\n");
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_THAT(console.standardError(), HasSubstr("check.console:1: Cannot read "));
+    EXPECT_THAT(namesIn(console.path("outbound")), IsEmpty());
+}
+
+TEST_F(ConsoleTest, StatusShowsTheRuntimeStatus) {
+    auto& console = startScript(
+        "listen conversation team-room 'Team Room'\n"
+        "wait-status activeScopeDescription 'Conversation Team Room [team-room]'\n"
+        "wait-status workerProcessRunning false\n"
+        "status\n");
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    EXPECT_THAT(console.rawOutput(), testing::ContainsRegex("workerState +not_configured\n"));
+    EXPECT_THAT(console.rawOutput(), testing::ContainsRegex("workerDisplayName +-\n"));
+}
+
+TEST_F(ConsoleTest, WaitStatusThatIsNotMetTellsTheValue) {
+    auto& console = startScript("wait-status workerState linked within 0.1\n");
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_THAT(
+        console.standardError(),
+        HasSubstr("check.console:1: Expected workerState \"linked\", which did not come within 0.1 s; it is "
+                  "\"not_configured\".\n"));
+}
+
+TEST_F(ConsoleTest, TheDataDirectoryOptionCountsForHelperAndStatus) {
+    const TemporaryDirectory other;
+    auto& console = startScript("status\n", {"--data-dir", other.path().string()});
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    EXPECT_THAT(console.rawOutput(), HasSubstr(other.path().string()));
+    EXPECT_TRUE(fs::exists(other.path() / "runtime/runtime-status.json"));
+    EXPECT_THAT(namesIn(data_->path()), IsEmpty());
+}
+
+TEST_F(ConsoleTest, ThePlatformOptionCountsForHelperAndRequests) {
+    auto& console = startScript("expect hello containing semaphore\nconnect\nexpect stateChanged.connected\n",
+                                {"--platform", "semaphore"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+}
+
+TEST_F(ConsoleTest, TheDemonstrationRuns) {
+    auto& console = start(
+        {"--native-worker", NATIVE_WORKER_EXECUTABLE, "--script", SOURCE_DIRECTORY "/examples/demo.console"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(0)) << console.rawOutput() << console.standardError();
+    EXPECT_THAT(console.rawOutput(), HasSubstr("Echo: On my way"));
+}
+
+/// The console at a terminal, as a person sees it.
+class TerminalTest : public testing::Test {
+  protected:
+    struct Session {
+        pid_t process = -1;
+        int terminal = -1;
+        std::string screen;
+
+        ~Session() {
+            if (process > 0) {
+                ::kill(process, SIGKILL);
+                ::waitpid(process, nullptr, 0);
+            }
+            if (terminal >= 0) ::close(terminal);
+        }
+    };
+
+    void SetUp() override { startSession(); }
+
+    void startSession() {
+        winsize size{.ws_row = 24, .ws_col = 80, .ws_xpixel = 0, .ws_ypixel = 0};
+        session_ = std::make_unique<Session>();
+        const auto state = "XDG_STATE_HOME=" + state_.path().string();
+        const auto data = "BRINDLE_MANAGED_BRIDGE_DATA_DIR=" + data_.path().string();
+        session_->process = ::forkpty(&session_->terminal, nullptr, nullptr, &size);
+        ASSERT_GE(session_->process, 0);
+        if (session_->process > 0) return;
+        const std::array<const char*, 6> environment{state.c_str(),    data.c_str(),         "TERM=xterm",
+                                                     "LC_ALL=C.UTF-8", "PATH=/usr/bin:/bin", nullptr};
+        const std::array<const char*, 3> arguments{CONSOLE_EXECUTABLE, "--no-worker", nullptr};
+        ::execve(CONSOLE_EXECUTABLE, const_cast<char* const*>(arguments.data()),
+                 const_cast<char* const*>(environment.data()));
+        ::_exit(127);
+    }
+
+    void type(std::string_view keys) const {
+        ASSERT_EQ(::write(session_->terminal, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    }
+
+    /// Waits until `text` has come to the screen after what was waited for before; returns what came with it.
+    std::string waitForScreen(std::string_view text) {
+        auto& screen = session_->screen;
+        waitUntil([&] { return screen.find(text) != std::string::npos || !readScreen(); },
+                  "\"" + std::string(text) + "\" on the screen");
+        const auto found = screen.find(text);
+        if (found == std::string::npos)
+            throw TestFailure("The terminal closed before \"" + std::string(text) + "\".");
+        const auto seen = screen.substr(0, found + text.size());
+        screen.erase(0, seen.size());
+        return seen;
+    }
+
+    /// The helper's log goes to the same terminal, without anything having been typed.
+    void makeTheHelperSpeak() const { fs::rename(data_.path() / "runtime", data_.path() / "gone"); }
+
+    /// False when the console has given its terminal up.
+    bool readScreen() const {
+        pollfd set{.fd = session_->terminal, .events = POLLIN, .revents = 0};
+        if (::poll(&set, 1, 10) <= 0) return true;
+        std::array<char, 4096> bytes{};
+        const auto count = ::read(session_->terminal, bytes.data(), bytes.size());
+        if (count <= 0) return false;
+        session_->screen.append(bytes.data(), static_cast<std::size_t>(count));
+        return true;
+    }
+
+    ExitStatus waitForEnd() {
+        while (readScreen() && ::waitpid(session_->process, &status_, WNOHANG) == 0) {
+        }
+        if (!WIFEXITED(status_) && !WIFSIGNALED(status_)) ::waitpid(session_->process, &status_, 0);
+        session_->process = -1;
+        return WIFSIGNALED(status_) ? killedBy(WTERMSIG(status_)) : exitedWith(WEXITSTATUS(status_));
+    }
+
+    TemporaryDirectory state_;
+    TemporaryDirectory data_;
+    std::unique_ptr<Session> session_;
+    int status_ = -1;
+};
+
+TEST_F(TerminalTest, ShowsColorsAndAPrompt) {
+    waitForScreen("brindle> ");
+    waitForScreen("\033[32m<--");
+}
+
+TEST_F(TerminalTest, GoesOnAfterAMistake) {
+    waitForScreen("brindle> ");
+    type("bogus\r");
+    waitForScreen("Unknown command \"bogus\"");
+    type("connect\r");
+    waitForScreen("stateChanged.connected");
+}
+
+TEST_F(TerminalTest, OutputLeavesTheLineThatIsBeingEditedAlone) {
+    waitForScreen("stateChanged.disconnected");
+    waitForScreen("brindle> ");
+    type("conn");
+    waitForScreen("conn");
+    makeTheHelperSpeak();
+    waitForScreen("failed to write runtime status");
+    waitForScreen("brindle> conn");
+    type("ect\r");
+    waitForScreen("stateChanged.connected");
+}
+
+TEST_F(TerminalTest, OutputTakesALineOfSeveralRowsOffTheScreenFirst) {
+    waitForScreen("stateChanged.disconnected");
+    waitForScreen("brindle> ");
+    type(std::string(100, 'x') + "é");
+    waitForScreen("é");
+    makeTheHelperSpeak();
+    waitForScreen("\033[1A\r\033[J");
+    waitForScreen("failed to write runtime status");
+    waitForScreen("brindle> xxx");
+}
+
+TEST_F(TerminalTest, RemembersLinesAcrossSessions) {
+    waitForScreen("brindle> ");
+    type("listen test Remembered\r");
+    waitForScreen("inboundEvent");
+    type("\x04");
+    EXPECT_EQ(waitForEnd(), exitedWith(0));
+    EXPECT_EQ(fs::status(state_.path() / "brindle/console-history").permissions(),
+              fs::perms::owner_read | fs::perms::owner_write);
+    startSession();
+    waitForScreen("brindle> ");
+    type("\033[A");
+    waitForScreen("listen test Remembered");
+    type("\r");
+    waitForScreen("inboundEvent");
+}
+
+TEST_F(TerminalTest, EndOfFileEndsTheSessionOnAnEmptyLineOnly) {
+    waitForScreen("stateChanged.disconnected");
+    waitForScreen("brindle> ");
+    type("xconnect\x01\x04\r");
+    waitForScreen("stateChanged.connected");
+    type("\x04");
+    EXPECT_EQ(waitForEnd(), exitedWith(0));
+}
+
+TEST_F(TerminalTest, InterruptKeyEndsTheSession) {
+    waitForScreen("stateChanged.disconnected");
+    const auto helper = waitForOnlyChild(session_->process);
+    type("half a command\x03");
+    EXPECT_EQ(waitForEnd(), exitedWith(0));
+    EXPECT_FALSE(processIsRunning(helper));
+}
+
+TEST_F(TerminalTest, EscapeKeyAloneDoesNotStopTheSession) {
+    waitForScreen("stateChanged.disconnected");
+    type("\033");
+    // Nothing else is typed, and still the helper's end is noticed.
+    ASSERT_EQ(::kill(waitForOnlyChild(session_->process), SIGKILL), 0);
+    waitForScreen("was ended by signal 9");
+    EXPECT_EQ(waitForEnd(), exitedWith(1));
+}
+
+}  // namespace
+}  // namespace brindle::test

@@ -1,0 +1,297 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "support/BackendProcess.h"
+#include "support/WorkerScript.h"
+
+namespace brindle::test {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+const std::string status_failure_prefix = "[ManagedWhatsAppBackend] failed to write runtime status: ";
+const std::string control_failure_prefix = "[ManagedWhatsAppBackend] failed to write worker control: ";
+const std::string no_space = "No space left on device";
+
+/// Set for the run of a test inside a namespace in which it may mount.
+constexpr const char* inside_namespace_marker = "BRINDLE_TEST_MAY_MOUNT";
+
+/// A small file system in memory, mounted for the life of the object.
+class SmallFileSystem {
+  public:
+    SmallFileSystem(const fs::path& directory, const std::string& limits) : directory_(directory) {
+        if (mount("tmpfs", directory.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
+                  ("mode=0700," + limits).c_str()) != 0) {
+            error_ = errno;
+        }
+    }
+    ~SmallFileSystem() {
+        if (isMounted()) umount2(directory_.c_str(), MNT_DETACH);
+    }
+    SmallFileSystem(const SmallFileSystem&) = delete;
+    SmallFileSystem& operator=(const SmallFileSystem&) = delete;
+
+    bool isMounted() const { return error_ == 0; }
+    std::string whyNot() const { return std::generic_category().message(error_); }
+
+  private:
+    fs::path directory_;
+    int error_ = 0;
+};
+
+/// Runs the running test once more in a namespace of its own, where an ordinary user may mount too.
+bool succeedsInNamespaceOfItsOwn() {
+    const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
+    const std::string filter = std::string("--gtest_filter=") + info->test_suite_name() + "." + info->name();
+    const std::string self = fs::read_symlink("/proc/self/exe");
+    const pid_t child = fork();
+    if (child == 0) {
+        setenv(inside_namespace_marker, "1", 1);
+        execl("/usr/bin/unshare", "unshare", "--map-root-user", "--mount", self.c_str(), filter.c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+/// A backend whose data directory lies on a small file system that the test can fill.
+class DiskFull : public testing::Test {
+  protected:
+    /// False when the test has run elsewhere already and has nothing left to do here.
+    bool prepare(const std::string& limits = "size=128k") {
+        disk_ = std::make_unique<SmallFileSystem>(options_.dataDirectory->path(), limits);
+        if (disk_->isMounted()) return true;
+        if (getenv(inside_namespace_marker) == nullptr && succeedsInNamespaceOfItsOwn()) return false;
+        ADD_FAILURE()
+            << "this test mounts a small file system, as root or with unshare -rm; neither works here ("
+            << disk_->whyNot() << ") or the test failed there";
+        return false;
+    }
+    BackendProcess& start() { return backend_.emplace(options_); }
+    BackendProcess& backend() { return *backend_; }
+
+    fs::path filler() const { return options_.dataDirectory->path() / "filler"; }
+
+    /// Takes every free block. A record that is being replaced meanwhile may still give its old block back.
+    void takeFreeSpace() const {
+        const int descriptor = open(filler().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        ASSERT_GE(descriptor, 0);
+        const std::array<char, 4096> block{};
+        while (write(descriptor, block.data(), block.size()) > 0) {
+        }
+        close(descriptor);
+    }
+    /// Fills the disk; when this returns both records have failed once, and every later write fails too.
+    void fill() {
+        const std::size_t failed_status_writes = linesWith(status_failure_prefix).size();
+        const std::size_t failed_control_writes = linesWith(control_failure_prefix).size();
+        waitUntil(
+            [&] {
+                takeFreeSpace();
+                return linesWith(status_failure_prefix).size() > failed_status_writes &&
+                       linesWith(control_failure_prefix).size() > failed_control_writes;
+            },
+            "a failed write of both records");
+    }
+    void makeRoom() const { fs::remove(filler()); }
+
+    std::vector<std::string> linesWith(const std::string& prefix) {
+        std::vector<std::string> lines = backend().standardErrorLines();
+        std::erase_if(lines, [&](const std::string& line) { return !line.starts_with(prefix); });
+        return lines;
+    }
+    void expectFailureLine(const std::string& prefix, const std::string& file) {
+        const std::vector<std::string> lines = linesWith(prefix);
+        ASSERT_FALSE(lines.empty()) << backend().standardError();
+        EXPECT_NE(lines.front().find(backend().path(file).string()), std::string::npos) << lines.front();
+        EXPECT_NE(lines.front().find(no_space), std::string::npos) << lines.front();
+    }
+    /// Sends a message of the given text; the description of the `error` that answers, empty when none does.
+    std::string errorOfSending(const std::string& text) {
+        backend().send(sendMessageRequest({{"conversationId", "team-room"}, {"text", text}}));
+        backend().send(disconnectRequest());  // Always answered by one envelope.
+        const json first = backend().nextEnvelope();
+        if (first.contains("stateChanged")) return {};
+        EXPECT_TRUE(backend().nextEnvelope().contains("stateChanged"));
+        return first.at("error").at("_0").at("message");
+    }
+
+  private:
+    BackendOptions options_;
+    std::unique_ptr<SmallFileSystem> disk_;
+    std::optional<BackendProcess> backend_;
+};
+
+TEST_F(DiskFull, StatusAndControlFailuresAreLoggedWithPathAndReason) {
+    if (!prepare()) return;
+    start().greet();
+    fill();
+    expectFailureLine(status_failure_prefix, "runtime/runtime-status.json");
+    expectFailureLine(control_failure_prefix, "runtime/worker-control.json");
+    EXPECT_TRUE(backend().finishAndTakeRest().empty());
+    EXPECT_EQ(backend().waitForExit(), exitedWith(0));
+}
+
+TEST_F(DiskFull, LastStatusAndControlStayWhole) {
+    if (!prepare()) return;
+    start().connectAndListen();
+    backend().waitForStatusWrites(1);
+    fill();
+    backend().send(disconnectRequest());
+    EXPECT_TRUE(backend().nextEnvelope().contains("stateChanged"));
+    EXPECT_EQ(backend().readJson("runtime/runtime-status.json").at("connectionState"), "connected");
+    EXPECT_EQ(backend().readJson("runtime/worker-control.json").at("activeScope").at("id"), "team-room");
+}
+
+TEST_F(DiskFull, FailedWritesLeaveNothingBehind) {
+    if (!prepare()) return;
+    start().greet();
+    fill();
+    EXPECT_NE(errorOfSending("lost"), "");
+    backend().finish();
+    EXPECT_TRUE(namesIn(backend().path("outbound")).empty());
+    EXPECT_EQ(namesIn(backend().path("runtime")),
+              (std::vector<std::string>{"runtime-status.json", "worker-control.json",
+                                        "worker-processed-outbound", "worker-rejected-outbound"}));
+}
+
+TEST_F(DiskFull, StatusAndControlAreWrittenAgainWhenSpaceReturns) {
+    if (!prepare()) return;
+    start().greet();
+    fill();
+    backend().send(startListeningRequest(conversationScope()));
+    makeRoom();
+    backend().waitForRuntimeStatus(
+        [](const json& status) { return status.contains("activeScopeDescription"); });
+    backend().waitForControl([](const json& control) { return control.contains("activeScope"); });
+}
+
+TEST_F(DiskFull, SendMessageIsAnsweredByAnErrorNamingPathAndReason) {
+    if (!prepare()) return;
+    start().greet();
+    fill();
+    const std::string description = errorOfSending("lost");
+    EXPECT_NE(description.find(backend().path("outbound").string()), std::string::npos) << description;
+    EXPECT_NE(description.find(no_space), std::string::npos) << description;
+    EXPECT_EQ(description.find('\n'), std::string::npos);
+}
+
+TEST_F(DiskFull, SendMessageWorksAgainWhenSpaceReturns) {
+    if (!prepare()) return;
+    start().greet();
+    fill();
+    EXPECT_NE(errorOfSending("lost"), "");
+    makeRoom();
+    EXPECT_EQ(errorOfSending("arrives"), "");
+    const std::vector<std::string> names = namesIn(backend().path("outbound"));
+    ASSERT_EQ(names.size(), 1U);
+    EXPECT_EQ(backend().readJson(fs::path("outbound") / names.front()).at("text"), "arrives");
+}
+
+TEST_F(DiskFull, MessageThatDoesNotFitLeavesNoPartOfItself) {
+    if (!prepare()) return;
+    start().greet();
+    EXPECT_NE(errorOfSending(std::string(200 * 1024, 'x')).find(no_space), std::string::npos);
+    EXPECT_TRUE(namesIn(backend().path("outbound")).empty());
+    EXPECT_EQ(errorOfSending("small"), "");
+    EXPECT_EQ(namesIn(backend().path("outbound")).size(), 1U);
+}
+
+TEST_F(DiskFull, EarlierMessagesStay) {
+    if (!prepare()) return;
+    start().greet();
+    EXPECT_EQ(errorOfSending("first"), "");
+    fill();
+    EXPECT_NE(errorOfSending("second"), "");
+    const std::vector<std::string> names = namesIn(backend().path("outbound"));
+    ASSERT_EQ(names.size(), 1U);
+    EXPECT_EQ(backend().readJson(fs::path("outbound") / names.front()).at("text"), "first");
+}
+
+TEST_F(DiskFull, RequestsAreAnsweredAllTheSame) {
+    if (!prepare()) return;
+    start().greet();
+    fill();
+    backend().send(connectRequest());
+    EXPECT_TRUE(backend().nextEnvelope().at("stateChanged").at("_0").at("state").contains("connecting"));
+    EXPECT_TRUE(backend().nextEnvelope().at("stateChanged").at("_0").at("state").contains("connected"));
+    backend().send(startListeningRequest(testOnlyScope("X")));
+    EXPECT_TRUE(backend().nextEnvelope().contains("inboundEvent"));
+    EXPECT_TRUE(backend().finishAndTakeRest().empty());
+}
+
+TEST_F(DiskFull, WaitingInboundRecordsAreDeliveredOnceAndMoved) {
+    if (!prepare()) return;
+    start().greet();
+    backend().writeInbound("a.json", inboundRecord("a", "first"));
+    backend().writeInbound("c.json", inboundRecord("c", "second"));
+    backend().writeInboundRaw("b.json", "{");
+    fill();
+    backend().send(connectRequest());
+    backend().send(startListeningRequest(conversationScope()));
+    EXPECT_TRUE(backend().nextEnvelope().contains("stateChanged"));
+    EXPECT_TRUE(backend().nextEnvelope().contains("stateChanged"));
+    EXPECT_EQ(backend().nextEnvelope().at("inboundEvent").at("_0").at("event"), inboundRecord("a", "first"));
+    EXPECT_EQ(backend().nextEnvelope().at("inboundEvent").at("_0").at("event"), inboundRecord("c", "second"));
+    EXPECT_EQ(backend().waitForEntries("processed", 2), (std::vector<std::string>{"a.json", "c.json"}));
+    EXPECT_EQ(backend().waitForEntries("rejected", 1), std::vector<std::string>{"b.json"});
+    EXPECT_TRUE(backend().finishAndTakeRest().empty());
+    EXPECT_EQ(linesWith("[ManagedWhatsAppBackend] rejected inbound event at ").size(), 1U);
+}
+
+TEST_F(DiskFull, EndOfInputEndsTheProcessNormally) {
+    if (!prepare()) return;
+    start().greet();
+    fill();
+    backend().closeInput();
+    EXPECT_EQ(backend().waitForExit(), exitedWith(0));
+}
+
+TEST_F(DiskFull, StartWithoutRoomForTheDirectoriesIsFatal) {
+    // The root directory of the file system and two more.
+    if (!prepare("size=128k,nr_inodes=3")) return;
+    start();
+    EXPECT_EQ(backend().waitForExit(), exitedWith(70));
+    EXPECT_EQ(backend().rawOutput(), "");
+    const std::vector<std::string> lines = backend().standardErrorLines();
+    ASSERT_EQ(lines.size(), 1U) << backend().standardError();
+    EXPECT_TRUE(lines.front().starts_with("[ManagedWhatsAppBackend] fatal: ")) << lines.front();
+    EXPECT_NE(lines.front().find(backend().path("processed").string()), std::string::npos) << lines.front();
+    EXPECT_NE(lines.front().find(no_space), std::string::npos) << lines.front();
+    EXPECT_EQ(namesIn(backend().path()), (std::vector<std::string>{"inbound", "outbound"}));
+}
+
+TEST_F(DiskFull, StartWithRoomForDirectoriesOnlyIsLoggedAndGoesOn) {
+    // The root directory, the seven below it, and none for a record.
+    if (!prepare("size=128k,nr_inodes=8")) return;
+    start().greet();
+    backend().waitForStandardError(status_failure_prefix);
+    backend().waitForStandardError(control_failure_prefix);
+    backend().send(connectRequest());
+    EXPECT_TRUE(backend().nextEnvelope().contains("stateChanged"));
+    EXPECT_TRUE(backend().nextEnvelope().contains("stateChanged"));
+    EXPECT_TRUE(backend().finishAndTakeRest().empty());
+    EXPECT_EQ(backend().waitForExit(), exitedWith(0));
+    EXPECT_EQ(namesIn(backend().path("runtime")),
+              (std::vector<std::string>{"worker-processed-outbound", "worker-rejected-outbound"}));
+}
+
+}  // namespace
+}  // namespace brindle::test

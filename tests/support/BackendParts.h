@@ -1,0 +1,84 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "backend/BackendContext.h"
+#include "exchange/EnvironmentKeys.h"
+#include "support/BackendProcess.h"
+#include "support/CapturedStreams.h"
+#include "support/FaultInjectingFileManager.h"
+#include "support/TestClock.h"
+
+namespace brindle::test {
+
+/// The lines of a text, without line feeds.
+inline std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+}
+
+/// The message events among the envelopes of an output.
+inline std::vector<nlohmann::json> inboundEventsIn(const std::string& output) {
+    std::vector<nlohmann::json> events;
+    for (const auto& line : linesOf(output)) {
+        const auto envelope = nlohmann::json::parse(line);
+        if (envelope.contains("inboundEvent")) events.push_back(envelope["inboundEvent"]["_0"]["event"]);
+    }
+    return events;
+}
+
+/// What the parts of the backend work with: a real data directory, a file manager that can be told to fail, a
+/// clock that stands still, and standard streams that are kept. Assertions belong after streams.take().
+struct BackendParts {
+    explicit BackendParts(brindle::Environment settings = {}) : environment(std::move(settings)) {
+        directory.createForBackend(files);
+    }
+
+    /// Leaves a record in "inbound" as a worker does.
+    void putInbound(const std::string& name, const std::string& content) const {
+        test::writeFileAtomically(directory.inbound + "/" + name, content);
+    }
+    nlohmann::json runtimeStatus() const { return readJsonFile(directory.runtimeStatusFile); }
+    nlohmann::json workerControl() const { return readJsonFile(directory.workerControlFile); }
+
+    TemporaryDirectory home;
+    std::string platform = "whatsapp";
+    brindle::Environment environment;
+    FaultInjectingFileManager files;
+    TestClock clock;
+    BackendState state;
+    DataDirectory directory{
+        {{std::string(environment_key::dataDirectory), (home.path() / "data").string()}}, files, platform};
+    CapturedStreams streams;
+    DepartureWatch departureWatch;
+    ManagedWhatsAppBackendEmitter emitter{departureWatch};
+    BackendContext context{.platform = platform,
+                           .environment = environment,
+                           .directory = directory,
+                           .fileManager = files,
+                           .clock = clock,
+                           .state = state,
+                           .emitter = emitter};
+};
+
+/// An inbound record as a worker writes it.
+inline nlohmann::json inboundRecord(const std::string& messageId, const std::string& conversationId = "room",
+                                    const std::string& conversationTitle = "Room") {
+    return {{"messageId", messageId},
+            {"conversationId", conversationId},
+            {"conversationTitle", conversationTitle},
+            {"senderId", "s-1"},
+            {"senderDisplayName", "Sam"},
+            {"text", "Hello"},
+            {"timestampISO8601", "2026-01-05T09:00:00Z"},
+            {"isDirectMessage", false},
+            {"rawReference", "raw-" + messageId}};
+}
+
+}  // namespace brindle::test

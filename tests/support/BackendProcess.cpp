@@ -1,0 +1,938 @@
+#include "support/BackendProcess.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <utility>
+
+namespace brindle::test {
+
+namespace {
+
+using nlohmann::literals::operator""_json_pointer;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr milliseconds poll_interval{2};
+constexpr std::size_t read_chunk_bytes = 64 * 1024;
+constexpr std::size_t shown_output_bytes = 4000;
+
+[[noreturn]] void failWithErrno(const std::string& what) {
+    throw TestFailure(what + ": " + std::strerror(errno));
+}
+
+void require(bool succeeded, const std::string& what) {
+    if (!succeeded) failWithErrno(what);
+}
+
+/// A pipe whose ends are not inherited; the spawned process gets copies of the ends it needs.
+struct Pipe {
+    int readEnd = -1;
+    int writeEnd = -1;
+};
+
+Pipe makePipe(int capacityBytes = 0) {
+    std::array<int, 2> ends{};
+    require(::pipe2(ends.data(), O_CLOEXEC) == 0, "pipe");
+    if (capacityBytes > 0) {
+        require(::fcntl(ends[0], F_SETPIPE_SZ, capacityBytes) >= 0, "setting the capacity of a pipe");
+    }
+    return {ends[0], ends[1]};
+}
+
+void closeDescriptor(int& descriptor) {
+    if (descriptor >= 0) ::close(descriptor);
+    descriptor = -1;
+}
+
+std::size_t bytesInPipe(int descriptor) {
+    int count = 0;
+    require(descriptor >= 0 && ::ioctl(descriptor, FIONREAD, &count) == 0, "FIONREAD");
+    return static_cast<std::size_t>(count);
+}
+
+/// A write to a process that is gone must fail, not kill the tests; and orphans of a killed process come to
+/// this one, so that their end can be awaited and nothing is left behind.
+void prepareTestProcess() {
+    static const bool prepared = [] {
+        ::signal(SIGPIPE, SIG_IGN);
+        return ::prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
+    }();
+    if (!prepared) throw TestFailure("prctl(PR_SET_CHILD_SUBREAPER) failed");
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
+    for (auto& text : texts) pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+std::vector<std::string> flattened(const Environment& environment) {
+    std::vector<std::string> entries;
+    for (const auto& [key, value] : environment) {
+        entries.push_back(key + "=" + value);  // NOLINT(performance-inefficient-string-concatenation)
+    }
+    return entries;
+}
+
+/// What a process is to find at its first three descriptors; -1 means closed.
+struct StandardDescriptors {
+    int input = -1;
+    int output = -1;
+    int error = -1;
+};
+
+class FileActions {
+  public:
+    FileActions(const StandardDescriptors& descriptors, const std::string& workingDirectory) {
+        posix_spawn_file_actions_init(&actions_);
+        add(descriptors.input, STDIN_FILENO);
+        add(descriptors.output, STDOUT_FILENO);
+        add(descriptors.error, STDERR_FILENO);
+        if (!workingDirectory.empty()) {
+            posix_spawn_file_actions_addchdir_np(&actions_, workingDirectory.c_str());
+        }
+    }
+    ~FileActions() { posix_spawn_file_actions_destroy(&actions_); }
+    FileActions(const FileActions&) = delete;
+    FileActions& operator=(const FileActions&) = delete;
+
+    const posix_spawn_file_actions_t* get() const { return &actions_; }
+
+  private:
+    void add(int descriptor, int target) {
+        if (descriptor < 0) {
+            posix_spawn_file_actions_addclose(&actions_, target);
+        } else {
+            posix_spawn_file_actions_adddup2(&actions_, descriptor, target);
+        }
+    }
+
+    posix_spawn_file_actions_t actions_{};
+};
+
+/// Default signal dispositions and an empty mask: what a process of a desktop session starts with.
+class SpawnAttributes {
+  public:
+    explicit SpawnAttributes(bool newProcessGroup) {
+        posix_spawnattr_init(&attributes_);
+        sigset_t all;
+        sigset_t none;
+        sigfillset(&all);
+        sigemptyset(&none);
+        posix_spawnattr_setsigdefault(&attributes_, &all);
+        posix_spawnattr_setsigmask(&attributes_, &none);
+        posix_spawnattr_setpgroup(&attributes_, 0);
+        const int flags =
+            POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | (newProcessGroup ? POSIX_SPAWN_SETPGROUP : 0);
+        posix_spawnattr_setflags(&attributes_, static_cast<short>(flags));
+    }
+    ~SpawnAttributes() { posix_spawnattr_destroy(&attributes_); }
+    SpawnAttributes(const SpawnAttributes&) = delete;
+    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+
+    const posix_spawnattr_t* get() const { return &attributes_; }
+
+  private:
+    posix_spawnattr_t attributes_{};
+};
+
+std::string tail(const std::string& text) {
+    if (text.size() <= shown_output_bytes) return text;
+    return "[...]" + text.substr(text.size() - shown_output_bytes);
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::size_t start = 0;
+    while (start < text.size()) {
+        const auto end = std::min(text.find('\n', start), text.size());
+        lines.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return lines;
+}
+
+std::string randomHex(std::size_t digits) {
+    static constexpr std::string_view alphabet = "0123456789abcdef";
+    std::random_device device;
+    std::uniform_int_distribution<std::size_t> pick(0, alphabet.size() - 1);
+    std::string text;
+    for (std::size_t index = 0; index < digits; ++index) text += alphabet[pick(device)];
+    return text;
+}
+
+std::filesystem::path makeTemporaryDirectory() {
+    const char* base = std::getenv("TMPDIR");
+    std::string path = (base != nullptr && *base != '\0') ? base : "/tmp";
+    path += "/brindle-test-XXXXXX";
+    require(::mkdtemp(path.data()) != nullptr, "mkdtemp " + path);
+    return path;
+}
+
+void passOn(Environment& environment, const char* name) {
+    if (const char* value = std::getenv(name)) environment[name] = value;
+}
+
+bool matches(std::string_view text, std::string_view pattern) {
+    if (text.size() != pattern.size()) return false;
+    for (std::size_t index = 0; index < text.size(); ++index) {
+        const char character = text[index];
+        const bool isDigit = character >= '0' && character <= '9';
+        switch (pattern[index]) {
+            case 'X':
+                if (!isDigit && (character < 'A' || character > 'F')) return false;
+                break;
+            case '9':
+                if (!isDigit) return false;
+                break;
+            default:
+                if (character != pattern[index]) return false;
+        }
+    }
+    return true;
+}
+
+nlohmann::json requestFor(const std::string& name, nlohmann::json payload, const std::string& platform) {
+    payload["platform"] = platform;
+    return {{name, {{"_0", std::move(payload)}}}};
+}
+
+/// Reads a number that a line feed ends; false while it is not there yet.
+bool readNumber(const std::filesystem::path& file, int& number) {
+    std::ifstream stream(file);
+    std::string text;
+    if (!std::getline(stream, text) || stream.eof()) return false;
+    number = std::stoi(text);
+    return true;
+}
+
+/// What tells one version of an atomically replaced file from the next.
+std::pair<ino_t, std::int64_t> versionOf(const std::filesystem::path& file) {
+    struct stat information {};
+    if (::stat(file.c_str(), &information) != 0) return {0, 0};
+    return {information.st_ino,
+            information.st_mtim.tv_sec * std::int64_t{1000000000} + information.st_mtim.tv_nsec};
+}
+
+}  // namespace
+
+TemporaryDirectory::TemporaryDirectory() : path_(makeTemporaryDirectory()) {}
+
+TemporaryDirectory::~TemporaryDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+LaunchToken::LaunchToken() : value_(randomHex(48)), file_(directory_.path() / "launch-token") {
+    const int descriptor = ::open(file_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    require(descriptor >= 0, "creating the token file");
+    const auto written = ::write(descriptor, value_.data(), value_.size());
+    ::close(descriptor);
+    require(written == static_cast<ssize_t>(value_.size()), "writing the token file");
+}
+
+void LaunchToken::addTo(Environment& environment) const {
+    environment["BRINDLE_HELPER_LAUNCH_TOKEN"] = value_;
+    environment["BRINDLE_HELPER_LAUNCH_TOKEN_FILE"] = file_;
+}
+
+void waitUntil(const std::function<bool()>& condition, std::string_view what, milliseconds timeout) {
+    const auto deadline = steady_clock::now() + timeout;
+    while (!condition()) {
+        if (steady_clock::now() >= deadline) {
+            throw TestFailure("waited " + std::to_string(timeout.count()) + " ms in vain for " +
+                              std::string(what));
+        }
+        std::this_thread::sleep_for(poll_interval);
+    }
+}
+
+bool processIsRunning(pid_t pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    std::string content;
+    if (!std::getline(file, content)) return false;
+    const auto nameEnd = content.rfind(") ");  // The name before it may hold anything.
+    if (nameEnd == std::string::npos || nameEnd + 2 >= content.size()) return false;
+    const char state = content[nameEnd + 2];
+    return state != 'Z' && state != 'X';
+}
+
+std::string readFile(const std::filesystem::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    std::ostringstream content;
+    if (!stream || !(content << stream.rdbuf())) {
+        // An empty file makes the insertion fail too.
+        if (std::error_code ignored; stream && std::filesystem::file_size(file, ignored) == 0) return {};
+        throw TestFailure("cannot read " + file.string());
+    }
+    return content.str();
+}
+
+nlohmann::json readJsonFile(const std::filesystem::path& file) {
+    const auto content = readFile(file);
+    auto document = nlohmann::json::parse(content, nullptr, false);
+    if (document.is_discarded()) {
+        throw TestFailure(file.string() + " does not hold a JSON document: " + content);
+    }
+    return document;
+}
+
+void writeFileAtomically(const std::filesystem::path& file, std::string_view content) {
+    const auto temporary = file.parent_path() / ("." + file.filename().string() + "." + randomHex(8));
+    {
+        std::ofstream stream(temporary, std::ios::binary);
+        stream.write(content.data(), static_cast<std::streamsize>(content.size()));
+        if (!stream.flush()) throw TestFailure("cannot write " + temporary.string());
+    }
+    std::filesystem::rename(temporary, file);
+}
+
+std::filesystem::path writeScript(const std::filesystem::path& file, std::string_view body) {
+    writeFileAtomically(file, "#!/bin/sh\n" + std::string(body) + "\n");
+    std::filesystem::permissions(file, std::filesystem::perms::owner_all);
+    return file;
+}
+
+std::vector<std::string> namesIn(const std::filesystem::path& directory) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool isCanonicalUuid(std::string_view text) {
+    return matches(text, "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX");
+}
+
+bool isTimestamp(std::string_view text) {
+    return matches(text, "9999-99-99T99:99:99Z");
+}
+
+ExitStatus exitedWith(int code) {
+    return {.exited = true, .code = code, .signal = 0};
+}
+
+ExitStatus killedBy(int signal) {
+    return {.exited = false, .code = -1, .signal = signal};
+}
+
+std::ostream& operator<<(std::ostream& stream, const ExitStatus& status) {
+    if (status.exited) return stream << "exit status " << status.code;
+    return stream << "death by signal " << status.signal;
+}
+
+BackendOptions::BackendOptions()
+    : dataDirectory(std::make_shared<TemporaryDirectory>()), launchToken(std::make_shared<LaunchToken>()) {
+    launchToken->addTo(environment);
+    environment["BRINDLE_MANAGED_BRIDGE_DATA_DIR"] = dataDirectory->path();
+    environment["BRINDLE_MANAGED_BRIDGE_DISABLE_WORKER"] = "1";
+    environment["PATH"] = "/usr/bin:/bin";
+    for (const char* name : {"PATH", "HOME", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS",
+                             "LD_LIBRARY_PATH"}) {
+        passOn(environment, name);
+    }
+}
+
+BackendProcess::BackendProcess(Options options) : options_(std::move(options)) {
+    prepareTestProcess();
+    output_.paused = error_.paused = !options_.readOutputAtOnce;
+    wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    require(wake_ >= 0, "eventfd");
+    start();
+    reader_ = std::thread([this] { readStreams(); });
+    try {
+        if (options_.underIntermediateParent) adoptPidOfGrandchild();
+    } catch (...) {
+        endEverything();
+        throw;
+    }
+}
+
+BackendProcess::~BackendProcess() {
+    endEverything();
+}
+
+void BackendProcess::endEverything() {
+    endGroup();
+    closeDescriptor(input_);
+    if (reader_.joinable()) {
+        {
+            const std::lock_guard lock(mutex_);
+            stopReading_ = true;
+        }
+        wakeReader();
+        reader_.join();
+    }
+    closeDescriptor(output_.descriptor);
+    closeDescriptor(error_.descriptor);
+    closeDescriptor(wake_);
+}
+
+std::unique_ptr<BackendProcess> BackendProcess::startUnderIntermediateParent(Options options) {
+    options.underIntermediateParent = true;
+    return std::make_unique<BackendProcess>(std::move(options));
+}
+
+void BackendProcess::killIntermediateParent() {
+    if (intermediatePid_ <= 0) throw TestFailure("there is no intermediate parent to kill");
+    ::kill(intermediatePid_, SIGKILL);
+    require(::waitpid(intermediatePid_, nullptr, 0) == intermediatePid_,
+            "waiting for the intermediate parent");
+    intermediatePid_ = -1;
+}
+
+std::vector<std::string> BackendProcess::commandLine() const {
+    std::vector<std::string> line;
+    if (options_.underIntermediateParent) {
+        // The shell gives its own copies of the pipes up, so that only the backend holds them.
+        line = {"/bin/sh", "-c",
+                "unset PWD; exec 3<&0; file=$1; shift; \"$@\" <&3 3<&- & echo $! >\"$file\"; "
+                "exec 0</dev/null 1>/dev/null 2>/dev/null 3<&-; wait $!; echo $? >\"$file.status\"",
+                "intermediate-parent", intermediateDirectory_->path() / "pid"};
+    }
+    line.push_back(options_.executable);
+    line.insert(line.end(), options_.arguments.begin(), options_.arguments.end());
+    return line;
+}
+
+void BackendProcess::start() {
+    if (options_.underIntermediateParent) intermediateDirectory_ = std::make_unique<TemporaryDirectory>();
+    auto arguments = commandLine();
+    auto environment = flattened(options_.environment);
+    Pipe input = makePipe();
+    Pipe output = makePipe(options_.stdoutPipeBytes);
+    Pipe error = makePipe(options_.stderrPipeBytes);
+    const FileActions actions(
+        {options_.closeStdin ? -1 : input.readEnd, options_.closeStdout ? -1 : output.writeEnd,
+         options_.closeStderr ? -1 : error.writeEnd},
+        options_.workingDirectory);
+    const SpawnAttributes attributes(options_.newProcessGroup);
+    pid_t pid = -1;
+    const int result = ::posix_spawn(&pid, arguments.front().c_str(), actions.get(), attributes.get(),
+                                     pointersTo(arguments).data(), pointersTo(environment).data());
+    closeDescriptor(input.readEnd);
+    closeDescriptor(output.writeEnd);
+    closeDescriptor(error.writeEnd);
+    input_ = input.writeEnd;
+    output_.descriptor = output.readEnd;
+    error_.descriptor = error.readEnd;
+    if (result != 0) {
+        throw TestFailure("cannot start " + arguments.front() + ": " + std::strerror(result));
+    }
+    (options_.underIntermediateParent ? intermediatePid_ : pid_) = pid;
+    if (options_.newProcessGroup) group_ = pid;
+    require(::fcntl(input_, F_SETFL, O_WRONLY | O_NONBLOCK) == 0, "making a pipe non-blocking");
+}
+
+void BackendProcess::adoptPidOfGrandchild() {
+    const auto file = intermediateDirectory_->path() / "pid";
+    waitUntil([&] { return readNumber(file, pid_); }, "the intermediate parent to start the backend");
+}
+
+void BackendProcess::wakeReader() const {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = ::write(wake_, &one, sizeof one);
+}
+
+bool BackendProcess::readAvailable(Stream& stream, short events) {
+    if (events == 0) return false;
+    std::array<char, read_chunk_bytes> chunk{};
+    const auto count = ::read(stream.descriptor, chunk.data(), chunk.size());
+    if (count < 0 && errno == EINTR) return false;
+    const std::lock_guard lock(mutex_);
+    if (count > 0) {
+        stream.data.append(chunk.data(), static_cast<std::size_t>(count));
+    } else {
+        closeDescriptor(stream.descriptor);
+    }
+    return true;
+}
+
+void BackendProcess::readStreams() {
+    for (;;) {
+        std::array<pollfd, 3> polled{};
+        {
+            const std::lock_guard lock(mutex_);
+            if (stopReading_) return;
+            bool closed = false;
+            for (Stream* stream : {&output_, &error_}) {
+                if (!stream->closeRequested || stream->descriptor < 0) continue;
+                closeDescriptor(stream->descriptor);
+                closed = true;
+            }
+            if (closed) changed_.notify_all();
+            polled[0] = {output_.paused ? -1 : output_.descriptor, POLLIN, 0};
+            polled[1] = {error_.paused ? -1 : error_.descriptor, POLLIN, 0};
+            polled[2] = {wake_, POLLIN, 0};
+        }
+        if (::poll(polled.data(), polled.size(), -1) < 0) continue;
+        if (polled[2].revents != 0) {
+            std::uint64_t count = 0;
+            [[maybe_unused]] const auto got = ::read(wake_, &count, sizeof count);
+        }
+        const bool outputChanged = readAvailable(output_, polled[0].revents);
+        const bool errorChanged = readAvailable(error_, polled[1].revents);
+        if (outputChanged || errorChanged) changed_.notify_all();
+    }
+}
+
+void BackendProcess::requestClose(Stream& stream) {
+    std::unique_lock lock(mutex_);
+    stream.closeRequested = true;
+    wakeReader();
+    changed_.wait(lock, [&] { return stream.descriptor < 0; });
+}
+
+void BackendProcess::setPaused(Stream& stream, bool paused) {
+    {
+        const std::lock_guard lock(mutex_);
+        stream.paused = paused;
+    }
+    wakeReader();
+}
+
+void BackendProcess::send(std::string_view line) {
+    sendRaw(std::string(line) + "\n");
+}
+
+void BackendProcess::send(const nlohmann::json& envelope) {
+    send(envelope.dump());
+}
+
+void BackendProcess::sendRaw(std::string_view bytes) {
+    if (input_ < 0) throw TestFailure("the input was closed already");
+    const auto deadline = steady_clock::now() + must_happen_deadline;
+    while (!bytes.empty()) {
+        const auto written = ::write(input_, bytes.data(), bytes.size());
+        if (written > 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(written));
+            continue;
+        }
+        if (errno != EAGAIN && errno != EINTR) failWithErrno("sending to the process\n" + describe() + "\n");
+        if (steady_clock::now() >= deadline) {
+            throw TestFailure("the process does not take its input\n" + describe());
+        }
+        pollfd polled{input_, POLLOUT, 0};
+        ::poll(&polled, 1, 100);
+    }
+}
+
+bool BackendProcess::trySend(std::string_view line) {
+    const auto bytes = std::string(line) + "\n";
+    if (bytes.size() > PIPE_BUF) throw TestFailure("trySend() takes short lines only");
+    const auto written = ::write(input_, bytes.data(), bytes.size());
+    if (written < 0 && errno != EAGAIN) failWithErrno("sending to the process");
+    return written > 0;
+}
+
+void BackendProcess::closeInput() {
+    closeDescriptor(input_);
+}
+
+std::size_t BackendProcess::unreadInputBytes() const {
+    return bytesInPipe(input_);
+}
+
+std::string BackendProcess::nextLine(milliseconds timeout) {
+    std::unique_lock lock(mutex_);
+    std::size_t end = std::string::npos;
+    changed_.wait_for(lock, timeout, [&] {
+        end = output_.data.find('\n', outputCursor_);
+        return end != std::string::npos || output_.descriptor < 0;
+    });
+    if (end == std::string::npos) {
+        const bool atEnd = output_.descriptor < 0;
+        lock.unlock();
+        throw TestFailure((atEnd ? "standard output ended before the next line\n"
+                                 : "no further line on standard output in time\n") +
+                          describe());
+    }
+    auto line = output_.data.substr(outputCursor_, end - outputCursor_);
+    outputCursor_ = end + 1;
+    return line;
+}
+
+nlohmann::json BackendProcess::nextEnvelope(milliseconds timeout) {
+    const auto line = nextLine(timeout);
+    auto document = nlohmann::json::parse(line, nullptr, false);
+    if (document.is_discarded()) throw TestFailure("a line of standard output is not JSON: " + line);
+    return document;
+}
+
+std::vector<std::string> BackendProcess::receivedLines() const {
+    return linesOf(rawOutput());
+}
+
+std::string BackendProcess::rawOutput() const {
+    const std::lock_guard lock(mutex_);
+    return output_.data;
+}
+
+std::vector<std::string> BackendProcess::finish() {
+    closeInput();
+    waitForExit();
+    resumeReadingOutput();
+    resumeReadingError();
+    requireEndOfOutput();
+    return receivedLines();
+}
+
+std::vector<std::string> BackendProcess::finishAndTakeRest() {
+    finish();
+    const std::lock_guard lock(mutex_);
+    auto rest = output_.data.substr(outputCursor_);
+    outputCursor_ = output_.data.size();
+    return linesOf(rest);
+}
+
+void BackendProcess::pauseReadingOutput() {
+    setPaused(output_, true);
+}
+
+void BackendProcess::resumeReadingOutput() {
+    setPaused(output_, false);
+}
+
+std::size_t BackendProcess::unreadOutputBytes() const {
+    const std::lock_guard lock(mutex_);
+    return bytesInPipe(output_.descriptor);
+}
+
+void BackendProcess::closeOutputReader() {
+    requestClose(output_);
+}
+
+std::string BackendProcess::standardError() const {
+    const std::lock_guard lock(mutex_);
+    return error_.data;
+}
+
+std::vector<std::string> BackendProcess::standardErrorLines() const {
+    return linesOf(standardError());
+}
+
+std::string BackendProcess::waitForStandardError(std::string_view text, milliseconds timeout) {
+    const std::string sought(text);
+    try {
+        return waitForStandardErrorWhere(
+            [&](const std::string& all) { return all.find(sought) != std::string::npos; }, timeout);
+    } catch (const TestFailure& failure) {
+        throw TestFailure("sought on standard error: " + sought + "\n" + failure.what());
+    }
+}
+
+std::string BackendProcess::waitForStandardErrorWhere(
+    const std::function<bool(const std::string&)>& predicate, milliseconds timeout) {
+    std::unique_lock lock(mutex_);
+    bool found = false;
+    changed_.wait_for(lock, timeout, [&] {
+        found = predicate(error_.data);
+        return found || error_.descriptor < 0;
+    });
+    if (found) return error_.data;
+    lock.unlock();
+    throw TestFailure("the expected text did not appear on standard error\n" + describe());
+}
+
+void BackendProcess::pauseReadingError() {
+    setPaused(error_, true);
+}
+
+void BackendProcess::resumeReadingError() {
+    setPaused(error_, false);
+}
+
+std::size_t BackendProcess::unreadErrorBytes() const {
+    const std::lock_guard lock(mutex_);
+    return bytesInPipe(error_.descriptor);
+}
+
+void BackendProcess::closeErrorReader() {
+    requestClose(error_);
+}
+
+bool BackendProcess::reapIfEnded() {
+    if (ended_) return true;
+    if (int code = 0; intermediatePid_ > 0) {
+        // The intermediate parent reaps it, and tells a death by signal as shells do.
+        constexpr int signal_offset = 128;
+        if (!readNumber(intermediateDirectory_->path() / "pid.status", code)) return false;
+        status_ = code > signal_offset ? killedBy(code - signal_offset) : exitedWith(code);
+    } else {
+        int status = 0;
+        if (::waitpid(pid_, &status, WNOHANG) != pid_) return false;
+        status_ = WIFEXITED(status) ? exitedWith(WEXITSTATUS(status)) : killedBy(WTERMSIG(status));
+    }
+    ended_ = true;
+    return true;
+}
+
+void BackendProcess::requireEndOfOutput() {
+    std::unique_lock lock(mutex_);
+    const auto isOver = [](const Stream& stream) { return stream.descriptor < 0 || stream.paused; };
+    if (changed_.wait_for(lock, must_happen_deadline, [&] { return isOver(output_) && isOver(error_); })) {
+        return;
+    }
+    lock.unlock();
+    throw TestFailure("the process ended but another one keeps its output open\n" + describe());
+}
+
+ExitStatus BackendProcess::waitForExit(milliseconds timeout) {
+    waitUntil([&] { return reapIfEnded(); }, "the process to end", timeout);
+    requireEndOfOutput();
+    return status_;
+}
+
+bool BackendProcess::isRunning() const {
+    return !ended_ && processIsRunning(pid_);
+}
+
+void BackendProcess::signal(int number) const {
+    if (ended_) throw TestFailure("the process has ended already");
+    require(::kill(pid_, number) == 0, "signalling the process");
+}
+
+std::filesystem::path BackendProcess::path(const std::filesystem::path& relative) const {
+    return relative.empty() ? options_.dataDirectory->path() : options_.dataDirectory->path() / relative;
+}
+
+nlohmann::json BackendProcess::readJson(const std::filesystem::path& relative) const {
+    return readJsonFile(path(relative));
+}
+
+std::filesystem::path BackendProcess::waitForFile(const std::filesystem::path& relative) const {
+    waitUntil([&] { return std::filesystem::exists(path(relative)); }, relative.string());
+    return path(relative);
+}
+
+std::vector<std::string> BackendProcess::waitForEntries(const std::filesystem::path& relative,
+                                                        std::size_t count) const {
+    std::vector<std::string> names;
+    waitUntil(
+        [&] {
+            names = namesIn(path(relative));
+            std::erase_if(names, [](const std::string& name) { return name.starts_with("."); });
+            return names.size() == count;
+        },
+        std::to_string(count) + " entries in " + relative.string());
+    return names;
+}
+
+nlohmann::json BackendProcess::waitForRuntimeStatus(const JsonPredicate& predicate) const {
+    nlohmann::json document;
+    waitUntil(
+        [&] {
+            if (!std::filesystem::exists(path("runtime/runtime-status.json"))) return false;
+            document = readJson("runtime/runtime-status.json");
+            return predicate(document);
+        },
+        "the expected runtime status");
+    return document;
+}
+
+nlohmann::json BackendProcess::waitForControl(const JsonPredicate& predicate) const {
+    nlohmann::json document;
+    waitUntil(
+        [&] {
+            if (!std::filesystem::exists(path("runtime/worker-control.json"))) return false;
+            document = readJson("runtime/worker-control.json");
+            return predicate(document);
+        },
+        "the expected worker control record");
+    return document;
+}
+
+void BackendProcess::waitForStatusWrites(int count) const {
+    const auto file = path("runtime/runtime-status.json");
+    auto version = versionOf(file);
+    for (int seen = 0; seen < count; ++seen) {
+        waitUntil([&] { return versionOf(file) != version; }, "the next write of the runtime status");
+        version = versionOf(file);
+    }
+}
+
+void BackendProcess::writeInbound(const std::string& name, const nlohmann::json& record) const {
+    writeInboundRaw(name, record.dump(2));
+}
+
+void BackendProcess::writeInboundRaw(const std::string& name, std::string_view content) const {
+    writeFileAtomically(path("inbound") / name, content);
+}
+
+void BackendProcess::greet() {
+    if (greeted_) return;
+    greeted_ = true;
+    const auto hello = nextEnvelope();
+    if (!hello.contains("hello")) throw TestFailure("the first envelope is not hello: " + hello.dump());
+    const auto state = nextEnvelope();
+    const nlohmann::json expected = {
+        {"stateChanged", {{"_0", {{"state", {{"disconnected", nlohmann::json::object()}}}}}}}};
+    if (state != expected) throw TestFailure("the second envelope is not disconnected: " + state.dump());
+}
+
+void BackendProcess::connectAndListen(const nlohmann::json& scope) {
+    greet();
+    const std::string platform = nlohmann::json::parse(receivedLines().front())["hello"]["_0"]["platform"];
+    send(connectRequest(platform));
+    for (const char* state : {"connecting", "connected"}) {
+        const auto envelope = nextEnvelope();
+        if (!envelope.contains("stateChanged") || !envelope["stateChanged"]["_0"]["state"].contains(state)) {
+            throw TestFailure(std::string("expected ") + state + ", got " + envelope.dump());
+        }
+    }
+    send(startListeningRequest(scope, platform));
+    auto expected = scope.begin().value();
+    expected["kind"] = scope.begin().key();
+    waitForControl([&](const nlohmann::json& control) {
+        return control.contains("activeScope") && control["activeScope"] == expected;
+    });
+}
+
+void BackendProcess::waitUntil(const std::function<bool()>& condition, std::string_view what,
+                               milliseconds timeout) const {
+    try {
+        test::waitUntil(condition, what, timeout);
+    } catch (const TestFailure& failure) {
+        throw TestFailure(std::string(failure.what()) + "\n" + describe());
+    }
+}
+
+std::size_t BackendProcess::residentBytes() const {
+    std::istringstream status(readFile("/proc/" + std::to_string(pid_) + "/status"));
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmRSS:")) return std::stoul(line.substr(6)) * 1024;
+    }
+    throw TestFailure("the process has no resident memory\n" + describe());
+}
+
+void BackendProcess::endGroup() {
+    if (pid_ > 0 && !ended_) {
+        ::kill(pid_, SIGKILL);
+    }
+    if (intermediatePid_ > 0) ::kill(intermediatePid_, SIGKILL);
+    if (group_ <= 0) {
+        if (!ended_ && pid_ > 0) ::waitpid(pid_, nullptr, 0);
+        if (intermediatePid_ > 0) ::waitpid(intermediatePid_, nullptr, 0);
+        return;
+    }
+    // A process that ends hands its own children to this one; again until no child of the group is left.
+    do {
+        ::kill(-group_, SIGKILL);
+    } while (::waitpid(-group_, nullptr, 0) > 0 || errno == EINTR);
+}
+
+std::string BackendProcess::describe() const {
+    std::ostringstream text;
+    text << "--- the process ";
+    if (ended_) {
+        text << "ended: " << status_;
+    } else {
+        text << (processIsRunning(pid_) ? "runs" : "is gone");
+    }
+    text << "\n--- standard output:\n" << tail(rawOutput());
+    text << "\n--- standard error:\n" << tail(standardError());
+    return text.str();
+}
+
+nlohmann::json connectRequest(const std::string& platform) {
+    return requestFor("connect", nlohmann::json::object(), platform);
+}
+
+nlohmann::json disconnectRequest(const std::string& platform) {
+    return requestFor("disconnect", nlohmann::json::object(), platform);
+}
+
+nlohmann::json startListeningRequest(const nlohmann::json& scope, const std::string& platform) {
+    return requestFor("startListening", {{"scope", scope}}, platform);
+}
+
+nlohmann::json stopListeningRequest(const std::string& platform) {
+    return requestFor("stopListening", nlohmann::json::object(), platform);
+}
+
+nlohmann::json sendMessageRequest(const nlohmann::json& message, const std::string& platform) {
+    return requestFor("sendMessage", {{"message", message}}, platform);
+}
+
+nlohmann::json conversationScope(const std::string& id, const std::string& title) {
+    return {{"conversation", {{"id", id}, {"title", title}}}};
+}
+
+nlohmann::json channelScope(const std::string& id, const std::string& title) {
+    return {{"channel", {{"id", id}, {"title", title}}}};
+}
+
+nlohmann::json threadScope(const std::string& id) {
+    return {{"thread", {{"id", id}}}};
+}
+
+nlohmann::json threadScope(const std::string& id, const std::string& title) {
+    return {{"thread", {{"id", id}, {"title", title}}}};
+}
+
+nlohmann::json testOnlyScope(const std::string& title) {
+    return {{"testOnly", {{"title", title}}}};
+}
+
+std::string errorMessageOf(const std::string& line) {
+    const auto envelope = nlohmann::json::parse(line, nullptr, false);
+    const auto place = "/error/_0/message"_json_pointer;
+    if (envelope.is_discarded() || !envelope.contains(place) || !envelope[place].is_string() ||
+        envelope != nlohmann::json{{"error", {{"_0", {{"message", envelope[place]}}}}}}) {
+        throw TestFailure("not an error envelope: " + tail(line));
+    }
+    auto message = envelope[place].get<std::string>();
+    const auto holds = [&](std::string_view text) { return message.find(text) != std::string::npos; };
+    const bool hasLineBreak = holds("\n") || holds("\r") || holds("\v") || holds("\f") || holds("\u0085") ||
+                              holds("\u2028") || holds("\u2029");
+    if (message.empty() || hasLineBreak || holds("Invalid number of keys found, expected one.")) {
+        throw TestFailure("not a message for people: " + tail(line));
+    }
+    return message;
+}
+
+std::string selfTestTitleOf(const std::string& line) {
+    const auto envelope = nlohmann::json::parse(line, nullptr, false);
+    const auto place = "/inboundEvent/_0/event/conversationTitle"_json_pointer;
+    if (envelope.is_discarded() || !envelope.contains(place) || !envelope[place].is_string()) {
+        throw TestFailure("not a self-test event: " + tail(line));
+    }
+    return envelope[place];
+}
+
+nlohmann::json inboundRecord(const std::string& messageId, const std::string& text) {
+    return {{"messageId", messageId},
+            {"conversationId", "team-room"},
+            {"conversationTitle", "Team Room"},
+            {"senderId", "ada"},
+            {"senderDisplayName", "Ada"},
+            {"text", text},
+            {"timestampISO8601", "2026-01-05T09:30:00Z"},
+            {"isDirectMessage", false},
+            {"rawReference", "page-ref-" + messageId}};
+}
+
+}  // namespace brindle::test

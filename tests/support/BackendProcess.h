@@ -1,0 +1,325 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace brindle::test {
+
+using Environment = std::map<std::string, std::string>;
+
+/// How long a test waits for something that must happen before it fails.
+constexpr std::chrono::seconds must_happen_deadline{30};
+
+/// Ends the running test with a message; GoogleTest reports it as a failure of that test.
+class TestFailure : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/// A private directory (mode 0700) under $TMPDIR or /tmp that disappears with the object.
+class TemporaryDirectory {
+  public:
+    TemporaryDirectory();
+    ~TemporaryDirectory();
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+
+  private:
+    std::filesystem::path path_;
+};
+
+/// A launch token and the 0600 file that holds it, as the parent application makes them.
+class LaunchToken {
+  public:
+    LaunchToken();
+
+    const std::string& value() const { return value_; }
+    const std::filesystem::path& file() const { return file_; }
+    /// Sets the two variables by which a helper finds the token and its file.
+    void addTo(Environment& environment) const;
+
+  private:
+    TemporaryDirectory directory_;
+    std::string value_;
+    std::filesystem::path file_;
+};
+
+/// Polls `condition` until it holds; fails the test, naming `what`, when it never does.
+void waitUntil(const std::function<bool()>& condition, std::string_view what,
+               std::chrono::milliseconds timeout = must_happen_deadline);
+
+/// Whether a process runs; one that ended but was not reaped yet does not.
+bool processIsRunning(pid_t pid);
+
+/// The whole content of a file; fails the test when it cannot be read.
+std::string readFile(const std::filesystem::path& file);
+/// The JSON document in a file; fails the test when there is none.
+nlohmann::json readJsonFile(const std::filesystem::path& file);
+/// Writes through a hidden temporary file and a rename, so that no reader sees a part of it.
+void writeFileAtomically(const std::filesystem::path& file, std::string_view content);
+/// Writes an executable shell script ("#!/bin/sh" is added) and returns its path.
+std::filesystem::path writeScript(const std::filesystem::path& file, std::string_view body);
+/// Names of the entries of a directory in ascending order, hidden ones included.
+std::vector<std::string> namesIn(const std::filesystem::path& directory);
+
+/// Whether `text` is a UUID in canonical upper-case form.
+bool isCanonicalUuid(std::string_view text);
+/// Whether `text` is an internet date-time in UTC with whole seconds, such as "2026-01-05T09:30:00Z".
+bool isTimestamp(std::string_view text);
+
+/// How a process ended.
+struct ExitStatus {
+    bool exited = false;  ///< It returned or called exit; `code` holds.
+    int code = -1;
+    int signal = 0;  ///< The signal that killed it, when `exited` is false.
+
+    bool operator==(const ExitStatus&) const = default;
+};
+/// The status of a process that exited with `code`.
+ExitStatus exitedWith(int code);
+/// The status of a process that `signal` killed.
+ExitStatus killedBy(int signal);
+std::ostream& operator<<(std::ostream& stream, const ExitStatus& status);
+
+/// What a backend process is started with.
+struct BackendOptions {
+    /// A launch that is authenticated, has a fresh data directory and starts no worker.
+    BackendOptions();
+
+    std::vector<std::string> arguments;
+    /// The complete environment of the process.
+    Environment environment;
+    std::string executable = BACKEND_EXECUTABLE;
+    std::string workingDirectory;  ///< Empty: the directory of the test.
+    bool closeStdin = false;       ///< Start the process with descriptor 0 closed.
+    bool closeStdout = false;      ///< Start the process with descriptor 1 closed.
+    bool closeStderr = false;      ///< Start the process with descriptor 2 closed.
+    int stdoutPipeBytes = 0;       ///< Capacity of the stdout pipe; 0 keeps the system's.
+    int stderrPipeBytes = 0;       ///< Capacity of the stderr pipe; 0 keeps the system's.
+    bool readOutputAtOnce = true;  ///< False: as if pauseReadingOutput() had been called before the start.
+    /// The process leads a group of its own; its destructor ends every process left in that group.
+    bool newProcessGroup = true;
+    /// Start through a parent of its own that killIntermediateParent() ends.
+    bool underIntermediateParent = false;
+
+    std::shared_ptr<TemporaryDirectory> dataDirectory;  ///< Shared, so that a second backend can follow.
+    std::shared_ptr<LaunchToken> launchToken;
+};
+
+/// Drives the real executable the way the parent application does: three pipes, signals and files.
+///
+/// A thread of its own collects standard output and standard error, so the process never waits for the test
+/// unless the test asks for that. Operations that wait fail the test when the awaited thing does not happen.
+class BackendProcess {
+  public:
+    using Options = BackendOptions;
+    using JsonPredicate = std::function<bool(const nlohmann::json&)>;
+
+    /// Starts the process.
+    explicit BackendProcess(Options options = {});
+    /// Kills what is left of the process and of its group, and reaps it.
+    ~BackendProcess();
+    BackendProcess(const BackendProcess&) = delete;
+    BackendProcess& operator=(const BackendProcess&) = delete;
+
+    /// Starts the process as the child of an intermediate process, for tests of the parent's death.
+    static std::unique_ptr<BackendProcess> startUnderIntermediateParent(Options options = {});
+    /// Kills that intermediate process, which leaves the backend without its parent.
+    void killIntermediateParent();
+
+    pid_t pid() const { return pid_; }
+    const Options& options() const { return options_; }
+
+    // Standard input.
+
+    /// Sends one line; the line feed is added.
+    void send(std::string_view line);
+    void send(const std::string& line) { send(std::string_view(line)); }
+    void send(const char* line) { send(std::string_view(line)); }
+    /// Sends one envelope as a compact line.
+    void send(const nlohmann::json& envelope);
+    /// Sends bytes as they stand; fails the test when the process does not take them in time.
+    void sendRaw(std::string_view bytes);
+    /// Sends one line unless the pipe is too full for all of it; lines of at most PIPE_BUF bytes only.
+    bool trySend(std::string_view line);
+    /// Ends the process's input.
+    void closeInput();
+    /// Bytes that were sent and that the process has not read yet.
+    std::size_t unreadInputBytes() const;
+
+    // Standard output.
+
+    /// The next line without its line feed.
+    std::string nextLine(std::chrono::milliseconds timeout = must_happen_deadline);
+    /// The next line as JSON.
+    nlohmann::json nextEnvelope(std::chrono::milliseconds timeout = must_happen_deadline);
+    /// Every line of standard output so far, whether taken by nextLine() or not.
+    std::vector<std::string> receivedLines() const;
+    /// Every byte of standard output so far.
+    std::string rawOutput() const;
+    /// Ends the input, waits for the exit and returns every line that standard output ever carried.
+    std::vector<std::string> finish();
+    /// Like finish(), without the lines that nextLine() or nextEnvelope() took: what came beyond them.
+    std::vector<std::string> finishAndTakeRest();
+    /// From now on nothing is read from standard output, so that its pipe fills up.
+    void pauseReadingOutput();
+    void resumeReadingOutput();
+    /// Bytes that wait in the stdout pipe; meant for the time while reading is paused.
+    std::size_t unreadOutputBytes() const;
+    /// Closes the reading end of standard output.
+    void closeOutputReader();
+
+    // Standard error.
+
+    /// Every byte of standard error so far.
+    std::string standardError() const;
+    /// The lines of standard error so far.
+    std::vector<std::string> standardErrorLines() const;
+    /// Waits until standard error contains `text`, and returns all of it.
+    std::string waitForStandardError(std::string_view text,
+                                     std::chrono::milliseconds timeout = must_happen_deadline);
+    /// Waits until all of standard error fulfils the predicate, and returns it.
+    std::string waitForStandardErrorWhere(const std::function<bool(const std::string&)>& predicate,
+                                          std::chrono::milliseconds timeout = must_happen_deadline);
+    /// From now on nothing is read from standard error, so that its pipe fills up.
+    void pauseReadingError();
+    void resumeReadingError();
+    /// Bytes that wait in the stderr pipe; meant for the time while reading is paused.
+    std::size_t unreadErrorBytes() const;
+    /// Closes the reading end of standard error.
+    void closeErrorReader();
+
+    // The end.
+
+    /// Waits for the end of the process and for the last of its output; may be called again.
+    ExitStatus waitForExit(std::chrono::milliseconds timeout = must_happen_deadline);
+    /// Whether the process still runs.
+    bool isRunning() const;
+    void signal(int number) const;
+
+    // The data directory.
+
+    /// A path below the data directory.
+    std::filesystem::path path(const std::filesystem::path& relative = {}) const;
+    /// The JSON document in a file below the data directory.
+    nlohmann::json readJson(const std::filesystem::path& relative) const;
+    /// Waits until a file below the data directory exists, and returns its path.
+    std::filesystem::path waitForFile(const std::filesystem::path& relative) const;
+    /// Waits until a directory below the data directory holds exactly `count` visible entries; their names.
+    std::vector<std::string> waitForEntries(const std::filesystem::path& relative, std::size_t count) const;
+    /// Waits until "runtime-status.json" fulfils the predicate, and returns it.
+    nlohmann::json waitForRuntimeStatus(const JsonPredicate& predicate) const;
+    /// Waits until "worker-control.json" fulfils the predicate, and returns it.
+    nlohmann::json waitForControl(const JsonPredicate& predicate) const;
+    /// Waits until "runtime-status.json" was replaced `count` times: every poller has run in between when
+    /// nothing else makes the process write it.
+    void waitForStatusWrites(int count = 3) const;
+    /// Writes a record into "inbound" the way a worker does: under a hidden name, then renamed.
+    void writeInbound(const std::string& name, const nlohmann::json& record) const;
+    void writeInboundRaw(const std::string& name, std::string_view content) const;
+
+    // Conveniences.
+
+    /// Takes the two envelopes of the greeting and fails the test when they are others.
+    void greet();
+    /// Greets (once), connects and listens to `scope`; takes the envelopes of all that.
+    void connectAndListen(const nlohmann::json& scope = {
+                              {"conversation", {{"id", "team-room"}, {"title", "Team Room"}}}});
+    /// Waits for `condition`; fails the test, naming `what` and showing the process's output, if it never
+    /// holds.
+    void waitUntil(const std::function<bool()>& condition, std::string_view what,
+                   std::chrono::milliseconds timeout = must_happen_deadline) const;
+    /// Resident memory of the process.
+    std::size_t residentBytes() const;
+
+  private:
+    struct Stream {
+        int descriptor = -1;
+        std::string data;
+        bool paused = false;
+        bool closeRequested = false;
+    };
+
+    void start();
+    std::vector<std::string> commandLine() const;
+    void requireEndOfOutput();
+    void adoptPidOfGrandchild();
+    void readStreams();
+    bool readAvailable(Stream& stream, short events);
+    void wakeReader() const;
+    void requestClose(Stream& stream);
+    void setPaused(Stream& stream, bool paused);
+    bool reapIfEnded();
+    void endEverything();
+    void endGroup();
+    std::string describe() const;
+
+    Options options_;
+    pid_t pid_ = -1;
+    pid_t intermediatePid_ = -1;
+    pid_t group_ = -1;
+    std::unique_ptr<TemporaryDirectory> intermediateDirectory_;
+    int input_ = -1;
+    int wake_ = -1;
+    bool greeted_ = false;
+    bool ended_ = false;
+    ExitStatus status_;
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    Stream output_;
+    Stream error_;
+    std::size_t outputCursor_ = 0;
+    bool stopReading_ = false;
+    std::thread reader_;
+};
+
+// The requests of the parent, as JSON documents.
+
+nlohmann::json connectRequest(const std::string& platform = "whatsapp");
+nlohmann::json disconnectRequest(const std::string& platform = "whatsapp");
+nlohmann::json startListeningRequest(const nlohmann::json& scope, const std::string& platform = "whatsapp");
+nlohmann::json stopListeningRequest(const std::string& platform = "whatsapp");
+nlohmann::json sendMessageRequest(const nlohmann::json& message, const std::string& platform = "whatsapp");
+nlohmann::json conversationScope(const std::string& id = "team-room", const std::string& title = "Team Room");
+nlohmann::json channelScope(const std::string& id, const std::string& title);
+nlohmann::json threadScope(const std::string& id);
+nlohmann::json threadScope(const std::string& id, const std::string& title);
+nlohmann::json testOnlyScope(const std::string& title);
+
+// The lines of the backend, byte for byte and without their line feed.
+
+constexpr const char* hello_line =
+    R"({"hello":{"_0":{"bridgeVersion":"managed-whatsapp-backend-3","platform":"whatsapp"}}})";
+constexpr const char* disconnected_line = R"({"stateChanged":{"_0":{"state":{"disconnected":{}}}}})";
+constexpr const char* connecting_line = R"({"stateChanged":{"_0":{"state":{"connecting":{}}}}})";
+constexpr const char* connected_line =
+    R"({"stateChanged":{"_0":{"state":{"connected":{"accountDisplayName":"Brindle Managed WhatsApp Backend"}}}}})";
+
+/// The message of an `error` envelope. Fails the test unless the line is exactly such an envelope and the
+/// message is text for people: not empty, without line breaks and without the decoder's detail text.
+std::string errorMessageOf(const std::string& line);
+/// The conversation title of the self-test event in a line; fails the test when it carries none.
+std::string selfTestTitleOf(const std::string& line);
+
+/// A complete inbound record of the watched chat that conversationScope() names.
+nlohmann::json inboundRecord(const std::string& messageId, const std::string& text);
+
+}  // namespace brindle::test

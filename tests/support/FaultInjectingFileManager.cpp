@@ -1,0 +1,103 @@
+#include "support/FaultInjectingFileManager.h"
+
+#include "foundation/Failure.h"
+
+namespace brindle::test {
+
+void FaultInjectingFileManager::set(const Fault& fault) {
+    const std::lock_guard hold(lock_);
+    fault_ = fault;
+    thread_ = std::this_thread::get_id();
+    count_ = 0;
+    failures_.clear();
+    operations_.clear();
+}
+
+void FaultInjectingFileManager::clear() {
+    const std::lock_guard hold(lock_);
+    fault_.reset();
+}
+
+bool FaultInjectingFileManager::wasMet() const {
+    const std::lock_guard hold(lock_);
+    return !failures_.empty();
+}
+
+std::vector<std::string> FaultInjectingFileManager::failures() const {
+    const std::lock_guard hold(lock_);
+    return failures_;
+}
+
+std::vector<std::string> FaultInjectingFileManager::operations() const {
+    const std::lock_guard hold(lock_);
+    return operations_;
+}
+
+bool FaultInjectingFileManager::mustFail(std::string_view action, const std::string& path, Stage stage) {
+    const std::lock_guard hold(lock_);
+    if (!fault_ || thread_ != std::this_thread::get_id()) return false;
+    if (stage == Stage::beforeAnyEffect) operations_.push_back(std::string(action).append(" ").append(path));
+    if (fault_->stage != stage) return false;
+    ++count_;
+    const bool isDue =
+        fault_->persistence == Persistence::once ? count_ == fault_->operation : count_ >= fault_->operation;
+    if (isDue) failures_.push_back(std::string(action).append(" ").append(path));
+    return isDue;
+}
+
+void FaultInjectingFileManager::failIfDue(std::string_view action, const std::string& path, Stage stage) {
+    if (mustFail(action, path, stage)) throw FileSystemFailure(action, path, fault_->code);
+}
+
+void FaultInjectingFileManager::createDirectory(const std::string& path) {
+    failIfDue("create the directory", path);
+    real_.createDirectory(path);
+}
+
+std::vector<std::string> FaultInjectingFileManager::visibleEntries(const std::string& directory) {
+    failIfDue("list", directory);
+    return real_.visibleEntries(directory);
+}
+
+// The two questions have no way to fail but to answer no.
+bool FaultInjectingFileManager::fileExists(const std::string& path) {
+    return !mustFail("look for", path, Stage::beforeAnyEffect) && real_.fileExists(path);
+}
+
+bool FaultInjectingFileManager::isExecutableFile(const std::string& path) {
+    return !mustFail("look for", path, Stage::beforeAnyEffect) && real_.isExecutableFile(path);
+}
+
+std::optional<FileAttributes> FaultInjectingFileManager::attributes(const std::string& path) {
+    failIfDue("look at", path);
+    return real_.attributes(path);
+}
+
+std::string FaultInjectingFileManager::readFile(const std::string& path) {
+    failIfDue("read", path);
+    return real_.readFile(path);
+}
+
+void FaultInjectingFileManager::writeFileAtomically(const std::string& path, std::string_view bytes,
+                                                    Durability durability) {
+    failIfDue("write", path);
+    if (mustFail("write", path, Stage::afterTemporaryFile)) {
+        // What a crash at this point would leave behind: a complete hidden file that never got its name.
+        const auto slash = path.rfind('/');
+        real_.writeFileAtomically(path.substr(0, slash + 1) + ".brindle-fault", bytes, durability);
+        throw FileSystemFailure("write", path, fault_->code);
+    }
+    real_.writeFileAtomically(path, bytes, durability);
+}
+
+void FaultInjectingFileManager::moveItem(const std::string& from, const std::string& to) {
+    failIfDue("move", from);
+    real_.moveItem(from, to);
+}
+
+void FaultInjectingFileManager::removeItem(const std::string& path) {
+    failIfDue("remove", path);
+    real_.removeItem(path);
+}
+
+}  // namespace brindle::test

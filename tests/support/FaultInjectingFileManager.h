@@ -1,0 +1,72 @@
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "foundation/FileManager.h"
+
+namespace brindle::test {
+
+/// The real file system with a fault in it: the Nth operation fails, once or from then on.
+///
+/// Only operations of the thread that set the fault are counted and fail, so that timers working at the same
+/// time on other threads do not change which operation is the Nth.
+class FaultInjectingFileManager final : public FileManager {
+  public:
+    enum class Persistence { once, fromThenOn };
+    enum class Stage {
+        /// The operation fails before it has done anything.
+        beforeAnyEffect,
+        /// An atomic write fails when its new content is complete and only the name is missing. Every other
+        /// operation passes and is not counted.
+        afterTemporaryFile,
+    };
+
+    struct Fault {
+        /// Counted from 1.
+        int operation = 1;
+        Persistence persistence = Persistence::once;
+        /// The errno value.
+        int code = 0;
+        Stage stage = Stage::beforeAnyEffect;
+    };
+
+    /// From now on counts this thread's operations and lets those fail that the fault names.
+    void set(const Fault& fault);
+    /// Everything works again.
+    void clear();
+    /// Whether the fault was met since it was set.
+    bool wasMet() const;
+    /// What this fault has let fail: "write /a/b".
+    std::vector<std::string> failures() const;
+    /// Everything that was asked for since the fault was set, on the thread that set it.
+    std::vector<std::string> operations() const;
+
+    void createDirectory(const std::string& path) override;
+    std::vector<std::string> visibleEntries(const std::string& directory) override;
+    bool fileExists(const std::string& path) override;
+    bool isExecutableFile(const std::string& path) override;
+    std::optional<FileAttributes> attributes(const std::string& path) override;
+    std::string readFile(const std::string& path) override;
+    void writeFileAtomically(const std::string& path, std::string_view bytes, Durability durability) override;
+    void moveItem(const std::string& from, const std::string& to) override;
+    void removeItem(const std::string& path) override;
+
+  private:
+    bool mustFail(std::string_view action, const std::string& path, Stage stage);
+    void failIfDue(std::string_view action, const std::string& path, Stage stage = Stage::beforeAnyEffect);
+
+    PosixFileManager real_;
+    mutable std::mutex lock_;
+    std::optional<Fault> fault_;
+    std::thread::id thread_;
+    int count_ = 0;
+    std::vector<std::string> failures_;
+    std::vector<std::string> operations_;
+};
+
+}  // namespace brindle::test

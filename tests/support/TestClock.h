@@ -1,0 +1,44 @@
+#pragma once
+
+#include <chrono>
+#include <mutex>
+#include <vector>
+
+#include "foundation/Clock.h"
+
+namespace brindle::test {
+
+/// A clock that stands still until it is turned. Sleeping turns it instead of blocking and is kept on record.
+class TestClock final : public Clock {
+  public:
+    using TimePoint = std::chrono::system_clock::time_point;
+
+    /// 2026-01-05T09:30:00Z.
+    static constexpr TimePoint start{std::chrono::seconds{1767605400}};
+
+    TimePoint now() const override {
+        const std::lock_guard hold(lock_);
+        return now_;
+    }
+    void sleep(std::chrono::milliseconds duration) const override {
+        const std::lock_guard hold(lock_);
+        now_ += duration;
+        sleeps_.push_back(duration);
+    }
+
+    void turnTo(TimePoint time) {
+        const std::lock_guard hold(lock_);
+        now_ = time;
+    }
+    std::vector<std::chrono::milliseconds> sleeps() const {
+        const std::lock_guard hold(lock_);
+        return sleeps_;
+    }
+
+  private:
+    mutable std::mutex lock_;
+    mutable TimePoint now_ = start;
+    mutable std::vector<std::chrono::milliseconds> sleeps_;
+};
+
+}  // namespace brindle::test
