@@ -317,7 +317,7 @@ void Console::endHelper() {
 }
 
 bool Console::helperEndsWithin(std::chrono::milliseconds patience) {
-    const auto deadline = std::chrono::steady_clock::now() + patience;
+    auto deadline = std::chrono::steady_clock::now() + patience;
     while (!helper_.hasEnded()) {
         const auto left =
             std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
@@ -325,7 +325,8 @@ bool Console::helperEndsWithin(std::chrono::milliseconds patience) {
         std::vector<pollfd> entries;
         helper_.addPollEntries(entries);
         ::poll(entries.data(), entries.size(), static_cast<int>(left.count()));
-        helper_.pump();
+        // A helper that still takes and answers what was sent is busy, not stuck.
+        if (helper_.pump()) deadline = std::chrono::steady_clock::now() + patience;
     }
     return true;
 }

@@ -26,7 +26,7 @@ class Console {
     /// How long the helper has to greet before a script gives it up.
     static constexpr std::chrono::milliseconds greeting_patience{10000};
     /// How long the helper may take to end once its input has ended, and once it was asked to.
-    static constexpr std::chrono::milliseconds end_of_input_grace{3000};
+    static constexpr std::chrono::milliseconds end_of_input_grace{10000};
     static constexpr std::chrono::milliseconds termination_grace{2000};
     /// How often wait-status looks.
     static constexpr std::chrono::milliseconds status_interval{50};

@@ -73,10 +73,11 @@ void HelperProcess::addPollEntries(std::vector<pollfd>& entries) const {
     entries.push_back({.fd = wantsToWrite ? input_.get() : -1, .events = POLLOUT, .revents = 0});
 }
 
-void HelperProcess::pump() {
-    writePending();
-    readSome(output_);
-    readSome(error_);
+bool HelperProcess::pump() {
+    const bool wrote = writePending();
+    const bool readOutput = readSome(output_);
+    const bool readError = readSome(error_);
+    return wrote || readOutput || readError;
 }
 
 bool HelperProcess::hasEnded() const {
@@ -101,20 +102,27 @@ HelperProcess::End HelperProcess::finish() {
     return end;
 }
 
-void HelperProcess::writePending() {
+/// True when the helper took something.
+bool HelperProcess::writePending() {
+    bool progress = false;
     while (input_.isOpen() && written_ < pending_.size()) {
         const auto count = ::write(input_.get(), pending_.data() + written_, pending_.size() - written_);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0 && errno == EAGAIN) break;
         // A helper that takes nothing any more has ended or is about to; its end says so.
-        if (count < 0) return input_.reset();
+        if (count < 0) {
+            input_.reset();
+            break;
+        }
         written_ += static_cast<std::size_t>(count);
+        progress = true;
     }
     if (written_ == pending_.size() || written_ >= compaction_bytes) {
         pending_.erase(0, written_);
         written_ = 0;
     }
     if (closesInput_ && pending_.empty()) input_.reset();
+    return progress;
 }
 
 /// False when there is nothing to read now.

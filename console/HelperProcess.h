@@ -51,7 +51,8 @@ class HelperProcess {
     /// What to wait for before pump() has something to do.
     void addPollEntries(std::vector<pollfd>& entries) const;
     /// Moves what can be moved without waiting and hands out complete lines.
-    void pump();
+    /// True when something was exchanged.
+    bool pump();
     /// Whether the process has ended (it may still have output to pump).
     bool hasEnded() const;
     /// Takes the last output and the status. Precondition: hasEnded().
@@ -65,7 +66,7 @@ class HelperProcess {
         LineBuffer lines;
     };
 
-    void writePending();
+    bool writePending();
     static bool readSome(Source& source);
 
     ChildProcess process_;

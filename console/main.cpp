@@ -73,7 +73,7 @@ int main(int argumentCount, char** arguments) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread.
     ::setlocale(LC_CTYPE, "");
     // A reader that has gone is noticed by the write that fails.
-    ::signal(SIGPIPE, SIG_IGN);
+    ignoreSignalsOfFailedWrites();
     const auto parsed = parseCommandLine(argumentCount, arguments, defaultHelper());
     if (const auto* answer = std::get_if<CommandLineAnswer>(&parsed)) {
         std::fputs(answer->text.c_str(), answer->status == 0 ? stdout : stderr);

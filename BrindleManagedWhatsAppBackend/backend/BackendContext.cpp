@@ -2,12 +2,14 @@
 
 #include <new>
 
+#include "foundation/Text.h"
+
 namespace brindle {
 
 void BackendContext::log(std::string_view message) const noexcept {
     try {
         std::string line("[ManagedWhatsAppBackend] ");
-        emitter.log(line.append(message).append("\n"));
+        emitter.log(line.append(singleLine(message)).append("\n"));
     } catch (const std::exception&) {
         // No memory for a log line; the work it speaks of goes on.
     }

@@ -20,6 +20,7 @@ struct BackendContext {
     const Clock& clock;
     BackendState& state;
     ManagedWhatsAppBackendEmitter& emitter;
+    DepartureWatch& departureWatch;
 
     /// Writes one diagnostic line to standard error.
     void log(std::string_view message) const noexcept;

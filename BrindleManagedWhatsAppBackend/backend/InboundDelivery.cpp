@@ -32,37 +32,28 @@ bool belongsToScope(const ManagedWhatsAppInboundRecord& record, const BridgeScop
     return std::visit(ScopeFilter{record}, scope);
 }
 
-/// One drain's hold on one file.
-class InboundDelivery::Claim {
-  public:
-    Claim(InboundDelivery& delivery, const std::string& name) : delivery_(delivery), name_(name) {
-        const std::lock_guard hold(delivery_.claimsLock_);
-        isOurs_ = delivery_.claims_.insert(name_).second;
-    }
-    Claim(const Claim&) = delete;
-    Claim& operator=(const Claim&) = delete;
-    ~Claim() {
-        if (!isOurs_) return;
-        const std::lock_guard hold(delivery_.claimsLock_);
-        delivery_.claims_.erase(name_);
-    }
-
-    bool isOurs() const { return isOurs_; }
-
-  private:
-    InboundDelivery& delivery_;
-    const std::string& name_;
-    bool isOurs_ = false;
-};
-
 void InboundDelivery::drainInboundDirectory() noexcept {
+    const std::lock_guard hold(drainLock_);
+    drain();
+}
+
+void InboundDelivery::drainUnlessUnderWay() noexcept {
+    const std::unique_lock hold(drainLock_, std::try_to_lock);
+    if (hold) drain();
+}
+
+void InboundDelivery::drain() noexcept {
     try {
         const auto scope = context_.state.activeScope();
         if (!scope || !context_.state.isConnected()) return;
         if (std::holds_alternative<BridgeTestOnlyScope>(*scope)) return;
-        for (const auto& name : recordNames()) deliverOrReject(name, *scope);
+        for (const auto& name : recordNames()) {
+            // What is not delivered by the end of the process stays for the next backend.
+            if (isStopped_ || context_.departureWatch.isDepartureOver()) return;
+            deliverOrReject(name, *scope);
+        }
     } catch (const OutputAbandoned&) {
-        // The process is ending. What was not delivered stays for the next backend.
+        // As above.
     } catch (const std::exception& error) {
         context_.log("failed to drain inbound directory: " + descriptionOf(error));
     }
@@ -76,14 +67,12 @@ std::vector<std::string> InboundDelivery::recordNames() {
 }
 
 void InboundDelivery::deliverOrReject(const std::string& name, const BridgeScope& scope) {
-    const Claim claim(*this, name);
-    if (!claim.isOurs()) return;
     try {
         deliver(name, scope);
     } catch (const OutputAbandoned&) {
         throw;
     } catch (const std::exception& error) {
-        context_.log("rejected inbound event at " + singleLine(name) + ": " + descriptionOf(error));
+        context_.log("rejected inbound event at " + name + ": " + descriptionOf(error));
         moveToDirectory(name, context_.directory.rejected);
     }
 }

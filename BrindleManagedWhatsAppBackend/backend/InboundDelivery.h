@@ -1,7 +1,7 @@
 #pragma once
 
+#include <atomic>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -19,12 +19,16 @@ class InboundDelivery {
     explicit InboundDelivery(const BackendContext& context) : context_(context) {}
 
     /// Delivers every record that belongs to the active scope, in order of file names, and files it away.
-    /// Does nothing while disconnected, without a scope or during a self-test. Failures are logged.
+    /// Does nothing while disconnected, without a scope or during a self-test. Failures are logged. A drain
+    /// that is under way is waited for.
     void drainInboundDirectory() noexcept;
+    /// The same, but nothing when a drain is under way: the poller is back soon anyway.
+    void drainUnlessUnderWay() noexcept;
+    /// A drain that is under way ends behind the file it is at; later ones do nothing.
+    void stop() noexcept { isStopped_ = true; }
 
   private:
-    class Claim;
-
+    void drain() noexcept;
     std::vector<std::string> recordNames();
     void deliverOrReject(const std::string& name, const BridgeScope& scope);
     void deliver(const std::string& name, const BridgeScope& scope);
@@ -32,10 +36,9 @@ class InboundDelivery {
     void moveToDirectory(const std::string& name, const std::string& directory);
 
     const BackendContext& context_;
-    std::mutex claimsLock_;
-    /// Files that a drain is at this moment reading, delivering or moving. A drain that meets another one's
-    /// file passes it by; without this, two drains over a long backlog would deliver the same messages twice.
-    std::set<std::string> claims_;
+    /// Two drains over one backlog would overtake each other and deliver messages out of order or twice.
+    std::mutex drainLock_;
+    std::atomic<bool> isStopped_ = false;
 };
 
 }  // namespace brindle

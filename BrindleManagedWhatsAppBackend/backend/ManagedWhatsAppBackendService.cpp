@@ -57,7 +57,8 @@ ManagedWhatsAppBackendService::ManagedWhatsAppBackendService(std::string platfor
                .fileManager = fileManager_,
                .clock = clock_,
                .state = state_,
-               .emitter = emitter_},
+               .emitter = emitter_,
+               .departureWatch = departureWatch_},
       publisher_(context_),
       delivery_(context_),
       supervisor_(context_, publisher_, pollQueue_) {
@@ -71,6 +72,7 @@ ManagedWhatsAppBackendService::~ManagedWhatsAppBackendService() {
     inboundPoller_.reset();
     statusPoller_.reset();
     parentMonitor_.reset();
+    delivery_.stop();
     supervisor_.stopWorker();
     if (!pollQueue_.stop(poll_queue_patience)) departureWatch_.abandonOutput();
     pollQueue_.join();
@@ -86,7 +88,7 @@ void ManagedWhatsAppBackendService::watchForDeparture(int endRequest) {
 
 void ManagedWhatsAppBackendService::startPollers() {
     inboundPoller_ = std::make_unique<RepeatingTimer>(pollQueue_, poller_first_fire, inbound_interval,
-                                                      [this] { delivery_.drainInboundDirectory(); });
+                                                      [this] { delivery_.drainUnlessUnderWay(); });
     statusPoller_ = std::make_unique<RepeatingTimer>(pollQueue_, poller_first_fire, status_interval,
                                                      [this] { publisher_.writeRuntimeStatus(); });
 }

@@ -41,11 +41,13 @@ std::string activeScopeDescription(const BridgeScope& scope) {
 }
 
 void StatusPublisher::writeRuntimeStatus() noexcept {
+    std::string workerProblem;
     try {
-        writeStatus();
+        writeStatus(workerProblem);
     } catch (const std::exception& error) {
         context_.log("failed to write runtime status: " + descriptionOf(error));
     }
+    if (!workerProblem.empty()) context_.log("failed to decode worker status: " + workerProblem);
     try {
         writeWorkerControl();
     } catch (const std::exception& error) {
@@ -53,9 +55,9 @@ void StatusPublisher::writeRuntimeStatus() noexcept {
     }
 }
 
-void StatusPublisher::writeStatus() {
+void StatusPublisher::writeStatus(std::string& workerProblem) {
     const std::lock_guard hold(writeLock_);
-    const auto record = statusRecord(context_.state.takeSnapshot());
+    const auto record = statusRecord(context_.state.takeSnapshot(), workerProblem);
     writeRecord(context_.fileManager, context_.directory.runtimeStatusFile, record, Durability::process);
 }
 
@@ -71,7 +73,7 @@ void StatusPublisher::writeWorkerControl() {
 }
 
 std::optional<ManagedWhatsAppWorkerStatusRecord> StatusPublisher::workerStatus(
-    const ManagedWhatsAppWorkerLaunchSnapshot& worker) {
+    const ManagedWhatsAppWorkerLaunchSnapshot& worker, std::string& problem) {
     if (!worker.processRunning) return std::nullopt;
     try {
         return readRecord<ManagedWhatsAppWorkerStatusRecord>(context_.fileManager,
@@ -79,15 +81,15 @@ std::optional<ManagedWhatsAppWorkerStatusRecord> StatusPublisher::workerStatus(
     } catch (const FileSystemFailure& error) {
         // A worker that has not written its status yet is nothing to report.
         if (!context_.fileManager.fileExists(context_.directory.workerStatusFile)) return std::nullopt;
-        context_.log("failed to decode worker status: " + descriptionOf(error));
+        problem = descriptionOf(error);
     } catch (const std::exception& error) {
-        context_.log("failed to decode worker status: " + descriptionOf(error));
+        problem = descriptionOf(error);
     }
     return std::nullopt;
 }
 
 ManagedWhatsAppRuntimeStatusRecord StatusPublisher::statusRecord(
-    const ManagedWhatsAppRuntimeStateSnapshot& snapshot) {
+    const ManagedWhatsAppRuntimeStateSnapshot& snapshot, std::string& workerProblem) {
     const auto& worker = snapshot.workerLaunchSnapshot;
     ManagedWhatsAppRuntimeStatusRecord record;
     record.platform = context_.platform;
@@ -99,7 +101,7 @@ ManagedWhatsAppRuntimeStatusRecord StatusPublisher::statusRecord(
     record.workerProcessRunning = worker.processRunning;
     record.workerState = worker.state;
     record.workerDetail = worker.detail;
-    if (auto status = workerStatus(worker)) takeOver(record, std::move(*status));
+    if (auto status = workerStatus(worker, workerProblem)) takeOver(record, std::move(*status));
     record.updatedAtISO8601 = iso8601(context_.clock.now());
     return record;
 }

@@ -23,11 +23,14 @@ class StatusPublisher {
     void writeRuntimeStatus() noexcept;
 
   private:
-    void writeStatus();
+    // What is wrong with the worker's status is handed out rather than logged, so that no lock is held while
+    // logging.
+    void writeStatus(std::string& workerProblem);
     void writeWorkerControl();
     std::optional<ManagedWhatsAppWorkerStatusRecord> workerStatus(
-        const ManagedWhatsAppWorkerLaunchSnapshot& worker);
-    ManagedWhatsAppRuntimeStatusRecord statusRecord(const ManagedWhatsAppRuntimeStateSnapshot& snapshot);
+        const ManagedWhatsAppWorkerLaunchSnapshot& worker, std::string& problem);
+    ManagedWhatsAppRuntimeStatusRecord statusRecord(const ManagedWhatsAppRuntimeStateSnapshot& snapshot,
+                                                    std::string& workerProblem);
 
     const BackendContext& context_;
     // Held from taking a snapshot to having written it, so that an older snapshot never replaces a newer one:

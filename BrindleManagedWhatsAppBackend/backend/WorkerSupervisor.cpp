@@ -118,17 +118,32 @@ void WorkerSupervisor::start(const ManagedWhatsAppWorkerLaunchConfiguration& con
             std::make_shared<ChildProcess>(ChildProcess::Options{.executable = configuration.executableURL,
                                                                  .arguments = configuration.arguments,
                                                                  .environment = configuration.environment});
+        setWorkerState(description, "launching", "Managed WhatsApp worker launched at " + description + ".",
+                       true);
+        publisher_.writeRuntimeStatus();
+        // Only now: a worker that ended at once is seen to end after it was seen to be launched. Its pipes
+        // and its end descriptor keep what happened meanwhile.
+        watch(process);
     } catch (const std::exception& error) {
-        return fail(
-            description, "launch_failed",
-            "Failed to launch managed WhatsApp worker at " + description + ": " + descriptionOf(error));
+        if (process) abandon(*process);
+        fail(description, "launch_failed",
+             "Failed to launch managed WhatsApp worker at " + description + ": " + descriptionOf(error));
     }
-    setWorkerState(description, "launching", "Managed WhatsApp worker launched at " + description + ".",
-                   true);
-    publisher_.writeRuntimeStatus();
-    // Only now: a worker that ended at once is seen to end after it was seen to be launched. Its pipes and
-    // its end descriptor keep what happened meanwhile.
-    watch(process);
+}
+
+/// A worker that cannot be watched must not go on.
+void WorkerSupervisor::abandon(const ChildProcess& process) {
+    {
+        const std::lock_guard hold(processLock_);
+        outputWatch_.reset();
+        errorWatch_.reset();
+        endWatch_.reset();
+        workerStdoutHandle_.reset();
+        workerStderrHandle_.reset();
+        workerProcess_.reset();
+    }
+    process.signal(SIGKILL);
+    process.waitForEnd();
 }
 
 void WorkerSupervisor::watch(const std::shared_ptr<ChildProcess>& process) {

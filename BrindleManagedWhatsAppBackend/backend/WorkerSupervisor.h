@@ -37,6 +37,7 @@ class WorkerSupervisor {
     void clearUpAfterEarlierWorker();
     void terminateEarlierWorker(pid_t process);
     void start(const ManagedWhatsAppWorkerLaunchConfiguration& configuration);
+    void abandon(const ChildProcess& process);
     void watch(const std::shared_ptr<ChildProcess>& process);
     bool relayAvailable(const Handle& handle, Stream stream);
     void relayRemaining(const Handle& handle, Stream stream);

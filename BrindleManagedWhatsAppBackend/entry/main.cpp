@@ -68,7 +68,7 @@ void runBackendRole(const std::string& platform, const Environment& environment,
 }
 
 int run(int argumentCount, char** arguments) {
-    ::signal(SIGPIPE, SIG_IGN);
+    ignoreSignalsOfFailedWrites();
     const std::vector<std::string> argumentList(arguments + std::min(1, argumentCount),
                                                 arguments + argumentCount);
     const Environment environment = currentEnvironment();
@@ -77,7 +77,8 @@ int run(int argumentCount, char** arguments) {
         writeToStandardError("This component must be launched by Brindle.\n");
         return EX_USAGE;
     }
-    const std::string platform = platformName(argumentList);
+    // Requests name it in JSON, which only knows UTF-8.
+    const std::string platform = repairedUtf8(platformName(argumentList));
     if (isWorkerRole(environment)) runWorkerRole();
     runBackendRole(platform, environment, fileManager);
     return EX_OK;

@@ -16,6 +16,7 @@ constexpr std::string_view default_temporary_directory = "/tmp";
 constexpr std::string_view application_component = "Brindle";
 constexpr std::string_view bridge_component = "ManagedBridge";
 constexpr mode_t private_mode = 0700;
+constexpr mode_t writable_by_others = 022;
 
 /// The user's runtime directory (XDG Base Directory Specification), when it is there and private.
 std::optional<std::string> privateRuntimeDirectory(const Environment& environment, FileManager& fileManager) {
@@ -38,14 +39,19 @@ std::string generalTemporaryDirectory(const Environment& environment) {
                                 .value_or(std::string(default_temporary_directory)));
 }
 
-/// A name in a shared directory can be taken by anybody; what lies there must be ours before we use it.
+/// In a directory that users share anybody can take a name first; what lies there must be ours alone before
+/// we use it.
 void requireOwnDirectory(FileManager& fileManager, const std::string& path) {
     const auto attributes = fileManager.attributes(path);
-    if (attributes && attributes->isDirectory && attributes->owner == ::geteuid()) return;
-    throw FileSystemFailure("use the directory", path,
-                            "It belongs to another user or is a link; remove it or set " +
-                                std::string(environment_key::dataDirectory),
-                            EPERM);
+    if (attributes && attributes->isDirectory && attributes->owner == ::geteuid() &&
+        (attributes->permissions & writable_by_others) == 0) {
+        return;
+    }
+    throw FileSystemFailure(
+        "use the directory", path,
+        "It belongs to another user, is a link or can be written by others; remove it or set " +
+            std::string(environment_key::dataDirectory),
+        EPERM);
 }
 
 }  // namespace
@@ -74,31 +80,32 @@ DataDirectory::DataDirectory(const Environment& environment, FileManager& fileMa
     workerRejectedOutbound = joinedPath(runtime, "worker-rejected-outbound");
 }
 
-void DataDirectory::create(FileManager& fileManager) const {
-    if (!sharedBase_.empty()) {
-        const auto application = joinedPath(sharedBase_, application_component);
-        const auto bridge = joinedPath(application, bridge_component);
-        for (const auto& directory : {application, bridge}) {
-            fileManager.createDirectory(directory);
-            requireOwnDirectory(fileManager, directory);
-        }
+void DataDirectory::create(FileManager& fileManager, const std::string& directory) const {
+    fileManager.createDirectory(directory);
+    if (!sharedBase_.empty()) requireOwnDirectory(fileManager, directory);
+}
+
+void DataDirectory::createRoot(FileManager& fileManager) const {
+    // Below a shared directory step by step, so that nothing is ever made inside somebody else's directory.
+    for (auto slash = path.find('/', sharedBase_.size() + 1);
+         !sharedBase_.empty() && slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        create(fileManager, path.substr(0, slash));
     }
-    fileManager.createDirectory(path);
-    if (!sharedBase_.empty()) requireOwnDirectory(fileManager, standardizedPath(path));
+    create(fileManager, path);
 }
 
 void DataDirectory::createForBackend(FileManager& fileManager) const {
-    create(fileManager);
+    createRoot(fileManager);
     for (const auto* directory : {&inbound, &outbound, &processed, &rejected, &runtime,
                                   &workerProcessedOutbound, &workerRejectedOutbound}) {
-        fileManager.createDirectory(*directory);
+        create(fileManager, *directory);
     }
 }
 
 void DataDirectory::createForWorker(FileManager& fileManager) const {
-    create(fileManager);
-    fileManager.createDirectory(inbound);
-    fileManager.createDirectory(runtime);
+    createRoot(fileManager);
+    create(fileManager, inbound);
+    create(fileManager, runtime);
 }
 
 std::string DataDirectory::recordFile(std::string_view directory, std::string_view messageId) {

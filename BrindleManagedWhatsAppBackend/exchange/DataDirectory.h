@@ -39,7 +39,8 @@ struct DataDirectory {
     std::string workerRejectedOutbound;
 
   private:
-    void create(FileManager& fileManager) const;
+    void create(FileManager& fileManager, const std::string& directory) const;
+    void createRoot(FileManager& fileManager) const;
 
     /// Not empty when the directory lies in a temporary directory that other users share.
     std::string sharedBase_;

@@ -109,6 +109,13 @@ std::vector<std::string> environmentEntries(const Environment& environment) {
     return entries;
 }
 
+/// A process whose end could never be noticed must not go on.
+[[noreturn]] void abandonStart(pid_t process, int code) {
+    ::kill(process, SIGKILL);
+    ::waitpid(process, nullptr, 0);
+    failToStart(code);
+}
+
 void makeNonblocking(const Descriptor& descriptor) {
     ::fcntl(descriptor.get(), F_SETFL, ::fcntl(descriptor.get(), F_GETFL) | O_NONBLOCK);
 }
@@ -130,6 +137,7 @@ ChildProcess::ChildProcess(const Options& options) {
     check(::posix_spawn(&process_, options.executable.c_str(), actions.get(), attributes.get(),
                         pointers(arguments).data(), pointers(entries).data()));
     end_ = Descriptor(::pidfd_open(process_, 0));
+    if (!end_.isOpen()) abandonStart(process_, errno);
     if (input) input_ = std::move(input->write);
     output_ = std::move(output.read);
     error_ = std::move(error.read);
@@ -144,7 +152,7 @@ void ChildProcess::signal(int number) const {
 int ChildProcess::waitForEnd() const {
     siginfo_t information{};
     while (::waitid(P_PID, static_cast<id_t>(process_), &information, WEXITED) != 0) {
-        if (errno != EINTR) return 0;
+        if (errno != EINTR) return unknown_status;
     }
     return information.si_status;
 }

@@ -14,6 +14,8 @@ namespace brindle {
 /// descriptors but 0 to 2; its standard output and standard error are pipes of its own.
 class ChildProcess {
   public:
+    static constexpr int unknown_status = -1;
+
     enum class StandardInput { inherited, pipe };
     enum class ProcessGroup { inherited, own };
 
@@ -43,7 +45,7 @@ class ChildProcess {
     /// error.
     void signal(int number) const;
     /// Waits for the end and removes the zombie. The status is the exit status, or the number of the signal
-    /// that ended the process.
+    /// that ended the process; unknown_status when the system has forgotten it.
     int waitForEnd() const;
 
   private:

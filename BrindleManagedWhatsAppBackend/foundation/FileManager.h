@@ -29,9 +29,9 @@ struct FileAttributes {
 /// Every touch of the file system. Operations that fail throw FileSystemFailure and have had no effect.
 class FileManager {
   public:
-    /// Longer files are not read: no record comes near it, and a broken writer must not cost the system its
-    /// memory.
-    static constexpr std::size_t longest_file_bytes = std::size_t{256} << 20U;
+    /// Longer files are not read: a broken writer must not cost the system its memory. A message with 256 MiB
+    /// of Base64, every character of it escaped, stays well below.
+    static constexpr std::size_t longest_file_bytes = std::size_t{1} << 30U;
 
     virtual ~FileManager() = default;
 

@@ -237,7 +237,8 @@ JsonValue JsonParser::parsePadded(std::string_view text) {
     element root;
     constexpr bool copy_first = false;
     auto error = implementation_->parser.parse(text.data(), text.size(), copy_first).get(root);
-    if (error == simdjson::NUMBER_ERROR) {
+    // Which error a number too large causes differs between versions of the parser library.
+    if (error != simdjson::SUCCESS && error != simdjson::MEMALLOC && error != simdjson::CAPACITY) {
         auto& padded = implementation_->padded;
         padded = withoutNumberValues(text);
         padded.append(padding_bytes, ' ');

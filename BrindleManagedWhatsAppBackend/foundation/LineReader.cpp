@@ -2,8 +2,10 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <new>
@@ -32,7 +34,8 @@ std::optional<std::string_view> LineReader::next() {
         }
         scanned_ = end_;
         if (!atEnd_ && readMore()) continue;
-        if (begin_ == end_) return std::nullopt;
+        // An interrupted line may be cut off anywhere; it is not a last line.
+        if (begin_ == end_ || isInterrupted_) return std::nullopt;
         return takeLine(end_ - begin_, 0);
     }
 }
@@ -69,6 +72,15 @@ void LineReader::resize(std::size_t capacity) {
     capacity_ = capacity;
 }
 
+/// What has arrived until now is still taken, what comes later is not.
+void LineReader::noticeInterrupt() {
+    if (isInterrupted_) return;
+    isInterrupted_ = true;
+    int pending = 0;
+    if (::ioctl(descriptor_, FIONREAD, &pending) != 0) pending = 0;
+    allowance_ = static_cast<std::size_t>(std::max(pending, 0));
+}
+
 /// Waits for input; false at its end.
 bool LineReader::readMore() {
     if (begin_ > 0) makeRoom();
@@ -77,11 +89,14 @@ bool LineReader::readMore() {
         std::array<pollfd, 2> set{{{.fd = descriptor_, .events = POLLIN, .revents = 0},
                                    {.fd = interrupt_, .events = POLLIN, .revents = 0}}};
         if (::poll(set.data(), set.size(), -1) < 0) continue;
-        if ((set[1].revents & POLLIN) != 0) break;
-        const auto got = ::read(descriptor_, buffer_.get() + end_, capacity_ - end_);
+        if ((set[1].revents & POLLIN) != 0) noticeInterrupt();
+        const auto room = std::min(capacity_ - end_, allowance_);
+        if (room == 0) break;
+        const auto got = ::read(descriptor_, buffer_.get() + end_, room);
         if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (got <= 0) break;
         end_ += static_cast<std::size_t>(got);
+        if (isInterrupted_) allowance_ -= static_cast<std::size_t>(got);
         return true;
     }
     atEnd_ = true;

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -16,7 +17,8 @@ class LineReader {
     /// A buffer no larger than this is kept between lines.
     static constexpr std::size_t kept_buffer_bytes = std::size_t{1} << 20U;
 
-    /// `interrupt` ends the input as soon as it is readable; -1 for none.
+    /// Once `interrupt` is readable, the input ends behind the last whole line that has arrived by then; -1
+    /// for none.
     LineReader(int descriptor, int interrupt);
 
     /// The next line without its line feed and a carriage return before it, valid until the next call;
@@ -32,6 +34,7 @@ class LineReader {
     void giveBackLargeBuffer();
     void makeRoom();
     void resize(std::size_t capacity);
+    void noticeInterrupt();
     bool readMore();
 
     int descriptor_;
@@ -42,6 +45,9 @@ class LineReader {
     std::size_t scanned_ = 0;
     std::size_t end_ = 0;
     bool atEnd_ = false;
+    bool isInterrupted_ = false;
+    /// How many more bytes may be read.
+    std::size_t allowance_ = std::numeric_limits<std::size_t>::max();
 };
 
 }  // namespace brindle

@@ -53,8 +53,17 @@ std::vector<pollfd> DepartureWatch::pollSet(int output, bool withSigns) const {
     return set;
 }
 
-bool DepartureWatch::hasDeparted(const std::vector<pollfd>& set) {
-    return std::any_of(set.begin() + first_sign, set.end(), [](const pollfd& sign) {
+bool DepartureWatch::isDepartureOver() {
+    if (!departureSeen_) {
+        auto set = signs_;
+        if (::poll(set.data(), set.size(), 0) <= 0 || !anyDeparted(set.begin(), set.end())) return false;
+        departureSeen_ = SteadyClock::now();
+    }
+    return SteadyClock::now() - *departureSeen_ >= unread_output_grace;
+}
+
+bool DepartureWatch::anyDeparted(PollIterator begin, PollIterator end) {
+    return std::any_of(begin, end, [](const pollfd& sign) {
         return (sign.revents & (sign.events | POLLHUP | POLLERR)) != 0;
     });
 }
@@ -67,7 +76,8 @@ void DepartureWatch::waitUntilWritable(int output) {
         if (::poll(set.data(), set.size(), timeout_ms) < 0) continue;
         if (set.front().revents != 0) return;
         if (abandoned_ || timeout_ms == 0) break;
-        if (deadline != SteadyClock::time_point::max() || !hasDeparted(set)) continue;
+        if (deadline != SteadyClock::time_point::max() || !anyDeparted(set.begin() + first_sign, set.end()))
+            continue;
         deadline = SteadyClock::now() + unread_output_grace;
         set = pollSet(output, false);
     }

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -24,15 +25,21 @@ class DepartureWatch {
     /// From now on every write that would have to wait fails. Callable from any thread.
     void abandonOutput();
 
+    /// True when a sign of departure was first seen, by this question, at least the grace ago. For long work
+    /// that asks now and then whether anybody still wants it. Not synchronised: one asker at a time.
+    bool isDepartureOver();
+
     /// Waits until `output` takes more. Throws OutputAbandoned when the reader has departed and takes nothing
     /// for the length of the grace.
     void waitUntilWritable(int output);
 
   private:
     std::vector<pollfd> pollSet(int output, bool withSigns) const;
-    static bool hasDeparted(const std::vector<pollfd>& set);
+    using PollIterator = std::vector<pollfd>::const_iterator;
+    static bool anyDeparted(PollIterator begin, PollIterator end);
 
     std::vector<pollfd> signs_;
+    std::optional<std::chrono::steady_clock::time_point> departureSeen_;
     Descriptor wake_;
     std::atomic<bool> abandoned_ = false;
 };

@@ -47,6 +47,11 @@ void reserveStandardDescriptors() {
     }
 }
 
+void ignoreSignalsOfFailedWrites() {
+    ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGXFSZ, SIG_IGN);
+}
+
 void returnFreedMemory() {
     ::malloc_trim(0);
 }

@@ -20,6 +20,10 @@ Descriptor processEndDescriptor(pid_t process);
 /// later file takes its number and using it still fails.
 void reserveStandardDescriptors();
 
+/// Makes a write into a broken pipe or beyond the file size limit fail with an error instead of killing the
+/// process (ignores SIGPIPE and SIGXFSZ).
+void ignoreSignalsOfFailedWrites();
+
 /// Hands freed memory back to the system.
 void returnFreedMemory();
 

@@ -18,6 +18,16 @@ struct SerialQueue::Implementation {
     // One thread runs the context, so it needs no locks between its own handlers.
     static constexpr int concurrency_hint = 1;
 
+    void runToTheEnd() {
+        while (!context.stopped()) {
+            try {
+                context.run();
+            } catch (const std::exception&) {
+                // Only want of memory gets here. The piece of work is lost, the queue is not.
+            }
+        }
+    }
+
     asio::io_context context{concurrency_hint};
     asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
     std::promise<void> ended;
@@ -29,7 +39,7 @@ SerialQueue::SerialQueue(std::string label)
     : label_(std::move(label)), implementation_(std::make_unique<Implementation>()) {
     implementation_->thread = std::thread([implementation = implementation_.get()] {
         ::pthread_setname_np(::pthread_self(), "pollQueue");
-        implementation->context.run();
+        implementation->runToTheEnd();
         implementation->ended.set_value();
     });
 }

@@ -7,7 +7,7 @@
 
 namespace brindle {
 
-/// Runs work one piece at a time on a thread of its own (one Asio io_context). Work must not throw.
+/// Runs work one piece at a time on a thread of its own (one Asio io_context). Work that throws has ended.
 class SerialQueue {
   public:
     explicit SerialQueue(std::string label);

@@ -114,11 +114,20 @@ std::optional<EchoWorker::Outgoing> EchoWorker::readOutgoing(const std::string& 
             throw Failure("Its message identifier is not its file name.");
         }
         return Outgoing{.fileName = fileName, .record = std::move(record)};
+    } catch (const FileSystemFailure& failure) {
+        // Neither a regular file nor of any sensible size: it will never be in order. Anything else may pass.
+        if (failure.code() == EINVAL || failure.code() == EFBIG) return reject(fileName, failure);
+        std::cerr << "Cannot take outbound record " + singleLine(fileName) + " yet: " + failure.what() + "\n";
     } catch (const Failure& failure) {
-        std::cerr << "Rejected outbound record " + singleLine(fileName) + ": " + failure.what() + "\n";
-        moveTo(settings_.directory.workerRejectedOutbound, fileName);
-        return std::nullopt;
+        return reject(fileName, failure);
     }
+    return std::nullopt;
+}
+
+std::nullopt_t EchoWorker::reject(const std::string& fileName, const Failure& failure) {
+    std::cerr << "Rejected outbound record " + singleLine(fileName) + ": " + failure.what() + "\n";
+    moveTo(settings_.directory.workerRejectedOutbound, fileName);
+    return std::nullopt;
 }
 
 /// A real worker sends here. Done twice it must have the effect of once, because a crash may come right

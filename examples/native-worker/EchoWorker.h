@@ -8,6 +8,7 @@
 
 #include "exchange/DataDirectory.h"
 #include "exchange/ExchangeRecords.h"
+#include "foundation/Failure.h"
 #include "foundation/FileManager.h"
 
 /// What the backend hands over in the environment.
@@ -45,6 +46,7 @@ class EchoWorker {
     void handleOutbound();
     std::vector<Outgoing> readOutbound();
     std::optional<Outgoing> readOutgoing(const std::string& fileName);
+    std::nullopt_t reject(const std::string& fileName, const brindle::Failure& failure);
     void deliver(const Outgoing& outgoing);
     bool hasEcho(const std::string& messageId);
     void writeEcho(const std::string& messageId, const brindle::ManagedWhatsAppOutboundRecord& record);

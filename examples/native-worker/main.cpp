@@ -108,7 +108,7 @@ int run(int argumentCount) {
 int main(int argumentCount, char**) {
     reserveStandardDescriptors();
     // The backend may be gone before the last line is written; that is noticed by other means.
-    ::signal(SIGPIPE, SIG_IGN);
+    ignoreSignalsOfFailedWrites();
     try {
         return run(argumentCount);
     } catch (const UsageFailure& failure) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,6 +29,10 @@ struct Message {
     BridgeEnvelope envelope;
     std::string json;
 };
+
+void PrintTo(const Message& message, std::ostream* stream) {
+    *stream << message.json;
+}
 
 std::vector<Message> everyMessage() {
     auto eventWithoutReference = sampleEvent();
@@ -178,6 +183,10 @@ struct BadMessage {
     Kind kind;
     std::string path;
 };
+
+void PrintTo(const BadMessage& message, std::ostream* stream) {
+    *stream << message.json;
+}
 
 class BadMessageTests : public testing::TestWithParam<BadMessage> {};
 

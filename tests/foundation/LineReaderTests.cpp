@@ -248,7 +248,7 @@ TEST(LineReaderTests, InterruptEndsTheInput) {
     interrupter.join();
 }
 
-TEST(LineReaderTests, LinesThatWereReadBeforeTheInterruptAreDelivered) {
+TEST(LineReaderTests, LinesThatHadArrivedAreDeliveredAfterAnInterrupt) {
     auto [reading, writing] = makePipe();
     const Descriptor interrupt(::eventfd(0, EFD_CLOEXEC));
     LineReader reader(reading.get(), interrupt.get());
@@ -257,6 +257,18 @@ TEST(LineReaderTests, LinesThatWereReadBeforeTheInterruptAreDelivered) {
     ::eventfd_write(interrupt.get(), 1);
     put(writing, "three\n");
     EXPECT_EQ(reader.next(), "two");
+    EXPECT_EQ(reader.next(), "three");
+    EXPECT_EQ(reader.next(), std::nullopt);
+}
+
+TEST(LineReaderTests, LineThatAnInterruptCutsOffIsNotDelivered) {
+    auto [reading, writing] = makePipe();
+    const Descriptor interrupt(::eventfd(0, EFD_CLOEXEC));
+    LineReader reader(reading.get(), interrupt.get());
+    put(writing, "whole\nhal");
+    ::eventfd_write(interrupt.get(), 1);
+    EXPECT_EQ(reader.next(), "whole");
+    EXPECT_EQ(reader.next(), std::nullopt);
     EXPECT_EQ(reader.next(), std::nullopt);
 }
 

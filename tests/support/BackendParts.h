@@ -64,7 +64,8 @@ struct BackendParts {
                            .fileManager = files,
                            .clock = clock,
                            .state = state,
-                           .emitter = emitter};
+                           .emitter = emitter,
+                           .departureWatch = departureWatch};
 };
 
 /// An inbound record as a worker writes it.

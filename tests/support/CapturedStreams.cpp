@@ -6,12 +6,24 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <iostream>
 #include <stdexcept>
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#include <sanitizer/common_interface_defs.h>
+#endif
+
 namespace brindle::test {
 namespace {
+
+/// A sanitizer's report must not end up among what is kept.
+void sendSanitizerReportsTo([[maybe_unused]] int descriptor) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<std::intptr_t>(descriptor)));
+#endif
+}
 
 Descriptor memoryFile(const char* name) {
     Descriptor file(::memfd_create(name, MFD_CLOEXEC));
@@ -45,6 +57,7 @@ CapturedStreams::CapturedStreams() : output_(memoryFile("output")), error_(memor
     std::fflush(nullptr);
     realOutput_ = replaced(STDOUT_FILENO, output_);
     realError_ = replaced(STDERR_FILENO, error_);
+    sendSanitizerReportsTo(realError_.get());
 }
 
 CapturedStreams::~CapturedStreams() {
@@ -67,6 +80,7 @@ void CapturedStreams::restore() {
     std::fflush(nullptr);
     ::dup2(realOutput_.get(), STDOUT_FILENO);
     ::dup2(realError_.get(), STDERR_FILENO);
+    sendSanitizerReportsTo(STDERR_FILENO);
     realOutput_.reset();
     realError_.reset();
 }

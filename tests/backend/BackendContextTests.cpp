@@ -1,0 +1,27 @@
+#include "backend/BackendContext.h"
+
+#include <gtest/gtest.h>
+
+#include <new>
+
+#include "support/BackendParts.h"
+
+namespace brindle {
+namespace {
+
+TEST(BackendContextTests, LogsOnePrefixedLine) {
+    test::BackendParts parts;
+    parts.context.log("something happened");
+    EXPECT_EQ(parts.streams.take().error, "[ManagedWhatsAppBackend] something happened\n");
+}
+
+TEST(BackendContextTests, DescribesFailuresInTheirOwnWords) {
+    EXPECT_EQ(descriptionOf(Failure("One sentence.")), "One sentence.");
+}
+
+TEST(BackendContextTests, DescribesLackOfMemoryForPeople) {
+    EXPECT_EQ(descriptionOf(std::bad_alloc()), "There is not enough memory.");
+}
+
+}  // namespace
+}  // namespace brindle

@@ -1,0 +1,391 @@
+#include "backend/InboundDelivery.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <ostream>
+#include <thread>
+
+#include "support/BackendParts.h"
+
+namespace brindle {
+namespace {
+
+using test::BackendParts;
+using test::inboundEventsIn;
+using test::inboundRecord;
+using test::namesIn;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+struct ScopeCase {
+    std::string description;
+    BridgeScope scope;
+    std::string conversationId;
+    std::string conversationTitle;
+    bool belongs;
+};
+
+void PrintTo(const ScopeCase& each, std::ostream* stream) {
+    *stream << each.description;
+}
+
+class ScopeTests : public testing::TestWithParam<ScopeCase> {};
+
+TEST_P(ScopeTests, RecordBelongsByIdentifierOrTitle) {
+    const auto& each = GetParam();
+    ManagedWhatsAppInboundRecord record;
+    record.conversationId = each.conversationId;
+    record.conversationTitle = each.conversationTitle;
+    EXPECT_EQ(belongsToScope(record, each.scope), each.belongs);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ScopeTests,
+    testing::Values(
+        ScopeCase{"ConversationSameIdentifier", BridgeConversationScope{"I", "T"}, "I", "x", true},
+        ScopeCase{"ConversationSameTitle", BridgeConversationScope{"I", "T"}, "x", "T", true},
+        ScopeCase{"ConversationBoth", BridgeConversationScope{"I", "T"}, "I", "T", true},
+        ScopeCase{"ConversationNeither", BridgeConversationScope{"I", "T"}, "x", "y", false},
+        ScopeCase{"ConversationCrossed", BridgeConversationScope{"I", "T"}, "T", "I", false},
+        ScopeCase{"ConversationOtherCase", BridgeConversationScope{"I", "T"}, "i", "t", false},
+        ScopeCase{"ConversationTitleWithBlank", BridgeConversationScope{"I", "T"}, "x", "T ", false},
+        ScopeCase{"ConversationDecomposedTitle", BridgeConversationScope{"I", "é"}, "x", "e\u0301", false},
+        ScopeCase{"ConversationEmptyTitles", BridgeConversationScope{"I", ""}, "x", "", true},
+        ScopeCase{"ConversationEmptyIdentifiers", BridgeConversationScope{"", "T"}, "", "y", true},
+        ScopeCase{"ChannelSameIdentifier", BridgeChannelScope{"I", "T"}, "I", "x", true},
+        ScopeCase{"ChannelSameTitle", BridgeChannelScope{"I", "T"}, "x", "T", true},
+        ScopeCase{"ChannelNeither", BridgeChannelScope{"I", "T"}, "x", "y", false},
+        ScopeCase{"ThreadSameIdentifier", BridgeThreadScope{"I", "T"}, "I", "x", true},
+        ScopeCase{"ThreadSameTitle", BridgeThreadScope{"I", "T"}, "x", "T", true},
+        ScopeCase{"ThreadNeither", BridgeThreadScope{"I", "T"}, "x", "y", false},
+        ScopeCase{"ThreadWithoutTitle", BridgeThreadScope{"I", std::nullopt}, "x", "y", true},
+        ScopeCase{"ThreadWithEmptyTitle", BridgeThreadScope{"I", ""}, "x", "y", false},
+        ScopeCase{"TestOnly", BridgeTestOnlyScope{"T"}, "x", "T", false}),
+    [](const auto& each) { return each.param.description; });
+
+class InboundDeliveryTests : public testing::Test {
+  protected:
+    InboundDeliveryTests() {
+        parts_.state.setConnected(true);
+        parts_.state.setActiveScope(BridgeConversationScope{"room", "Room"});
+    }
+
+    void put(const std::string& name, const nlohmann::json& record) {
+        parts_.putInbound(name, record.dump());
+    }
+    std::vector<std::string> inbound() const { return namesIn(parts_.directory.inbound); }
+    std::vector<std::string> processed() const { return namesIn(parts_.directory.processed); }
+    std::vector<std::string> rejected() const { return namesIn(parts_.directory.rejected); }
+    /// Drains once and answers the identifiers of what was delivered and the log.
+    void drain() { delivery_.drainInboundDirectory(); }
+    void finish() {
+        const auto text = parts_.streams.take();
+        for (const auto& event : inboundEventsIn(text.output)) delivered_.push_back(event["messageId"]);
+        output_ = text.output;
+        log_ = test::linesOf(text.error);
+    }
+    void drainOnce() {
+        drain();
+        finish();
+    }
+
+    BackendParts parts_;
+    InboundDelivery delivery_{parts_.context};
+    std::vector<std::string> delivered_;
+    std::string output_;
+    std::vector<std::string> log_;
+};
+
+TEST_F(InboundDeliveryTests, DeliversInOrderOfFileNames) {
+    put("b.json", inboundRecord("1"));
+    put("a.json", inboundRecord("2"));
+    put("B.json", inboundRecord("3"));
+    put("10.json", inboundRecord("4"));
+    put("9.json", inboundRecord("5"));
+    drainOnce();
+    EXPECT_THAT(delivered_, ElementsAre("4", "5", "3", "2", "1"));
+    EXPECT_THAT(processed(), ElementsAre("10.json", "9.json", "B.json", "a.json", "b.json"));
+    EXPECT_THAT(inbound(), IsEmpty());
+    EXPECT_THAT(log_, IsEmpty());
+}
+
+TEST_F(InboundDeliveryTests, EventCarriesTheWholeRecord) {
+    put("a.json", inboundRecord("m/1"));
+    drainOnce();
+    EXPECT_EQ(output_,
+              R"({"inboundEvent":{"_0":{"event":{"conversationId":"room","conversationTitle":"Room",)"
+              R"("isDirectMessage":false,"messageId":"m\/1","rawReference":"raw-m\/1",)"
+              R"("senderDisplayName":"Sam","senderId":"s-1","text":"Hello",)"
+              R"("timestampISO8601":"2026-01-05T09:00:00Z"}}}})"
+              "\n");
+}
+
+TEST_F(InboundDeliveryTests, SuppliesWhatTheRecordLeavesOut) {
+    auto record = inboundRecord("");
+    record.erase("messageId");
+    record.erase("timestampISO8601");
+    record.erase("rawReference");
+    put("m1.json", record);
+    drainOnce();
+    const auto event = inboundEventsIn(output_).at(0);
+    EXPECT_TRUE(test::isCanonicalUuid(event["messageId"].get<std::string>()));
+    EXPECT_EQ(event["timestampISO8601"], "2026-01-05T09:30:00Z");
+    EXPECT_EQ(event["rawReference"], "m1.json");
+}
+
+TEST_F(InboundDeliveryTests, NullCountsAsLeftOut) {
+    auto record = inboundRecord("");
+    record["messageId"] = nullptr;
+    record["rawReference"] = nullptr;
+    put("m1.json", record);
+    drainOnce();
+    const auto event = inboundEventsIn(output_).at(0);
+    EXPECT_TRUE(test::isCanonicalUuid(event["messageId"].get<std::string>()));
+    EXPECT_EQ(event["rawReference"], "m1.json");
+}
+
+TEST_F(InboundDeliveryTests, EmptyTextCountsAsPresent) {
+    auto record = inboundRecord("");
+    record["timestampISO8601"] = "";
+    record["rawReference"] = "";
+    put("m1.json", record);
+    drainOnce();
+    const auto event = inboundEventsIn(output_).at(0);
+    EXPECT_EQ(event["messageId"], "");
+    EXPECT_EQ(event["timestampISO8601"], "");
+    EXPECT_EQ(event["rawReference"], "");
+}
+
+TEST_F(InboundDeliveryTests, LeavesOtherFilesAlone) {
+    for (const std::string name :
+         {"c.txt", "A.JSON", "json", "a.json.tmp", ".hidden.json", ".json", "b.Json"}) {
+        put(name, inboundRecord("x"));
+    }
+    drainOnce();
+    EXPECT_THAT(delivered_, IsEmpty());
+    EXPECT_EQ(inbound().size(), 7U);
+    EXPECT_THAT(log_, IsEmpty());
+}
+
+TEST_F(InboundDeliveryTests, LeavesUnmatchedRecordInPlaceWithoutAWord) {
+    put("a.json", inboundRecord("1", "other", "Other"));
+    put("b.json", inboundRecord("2"));
+    drainOnce();
+    EXPECT_THAT(delivered_, ElementsAre("2"));
+    EXPECT_THAT(inbound(), ElementsAre("a.json"));
+    EXPECT_THAT(log_, IsEmpty());
+}
+
+TEST_F(InboundDeliveryTests, UnmatchedRecordIsDeliveredOnceItsScopeIsActive) {
+    put("a.json", inboundRecord("1", "other", "Other"));
+    drain();
+    parts_.state.setActiveScope(BridgeChannelScope{"other", "x"});
+    drainOnce();
+    EXPECT_THAT(delivered_, ElementsAre("1"));
+    EXPECT_THAT(processed(), ElementsAre("a.json"));
+}
+
+TEST_F(InboundDeliveryTests, DeliversNothingWithoutAScope) {
+    parts_.state.setActiveScope(std::nullopt);
+    put("a.json", inboundRecord("1"));
+    parts_.putInbound("b.json", "{");
+    drainOnce();
+    EXPECT_THAT(inbound(), ElementsAre("a.json", "b.json"));
+    EXPECT_EQ(output_, "");
+}
+
+TEST_F(InboundDeliveryTests, DeliversNothingWhileDisconnected) {
+    parts_.state.setConnected(false);
+    put("a.json", inboundRecord("1"));
+    parts_.putInbound("b.json", "{");
+    drainOnce();
+    EXPECT_THAT(inbound(), ElementsAre("a.json", "b.json"));
+    EXPECT_EQ(output_, "");
+}
+
+TEST_F(InboundDeliveryTests, DeliversNothingDuringASelfTest) {
+    parts_.state.setActiveScope(BridgeTestOnlyScope{"Room"});
+    put("a.json", inboundRecord("1"));
+    parts_.putInbound("b.json", "{");
+    drainOnce();
+    EXPECT_THAT(inbound(), ElementsAre("a.json", "b.json"));
+    EXPECT_EQ(output_, "");
+}
+
+TEST_F(InboundDeliveryTests, RejectsWhatIsNoRecordAndGoesOn) {
+    parts_.putInbound("a.json", "{\n");
+    auto record = inboundRecord("2");
+    record.erase("text");
+    put("b.json", record);
+    record = inboundRecord("3");
+    record["isDirectMessage"] = "no";
+    put("c.json", record);
+    parts_.putInbound("d.json", "");
+    put("e.json", inboundRecord("5"));
+    drainOnce();
+    EXPECT_THAT(delivered_, ElementsAre("5"));
+    EXPECT_THAT(rejected(), ElementsAre("a.json", "b.json", "c.json", "d.json"));
+    const std::string prefix = "[ManagedWhatsAppBackend] rejected inbound event at ";
+    const std::string corrupt =
+        ": The data cannot be used because it is corrupt or has a value of the wrong type";
+    EXPECT_THAT(log_, ElementsAre(prefix + "a.json" + corrupt + ".",
+                                  prefix + "b.json: The data cannot be used because a required value is "
+                                           "missing (at text).",
+                                  prefix + "c.json" + corrupt + " (at isDirectMessage).",
+                                  prefix + "d.json" + corrupt + "."));
+}
+
+TEST_F(InboundDeliveryTests, RejectsWhatIsNoRegularFileWithoutWaiting) {
+    const auto at = [&](const std::string& name) { return parts_.directory.inbound + "/" + name; };
+    std::filesystem::create_directory(at("a.json"));
+    ASSERT_EQ(::mkfifo(at("b.json").c_str(), 0600), 0);
+    std::filesystem::create_symlink("/dev/zero", at("c.json"));
+    std::filesystem::create_symlink("nowhere", at("d.json"));
+    put("e.json", inboundRecord("5"));
+    drainOnce();
+    EXPECT_THAT(delivered_, ElementsAre("5"));
+    EXPECT_THAT(rejected(), ElementsAre("a.json", "b.json", "c.json", "d.json"));
+    EXPECT_THAT(inbound(), IsEmpty());
+    EXPECT_EQ(log_.size(), 4U);
+}
+
+TEST_F(InboundDeliveryTests, NameOfARejectedFileIsLoggedOnOneLine) {
+    parts_.putInbound("a\nb.json", "{");
+    drainOnce();
+    ASSERT_EQ(log_.size(), 1U);
+    EXPECT_THAT(log_[0], StartsWith("[ManagedWhatsAppBackend] rejected inbound event at a?b.json: "));
+    EXPECT_THAT(rejected(), ElementsAre("a\nb.json"));
+}
+
+TEST_F(InboundDeliveryTests, FileWhoseNameIsTakenIsStoredUnderAFreshPrefix) {
+    test::writeFileAtomically(parts_.directory.processed + "/a.json", "earlier");
+    test::writeFileAtomically(parts_.directory.rejected + "/b.json", "earlier");
+    put("a.json", inboundRecord("1"));
+    parts_.putInbound("b.json", "{");
+    drainOnce();
+    EXPECT_EQ(test::readFile(parts_.directory.processed + "/a.json"), "earlier");
+    EXPECT_EQ(test::readFile(parts_.directory.rejected + "/b.json"), "earlier");
+    for (const auto& [names, suffix] :
+         {std::pair(processed(), "-a.json"), std::pair(rejected(), "-b.json")}) {
+        ASSERT_EQ(names.size(), 2U);
+        const auto& fresh = names[0].size() > names[1].size() ? names[0] : names[1];
+        EXPECT_TRUE(fresh.ends_with(suffix));
+        EXPECT_TRUE(test::isCanonicalUuid(fresh.substr(0, fresh.size() - std::string_view(suffix).size())));
+    }
+    EXPECT_THAT(delivered_, ElementsAre("1"));
+}
+
+TEST_F(InboundDeliveryTests, DeliveredFileThatCannotBeFiledAwayIsRejected) {
+    std::filesystem::remove(parts_.directory.processed);
+    put("a.json", inboundRecord("1"));
+    put("b.json", inboundRecord("2"));
+    drainOnce();
+    EXPECT_THAT(delivered_, ElementsAre("1", "2"));
+    EXPECT_THAT(rejected(), ElementsAre("a.json", "b.json"));
+    ASSERT_EQ(log_.size(), 2U);
+    EXPECT_THAT(log_[0],
+                StartsWith("[ManagedWhatsAppBackend] rejected inbound event at a.json: Cannot move"));
+}
+
+TEST_F(InboundDeliveryTests, DrainStopsAtAFileThatCannotBeRejected) {
+    std::filesystem::remove(parts_.directory.rejected);
+    put("a.json", inboundRecord("1"));
+    parts_.putInbound("b.json", "{");
+    put("c.json", inboundRecord("3"));
+    drainOnce();
+    EXPECT_THAT(delivered_, ElementsAre("1"));
+    EXPECT_THAT(inbound(), ElementsAre("b.json", "c.json"));
+    ASSERT_EQ(log_.size(), 2U);
+    EXPECT_THAT(log_[0], StartsWith("[ManagedWhatsAppBackend] rejected inbound event at b.json: "));
+    EXPECT_THAT(log_[1],
+                StartsWith("[ManagedWhatsAppBackend] failed to drain inbound directory: Cannot move"));
+}
+
+TEST_F(InboundDeliveryTests, DirectoryThatCannotBeListedIsLoggedAtEveryDrain) {
+    std::filesystem::remove(parts_.directory.inbound);
+    drain();
+    drainOnce();
+    const auto line = "[ManagedWhatsAppBackend] failed to drain inbound directory: Cannot list \"" +
+                      parts_.directory.inbound + "\": No such file or directory.";
+    EXPECT_THAT(log_, ElementsAre(line, line));
+}
+
+TEST_F(InboundDeliveryTests, DirectoryThatComesBackIsDrainedAgain) {
+    std::filesystem::remove(parts_.directory.inbound);
+    drain();
+    std::filesystem::create_directory(parts_.directory.inbound);
+    put("a.json", inboundRecord("1"));
+    drainOnce();
+    EXPECT_THAT(delivered_, ElementsAre("1"));
+}
+
+TEST_F(InboundDeliveryTests, ProcessedFileHasTheWorkersContent) {
+    const auto content = inboundRecord("1").dump(4);
+    parts_.putInbound("a.json", content);
+    drainOnce();
+    EXPECT_EQ(test::readFile(parts_.directory.processed + "/a.json"), content);
+}
+
+TEST_F(InboundDeliveryTests, RecordStaysForTheNextBackendWhenNobodyReads) {
+    put("a.json", inboundRecord("1"));
+    parts_.streams.take();
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    const Descriptor reading(ends[0]);
+    Descriptor writing(ends[1]);
+    ASSERT_GT(::fcntl(writing.get(), F_SETPIPE_SZ, 4096), 0);
+    {
+        const Descriptor original(::dup(STDOUT_FILENO));
+        ASSERT_GE(::dup2(writing.get(), STDOUT_FILENO), 0);
+        const std::string page(4096, '-');
+        EXPECT_EQ(::write(writing.get(), page.data(), page.size()), 4096);
+        DepartureWatch watch;
+        watch.abandonOutput();
+        ManagedWhatsAppBackendEmitter emitter(watch);
+        const BackendContext context{.platform = parts_.platform,
+                                     .environment = parts_.environment,
+                                     .directory = parts_.directory,
+                                     .fileManager = parts_.files,
+                                     .clock = parts_.clock,
+                                     .state = parts_.state,
+                                     .emitter = emitter,
+                                     .departureWatch = watch};
+        InboundDelivery(context).drainInboundDirectory();
+        ::dup2(original.get(), STDOUT_FILENO);
+    }
+    EXPECT_THAT(inbound(), ElementsAre("a.json"));
+    EXPECT_THAT(rejected(), IsEmpty());
+}
+
+TEST_F(InboundDeliveryTests, ConcurrentDrainsDeliverALongBacklogExactlyOnce) {
+    constexpr int backlog = 600;
+    std::vector<std::string> expected;
+    for (int i = 0; i < backlog; ++i) {
+        const auto id = std::to_string(100'000 + i);
+        put(id + ".json", inboundRecord(id));
+        expected.push_back(id);
+    }
+    const auto drainUntilEmpty = [&] {
+        while (!namesIn(parts_.directory.inbound).empty()) delivery_.drainInboundDirectory();
+    };
+    std::thread other(drainUntilEmpty);
+    drainUntilEmpty();
+    other.join();
+    finish();
+    std::sort(delivered_.begin(), delivered_.end());
+    EXPECT_EQ(delivered_, expected);
+    EXPECT_EQ(processed().size(), expected.size());
+    EXPECT_THAT(rejected(), IsEmpty());
+    EXPECT_THAT(inbound(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace brindle

@@ -1,0 +1,263 @@
+#include "backend/ManagedWhatsAppWorkerLaunchConfiguration.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "support/BackendParts.h"
+
+namespace brindle {
+namespace {
+
+namespace fs = std::filesystem;
+namespace key = environment_key;
+using test::BackendParts;
+
+/// Settings by short names, for tables.
+Environment settings(std::initializer_list<std::pair<std::string_view, std::string>> entries) {
+    Environment environment;
+    for (const auto& [name, value] : entries) environment.emplace(name, value);
+    return environment;
+}
+
+/// Moves this process to another working directory for as long as it lives.
+class WorkingDirectory {
+  public:
+    explicit WorkingDirectory(const fs::path& path) : original_(fs::current_path()) {
+        fs::current_path(path);
+    }
+    WorkingDirectory(const WorkingDirectory&) = delete;
+    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
+    ~WorkingDirectory() { fs::current_path(original_); }
+
+  private:
+    fs::path original_;
+};
+
+class LaunchConfigurationTests : public testing::Test {
+  protected:
+    LaunchConfigurationTests() {
+        fs::create_directories(place_.path() / "bin" / "Resources");
+        fs::create_directories(place_.path() / "work");
+        bundle_.executablePath = at("bin/Helper");
+        bundle_.resourceDirectory = at("bin/Resources");
+        bundle_.firstArgument = at("argument");
+    }
+
+    std::string at(const std::string& name) const { return (place_.path() / name).string(); }
+    std::string putFile(const std::string& name) const {
+        fs::create_directories((place_.path() / name).parent_path());
+        test::writeFileAtomically(place_.path() / name, "");
+        return at(name);
+    }
+    std::optional<ManagedWhatsAppWorkerLaunchConfiguration> resolve(const Environment& environment) {
+        BackendParts parts(environment);
+        const WorkingDirectory moved(place_.path() / "work");
+        dataDirectory_ = parts.directory.path;
+        return resolveLaunchConfiguration(parts.context, bundle_);
+    }
+    /// The launch description, or "none".
+    std::string chosen(const Environment& environment) {
+        const auto configuration = resolve(environment);
+        return configuration ? configuration->launchDescription : "none";
+    }
+    std::string native(const std::string& path) const { return "native protocol worker (" + path + ")"; }
+    std::string builtIn() const { return "built-in WebKit worker (" + at("bin/Helper") + ")"; }
+    std::string beside() const { return "bin/" + std::string(native_worker_name); }
+
+    test::TemporaryDirectory place_;
+    MainBundle bundle_;
+    std::string dataDirectory_;
+};
+
+TEST_F(LaunchConfigurationTests, NothingIsConfiguredByDefault) {
+    EXPECT_EQ(chosen({}), "none");
+    EXPECT_EQ(chosen(settings({{"PATH", "/bin"}})), "none");
+}
+
+TEST_F(LaunchConfigurationTests, DisablingComesBeforeEverything) {
+    putFile(beside());
+    EXPECT_EQ(chosen(settings({{key::disableWorker, " Yes "},
+                               {key::workerPath, "/w"},
+                               {key::enableNativeWorker, "1"},
+                               {key::enableBuiltinWorker, "1"}})),
+              "none");
+    EXPECT_EQ(chosen(settings({{key::disableWorker, "no"}, {key::workerPath, "/w"}})), "/w");
+}
+
+TEST_F(LaunchConfigurationTests, ExplicitWorkerIsTakenUnseen) {
+    putFile(beside());
+    const auto configuration = resolve(settings({{key::workerPath, " /missing//x/../worker\n"}}));
+    ASSERT_TRUE(configuration.has_value());
+    EXPECT_EQ(configuration->executableURL, "/missing/worker");
+    EXPECT_EQ(configuration->launchDescription, "/missing/worker");
+    EXPECT_TRUE(configuration->arguments.empty());
+    EXPECT_TRUE(configuration->requiresExecutableBit);
+    EXPECT_EQ(configuration->environment.at("BRINDLE_MANAGED_BRIDGE_WORKER_ROLE"), "runtime-worker");
+    EXPECT_FALSE(configuration->environment.contains("BRINDLE_MANAGED_BRIDGE_WORKER_IMPLEMENTATION"));
+}
+
+TEST_F(LaunchConfigurationTests, RelativeExplicitWorkerIsTakenAgainstTheWorkingDirectory) {
+    EXPECT_EQ(chosen(settings({{key::workerPath, "w"}})), fs::canonical(at("work")).string() + "/w");
+}
+
+TEST_F(LaunchConfigurationTests, BlankExplicitWorkerCountsAsUnset) {
+    EXPECT_EQ(chosen(settings({{key::workerPath, "   "}})), "none");
+}
+
+TEST_F(LaunchConfigurationTests, NativeWorkersAreEnabledAsTheSettingsSay) {
+    const auto found = native(putFile(beside()));
+    const std::string_view enable = key::enableNativeWorker;
+    const std::string_view disable = key::disableNativeWorker;
+    const std::string_view harness = "XCTestConfigurationFilePath";
+    const std::string_view otherHarness = "SWIFT_TESTING_ENABLED";
+    const std::vector<std::pair<Environment, bool>> table{
+        {{}, true},
+        {settings({{"PATH", "/bin"}}), true},
+        {settings({{disable, "1"}}), false},
+        {settings({{disable, "0"}}), true},
+        {settings({{disable, "1"}, {enable, "1"}}), false},
+        {settings({{enable, "1"}}), true},
+        {settings({{enable, "TRUE"}}), true},
+        {settings({{enable, "0"}}), false},
+        {settings({{enable, "2"}}), false},
+        {settings({{enable, " "}}), true},
+        {settings({{harness, "/x"}}), false},
+        {settings({{harness, ""}}), false},
+        {settings({{otherHarness, "0"}}), false},
+        {settings({{harness, "/x"}, {enable, "1"}}), true},
+        {settings({{harness, "/x"}, {enable, " "}}), false},
+        {settings({{otherHarness, "1"}, {enable, "no"}}), false},
+    };
+    for (const auto& [environment, enabled] : table) {
+        std::string names;
+        for (const auto& [name, value] : environment) names += name + "=" + value + " ";
+        EXPECT_EQ(chosen(environment), enabled ? found : "none") << names;
+    }
+}
+
+TEST_F(LaunchConfigurationTests, NativeWorkerKeepsItsOwnRoleAndNamesItsImplementation) {
+    const auto path = putFile(beside());
+    const auto configuration = resolve({});
+    ASSERT_TRUE(configuration.has_value());
+    EXPECT_EQ(configuration->executableURL, path);
+    EXPECT_TRUE(configuration->arguments.empty());
+    EXPECT_TRUE(configuration->requiresExecutableBit);
+    EXPECT_EQ(configuration->environment.at("BRINDLE_MANAGED_BRIDGE_WORKER_IMPLEMENTATION"),
+              "protocol-native");
+    EXPECT_FALSE(configuration->environment.contains("BRINDLE_MANAGED_BRIDGE_WORKER_ROLE"));
+}
+
+TEST_F(LaunchConfigurationTests, NativeWorkerIsLookedForInOrder) {
+    const std::string name(native_worker_name);
+    const std::vector<std::string> places{"bin/" + name, "bin/Resources/" + name,
+                                          "work/Support/ManagedWhatsAppNativeWorker/.build/" + name,
+                                          "work/Support/ManagedWhatsAppNativeWorker/" + name};
+    for (const auto& each : places) putFile(each);
+    for (const auto& each : places) {
+        EXPECT_EQ(chosen({}), native(at(each)));
+        fs::remove(at(each));
+    }
+    EXPECT_EQ(chosen({}), "none");
+}
+
+TEST_F(LaunchConfigurationTests, PlacesThatTheBundleDoesNotKnowAreLeftOut) {
+    putFile(beside());
+    putFile("bin/Resources/" + std::string(native_worker_name));
+    const auto last = putFile("work/Support/ManagedWhatsAppNativeWorker/" + std::string(native_worker_name));
+    bundle_.executablePath.reset();
+    bundle_.resourceDirectory.reset();
+    EXPECT_EQ(chosen({}), native(last));
+}
+
+TEST_F(LaunchConfigurationTests, ExistenceIsTheOnlyTestOfANativeWorker) {
+    fs::create_directory(at(beside()));
+    EXPECT_EQ(chosen({}), native(at(beside())));
+    fs::remove(at(beside()));
+    fs::create_symlink(at("nowhere"), at(beside()));
+    EXPECT_EQ(chosen({}), "none");
+}
+
+TEST_F(LaunchConfigurationTests, GivenNativeWorkerIsUsedWhenItExists) {
+    putFile(beside());
+    const auto given = putFile("given/worker");
+    EXPECT_EQ(chosen(settings({{key::nativeWorkerPath, " " + at("given/./worker") + "\n"}})), native(given));
+}
+
+TEST_F(LaunchConfigurationTests, WrongNativeWorkerIsNotReplacedByAGuess) {
+    putFile(beside());
+    EXPECT_EQ(chosen(settings({{key::nativeWorkerPath, at("missing")}})), "none");
+    EXPECT_EQ(chosen(settings({{key::nativeWorkerPath, at("missing")}, {key::enableBuiltinWorker, "on"}})),
+              builtIn());
+}
+
+TEST_F(LaunchConfigurationTests, BlankNativeWorkerCountsAsUnset) {
+    const auto found = putFile(beside());
+    EXPECT_EQ(chosen(settings({{key::nativeWorkerPath, " \n"}})), native(found));
+}
+
+TEST_F(LaunchConfigurationTests, BuiltInWorkerMustBeAskedFor) {
+    for (const std::string value : {"1", "true", " YES ", "On"}) {
+        EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, value}})), builtIn()) << value;
+    }
+    for (const std::string value : {"", " ", "0", "2", "y", "enabled"}) {
+        EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, value}})), "none") << value;
+    }
+    EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, "1"}, {"SWIFT_TESTING_ENABLED", "1"}})), builtIn());
+}
+
+TEST_F(LaunchConfigurationTests, NativeWorkerComesBeforeTheBuiltInOne) {
+    const auto found = native(putFile(beside()));
+    EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, "1"}})), found);
+    EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, "1"}, {key::disableNativeWorker, "1"}})),
+              builtIn());
+}
+
+TEST_F(LaunchConfigurationTests, BuiltInWorkerIsTheRunningExecutable) {
+    const auto configuration = resolve(settings({{key::enableBuiltinWorker, "1"}}));
+    ASSERT_TRUE(configuration.has_value());
+    EXPECT_EQ(configuration->executableURL, at("bin/Helper"));
+    EXPECT_TRUE(configuration->requiresExecutableBit);
+    EXPECT_EQ(configuration->environment.at("BRINDLE_MANAGED_BRIDGE_WORKER_ROLE"), "runtime-worker");
+}
+
+TEST_F(LaunchConfigurationTests, FirstArgumentStandsInForAnUnknownExecutable) {
+    bundle_.executablePath.reset();
+    bundle_.firstArgument = " /opt/./helper\n";
+    EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, "1"}})), "built-in WebKit worker (/opt/helper)");
+    for (const std::string blank : {"", " \n"}) {
+        bundle_.firstArgument = blank;
+        EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, "1"}})), "none");
+    }
+}
+
+TEST_F(LaunchConfigurationTests, WorkerGetsTheSnapshotAndWhatItMustKnow) {
+    const auto configuration = resolve(settings({{key::workerPath, "/w"},
+                                                 {"BRINDLE_HELPER_LAUNCH_TOKEN", "token"},
+                                                 {"HOME", "/home/z"},
+                                                 {key::platform, "replaced"},
+                                                 {key::parentProcess, "1"},
+                                                 {key::workerRole, "replaced"},
+                                                 {key::dataDirectory, "replaced"}}));
+    ASSERT_TRUE(configuration.has_value());
+    EXPECT_EQ(configuration->environment, settings({{key::workerPath, "/w"},
+                                                    {"BRINDLE_HELPER_LAUNCH_TOKEN", "token"},
+                                                    {"HOME", "/home/z"},
+                                                    {key::platform, "whatsapp"},
+                                                    {key::parentProcess, std::to_string(::getpid())},
+                                                    {key::workerRole, "runtime-worker"},
+                                                    {key::dataDirectory, dataDirectory_}}));
+}
+
+TEST_F(LaunchConfigurationTests, RoleOfTheSnapshotReachesTheNativeWorkerUnchanged) {
+    putFile(beside());
+    const auto configuration =
+        resolve(settings({{key::workerRole, "something"}, {key::workerImplementation, "x"}}));
+    ASSERT_TRUE(configuration.has_value());
+    EXPECT_EQ(configuration->environment.at(std::string(key::workerRole)), "something");
+    EXPECT_EQ(configuration->environment.at(std::string(key::workerImplementation)), "protocol-native");
+}
+
+}  // namespace
+}  // namespace brindle

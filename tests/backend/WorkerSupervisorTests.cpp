@@ -1,0 +1,259 @@
+#include "backend/WorkerSupervisor.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <limits>
+
+#include "support/BackendParts.h"
+
+namespace brindle {
+namespace {
+
+namespace fs = std::filesystem;
+namespace key = environment_key;
+using test::BackendParts;
+using test::linesOf;
+using test::waitUntil;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class ProcessIdentifierTests : public testing::TestWithParam<std::pair<std::string, std::optional<pid_t>>> {};
+
+TEST_P(ProcessIdentifierTests, IsASignedDecimalNumberOf32Bits) {
+    EXPECT_EQ(parsedProcessIdentifier(GetParam().first), GetParam().second) << '"' << GetParam().first << '"';
+}
+
+using Parsed = std::pair<std::string, std::optional<pid_t>>;
+INSTANTIATE_TEST_SUITE_P(
+    Texts, ProcessIdentifierTests,
+    testing::Values(Parsed{"1", 1}, Parsed{"12345", 12345}, Parsed{" 42\n", 42}, Parsed{"\u00A042\u2028", 42},
+                    Parsed{"+42", 42}, Parsed{"-42", -42}, Parsed{"0", 0}, Parsed{"-0", 0}, Parsed{"007", 7},
+                    Parsed{"2147483647", std::numeric_limits<pid_t>::max()},
+                    Parsed{"-2147483648", std::numeric_limits<pid_t>::min()},
+                    Parsed{"2147483648", std::nullopt}, Parsed{"-2147483649", std::nullopt},
+                    Parsed{"99999999999999999999", std::nullopt}, Parsed{"", std::nullopt},
+                    Parsed{" ", std::nullopt}, Parsed{"+", std::nullopt}, Parsed{"-", std::nullopt},
+                    Parsed{"+-1", std::nullopt}, Parsed{"++1", std::nullopt}, Parsed{"-+1", std::nullopt},
+                    Parsed{"--1", std::nullopt}, Parsed{"abc", std::nullopt}, Parsed{"12a", std::nullopt},
+                    Parsed{"a12", std::nullopt}, Parsed{"1 2", std::nullopt}, Parsed{"1.5", std::nullopt},
+                    Parsed{"0x10", std::nullopt}, Parsed{"1e3", std::nullopt}, Parsed{"+ 1", std::nullopt},
+                    Parsed{"\u0661", std::nullopt}, Parsed{std::string("1\0", 2), std::nullopt}));
+
+/// A supervisor with its queue, and workers that are shell scripts.
+class WorkerSupervisorTests : public testing::Test {
+  protected:
+    std::string script(const std::string& body) const {
+        return test::writeScript(parts_.home.path() / "worker", body).string();
+    }
+    void configure(const std::string& path) {
+        parts_.environment.insert_or_assign(std::string(key::workerPath), path);
+    }
+    ManagedWhatsAppWorkerLaunchSnapshot worker() const {
+        return parts_.state.takeSnapshot().workerLaunchSnapshot;
+    }
+    void waitForState(const std::string& state) {
+        waitUntil([&] { return worker().state == state; }, state);
+    }
+    std::string runtimeFile(const std::string& name) const { return parts_.directory.runtime + "/" + name; }
+    /// Ends the queue, so that no log line comes after it.
+    std::vector<std::string> takeLog() {
+        queue_.stop(test::must_happen_deadline);
+        queue_.join();
+        return linesOf(parts_.streams.take().error);
+    }
+
+    BackendParts parts_;
+    StatusPublisher publisher_{parts_.context};
+    SerialQueue queue_{"queue"};
+    WorkerSupervisor supervisor_{parts_.context, publisher_, queue_};
+};
+
+TEST_F(WorkerSupervisorTests, WithoutConfigurationNothingIsLaunched) {
+    parts_.environment.emplace(key::disableWorker, "1");
+    test::writeFileAtomically(parts_.directory.workerStatusFile, "{}");
+    supervisor_.launchWorkerIfConfigured();
+    EXPECT_EQ(worker().configuredExecutablePath, std::nullopt);
+    EXPECT_EQ(worker().state, "not_configured");
+    EXPECT_EQ(worker().detail,
+              "No managed WhatsApp worker configured. Install the protocol worker dependencies or provide an "
+              "explicit worker executable.");
+    EXPECT_FALSE(fs::exists(parts_.directory.workerStatusFile));
+    EXPECT_EQ(parts_.runtimeStatus()["workerDetail"], *worker().detail);
+}
+
+TEST_F(WorkerSupervisorTests, FileThatIsNotExecutableIsAMisconfiguration) {
+    const auto path = (parts_.home.path() / "plain").string();
+    test::writeFileAtomically(path, "#!/bin/sh\n");
+    configure(path);
+    supervisor_.launchWorkerIfConfigured();
+    const auto detail = "Configured worker executable is not executable: " + path;
+    EXPECT_EQ(worker().state, "misconfigured");
+    EXPECT_EQ(worker().configuredExecutablePath, path);
+    EXPECT_EQ(worker().detail, detail);
+    EXPECT_FALSE(worker().processRunning);
+    EXPECT_EQ(parts_.runtimeStatus()["workerState"], "misconfigured");
+    EXPECT_THAT(takeLog(), ElementsAre("[ManagedWhatsAppBackend] " + detail));
+}
+
+TEST_F(WorkerSupervisorTests, WorkerThatCannotBeStartedIsPublishedWithTheReason) {
+    const auto path = (parts_.home.path() / "worker").string();
+    test::writeFileAtomically(path, "#!/missing/interpreter\n");
+    fs::permissions(path, fs::perms::owner_all);
+    configure(path);
+    supervisor_.launchWorkerIfConfigured();
+    const auto detail = "Failed to launch managed WhatsApp worker at " + path + ": No such file or directory";
+    EXPECT_EQ(worker().state, "launch_failed");
+    EXPECT_EQ(worker().detail, detail);
+    EXPECT_THAT(takeLog(), ElementsAre("[ManagedWhatsAppBackend] " + detail));
+}
+
+TEST_F(WorkerSupervisorTests, LaunchedWorkerIsPublishedAsRunning) {
+    const auto path = script("exec sleep 1000");
+    configure(path);
+    supervisor_.launchWorkerIfConfigured();
+    EXPECT_EQ(worker().state, "launching");
+    EXPECT_EQ(worker().detail, "Managed WhatsApp worker launched at " + path + ".");
+    EXPECT_TRUE(worker().processRunning);
+    EXPECT_EQ(parts_.runtimeStatus()["workerProcessRunning"], true);
+    supervisor_.stopWorker();
+    EXPECT_EQ(worker().state, "stopped");
+    EXPECT_EQ(worker().detail, "Managed WhatsApp worker stopped.");
+    EXPECT_FALSE(worker().processRunning);
+}
+
+TEST_F(WorkerSupervisorTests, UnexpectedEndIsPublishedWithItsStatus) {
+    configure(script("exit 3"));
+    supervisor_.launchWorkerIfConfigured();
+    waitForState("exited");
+    EXPECT_EQ(worker().detail, "Managed WhatsApp worker exited unexpectedly with status 3.");
+    EXPECT_THAT(
+        takeLog(),
+        ElementsAre("[ManagedWhatsAppBackend] Managed WhatsApp worker exited unexpectedly with status 3."));
+}
+
+TEST_F(WorkerSupervisorTests, DeathBySignalIsPublishedWithTheSignal) {
+    configure(script("kill -KILL $$"));
+    supervisor_.launchWorkerIfConfigured();
+    waitForState("exited");
+    EXPECT_EQ(worker().detail, "Managed WhatsApp worker exited unexpectedly with status 9.");
+}
+
+TEST_F(WorkerSupervisorTests, RelaysLinesAndDropsEmptyOnes) {
+    configure(script("printf 'a\\n\\n  b  \\n \\t\\n\\377'; printf 'c\\r\\n' >&2"));
+    supervisor_.launchWorkerIfConfigured();
+    waitForState("exited");
+    const auto log = takeLog();
+    const std::string output = "[ManagedWhatsAppWorker] ";
+    EXPECT_THAT(log, testing::Contains(output + "a"));
+    EXPECT_THAT(log, testing::Contains(output + "b"));
+    EXPECT_THAT(log, testing::Contains(output + "\uFFFD"));
+    EXPECT_THAT(log, testing::Contains("[ManagedWhatsAppWorker][stderr] c"));
+    EXPECT_EQ(log.size(), 5U);
+}
+
+TEST_F(WorkerSupervisorTests, EverythingWrittenIsRelayedBeforeTheEndIsRecorded) {
+    configure(script("i=0; while [ $i -lt 500 ]; do echo line-$i; i=$((i+1)); done; exit 7"));
+    supervisor_.launchWorkerIfConfigured();
+    waitForState("exited");
+    const auto log = takeLog();
+    ASSERT_GE(log.size(), 501U);
+    EXPECT_THAT(log.back(), HasSubstr("exited unexpectedly with status 7"));
+    EXPECT_EQ(log[log.size() - 2], "[ManagedWhatsAppWorker] line-499");
+}
+
+TEST_F(WorkerSupervisorTests, StoppedWorkerIsNotUnexpected) {
+    const auto marker = (parts_.home.path() / "ready").string();
+    configure(script("echo $$ > '" + marker + ".part' && mv '" + marker + ".part' '" + marker +
+                     "'; exec sleep 1000"));
+    supervisor_.launchWorkerIfConfigured();
+    waitUntil([&] { return fs::exists(marker); }, "the worker is ready");
+    const auto process = static_cast<pid_t>(std::stol(test::readFile(marker)));
+    supervisor_.stopWorker();
+    waitUntil([&] { return ::kill(process, 0) != 0; }, "the worker has ended and was reaped");
+    waitForState("stopped");
+    EXPECT_THAT(takeLog(), testing::IsEmpty());
+}
+
+TEST_F(WorkerSupervisorTests, StopWithoutWorkerSaysThatNoneIsConfigured) {
+    supervisor_.stopWorker();
+    EXPECT_EQ(worker().state, "not_configured");
+    EXPECT_EQ(worker().detail, "No managed WhatsApp worker configured.");
+}
+
+TEST_F(WorkerSupervisorTests, StopRemovesTheWorkersFiles) {
+    for (const std::string name : {"worker-status.json", "worker.pid", "worker-qr.png"}) {
+        test::writeFileAtomically(runtimeFile(name), "x");
+    }
+    supervisor_.stopWorker();
+    EXPECT_FALSE(fs::exists(runtimeFile("worker-status.json")));
+    EXPECT_FALSE(fs::exists(runtimeFile("worker.pid")));
+    EXPECT_TRUE(fs::exists(runtimeFile("worker-qr.png")));
+}
+
+TEST_F(WorkerSupervisorTests, LaunchRemovesTheFilesOfAnEarlierWorker) {
+    for (const std::string name : {"worker-status.json", "worker.pid", "worker-qr.png"}) {
+        test::writeFileAtomically(runtimeFile(name), "abc");
+    }
+    configure("/missing");
+    supervisor_.launchWorkerIfConfigured();
+    EXPECT_FALSE(fs::exists(runtimeFile("worker-status.json")));
+    EXPECT_FALSE(fs::exists(runtimeFile("worker.pid")));
+    EXPECT_FALSE(fs::exists(runtimeFile("worker-qr.png")));
+}
+
+/// A child of the test that ignores SIGTERM; reaped on destruction.
+class LeftoverProcess {
+  public:
+    LeftoverProcess() {
+        // Before the fork, so that the child ignores it from its first moment.
+        const auto handler = ::signal(SIGTERM, SIG_IGN);
+        process_ = ::fork();
+        while (process_ == 0) ::pause();
+        ::signal(SIGTERM, handler);
+    }
+    LeftoverProcess(const LeftoverProcess&) = delete;
+    LeftoverProcess& operator=(const LeftoverProcess&) = delete;
+    ~LeftoverProcess() {
+        ::kill(process_, SIGKILL);
+        ::waitpid(process_, nullptr, 0);
+    }
+    pid_t identifier() const { return process_; }
+    /// The signal that ended it.
+    int waitForSignal() const {
+        siginfo_t information{};
+        ::waitid(P_PID, static_cast<id_t>(process_), &information, WEXITED | WNOWAIT);
+        return information.si_status;
+    }
+
+  private:
+    pid_t process_ = -1;
+};
+
+TEST_F(WorkerSupervisorTests, EarlierWorkerThatIgnoresTerminationIsKilledAfterASecond) {
+    const LeftoverProcess leftover;
+    test::writeFileAtomically(parts_.directory.workerPIDFile, std::to_string(leftover.identifier()) + "\n");
+    configure("/missing");
+    supervisor_.launchWorkerIfConfigured();
+    EXPECT_EQ(leftover.waitForSignal(), SIGKILL);
+    EXPECT_EQ(parts_.clock.sleeps(),
+              std::vector<std::chrono::milliseconds>(20, std::chrono::milliseconds{50}));
+}
+
+TEST_F(WorkerSupervisorTests, PidFileThatNamesNoProcessIsSimplyRemoved) {
+    const std::vector<std::string> texts{"abc", "", "0", "-1", "99999999999", std::to_string(::getpid())};
+    for (const auto& text : texts) {
+        test::writeFileAtomically(parts_.directory.workerPIDFile, text);
+        configure("/missing");
+        supervisor_.launchWorkerIfConfigured();
+        EXPECT_FALSE(fs::exists(parts_.directory.workerPIDFile)) << text;
+    }
+    EXPECT_TRUE(parts_.clock.sleeps().empty());
+}
+
+}  // namespace
+}  // namespace brindle
