@@ -25,7 +25,7 @@ class LineEditor final : public CommandInput, public EditedLine {
     LineEditor(const LineEditor&) = delete;
     LineEditor& operator=(const LineEditor&) = delete;
 
-    /// The file of the user's own (XDG Base Directory Specification); empty when there is no place for one.
+    /// The file of the user's own (XDG base directories); empty when there is no place for one.
     static std::string historyFile(const Environment& environment);
 
     int descriptor() const override;

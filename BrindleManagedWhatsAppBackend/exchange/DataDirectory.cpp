@@ -18,7 +18,7 @@ constexpr std::string_view bridge_component = "ManagedBridge";
 constexpr mode_t private_mode = 0700;
 constexpr mode_t writable_by_others = 022;
 
-/// The user's runtime directory (XDG Base Directory Specification), when it is there and private.
+/// The user's runtime directory (XDG base directories), when it is there and private.
 std::optional<std::string> privateRuntimeDirectory(const Environment& environment, FileManager& fileManager) {
     const auto value = nonBlankValue(environment, environment_key::runtimeDirectory);
     if (!value || !value->starts_with('/')) return std::nullopt;

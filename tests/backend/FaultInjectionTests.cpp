@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <set>
@@ -290,7 +291,7 @@ struct Publishing {
     std::string control() const { return test::readFile(parts.directory.workerControlFile); }
 };
 
-void expectExactLog(const std::vector<std::string>& log, const std::vector<std::string>& failures) {
+void expectExactLog(std::vector<std::string> log, const std::vector<std::string>& failures) {
     std::vector<std::string> expected;
     for (const auto& failed : failures) {
         // The question whether a file exists is answered "no" and not logged.
@@ -304,6 +305,8 @@ void expectExactLog(const std::vector<std::string>& log, const std::vector<std::
                            failed.substr(slash) + "\": ");
     }
     ASSERT_EQ(log.size(), expected.size());
+    std::sort(log.begin(), log.end());
+    std::sort(expected.begin(), expected.end());
     for (std::size_t i = 0; i < log.size(); ++i) EXPECT_THAT(log[i], StartsWith(expected[i]));
 }
 
@@ -429,6 +432,16 @@ TEST_P(FaultInjectionTests, FailedSendHasNoEffectAndSendingWorksAgain) {
         // The message, the runtime status, the worker control.
         EXPECT_EQ(met, 3);
     }
+}
+
+TEST(SendTests, OnlyTheMessageIsWrittenThroughToTheDisk) {
+    Sending sending;
+    const auto result = sendWith(sending, {.operation = far_too_many_operations});
+    sending.streams.take();
+    ASSERT_EQ(result.operations.size(), 3U);
+    EXPECT_THAT(result.operations[0], StartsWith("write through " + (sending.data / "outbound/").string()));
+    EXPECT_EQ(result.operations[1], "write " + (sending.data / "runtime/runtime-status.json").string());
+    EXPECT_EQ(result.operations[2], "write " + (sending.data / "runtime/worker-control.json").string());
 }
 
 }  // namespace

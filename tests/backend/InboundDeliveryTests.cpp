@@ -365,7 +365,7 @@ TEST_F(InboundDeliveryTests, RecordStaysForTheNextBackendWhenNobodyReads) {
     EXPECT_THAT(rejected(), IsEmpty());
 }
 
-TEST_F(InboundDeliveryTests, ConcurrentDrainsDeliverALongBacklogExactlyOnce) {
+TEST_F(InboundDeliveryTests, ConcurrentDrainsDeliverALongBacklogOnceAndInOrder) {
     constexpr int backlog = 600;
     std::vector<std::string> expected;
     for (int i = 0; i < backlog; ++i) {
@@ -373,18 +373,31 @@ TEST_F(InboundDeliveryTests, ConcurrentDrainsDeliverALongBacklogExactlyOnce) {
         put(id + ".json", inboundRecord(id));
         expected.push_back(id);
     }
-    const auto drainUntilEmpty = [&] {
-        while (!namesIn(parts_.directory.inbound).empty()) delivery_.drainInboundDirectory();
-    };
-    std::thread other(drainUntilEmpty);
-    drainUntilEmpty();
-    other.join();
+    std::thread poller([&] {
+        while (!namesIn(parts_.directory.inbound).empty()) delivery_.drainUnlessUnderWay();
+    });
+    while (!namesIn(parts_.directory.inbound).empty()) delivery_.drainInboundDirectory();
+    poller.join();
     finish();
-    std::sort(delivered_.begin(), delivered_.end());
     EXPECT_EQ(delivered_, expected);
     EXPECT_EQ(processed().size(), expected.size());
     EXPECT_THAT(rejected(), IsEmpty());
-    EXPECT_THAT(inbound(), IsEmpty());
+    EXPECT_THAT(log_, IsEmpty());
+}
+
+TEST_F(InboundDeliveryTests, PollerDeliversWhenNoDrainIsUnderWay) {
+    put("a.json", inboundRecord("1"));
+    delivery_.drainUnlessUnderWay();
+    finish();
+    EXPECT_THAT(delivered_, ElementsAre("1"));
+}
+
+TEST_F(InboundDeliveryTests, NothingIsDeliveredAfterStop) {
+    put("a.json", inboundRecord("1"));
+    delivery_.stop();
+    drainOnce();
+    EXPECT_THAT(delivered_, IsEmpty());
+    EXPECT_THAT(inbound(), ElementsAre("a.json"));
 }
 
 }  // namespace

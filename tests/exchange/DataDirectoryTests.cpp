@@ -241,6 +241,17 @@ TEST_F(DataDirectoryTests, DirectoryThatOthersCanWriteInASharedPlaceIsRefused) {
     }
 }
 
+TEST_F(DataDirectoryTests, DirectoryThatOthersCanWriteInASharedPlaceIsRefused) {
+    for (const mode_t mode : {0770, 0702, 0777}) {
+        makeDirectory("tmp/Brindle/ManagedBridge", mode);
+        const DataDirectory directory(temporary(), files_, "whatsapp");
+        EXPECT_THROW(directory.createForBackend(files_), FileSystemFailure) << mode;
+        EXPECT_TRUE(fs::is_empty(at("tmp/Brindle/ManagedBridge"))) << mode;
+    }
+    makeDirectory("tmp/Brindle/ManagedBridge", 0755);
+    EXPECT_NO_THROW(DataDirectory(temporary(), files_, "whatsapp").createForBackend(files_));
+}
+
 TEST_F(DataDirectoryTests, LinkInASharedPlaceIsRefused) {
     for (const std::string component :
          {"Brindle", "Brindle/ManagedBridge", "Brindle/ManagedBridge/whatsapp"}) {

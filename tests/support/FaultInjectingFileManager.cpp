@@ -33,10 +33,15 @@ std::vector<std::string> FaultInjectingFileManager::operations() const {
     return operations_;
 }
 
+void FaultInjectingFileManager::record(std::string_view action, const std::string& path) {
+    const std::lock_guard hold(lock_);
+    if (!fault_ || thread_ != std::this_thread::get_id()) return;
+    operations_.push_back(std::string(action).append(" ").append(path));
+}
+
 bool FaultInjectingFileManager::mustFail(std::string_view action, const std::string& path, Stage stage) {
     const std::lock_guard hold(lock_);
     if (!fault_ || thread_ != std::this_thread::get_id()) return false;
-    if (stage == Stage::beforeAnyEffect) operations_.push_back(std::string(action).append(" ").append(path));
     if (fault_->stage != stage) return false;
     ++count_;
     const bool isDue =
@@ -50,36 +55,43 @@ void FaultInjectingFileManager::failIfDue(std::string_view action, const std::st
 }
 
 void FaultInjectingFileManager::createDirectory(const std::string& path) {
+    record("create the directory", path);
     failIfDue("create the directory", path);
     real_.createDirectory(path);
 }
 
 std::vector<std::string> FaultInjectingFileManager::visibleEntries(const std::string& directory) {
+    record("list", directory);
     failIfDue("list", directory);
     return real_.visibleEntries(directory);
 }
 
 // The two questions have no way to fail but to answer no.
 bool FaultInjectingFileManager::fileExists(const std::string& path) {
+    record("look for", path);
     return !mustFail("look for", path, Stage::beforeAnyEffect) && real_.fileExists(path);
 }
 
 bool FaultInjectingFileManager::isExecutableFile(const std::string& path) {
+    record("look for", path);
     return !mustFail("look for", path, Stage::beforeAnyEffect) && real_.isExecutableFile(path);
 }
 
 std::optional<FileAttributes> FaultInjectingFileManager::attributes(const std::string& path) {
+    record("look at", path);
     failIfDue("look at", path);
     return real_.attributes(path);
 }
 
 std::string FaultInjectingFileManager::readFile(const std::string& path) {
+    record("read", path);
     failIfDue("read", path);
     return real_.readFile(path);
 }
 
 void FaultInjectingFileManager::writeFileAtomically(const std::string& path, std::string_view bytes,
                                                     Durability durability) {
+    record(durability == Durability::disk ? "write through" : "write", path);
     failIfDue("write", path);
     if (mustFail("write", path, Stage::afterTemporaryFile)) {
         // What a crash at this point would leave behind: a complete hidden file that never got its name.
@@ -91,11 +103,13 @@ void FaultInjectingFileManager::writeFileAtomically(const std::string& path, std
 }
 
 void FaultInjectingFileManager::moveItem(const std::string& from, const std::string& to) {
+    record("move", from);
     failIfDue("move", from);
     real_.moveItem(from, to);
 }
 
 void FaultInjectingFileManager::removeItem(const std::string& path) {
+    record("remove", path);
     failIfDue("remove", path);
     real_.removeItem(path);
 }

@@ -43,7 +43,8 @@ class FaultInjectingFileManager final : public FileManager {
     bool wasMet() const;
     /// What this fault has let fail: "write /a/b".
     std::vector<std::string> failures() const;
-    /// Everything that was asked for since the fault was set, on the thread that set it.
+    /// Everything that was asked for since the fault was set, on the thread that set it; a write that must
+    /// reach the disk is "write through".
     std::vector<std::string> operations() const;
 
     void createDirectory(const std::string& path) override;
@@ -57,6 +58,7 @@ class FaultInjectingFileManager final : public FileManager {
     void removeItem(const std::string& path) override;
 
   private:
+    void record(std::string_view action, const std::string& path);
     bool mustFail(std::string_view action, const std::string& path, Stage stage);
     void failIfDue(std::string_view action, const std::string& path, Stage stage = Stage::beforeAnyEffect);
 
