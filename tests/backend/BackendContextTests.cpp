@@ -15,6 +15,12 @@ TEST(BackendContextTests, LogsOnePrefixedLine) {
     EXPECT_EQ(parts.streams.take().error, "[ManagedWhatsAppBackend] something happened\n");
 }
 
+TEST(BackendContextTests, LogsTextOfSeveralLinesOnOne) {
+    test::BackendParts parts;
+    parts.context.log("a\nb");
+    EXPECT_EQ(parts.streams.take().error, "[ManagedWhatsAppBackend] a?b\n");
+}
+
 TEST(BackendContextTests, DescribesFailuresInTheirOwnWords) {
     EXPECT_EQ(descriptionOf(Failure("One sentence.")), "One sentence.");
 }

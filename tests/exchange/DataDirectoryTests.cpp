@@ -241,8 +241,8 @@ TEST_F(DataDirectoryTests, DirectoryThatOthersCanWriteInASharedPlaceIsRefused) {
     }
 }
 
-TEST_F(DataDirectoryTests, DirectoryThatOthersCanWriteInASharedPlaceIsRefused) {
-    for (const mode_t mode : {0770, 0702, 0777}) {
+TEST_F(DataDirectoryTests, OnlyPermissionToWriteMakesADirectoryInASharedPlaceRefused) {
+    for (const mode_t mode : {0770U, 0702U, 0777U}) {
         makeDirectory("tmp/Brindle/ManagedBridge", mode);
         const DataDirectory directory(temporary(), files_, "whatsapp");
         EXPECT_THROW(directory.createForBackend(files_), FileSystemFailure) << mode;

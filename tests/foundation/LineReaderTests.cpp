@@ -272,6 +272,16 @@ TEST(LineReaderTests, LineThatAnInterruptCutsOffIsNotDelivered) {
     EXPECT_EQ(reader.next(), std::nullopt);
 }
 
+TEST(LineReaderTests, WhatComesAfterAnInterruptIsNotTaken) {
+    auto [reading, writing] = makePipe();
+    const Descriptor interrupt(::eventfd(1, EFD_CLOEXEC));
+    LineReader reader(reading.get(), interrupt.get());
+    put(writing, "one\n");
+    EXPECT_EQ(reader.next(), "one");
+    put(writing, "late\n");
+    EXPECT_EQ(reader.next(), std::nullopt);
+}
+
 TEST(LineReaderTests, InputThatCannotBeReadHasEnded) {
     const Descriptor directory(::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     EXPECT_THAT(linesFrom(directory.get()), IsEmpty());

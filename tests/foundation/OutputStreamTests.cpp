@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "foundation/Failure.h"
+#include "support/BackendProcess.h"
 
 namespace brindle {
 namespace {
@@ -307,6 +308,15 @@ TEST_F(OutputStreamTests, EveryStreamOfAWatchIsAbandonedTogether) {
     watch_.addSign(sign.get(), true);
     EXPECT_THROW(OutputStream(first.writing.get(), watch_).write("text"), OutputAbandoned);
     EXPECT_THROW(OutputStream(second.writing.get(), watch_).write("text"), OutputAbandoned);
+}
+
+TEST_F(OutputStreamTests, DepartureIsOverAfterItsGrace) {
+    auto sign = makePipe();
+    watch_.addSign(sign.reading.get(), false);
+    EXPECT_FALSE(watch_.isDepartureOver());
+    sign.writing.reset();
+    EXPECT_FALSE(watch_.isDepartureOver()) << "the grace has only begun";
+    test::waitUntil([&] { return watch_.isDepartureOver(); }, "the grace is over");
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -148,6 +150,21 @@ TEST(ProcessesTests, EachSetOfClosedStandardDescriptorsIsReserved) {
                   0)
             << closed;
     }
+}
+
+TEST(ProcessesTests, FailedWritesAreErrorsAndNotSignals) {
+    EXPECT_EQ(statusOfChild([] {
+                  ignoreSignalsOfFailedWrites();
+                  std::array<int, 2> ends{};
+                  if (::pipe(ends.data()) != 0) return 1;
+                  ::close(ends[0]);
+                  if (::write(ends[1], "x", 1) != -1 || errno != EPIPE) return 2;
+                  const rlimit none{.rlim_cur = 0, .rlim_max = 0};
+                  ::setrlimit(RLIMIT_FSIZE, &none);
+                  const int file = ::memfd_create("file", MFD_CLOEXEC);
+                  return ::write(file, "x", 1) == -1 && errno == EFBIG ? 0 : 3;
+              }),
+              0);
 }
 
 TEST(TerminationSignalTests, AreHeldBackAndTaken) {

@@ -8,6 +8,7 @@
 #include <array>
 #include <atomic>
 #include <future>
+#include <new>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -124,6 +125,15 @@ TEST(SerialQueueTests, DestructionWaitsForTheRunningPiece) {
     }
     EXPECT_TRUE(ended);
     releaser.join();
+}
+
+TEST(SerialQueueTests, GoesOnAfterWorkThatThrows) {
+    SerialQueue queue("queue");
+    queue.post([] { throw std::bad_alloc(); });
+    bool ran = false;
+    queue.post([&] { ran = true; });
+    flush(queue);
+    EXPECT_TRUE(ran);
 }
 
 TEST(RepeatingTimerTests, FiresAgainAndAgainOnItsQueue) {
