@@ -7,6 +7,7 @@
 #include "bridge/ManagedWhatsAppBackendEmitter.h"
 #include "exchange/DataDirectory.h"
 #include "foundation/Clock.h"
+#include "foundation/Failure.h"
 #include "foundation/FileManager.h"
 
 namespace brindle {
@@ -30,8 +31,5 @@ struct BackendContext {
 inline constexpr std::string_view backend_version = "managed-whatsapp-backend-3";
 /// The name under which the backend itself appears to the parent.
 inline constexpr std::string_view backend_display_name = "Brindle Managed WhatsApp Backend";
-
-/// A sentence for people about any exception.
-std::string descriptionOf(const std::exception& error);
 
 }  // namespace brindle

@@ -1,5 +1,6 @@
 #include "foundation/Failure.h"
 
+#include <new>
 #include <system_error>
 
 #include "foundation/Text.h"
@@ -34,5 +35,10 @@ FileSystemFailure::FileSystemFailure(std::string_view action, std::string_view p
 FileSystemFailure::FileSystemFailure(std::string_view action, std::string_view path, std::string_view reason,
                                      int code)
     : Failure(describeFileSystem(action, path, reason)), code_(code) {}
+
+std::string descriptionOf(const std::exception& error) {
+    if (dynamic_cast<const std::bad_alloc*>(&error) != nullptr) return "There is not enough memory.";
+    return error.what();
+}
 
 }  // namespace brindle

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -50,5 +51,8 @@ class OutputAbandoned : public Failure {
   public:
     OutputAbandoned() : Failure("The parent has stopped reading and closed its end.") {}
 };
+
+/// A sentence for people about any exception.
+std::string descriptionOf(const std::exception& error);
 
 }  // namespace brindle

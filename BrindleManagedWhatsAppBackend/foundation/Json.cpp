@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <bit>
+#include <charconv>
+#include <cmath>
 
 #include "foundation/Failure.h"
 #include "foundation/Text.h"
@@ -65,9 +67,23 @@ bool isNumber(std::string_view text) {
     return text.empty();
 }
 
-/// The document with every number replaced by 0 and spaces. No record holds a number, so their values do not
-/// matter; this lets a document pass whose numbers are valid JSON but larger than the machine's.
-std::string withoutNumberValues(std::string_view document) {
+template <class Number>
+bool fits(std::string_view text) {
+    Number value{};
+    return std::from_chars(text.data(), text.data() + text.size(), value).ec == std::errc();
+}
+
+/// True when the parser library has a place for the number.
+bool fitsTheMachine(std::string_view number) {
+    if (number.find_first_of(".eE") != std::string_view::npos) return fits<double>(number);
+    return fits<std::int64_t>(number) || fits<std::uint64_t>(number);
+}
+
+/// The document with every number larger than the machine's replaced by a small one and spaces, which lets
+/// it pass: such a number is valid JSON, and a member that no record knows may hold it. The replacement is no
+/// integer, so no record can take it for a value.
+std::string withoutOversizeNumbers(std::string_view document) {
+    constexpr std::string_view replacement = "0.5";
     std::string result(document);
     bool insideString = false;
     for (std::size_t i = 0; i < result.size(); ++i) {
@@ -79,14 +95,40 @@ std::string withoutNumberValues(std::string_view document) {
         if (!isNumberCharacter(result[i])) continue;
         std::size_t end = i;
         while (end < result.size() && isNumberCharacter(result[end])) ++end;
-        if (isNumber(std::string_view(result).substr(i, end - i))) {
-            result[i] = '0';
-            std::fill(result.begin() + static_cast<std::ptrdiff_t>(i) + 1,
-                      result.begin() + static_cast<std::ptrdiff_t>(end), ' ');
+        const auto number = std::string_view(result).substr(i, end - i);
+        // Whatever does not fit is longer than its replacement.
+        if (isNumber(number) && !fitsTheMachine(number)) {
+            result.replace(i, end - i, std::string(replacement).append(end - i - replacement.size(), ' '));
         }
         i = end - 1;
     }
     return result;
+}
+
+/// The length of "\u0041".
+constexpr std::size_t escaped_code_unit_characters = 6;
+
+/// The UTF-16 code unit that an escape at the start of `text` stands for.
+std::optional<std::uint16_t> escapedCodeUnit(std::string_view text) {
+    constexpr int hexadecimal = 16;
+    if (!text.starts_with("\\u") || text.size() < escaped_code_unit_characters) return std::nullopt;
+    std::uint16_t unit = 0;
+    const char* end = text.data() + escaped_code_unit_characters;
+    const auto parsed = std::from_chars(text.data() + 2, end, unit, hexadecimal);
+    if (parsed.ec != std::errc() || parsed.ptr != end) return std::nullopt;
+    return unit;
+}
+
+bool isHighSurrogate(std::uint16_t unit) {
+    return unit >= 0xD800 && unit <= 0xDBFF;
+}
+
+bool isLowSurrogate(std::uint16_t unit) {
+    return unit >= 0xDC00 && unit <= 0xDFFF;
+}
+
+bool isSurrogate(std::uint16_t unit) {
+    return isHighSurrogate(unit) || isLowSurrogate(unit);
 }
 
 }  // namespace
@@ -106,6 +148,11 @@ void JsonWriter::string(std::string_view value) {
 void JsonWriter::boolean(bool value) {
     beforeValue();
     text_ += value ? "true" : "false";
+}
+
+void JsonWriter::integer(std::int64_t value) {
+    beforeValue();
+    text_ += std::to_string(value);
 }
 
 std::string JsonWriter::finish() {
@@ -185,6 +232,18 @@ bool JsonValue::boolean() const {
     return elementOf(handle_).get_bool().value_unsafe();
 }
 
+std::optional<std::int64_t> JsonValue::integer() const {
+    // Every double from the lower limit up to, but not including, the upper one converts exactly.
+    constexpr double lower_limit = -0x1p63;
+    constexpr double upper_limit = 0x1p63;
+    const auto number = elementOf(handle_);
+    if (number.is_int64()) return number.get_int64().value_unsafe();
+    if (!number.is_double()) return std::nullopt;
+    const double value = number.get_double().value_unsafe();
+    if (value != std::trunc(value) || value < lower_limit || value >= upper_limit) return std::nullopt;
+    return static_cast<std::int64_t>(value);
+}
+
 std::optional<JsonValue> JsonValue::member(std::string_view name) const {
     element found;
     if (elementOf(handle_).get_object().value_unsafe().at_key(name).get(found) != simdjson::SUCCESS) {
@@ -240,7 +299,7 @@ JsonValue JsonParser::parsePadded(std::string_view text) {
     // Which error a number too large causes differs between versions of the parser library.
     if (error != simdjson::SUCCESS && error != simdjson::MEMALLOC && error != simdjson::CAPACITY) {
         auto& padded = implementation_->padded;
-        padded = withoutNumberValues(text);
+        padded = withoutOversizeNumbers(text);
         padded.append(padding_bytes, ' ');
         error = implementation_->parser.parse(padded.data(), text.size(), copy_first).get(root);
     }
@@ -250,6 +309,29 @@ JsonValue JsonParser::parsePadded(std::string_view text) {
     JsonValue value;
     value.handle_ = std::bit_cast<std::array<void*, 2>>(root);
     return value;
+}
+
+std::string withoutLoneSurrogates(std::string_view json) {
+    constexpr std::string_view replacement = "\\ufffd";
+    std::string result;
+    result.reserve(json.size());
+    while (!json.empty()) {
+        const auto escape = std::min(json.find('\\'), json.size());
+        result.append(json, 0, escape);
+        json.remove_prefix(escape);
+        // The first character after a backslash belongs to it, even when it is another backslash.
+        auto length = std::min<std::size_t>(json.size(), 2);
+        if (const auto unit = escapedCodeUnit(json); unit && isSurrogate(*unit)) {
+            const auto next = escapedCodeUnit(json.substr(escaped_code_unit_characters));
+            const bool isPair = isHighSurrogate(*unit) && next && isLowSurrogate(*next);
+            length = isPair ? 2 * escaped_code_unit_characters : escaped_code_unit_characters;
+            result.append(isPair ? json.substr(0, length) : replacement);
+        } else {
+            result.append(json, 0, length);
+        }
+        json.remove_prefix(length);
+    }
+    return result;
 }
 
 }  // namespace brindle

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -32,6 +33,7 @@ class JsonWriter {
     void name(std::string_view name);
     void string(std::string_view value);
     void boolean(bool value);
+    void integer(std::int64_t value);
 
     /// The finished document.
     std::string finish();
@@ -60,6 +62,9 @@ class JsonValue {
     std::string_view string() const;
     /// Precondition: kind() is boolean.
     bool boolean() const;
+    /// The value of a number without a fraction ("3", "3.0", "3e2") that fits, else nothing. A number written
+    /// with a point or an exponent is read as a double (IEEE 754). Precondition: kind() is number.
+    std::optional<std::int64_t> integer() const;
     /// The member of that name, the first when there are several. Precondition: kind() is object.
     std::optional<JsonValue> member(std::string_view name) const;
     /// Precondition: kind() is object.
@@ -93,5 +98,10 @@ class JsonParser {
     struct Implementation;
     std::unique_ptr<Implementation> implementation_;
 };
+
+/// `json` with every escape of half a surrogate pair ("\ud800") replaced by that of U+FFFD. Scripts can hold
+/// such halves in their strings and JSON.stringify passes them on, but no Unicode text can (RFC 8259,
+/// section 8.2), so the parser refuses them.
+std::string withoutLoneSurrogates(std::string_view json);
 
 }  // namespace brindle

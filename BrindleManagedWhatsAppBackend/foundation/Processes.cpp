@@ -52,6 +52,11 @@ void ignoreSignalsOfFailedWrites() {
     ::signal(SIGXFSZ, SIG_IGN);
 }
 
+void letTerminationSignalsThrough() {
+    const sigset_t set = terminationSet();
+    ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
 void returnFreedMemory() {
     ::malloc_trim(0);
 }

@@ -24,6 +24,10 @@ void reserveStandardDescriptors();
 /// process (ignores SIGPIPE and SIGXFSZ).
 void ignoreSignalsOfFailedWrites();
 
+/// Undoes a blocking of SIGTERM, SIGINT and SIGHUP that was inherited: they are how a process is asked to
+/// end.
+void letTerminationSignalsThrough();
+
 /// Hands freed memory back to the system.
 void returnFreedMemory();
 

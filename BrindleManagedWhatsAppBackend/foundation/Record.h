@@ -4,6 +4,7 @@
 #include <array>
 #include <concepts>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,7 +19,9 @@
 /// Records: plain structs that cross a boundary as JSON objects.
 ///
 /// A record lists its fields once, in a static function `fields()`; reading, writing, the JSON Schema and the
-/// reference pages come from that list. An enumeration with payloads is a variant with a list of case names.
+/// reference pages come from that list. A field is a string, a boolean, an integer (std::int64_t), another
+/// record, a list (std::vector) of these or an option (std::optional) of any. An enumeration with payloads is
+/// a variant with a list of case names.
 namespace brindle {
 
 /// One field of a record: its JSON name, the member that holds it and its meaning for the reference.
@@ -172,6 +175,8 @@ template <class T>
 void encode(JsonWriter& writer, const T& value) {
     if constexpr (std::same_as<T, bool>) {
         writer.boolean(value);
+    } else if constexpr (std::same_as<T, std::int64_t>) {
+        writer.integer(value);
     } else if constexpr (std::same_as<T, std::string>) {
         writer.string(value);
     } else if constexpr (IsVector<T>::value) {
@@ -254,11 +259,21 @@ E decodeCase(JsonValue value, const JsonPath& path) {
     return std::move(*result);
 }
 
+inline std::int64_t decodeInteger(JsonValue value, const JsonPath& path) {
+    constexpr auto expectation = "Expected an integer of 64 bits.";
+    requireKind(value, JsonValue::Kind::number, path, expectation);
+    const auto integer = value.integer();
+    if (!integer) path.fail(DecodingFailure::Kind::typeMismatch, expectation);
+    return *integer;
+}
+
 template <class T>
 T decode(JsonValue value, const JsonPath& path) {
     if constexpr (std::same_as<T, bool>) {
         requireKind(value, JsonValue::Kind::boolean, path, "Expected true or false.");
         return value.boolean();
+    } else if constexpr (std::same_as<T, std::int64_t>) {
+        return decodeInteger(value, path);
     } else if constexpr (std::same_as<T, std::string>) {
         requireKind(value, JsonValue::Kind::string, path, "Expected a string.");
         return std::string(value.string());

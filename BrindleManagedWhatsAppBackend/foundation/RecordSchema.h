@@ -84,6 +84,8 @@ template <class T>
 constexpr std::string_view jsonTypeName() {
     if constexpr (std::same_as<T, bool>) {
         return "boolean";
+    } else if constexpr (std::same_as<T, std::int64_t>) {
+        return "integer";
     } else if constexpr (std::same_as<T, std::string>) {
         return "string";
     } else if constexpr (IsVector<T>::value) {

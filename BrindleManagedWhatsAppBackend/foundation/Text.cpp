@@ -14,6 +14,9 @@ namespace {
 
 constexpr std::string_view replacement_character = "\xEF\xBF\xBD";
 constexpr std::size_t longest_utf8_sequence_bytes = 4;
+/// The one character whose lower case is two (Unicode SpecialCasing).
+constexpr utf8proc_int32_t capital_i_with_dot = 0x130;
+constexpr std::string_view lower_i_and_dot = "i\u0307";
 
 bool isWhiteSpace(utf8proc_int32_t c) {
     return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 ||
@@ -55,6 +58,12 @@ std::optional<std::string> decomposed(std::string_view text) {
     const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(result, &std::free);
     if (length < 0) return std::nullopt;
     return std::string(reinterpret_cast<const char*>(result), static_cast<std::size_t>(length));
+}
+
+void appendCodePoint(std::string& text, utf8proc_int32_t point) {
+    std::array<utf8proc_uint8_t, longest_utf8_sequence_bytes> bytes{};
+    const auto length = utf8proc_encode_char(point, bytes.data());
+    text.append(reinterpret_cast<const char*>(bytes.data()), static_cast<std::size_t>(length));
 }
 
 bool equalInConstantTime(std::string_view left, std::string_view right) {
@@ -130,6 +139,23 @@ std::string singleLine(std::string_view text) {
     std::replace_if(
         result.begin(), result.end(),
         [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '?');
+    return result;
+}
+
+std::string lowercased(std::string_view text) {
+    std::string result;
+    result.reserve(text.size());
+    while (!text.empty()) {
+        const auto point = firstCodePoint(text);
+        if (point.value == capital_i_with_dot) {
+            result.append(lower_i_and_dot);
+        } else if (point.value >= 0) {
+            appendCodePoint(result, utf8proc_tolower(point.value));
+        } else {
+            result.append(text, 0, point.bytes);
+        }
+        text.remove_prefix(point.bytes);
+    }
     return result;
 }
 

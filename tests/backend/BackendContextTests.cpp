@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <new>
-
 #include "support/BackendParts.h"
 
 namespace brindle {
@@ -19,14 +17,6 @@ TEST(BackendContextTests, LogsTextOfSeveralLinesOnOne) {
     test::BackendParts parts;
     parts.context.log("a\nb");
     EXPECT_EQ(parts.streams.take().error, "[ManagedWhatsAppBackend] a?b\n");
-}
-
-TEST(BackendContextTests, DescribesFailuresInTheirOwnWords) {
-    EXPECT_EQ(descriptionOf(Failure("One sentence.")), "One sentence.");
-}
-
-TEST(BackendContextTests, DescribesLackOfMemoryForPeople) {
-    EXPECT_EQ(descriptionOf(std::bad_alloc()), "There is not enough memory.");
 }
 
 }  // namespace

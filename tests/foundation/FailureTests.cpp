@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <new>
+
 namespace brindle {
 namespace {
 
@@ -55,6 +57,14 @@ TEST(FailureTests, PathOfSeveralLinesIsShownOnOne) {
 
 TEST(FailureTests, AbandonedOutputIsDescribedForPeople) {
     EXPECT_STREQ(OutputAbandoned().what(), "The parent has stopped reading and closed its end.");
+}
+
+TEST(FailureTests, EveryFailureIsDescribedInItsOwnWords) {
+    EXPECT_EQ(descriptionOf(Failure("One sentence.")), "One sentence.");
+}
+
+TEST(FailureTests, LackOfMemoryIsDescribedForPeople) {
+    EXPECT_EQ(descriptionOf(std::bad_alloc()), "There is not enough memory.");
 }
 
 }  // namespace

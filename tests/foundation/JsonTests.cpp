@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,6 +45,20 @@ void expectMalformed(std::string_view document) {
     }
 }
 
+std::optional<std::int64_t> integerIn(std::string_view document) {
+    JsonParser parser;
+    return parser.parse(document).integer();
+}
+
+/// The integer beside a number that is larger than the machine's, which takes the parser another way.
+std::optional<std::int64_t> integerBesideHugeNumber(std::string_view number) {
+    JsonParser parser;
+    return parser.parse(R"({"huge":1e999,"n":)" + std::string(number) + "}").member("n")->integer();
+}
+
+constexpr auto smallest_integer = std::numeric_limits<std::int64_t>::min();
+constexpr auto largest_integer = std::numeric_limits<std::int64_t>::max();
+
 std::string nested(std::size_t depth) {
     return std::string(depth, '[') + std::string(depth, ']');
 }
@@ -79,6 +96,16 @@ TEST(JsonWriterTests, EveryCharacterComesBack) {
     for (int c = 0; c < 0x80; ++c) every += static_cast<char>(c);
     every += "é日🙂\uFFFD\U0010FFFF";
     EXPECT_EQ(parsedString(stringDocument(every)), every);
+}
+
+TEST(JsonWriterTests, WritesIntegers) {
+    JsonWriter writer(JsonStyle::compact);
+    writer.beginArray();
+    for (const std::int64_t value : {std::int64_t{0}, std::int64_t{-7}, smallest_integer, largest_integer}) {
+        writer.integer(value);
+    }
+    writer.endArray();
+    EXPECT_EQ(writer.finish(), "[0,-7,-9223372036854775808,9223372036854775807]");
 }
 
 void writeSample(JsonWriter& writer) {
@@ -230,6 +257,46 @@ TEST(JsonParserTests, AcceptsHugeNumberAtTheTop) {
     EXPECT_EQ(kindOf("1e400"), JsonValue::Kind::number);
 }
 
+TEST(JsonParserTests, ReadsIntegers) {
+    EXPECT_EQ(integerIn("0"), 0);
+    EXPECT_EQ(integerIn("-0"), 0);
+    EXPECT_EQ(integerIn("-42"), -42);
+    EXPECT_EQ(integerIn("9223372036854775807"), largest_integer);
+    EXPECT_EQ(integerIn("-9223372036854775808"), smallest_integer);
+}
+
+TEST(JsonParserTests, ReadsIntegersHoweverTheyAreWritten) {
+    EXPECT_EQ(integerIn("3.0"), 3);
+    EXPECT_EQ(integerIn("3.000e0"), 3);
+    EXPECT_EQ(integerIn("-0.0"), 0);
+    EXPECT_EQ(integerIn("1.5e1"), 15);
+    EXPECT_EQ(integerIn("1E3"), 1000);
+    EXPECT_EQ(integerIn("-9.223372036854775808e18"), smallest_integer);
+}
+
+TEST(JsonParserTests, NumberWithFractionIsNoInteger) {
+    for (const std::string_view number : {"3.5", "-0.1", "1e-1", "1e-300"}) {
+        EXPECT_EQ(integerIn(number), std::nullopt) << number;
+        EXPECT_EQ(integerBesideHugeNumber(number), std::nullopt) << number;
+    }
+}
+
+TEST(JsonParserTests, NumberThatDoesNotFitIsNoInteger) {
+    for (const std::string_view number :
+         {"9223372036854775808", "18446744073709551615", "18446744073709551616", "-9223372036854775809",
+          "9.223372036854775808e18", "-1e19", "1e300", "1e999", "-1e999"}) {
+        EXPECT_EQ(integerIn(number), std::nullopt) << number;
+        EXPECT_EQ(integerBesideHugeNumber(number), std::nullopt) << number;
+    }
+}
+
+TEST(JsonParserTests, KeepsIntegersBesideNumberLargerThanTheMachines) {
+    EXPECT_EQ(integerBesideHugeNumber("7"), 7);
+    EXPECT_EQ(integerBesideHugeNumber("-42.0"), -42);
+    EXPECT_EQ(integerBesideHugeNumber("9223372036854775807"), largest_integer);
+    EXPECT_EQ(integerBesideHugeNumber("-9223372036854775808"), smallest_integer);
+}
+
 TEST(JsonParserTests, RejectsInvalidNumberBesideHugeOne) {
     for (const std::string_view number : {"01", "1.", ".5", "+1", "1e", "1e+", "--1", "-", "1.5.5", "1-2",
                                           "1e5e5", "0x10", "NaN", "Infinity", "-Infinity", "1_000"}) {
@@ -338,6 +405,40 @@ TEST(JsonParserTests, RejectsEndlessOpeningBrackets) {
 TEST(JsonParserTests, ReadsLongStrings) {
     const std::string text(std::size_t{5} << 20U, 'x');
     EXPECT_EQ(parsedString('"' + text + '"'), text);
+}
+
+TEST(LoneSurrogateTests, HalfAPairBecomesReplacementCharacter) {
+    for (const auto& [text, expected] : std::vector<std::pair<std::string, std::string>>{
+             {R"("\ud800")", R"("\ufffd")"},
+             {R"("\uDFFF")", R"("\ufffd")"},
+             {R"("a\udbffb\uDC00c")", R"("a\ufffdb\ufffdc")"},
+             {R"("\udc00\ud800")", R"("\ufffd\ufffd")"},
+             {R"("\ud800\u0041")", R"("\ufffd\u0041")"},
+             {R"("\ud800\n")", R"("\ufffd\n")"},
+             {R"("\ud800\ud83d\ude42")", R"("\ufffd\ud83d\ude42")"},
+             {R"("\ud83d\ude42\ude42")", R"("\ud83d\ude42\ufffd")"},
+             {R"("\ud83d\\ude42")", R"("\ufffd\\ude42")"},
+             {R"("\\\ud83d")", R"("\\\ufffd")"},
+         }) {
+        EXPECT_EQ(withoutLoneSurrogates(text), expected);
+        JsonParser parser;
+        EXPECT_EQ(parser.parse(expected).kind(), JsonValue::Kind::string);
+    }
+}
+
+TEST(LoneSurrogateTests, EverythingElseStays) {
+    for (const std::string text :
+         {"", R"("\ud83d\ude42")", R"("\uD83D\uDE42")", R"("\\ud800")", R"("\\\\ud800")", R"("ud800")",
+          R"({"\u0041":"\ud7ff\ue000\uffff"})", R"("\" \/ \n")", "\"Zoë 🙂\""}) {
+        EXPECT_EQ(withoutLoneSurrogates(text), text);
+    }
+}
+
+TEST(LoneSurrogateTests, TextThatIsNoJsonStaysSo) {
+    for (const std::string text : {"\\", "\"\\", "\"\\u", "\"\\ud8", "\"\\ud80", "\"\\ud8zz\"", "\"\\u-800\"",
+                                   "\"\\u+800\"", "\\\\"}) {
+        EXPECT_EQ(withoutLoneSurrogates(text), text);
+    }
 }
 
 }  // namespace

@@ -209,5 +209,19 @@ TEST(TerminationSignalTests, ProcessEndsByASignalThatItsParentHadIgnored) {
               -SIGTERM);
 }
 
+TEST(ProcessesTests, InheritedBlockOfTerminationSignalsIsUndone) {
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        const int status = statusOfChild([signal] {
+            sigset_t set;
+            sigfillset(&set);
+            ::sigprocmask(SIG_BLOCK, &set, nullptr);
+            letTerminationSignalsThrough();
+            ::raise(signal);
+            return 0;
+        });
+        EXPECT_EQ(status, -signal);
+    }
+}
+
 }  // namespace
 }  // namespace brindle

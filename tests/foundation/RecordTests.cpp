@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <limits>
 #include <string>
 
 #include "foundation/RecordSchema.h"
@@ -61,6 +63,18 @@ struct Tree {
             field("spareLeaves", &Tree::spareLeaves, "More."),
             field("favourite", &Tree::favourite, "One."),
             field("choice", &Tree::choice, "Another."),
+        };
+    }
+};
+
+struct Count {
+    std::int64_t visible = 0;
+    std::optional<std::int64_t> queued;
+
+    static constexpr auto fields() {
+        return std::tuple{
+            field("visible", &Count::visible, "In view."),
+            field("queued", &Count::queued, "Waiting."),
         };
     }
 };
@@ -216,6 +230,30 @@ TEST(RecordTests, TakesOnlyTrueAndFalseAsBoolean) {
     }
 }
 
+TEST(RecordTests, WritesIntegers) {
+    EXPECT_EQ(encodedRecord(Count{.visible = -3, .queued = std::numeric_limits<std::int64_t>::max()},
+                            JsonStyle::compact),
+              R"({"queued":9223372036854775807,"visible":-3})");
+    EXPECT_EQ(encodedRecord(Count{}, JsonStyle::compact), R"({"visible":0})");
+}
+
+TEST(RecordTests, ReadsNumbersWithoutFractionAsIntegers) {
+    const auto count = decodedRecord<Count>(R"({"visible":3,"queued":-4.0})");
+    EXPECT_EQ(count.visible, 3);
+    EXPECT_EQ(count.queued, -4);
+    EXPECT_EQ(decodedRecord<Count>(R"({"visible":3,"queued":null})").queued, std::nullopt);
+    EXPECT_EQ(decodedRecord<Count>(R"({"other":1e999,"visible":3})").visible, 3);
+}
+
+TEST(RecordTests, TakesOnlyNumbersThatFitAsIntegers) {
+    for (const std::string value : {"3.5", "\"3\"", "true", "[]", "{}", "9223372036854775808", "1e999"}) {
+        expectWrongType<Count>(R"({"visible":)" + value + "}", "visible");
+        expectWrongType<Count>(R"({"visible":1,"queued":)" + value + "}", "queued");
+    }
+    expectMissing<Count>(R"({"visible":null})", Kind::missingValue, "visible");
+    expectMissing<Count>("{}", Kind::missingKey, "visible");
+}
+
 TEST(RecordTests, NamesPlaceInsideListsAndRecords) {
     const std::string choice = R"("choice":{"empty":{}})";
     expectMissing<Tree>(R"({"leaves":[{"zeta":"z","middle":true},{"middle":true}],)" + choice + "}",
@@ -341,6 +379,14 @@ TEST(RecordSchemaTests, DescribesEnumerationCaseByCase) {
         });
     });
     EXPECT_EQ(cases, (std::vector<std::string>{"leaf", "other"}));
+}
+
+TEST(RecordSchemaTests, NamesIntegers) {
+    JsonParser parser;
+    const auto text = schemaOf<Count>();
+    const auto properties = parser.parse(text).member("properties");
+    EXPECT_EQ(properties->member("visible")->member("type")->string(), "integer");
+    EXPECT_EQ(properties->member("queued")->member("type")->string(), "integer");
 }
 
 TEST(RecordSchemaTests, TableListsFieldsInOrderOfDeclaration) {

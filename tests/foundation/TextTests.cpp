@@ -183,5 +183,27 @@ TEST(LowercaseTests, LowersAsciiLettersOnly) {
     EXPECT_EQ(asciiLowercased("AZ az 09 ÄÉ @[`{"), "az az 09 ÄÉ @[`{");
 }
 
+TEST(LowercaseTests, LowersLettersOfEveryScript) {
+    EXPECT_EQ(lowercased("Ann LEE 09"), "ann lee 09");
+    EXPECT_EQ(lowercased("ÄÉØŽ"), "äéøž");
+    EXPECT_EQ(lowercased("ΑΒΓ ЖДИ ԱԲ"), "αβγ жди աբ");
+    EXPECT_EQ(lowercased("\U00010400\u1E9E\u2126"), "\U00010428ß\u03C9");
+}
+
+TEST(LowercaseTests, LowersEachCharacterByItself) {
+    EXPECT_EQ(lowercased("ΟΔΟΣ"), "οδοσ");
+    EXPECT_EQ(lowercased("I\u0130\u0131"), "ii\u0307\u0131");
+}
+
+TEST(LowercaseTests, LeavesEverythingElse) {
+    const std::string text("ab 日本 🙂\u0301\0\xFFß", 20);
+    EXPECT_EQ(lowercased(text), text);
+    EXPECT_EQ(lowercased("\xFF\xC3"
+                         "A\xC3"),
+              "\xFF\xC3"
+              "a\xC3");
+    EXPECT_EQ(lowercased(""), "");
+}
+
 }  // namespace
 }  // namespace brindle
