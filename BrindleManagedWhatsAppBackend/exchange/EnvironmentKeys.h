@@ -18,6 +18,8 @@ inline constexpr std::string_view enableNativeWorker = "BRINDLE_MANAGED_BRIDGE_E
 inline constexpr std::string_view disableNativeWorker = "BRINDLE_MANAGED_BRIDGE_DISABLE_NATIVE_WORKER";
 inline constexpr std::string_view nativeWorkerPath = "BRINDLE_MANAGED_BRIDGE_NATIVE_WORKER_PATH";
 inline constexpr std::string_view enableBuiltinWorker = "BRINDLE_MANAGED_BRIDGE_ENABLE_BUILTIN_WORKER";
+inline constexpr std::string_view workerTestHTMLPath = "BRINDLE_MANAGED_BRIDGE_WORKER_TEST_HTML_PATH";
+inline constexpr std::string_view workerTestURL = "BRINDLE_MANAGED_BRIDGE_WORKER_TEST_URL";
 inline constexpr std::string_view runtimeDirectory = "XDG_RUNTIME_DIR";
 inline constexpr std::string_view temporaryDirectory = "TMPDIR";
 

@@ -1,0 +1,160 @@
+#include "worker/ChatCapture.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include "foundation/Identifier.h"
+#include "foundation/Text.h"
+#include "worker/PageScripts.h"
+
+namespace brindle {
+namespace {
+
+constexpr std::string_view default_sender = "WhatsApp Web Sender";
+constexpr std::string_view unknown_title = "?";
+/// The state for which the worker itself stands in when the script has given none.
+constexpr auto chat_not_found = "chat-not-found";
+
+/// The page keeps no more messages. What comes beyond them a page has made up, and writing it must not hold
+/// up the worker's end.
+constexpr std::size_t longest_queue_of_a_page = 200;
+
+std::string quoted(std::string_view title) {
+    return std::string("'").append(title).append("'");
+}
+
+/// What to publish while the watched chat is not open; nothing when it is.
+std::optional<std::string> activationDetail(const ManagedWhatsAppChatActivationPayload& payload,
+                                            const std::string& watchedTitle) {
+    const auto title = quoted(payload.matchedTitle.value_or(watchedTitle));
+    if (payload.state == "activating") return "Opening chat " + title + " in the managed WhatsApp worker.";
+    if (payload.state == "searching") return "Searching for chat " + title + " in WhatsApp Web.";
+    if (payload.state == "wrong-active-chat") {
+        return "Active chat is " + quoted(payload.activeChatTitle.value_or(std::string(unknown_title))) +
+               ". Switching to " + title + ".";
+    }
+    if (payload.state == "no-active-chat") {
+        return "Selecting chat " + title + " in the managed runtime session.";
+    }
+    if (payload.state == chat_not_found) return "Chat " + title + " is not visible yet in WhatsApp Web.";
+    return std::nullopt;
+}
+
+std::string senderIdentifier(std::string_view sender) {
+    auto identifier = lowercased(sender);
+    std::replace(identifier.begin(), identifier.end(), ' ', '-');
+    return identifier;
+}
+
+}  // namespace
+
+Task<> ChatCapture::pollInboundMessages() {
+    // Taken once: while the page is awaited, the backend may ask for another chat.
+    const WatchedChat watched{.title = context_.state.currentWatchedTitle.value_or(""),
+                              .conversationID = context_.state.currentConversationID};
+    if (watched.title.empty() || !context_.webView) co_return;
+    const auto activation = co_await probeChatActivation(watched.title);
+    if (auto detail = activationDetail(activation, watched.title)) {
+        publisher_.publish(worker_state::activatingChat, std::move(*detail));
+        co_return;
+    }
+    try {
+        co_await captureInboundMessages(watched);
+    } catch (const std::exception& error) {
+        publisher_.publish(worker_state::error, "Managed WhatsApp worker failed to poll inbound messages: " +
+                                                    descriptionOf(error));
+    }
+}
+
+Task<ManagedWhatsAppChatActivationPayload> ChatCapture::probeChatActivation(std::string watchedTitle) {
+    try {
+        auto script = scriptWithWatchedTitle(page_script::chatActivation, watchedTitle);
+        const auto result = co_await scripts_.evaluateJavaScriptStringAsync(std::move(script));
+        if (result) co_return decodedPageResult<ManagedWhatsAppChatActivationPayload>(*result);
+    } catch (const std::exception& error) {
+        context_.logError("Chat activation probe failed: " + descriptionOf(error));
+    }
+    ManagedWhatsAppChatActivationPayload notFound;
+    notFound.state = chat_not_found;
+    notFound.matchedTitle = std::move(watchedTitle);
+    co_return notFound;
+}
+
+Task<> ChatCapture::captureInboundMessages(WatchedChat watched) {
+    auto script = scriptWithWatchedTitle(page_script::inboundCapture, watched.title);
+    const auto result = co_await scripts_.evaluateJavaScriptStringAsync(std::move(script));
+    if (!result) co_return;
+    const auto drain = decodedPageResult<ManagedWhatsAppObservedInboundDrainPayload>(*result);
+    if (drain.state == "ok") {
+        co_await takeMessages(drain, watched);
+    } else {
+        publishNoMessages(drain, watched);
+    }
+}
+
+void ChatCapture::publishNoMessages(const ManagedWhatsAppObservedInboundDrainPayload& drain,
+                                    const WatchedChat& watched) {
+    if (drain.state == "wrong-chat") {
+        publisher_.publish(worker_state::wrongChat,
+                           "Active chat is " +
+                               quoted(drain.activeChatTitle.value_or(std::string(unknown_title))) +
+                               " while watching " + quoted(drain.watchedTitle.value_or(watched.title)) + ".");
+    } else if (drain.state == "no-active-chat") {
+        publisher_.publish(
+            worker_state::noActiveChat,
+            "WhatsApp Web is linked, but no active chat is available in the managed runtime session.");
+    } else if (drain.state == "no-incoming-message") {
+        publisher_.publish(worker_state::watchingChat,
+                           "Watching chat " + quoted(drain.activeChatTitle.value_or(watched.title)) +
+                               ". No incoming message yet. Visible inbound nodes: " +
+                               std::to_string(drain.visibleInboundCount.value_or(0)) + ".");
+    }
+}
+
+Task<> ChatCapture::takeMessages(ManagedWhatsAppObservedInboundDrainPayload drain, WatchedChat watched) {
+    if (!drain.activeChatTitle || !drain.messages || drain.messages->empty()) co_return;
+    const Conversation conversation{.id = watched.conversationID.value_or(*drain.activeChatTitle),
+                                    .title = *drain.activeChatTitle};
+    std::size_t taken = 0;
+    for (const auto& message : *drain.messages) {
+        if (++taken > longest_queue_of_a_page) co_await context_.nextTurn();
+        takeMessage(message, conversation);
+    }
+    publisher_.publish(worker_state::watchingChat, "Watching chat " + quoted(*drain.activeChatTitle) +
+                                                       " through the managed WhatsApp worker. Captured " +
+                                                       std::to_string(drain.messages->size()) +
+                                                       " inbound message(s).");
+}
+
+void ChatCapture::takeMessage(const ManagedWhatsAppObservedInboundMessage& message,
+                              const Conversation& conversation) {
+    if (!message.text || !message.fingerprint || trimmed(*message.text).empty()) return;
+    context_.state.lastSeenMessageFingerprint = message.fingerprint;
+    writeInboundRecord(recordFor(message, conversation));
+}
+
+ManagedWhatsAppWorkerInboundRecord ChatCapture::recordFor(
+    const ManagedWhatsAppObservedInboundMessage& message, const Conversation& conversation) const {
+    const auto sender = message.senderDisplayName.value_or(std::string(default_sender));
+    ManagedWhatsAppWorkerInboundRecord record;
+    record.messageId = randomIdentifier();
+    record.conversationId = conversation.id;
+    record.conversationTitle = conversation.title;
+    record.senderId = senderIdentifier(sender);
+    record.senderDisplayName = sender;
+    record.text = *message.text;
+    record.timestampISO8601 = iso8601(context_.clock.now());
+    // The page does not tell groups apart reliably, so neither does the worker.
+    record.isDirectMessage = true;
+    record.rawReference = message.rawReference ? message.rawReference : message.fingerprint;
+    return record;
+}
+
+void ChatCapture::writeInboundRecord(const ManagedWhatsAppWorkerInboundRecord& record) {
+    const auto file = DataDirectory::recordFile(context_.directory.inbound, record.messageId);
+    // The page has given the message away: from here on this file is the only copy.
+    writeRecord(context_.fileManager, file, record, Durability::disk);
+}
+
+}  // namespace brindle

@@ -1,0 +1,92 @@
+#pragma once
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "exchange/DataDirectory.h"
+#include "foundation/Clock.h"
+#include "foundation/Environment.h"
+#include "foundation/FileManager.h"
+#include "foundation/Task.h"
+#include "worker/ChatCapture.h"
+#include "worker/FreshLinkReset.h"
+#include "worker/LinkStateMonitor.h"
+#include "worker/PageLoader.h"
+#include "worker/PageScriptRunner.h"
+#include "worker/RepeatingTask.h"
+#include "worker/WebWorkerHost.h"
+#include "worker/WorkerContext.h"
+#include "worker/WorkerControl.h"
+#include "worker/WorkerState.h"
+#include "worker/WorkerStatusPublisher.h"
+
+namespace brindle {
+
+/// The worker role: keeps the messaging service's web client open in a hidden page, publishes whether an
+/// account is linked, and hands every message of the watched chat to the backend.
+///
+/// Everything happens on the thread that runs the host's loop.
+class ManagedWhatsAppWebWorkerService final : public WebPageDelegate {
+  public:
+    /// Creates the worker's part of the data directory. Throws FileSystemFailure when a directory cannot be
+    /// created. `fileManager`, `clock` and `host` outlive the service; the service ends with its parent.
+    ManagedWhatsAppWebWorkerService(std::string platform, Environment environment, FileManager& fileManager,
+                                    const Clock& clock, WebWorkerHost& host,
+                                    pid_t parentProcessIdentifier = ::getppid());
+    ManagedWhatsAppWebWorkerService(const ManagedWhatsAppWebWorkerService&) = delete;
+    ManagedWhatsAppWebWorkerService& operator=(const ManagedWhatsAppWebWorkerService&) = delete;
+
+    /// Opens the page and works until the host's loop ends, by a signal or because the parent is gone. Called
+    /// once. Throws FileSystemFailure when the process identifier cannot be written, and what the host
+    /// throws.
+    void start();
+    /// Starts the timers, unless they have been started before.
+    void startPolling();
+    /// Ends the worker when its parent is gone.
+    void checkParent();
+
+    void pageFinished() override;
+    void navigationFailed(const std::string& error) override;
+    void provisionalNavigationFailed(const std::string& error) override;
+    void webProcessEnded(const std::string& error) override;
+
+    /// What the worker knows at the moment.
+    const WorkerState& state() const { return state_; }
+
+  private:
+    Task<> loadFirstPage();
+    Task<> refreshLoginState();
+    void stopPolling();
+    void removeOwnFiles();
+
+    std::string platform_;
+    Environment environment_;
+    FileManager& fileManager_;
+    const Clock& clock_;
+    WebWorkerHost& host_;
+    pid_t parentProcessIdentifier_;
+    DataDirectory directory_;
+    WorkerState state_;
+    std::unique_ptr<WebPage> webView_;
+    WorkerContext context_;
+    WorkerStatusPublisher publisher_;
+    WorkerControl control_;
+    PageScriptRunner scripts_;
+    PageLoader loader_;
+    LinkStateMonitor linkStateMonitor_;
+    ChatCapture chatCapture_;
+    FreshLinkReset freshLinkReset_;
+    bool hasStartedPolling_ = false;
+    // Last, so that waiting tasks are given up before anything they use is gone.
+    std::optional<Task<>> firstLoad_;
+    std::unique_ptr<RepeatingTask> stateTimer_;
+    std::unique_ptr<HostTimer> controlTimer_;
+    std::unique_ptr<RepeatingTask> inboundTimer_;
+    std::unique_ptr<HostTimer> parentTimer_;
+};
+
+}  // namespace brindle

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "worker/WorkerContext.h"
+#include "worker/WorkerStatusPublisher.h"
+
+namespace brindle {
+
+/// Loads the messaging service's web client, or a page for tests in its place, and loads it again when the
+/// process that runs it dies. Nothing here fails outward.
+class PageLoader {
+  public:
+    PageLoader(const WorkerContext& context, const WorkerStatusPublisher& publisher)
+        : context_(context), publisher_(publisher) {}
+
+    /// Issues the page load and publishes which page it is.
+    void loadPage();
+    /// The page has been loaded.
+    void pageFinished();
+    /// The page's process is gone: says so and loads the page again, the later the more often in a row this
+    /// happens.
+    void webProcessEnded(const std::string& error);
+
+  private:
+    /// What there is to publish about a load.
+    struct Outcome {
+        bool isIssued;
+        std::string detail;
+    };
+
+    Outcome issueLoad();
+    Outcome loadTestHTML(const std::string& path);
+    Outcome loadAddress(const std::string& address, std::string detail);
+    void reloadAfterEnd();
+
+    const WorkerContext& context_;
+    const WorkerStatusPublisher& publisher_;
+    bool hasIssuedLoad_ = false;
+    /// The pause before the next reload should the page's process end.
+    std::chrono::seconds reloadPause_{0};
+    std::unique_ptr<HostTimer> reloadTimer_;
+    /// Runs while a loaded page stays up.
+    std::unique_ptr<HostTimer> stabilityTimer_;
+};
+
+}  // namespace brindle

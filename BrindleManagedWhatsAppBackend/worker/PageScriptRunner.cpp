@@ -1,0 +1,61 @@
+#include "worker/PageScriptRunner.h"
+
+#include <chrono>
+#include <memory>
+#include <utility>
+
+#include "worker/PageScripts.h"
+
+namespace brindle {
+namespace {
+
+/// A page that hangs must not keep a timer's work waiting for ever.
+constexpr std::chrono::seconds script_time_limit{30};
+
+/// A page that merely works hard answers one of them. Two timers wait for answers, so a page that hangs is
+/// given up after one to two minutes.
+constexpr int unanswered_scripts_of_a_dead_page = 4;
+
+}  // namespace
+
+std::string scriptWithWatchedTitle(std::string_view script, std::string_view watchedTitle) {
+    JsonWriter writer(JsonStyle::compact);
+    writer.string(watchedTitle);
+    const std::string literal = writer.finish();
+    std::string result;
+    // Over the original text: the title may itself be the placeholder.
+    for (;;) {
+        const auto found = script.find(page_script::watchedTitlePlaceholder);
+        result.append(script.substr(0, found));
+        if (found == std::string_view::npos) return result;
+        result.append(literal);
+        script.remove_prefix(found + page_script::watchedTitlePlaceholder.size());
+    }
+}
+
+Task<std::optional<std::string>> PageScriptRunner::evaluateJavaScriptStringAsync(std::string script) {
+    if (!context_.webView) co_return std::nullopt;
+    // Nothing stands for the end of the patience.
+    Answer<std::optional<EvaluationOutcome>> answer;
+    const auto deliver = answer.callback();
+    const std::unique_ptr<HostTimer> limit =
+        context_.host.once(script_time_limit, [deliver] { deliver(std::nullopt); });
+    context_.webView->evaluate(script, deliver);
+    std::optional<EvaluationOutcome> outcome = co_await answer;
+    if (!outcome) {
+        noteSilence();
+        throw Failure("The page did not answer a script within " + std::to_string(script_time_limit.count()) +
+                      " seconds.");
+    }
+    unansweredScripts_ = 0;
+    if (outcome->error) throw Failure(*outcome->error);
+    co_return std::move(outcome->value);
+}
+
+void PageScriptRunner::noteSilence() {
+    if (++unansweredScripts_ < unanswered_scripts_of_a_dead_page) return;
+    unansweredScripts_ = 0;
+    if (context_.webView) context_.webView->endProcess();
+}
+
+}  // namespace brindle

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "foundation/Json.h"
+#include "foundation/Record.h"
+#include "foundation/Task.h"
+#include "worker/WorkerContext.h"
+
+namespace brindle {
+
+/// The script with the placeholder of the watched title replaced by the title as a JSON string literal, so
+/// that no title can become script.
+std::string scriptWithWatchedTitle(std::string_view script, std::string_view watchedTitle);
+
+/// The record that a script made with JSON.stringify. Throws DecodingFailure.
+template <RecordType Payload>
+Payload decodedPageResult(std::string_view result) {
+    return decodedRecord<Payload>(withoutLoneSurrogates(result));
+}
+
+/// Runs scripts in the page.
+class PageScriptRunner {
+  public:
+    explicit PageScriptRunner(const WorkerContext& context) : context_(context) {}
+
+    /// The string that the script results in; nothing for every other result and without a page. Throws
+    /// Failure when the evaluation fails or the page does not answer in time; a later answer is ignored. A
+    /// page that leaves several scripts in a row without an answer is given up, and its process ended.
+    Task<std::optional<std::string>> evaluateJavaScriptStringAsync(std::string script);
+
+  private:
+    void noteSilence();
+
+    const WorkerContext& context_;
+    int unansweredScripts_ = 0;
+};
+
+}  // namespace brindle
