@@ -1,0 +1,74 @@
+#include "worker/webkit/Site.h"
+
+#include <glib.h>
+#include <libsoup/soup.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "worker/webkit/GObjectPointer.h"
+
+namespace brindle {
+namespace {
+
+struct UriUnref {
+    void operator()(GUri* uri) const { g_uri_unref(uri); }
+};
+
+std::unique_ptr<GUri, UriUnref> parsed(const std::string& url) {
+    return std::unique_ptr<GUri, UriUnref>(
+        g_uri_parse(url.c_str(), static_cast<GUriFlags>(SOUP_HTTP_URI_FLAGS), nullptr));
+}
+
+std::string textOf(const char* text) {
+    return text == nullptr ? std::string() : std::string(text);
+}
+
+std::string registrableDomain(const std::string& host) {
+    // Hosts such as localhost and plain addresses have no such domain and stand for themselves.
+    const char* domain = soup_tld_get_base_domain(host.c_str(), nullptr);
+    return domain == nullptr ? host : std::string(domain);
+}
+
+std::string directoryOf(const std::string& path) {
+    return path.substr(0, path.rfind('/') + 1);
+}
+
+}  // namespace
+
+bool isAbsoluteUrl(std::string_view text) {
+    // The library lets some of what RFC 3986 excludes pass.
+    const bool hasExcluded = std::any_of(text.begin(), text.end(), [](char c) {
+        return (c >= 0 && c <= ' ') || std::string_view("\x7f<>\"{}|\\^`").find(c) != std::string_view::npos;
+    });
+    return !hasExcluded && g_uri_is_valid(std::string(text).c_str(), G_URI_FLAGS_NONE, nullptr) != FALSE;
+}
+
+std::string directoryUrl(const std::string& directory) {
+    const GText url(g_filename_to_uri(directory.c_str(), nullptr, nullptr));
+    std::string text = textOf(url.get());
+    if (!text.ends_with('/')) text += '/';
+    return text;
+}
+
+Site::Site(const std::string& url) {
+    const auto uri = parsed(url);
+    if (!uri) return;
+    scheme_ = textOf(g_uri_get_scheme(uri.get()));
+    place_ = scheme_ == "file" ? directoryOf(textOf(g_uri_get_path(uri.get())))
+                               : registrableDomain(textOf(g_uri_get_host(uri.get())));
+}
+
+bool Site::contains(const std::string& url) const {
+    const auto uri = parsed(url);
+    if (!uri) return false;
+    const std::string scheme = textOf(g_uri_get_scheme(uri.get()));
+    if (scheme_ == "file") {
+        return scheme == scheme_ && textOf(g_uri_get_path(uri.get())).starts_with(place_);
+    }
+    const bool isUpgrade = scheme_ == "http" && scheme == "https";
+    if (scheme != scheme_ && !isUpgrade) return false;
+    return registrableDomain(textOf(g_uri_get_host(uri.get()))) == place_;
+}
+
+}  // namespace brindle

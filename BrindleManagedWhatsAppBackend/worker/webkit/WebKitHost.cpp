@@ -1,0 +1,126 @@
+#include "worker/webkit/WebKitHost.h"
+
+#include <glib-unix.h>
+#include <glib/gstdio.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "foundation/Failure.h"
+#include "worker/webkit/Denials.h"
+#include "worker/webkit/MainLoopTimer.h"
+#include "worker/webkit/Requirements.h"
+#include "worker/webkit/WebKitPage.h"
+
+namespace brindle {
+namespace {
+
+constexpr int private_directory_mode = 0700;
+/// Far more than the engine needs to let go, should something keep the main loop busy for ever.
+constexpr int most_last_turns = 1000;
+
+/// A folder of the application below one of the user's base directories (XDG, freedesktop.org):
+/// `variable` names it, else it is `fallback` in the home directory.
+std::string ownFolder(const char* variable, const char* fallback, const std::string& applicationName) {
+    const char* given = g_getenv(variable);
+    const bool isUsable = given != nullptr && g_path_is_absolute(given);
+    const GText path(isUsable
+                         ? g_build_filename(given, applicationName.c_str(), nullptr)
+                         : g_build_filename(g_get_home_dir(), fallback, applicationName.c_str(), nullptr));
+    // A login that cannot be stored would quietly be lost at the end.
+    if (g_mkdir_with_parents(path.get(), private_directory_mode) != 0 ||
+        g_access(path.get(), R_OK | W_OK | X_OK) != 0) {
+        throw Failure("The built-in web worker cannot keep website data in \"" + std::string(path.get()) +
+                      "\" (" + g_strerror(errno) + "); let " + variable +
+                      " name a directory that this user can write to.");
+    }
+    return path.get();
+}
+
+GObjectPointer<WebKitWebsiteDataManager> openWebsiteData(const std::string& applicationName) {
+    const std::string data = ownFolder("XDG_DATA_HOME", ".local/share", applicationName);
+    const std::string cache = ownFolder("XDG_CACHE_HOME", ".cache", applicationName);
+    GObjectPointer<WebKitWebsiteDataManager> manager(webkit_website_data_manager_new(
+        "base-data-directory", data.c_str(), "base-cache-directory", cache.c_str(), nullptr));
+    // Passwords of pages are none of the worker's business.
+    webkit_website_data_manager_set_persistent_credential_storage_enabled(manager.get(), FALSE);
+    const GText cookies(g_build_filename(data.c_str(), "cookies.sqlite", nullptr));
+    webkit_cookie_manager_set_persistent_storage(
+        webkit_website_data_manager_get_cookie_manager(manager.get()), cookies.get(),
+        WEBKIT_COOKIE_PERSISTENT_STORAGE_SQLITE);
+    return manager;
+}
+
+GObjectPointer<WebKitWebContext> makeContext(const std::string& applicationName) {
+    const auto manager = openWebsiteData(applicationName);
+    GObjectPointer<WebKitWebContext> context(webkit_web_context_new_with_website_data_manager(manager.get()));
+    webkit_web_context_set_sandbox_enabled(context.get(), TRUE);
+    // One page that is never left needs no store of decoded resources.
+    webkit_web_context_set_cache_model(context.get(), WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
+    denyDownloads(*context);
+    return context;
+}
+
+gboolean endHost(gpointer host) {
+    static_cast<WebKitHost*>(host)->end();
+    return G_SOURCE_CONTINUE;
+}
+
+}  // namespace
+
+WebKitHost::WebKitHost(const WebWorkerHostOptions& options)
+    : options_(options), log_(options.logSubsystem, options.logCategory) {
+    requireDisplay();
+    requireSandbox();
+    g_set_prgname(options.applicationName.c_str());
+    signalSources_ = {g_unix_signal_add(SIGTERM, endHost, this), g_unix_signal_add(SIGINT, endHost, this),
+                      g_unix_signal_add(SIGHUP, endHost, this)};
+    context_ = makeContext(options.applicationName);
+}
+
+WebKitHost::~WebKitHost() {
+    for (const guint source : signalSources_) g_source_remove(source);
+    context_.reset();
+    // The engine lets go of its processes in what it has left for the main loop to do; only then do these
+    // store what they still hold, such as a login of the last second.
+    for (int turn = 0; turn < most_last_turns && g_main_context_iteration(nullptr, FALSE) != FALSE; ++turn) {
+    }
+}
+
+std::unique_ptr<WebPage> WebKitHost::openPage(WebPageDelegate& delegate) {
+    return std::make_unique<WebKitPage>(options_, *context_, log_, delegate);
+}
+
+std::unique_ptr<HostTimer> WebKitHost::repeat(std::chrono::milliseconds interval,
+                                              std::chrono::milliseconds tolerance,
+                                              std::function<void()> tick) {
+    return std::make_unique<MainLoopTimer>(
+        MainLoopTimer::Schedule{.interval = interval, .tolerance = tolerance, .repeats = true},
+        std::move(tick));
+}
+
+std::unique_ptr<HostTimer> WebKitHost::once(std::chrono::milliseconds delay, std::function<void()> action) {
+    return std::make_unique<MainLoopTimer>(MainLoopTimer::Schedule{.interval = delay}, std::move(action));
+}
+
+void WebKitHost::run() {
+    // Not g_main_loop_run, which forgets an end that was asked for before it.
+    while (!hasEnded_) g_main_context_iteration(nullptr, TRUE);
+}
+
+void WebKitHost::end() {
+    hasEnded_ = true;
+    g_main_context_wakeup(nullptr);
+}
+
+void WebKitHost::logError(const std::string& message) {
+    log_.error(message);
+}
+
+}  // namespace brindle
+
+extern "C" __attribute__((visibility("default"))) std::unique_ptr<brindle::WebWorkerHost>
+brindleMakeWebWorkerHost(const brindle::WebWorkerHostOptions& options) {
+    return std::make_unique<brindle::WebKitHost>(options);
+}

@@ -1,0 +1,320 @@
+#include "worker/webkit/WebKitPage.h"
+
+#include <utility>
+
+#include "worker/webkit/Denials.h"
+#include "worker/webkit/OneLine.h"
+
+namespace brindle {
+namespace {
+
+std::string textOf(const char* text) {
+    return text == nullptr ? std::string() : std::string(text);
+}
+
+/// What a page throws or names may be of any length, and is published.
+constexpr std::size_t longest_sentence_bytes = 2000;
+
+/// One sentence, for people.
+std::string sentence(const GError& error) {
+    std::string text = oneLine(textOf(error.message), longest_sentence_bytes);
+    if (text.empty()) text = "The engine gives no reason";
+    if (!text.ends_with('.')) text += '.';
+    return text;
+}
+
+/// An address, which a page may have chosen, as a part of a sentence.
+std::string shown(const std::string& address) {
+    return oneLine(address, longest_sentence_bytes);
+}
+
+std::string describeDeparture(const std::string& address) {
+    return "The page tried to leave its site for " + shown(address) + ", which is denied.";
+}
+
+const char* describe(WebKitWebProcessTerminationReason reason) {
+    switch (reason) {
+        case WEBKIT_WEB_PROCESS_EXCEEDED_MEMORY_LIMIT:
+            return "The page's process used too much memory and was ended.";
+        case WEBKIT_WEB_PROCESS_TERMINATED_BY_API:
+            return "The page's process was ended.";
+        case WEBKIT_WEB_PROCESS_CRASHED:
+            break;
+    }
+    return "The page's process crashed or was killed.";
+}
+
+GObjectPointer<WebKitSettings> makeSettings(const WebWorkerHostOptions& options) {
+    GObjectPointer<WebKitSettings> settings(webkit_settings_new());
+    webkit_settings_set_user_agent(settings.get(), options.userAgent.c_str());
+    // The engine's list of quirks would give some services another user agent.
+    webkit_settings_set_enable_site_specific_quirks(settings.get(), FALSE);
+    // Nobody looks at the picture, so no graphics processor needs to be woken for it.
+    webkit_settings_set_hardware_acceleration_policy(settings.get(),
+                                                     WEBKIT_HARDWARE_ACCELERATION_POLICY_NEVER);
+    webkit_settings_set_enable_smooth_scrolling(settings.get(), FALSE);
+    // Pages that were left are not kept in memory.
+    webkit_settings_set_enable_page_cache(settings.get(), FALSE);
+    webkit_settings_set_javascript_can_open_windows_automatically(settings.get(), FALSE);
+    webkit_settings_set_javascript_can_access_clipboard(settings.get(), FALSE);
+    webkit_settings_set_enable_media_stream(settings.get(), FALSE);
+    webkit_settings_set_media_playback_requires_user_gesture(settings.get(), TRUE);
+    return settings;
+}
+
+WebKitWebView* makeView(const WebWorkerHostOptions& options, WebKitWebContext& context) {
+    const auto settings = makeSettings(options);
+    auto* view = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", &context, "settings",
+                                              settings.get(), "is-muted", TRUE, nullptr));
+    gtk_widget_set_size_request(GTK_WIDGET(view), options.contentWidth_px, options.contentHeight_px);
+    return view;
+}
+
+EvaluationOutcome outcomeOf(JSCValue& value) {
+    if (!jsc_value_is_string(&value)) return {};
+    GBytes* bytes = jsc_value_to_string_as_bytes(&value);
+    gsize size = 0;
+    const auto* data = static_cast<const char*>(g_bytes_get_data(bytes, &size));
+    EvaluationOutcome outcome{.value = std::string(data == nullptr ? "" : data, size), .error = std::nullopt};
+    g_bytes_unref(bytes);
+    return outcome;
+}
+
+using EvaluationCallback = std::function<void(EvaluationOutcome)>;
+
+void evaluationDone(GObject* view, GAsyncResult* result, gpointer data) {
+    const std::unique_ptr<EvaluationCallback> done(static_cast<EvaluationCallback*>(data));
+    GError* error = nullptr;
+    const GObjectPointer<JSCValue> value(
+        webkit_web_view_evaluate_javascript_finish(WEBKIT_WEB_VIEW(view), result, &error));
+    const GErrorPointer owned(error);
+    (*done)(value ? outcomeOf(*value) : EvaluationOutcome{.value = std::nullopt, .error = sentence(*error)});
+}
+
+void removalDone(GObject* manager, GAsyncResult* result, gpointer data) {
+    const std::unique_ptr<std::function<void()>> done(static_cast<std::function<void()>*>(data));
+    webkit_website_data_manager_clear_finish(WEBKIT_WEBSITE_DATA_MANAGER(manager), result, nullptr);
+    (*done)();
+}
+
+}  // namespace
+
+WebKitPage::WebKitPage(const WebWorkerHostOptions& options, WebKitWebContext& context, const SystemLog& log,
+                       WebPageDelegate& delegate)
+    : log_(log), delegate_(delegate), window_(gtk_offscreen_window_new()), view_(makeView(options, context)) {
+    gtk_window_set_title(GTK_WINDOW(window_.get()), options.windowTitle.c_str());
+    gtk_container_add(GTK_CONTAINER(window_.get()), GTK_WIDGET(view_));
+    connectSignals();
+    gtk_widget_show_all(window_.get());
+}
+
+WebKitPage::~WebKitPage() {
+    g_signal_handlers_disconnect_by_data(view_, this);
+}
+
+bool WebKitPage::isAddress(std::string_view text) const {
+    return isAbsoluteUrl(text);
+}
+
+void WebKitPage::loadText(const std::string& html, const std::string& baseDirectory) {
+    source_ = {.address = directoryUrl(baseDirectory), .text = html};
+    load();
+}
+
+void WebKitPage::loadAddress(const std::string& address, std::chrono::seconds timeout) {
+    source_ = {.address = address, .text = std::nullopt, .timeout = timeout};
+    load();
+}
+
+void WebKitPage::reload() {
+    if (source_.address.empty()) return;
+    // The engine would reload a text's base address instead, and nothing where no document ever arrived.
+    if (source_.text || progress_ == Progress::idle || progress_ == Progress::provisional) return load();
+    // As patient with the server as the first load was.
+    progress_ = Progress::provisional;
+    webkit_web_view_reload(view_);
+    watchTransfer();
+}
+
+void WebKitPage::evaluate(const std::string& script, std::function<void(EvaluationOutcome)> done) {
+    webkit_web_view_evaluate_javascript(view_, script.data(), static_cast<gssize>(script.size()), nullptr,
+                                        nullptr, nullptr, evaluationDone,
+                                        new EvaluationCallback(std::move(done)));
+}
+
+void WebKitPage::removeAllWebsiteData(std::function<void()> done) {
+    constexpr GTimeSpan of_all_time = 0;
+    webkit_website_data_manager_clear(webkit_web_view_get_website_data_manager(view_),
+                                      WEBKIT_WEBSITE_DATA_ALL, of_all_time, nullptr, removalDone,
+                                      new std::function<void()>(std::move(done)));
+}
+
+void WebKitPage::endProcess() {
+    endProcessBecause("The page's process was ended because it had stopped answering.");
+}
+
+void WebKitPage::endProcessBecause(const char* reason) {
+    endReason_ = reason;
+    // The engine reports the end from within the call.
+    endTimer_ = std::make_unique<MainLoopTimer>(MainLoopTimer::Schedule{.interval = std::chrono::seconds(0)},
+                                                [this] { webkit_web_view_terminate_web_process(view_); });
+}
+
+void WebKitPage::orderOut() {
+    // An offscreen window is never on a screen; unmapping it would only put the page to sleep.
+}
+
+void WebKitPage::connectSignals() {
+    denyWhatNeedsAPerson(*view_);
+    const auto connect = [this](const char* signal, auto handler) {
+        g_signal_connect(view_, signal, G_CALLBACK(+handler), this);
+    };
+    connect("load-changed", [](WebKitWebView*, WebKitLoadEvent event, gpointer self) {
+        static_cast<WebKitPage*>(self)->loadChanged(event);
+    });
+    connect("load-failed",
+            [](WebKitWebView*, WebKitLoadEvent event, char* address, GError* error, gpointer self) {
+                static_cast<WebKitPage*>(self)->loadFailed(event, textOf(address), *error);
+                // Keeps the engine from showing an error page of its own.
+                return TRUE;
+            });
+    connect("notify::estimated-load-progress", [](WebKitWebView*, GParamSpec*, gpointer self) {
+        static_cast<WebKitPage*>(self)->watchTransfer();
+    });
+    connect("decide-policy",
+            [](WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDecisionType type,
+               gpointer self) -> gboolean {
+                return static_cast<WebKitPage*>(self)->decidePolicy(*decision, type) ? TRUE : FALSE;
+            });
+    connect("close", [](WebKitWebView*, gpointer self) {
+        // A page that has closed itself does not come back to life in its process.
+        static_cast<WebKitPage*>(self)->endProcessBecause("The page closed itself.");
+    });
+    connect("web-process-terminated",
+            [](WebKitWebView*, WebKitWebProcessTerminationReason reason, gpointer self) {
+                static_cast<WebKitPage*>(self)->processTerminated(reason);
+            });
+}
+
+void WebKitPage::load() {
+    site_ = Site(source_.address);
+    progress_ = Progress::provisional;
+    if (source_.text) {
+        webkit_web_view_load_html(view_, source_.text->c_str(), source_.address.c_str());
+    } else {
+        webkit_web_view_load_uri(view_, source_.address.c_str());
+    }
+    watchTransfer();
+}
+
+void WebKitPage::loadChanged(WebKitLoadEvent event) {
+    switch (event) {
+        case WEBKIT_LOAD_STARTED:
+        case WEBKIT_LOAD_REDIRECTED:
+            break;
+        case WEBKIT_LOAD_COMMITTED:
+            documentCommitted();
+            break;
+        case WEBKIT_LOAD_FINISHED:
+            // The engine also calls a load finished that failed, or that a newer one has replaced.
+            if (progress_ != Progress::committed) break;
+            stallTimer_.reset();
+            progress_ = Progress::finished;
+            delegate_.pageFinished();
+            break;
+    }
+}
+
+void WebKitPage::deny(const std::string& denial) {
+    // Without a document there is nothing to go on with; otherwise what is shown stays as it is.
+    if (progress_ == Progress::provisional) return reportFailure(Stage::provisional, denial);
+    log_.error(denial);
+}
+
+void WebKitPage::documentCommitted() {
+    progress_ = Progress::committed;
+    const std::string address = textOf(webkit_web_view_get_uri(view_));
+    if (site_->contains(address)) return;
+    // Addresses such as about:blank are there before anybody can refuse them.
+    progress_ = Progress::idle;
+    delegate_.webProcessEnded("The page left its site for " + shown(address) + ".");
+}
+
+void WebKitPage::loadFailed(WebKitLoadEvent event, const std::string& address, const GError& error) {
+    // Whoever cancels or refuses a load has begun another one or has said why.
+    if (g_error_matches(&error, WEBKIT_NETWORK_ERROR, WEBKIT_NETWORK_ERROR_CANCELLED) ||
+        g_error_matches(&error, WEBKIT_POLICY_ERROR,
+                        WEBKIT_POLICY_ERROR_FRAME_LOAD_INTERRUPTED_BY_POLICY_CHANGE)) {
+        return;
+    }
+    if (progress_ != Progress::provisional && !site_->contains(address)) {
+        return deny(describeDeparture(address));
+    }
+    reportFailure(event == WEBKIT_LOAD_COMMITTED ? Stage::committed : Stage::provisional, sentence(error));
+}
+
+void WebKitPage::reportFailure(Stage stage, const std::string& error) {
+    // What the engine still says of this load is no progress.
+    progress_ = Progress::idle;
+    stallTimer_.reset();
+    if (stage == Stage::committed) {
+        delegate_.navigationFailed(error);
+    } else {
+        delegate_.provisionalNavigationFailed(error);
+    }
+}
+
+void WebKitPage::watchTransfer() {
+    if (source_.timeout.count() == 0 || progress_ == Progress::idle || progress_ == Progress::finished)
+        return;
+    stallTimer_ = std::make_unique<MainLoopTimer>(MainLoopTimer::Schedule{.interval = source_.timeout},
+                                                  [this] { transferStalled(); });
+}
+
+void WebKitPage::transferStalled() {
+    webkit_web_view_stop_loading(view_);
+    reportFailure(progress_ == Progress::committed ? Stage::committed : Stage::provisional,
+                  "The request timed out.");
+}
+
+bool WebKitPage::decidePolicy(WebKitPolicyDecision& decision, WebKitPolicyDecisionType type) {
+    switch (type) {
+        case WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION:
+            webkit_policy_decision_ignore(&decision);
+            return true;
+        case WEBKIT_POLICY_DECISION_TYPE_RESPONSE:
+            return decideResponse(*WEBKIT_RESPONSE_POLICY_DECISION(&decision));
+        case WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION:
+            break;
+    }
+    return false;
+}
+
+bool WebKitPage::decideResponse(WebKitResponsePolicyDecision& decision) {
+    const std::string address =
+        webkit_uri_response_get_uri(webkit_response_policy_decision_get_response(&decision));
+    if (!webkit_response_policy_decision_is_main_frame_main_resource(&decision)) {
+        if (webkit_response_policy_decision_is_mime_type_supported(&decision)) return false;
+        webkit_policy_decision_ignore(WEBKIT_POLICY_DECISION(&decision));
+        return true;
+    }
+    std::string denial;
+    if (!webkit_response_policy_decision_is_mime_type_supported(&decision)) {
+        denial = "The page offered " + shown(address) + " as a download, which is denied.";
+    } else if (!site_->contains(address)) {
+        denial = describeDeparture(address);
+    }
+    if (denial.empty()) return false;
+    webkit_policy_decision_ignore(WEBKIT_POLICY_DECISION(&decision));
+    deny(denial);
+    return true;
+}
+
+void WebKitPage::processTerminated(WebKitWebProcessTerminationReason reason) {
+    stallTimer_.reset();
+    progress_ = Progress::idle;
+    const bool isOurs = reason == WEBKIT_WEB_PROCESS_TERMINATED_BY_API && endReason_ != nullptr;
+    delegate_.webProcessEnded(isOurs ? std::exchange(endReason_, nullptr) : describe(reason));
+}
+
+}  // namespace brindle

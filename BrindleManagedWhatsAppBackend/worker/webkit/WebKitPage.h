@@ -1,0 +1,80 @@
+#pragma once
+
+#include <webkit2/webkit2.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "worker/WebWorkerHost.h"
+#include "worker/webkit/GObjectPointer.h"
+#include "worker/webkit/MainLoopTimer.h"
+#include "worker/webkit/Site.h"
+#include "worker/webkit/SystemLog.h"
+
+namespace brindle {
+
+struct WidgetDestroy {
+    void operator()(GtkWidget* widget) const { gtk_widget_destroy(widget); }
+};
+
+/// The page in an offscreen window: nothing is ever on a screen, yet the page is laid out, painted and timed
+/// as if it were in front.
+class WebKitPage final : public WebPage {
+  public:
+    /// The context's website data and policies apply to the page.
+    WebKitPage(const WebWorkerHostOptions& options, WebKitWebContext& context, const SystemLog& log,
+               WebPageDelegate& delegate);
+    ~WebKitPage() override;
+    WebKitPage(const WebKitPage&) = delete;
+    WebKitPage& operator=(const WebKitPage&) = delete;
+
+    bool isAddress(std::string_view text) const override;
+    void loadText(const std::string& html, const std::string& baseDirectory) override;
+    void loadAddress(const std::string& address, std::chrono::seconds timeout) override;
+    void reload() override;
+    void evaluate(const std::string& script, std::function<void(EvaluationOutcome)> done) override;
+    void removeAllWebsiteData(std::function<void()> done) override;
+    void endProcess() override;
+    void orderOut() override;
+
+  private:
+    /// What the worker asked to be shown; what the page shows may have moved on within its site.
+    struct Source {
+        /// Of a text its base address.
+        std::string address;
+        std::optional<std::string> text;
+        std::chrono::seconds timeout{0};
+    };
+    /// Whether a load failed before or after its document had begun to arrive.
+    enum class Stage { provisional, committed };
+    enum class Progress { idle, provisional, committed, finished };
+
+    void connectSignals();
+    void load();
+    void loadChanged(WebKitLoadEvent event);
+    void loadFailed(WebKitLoadEvent event, const std::string& address, const GError& error);
+    void deny(const std::string& denial);
+    void documentCommitted();
+    void reportFailure(Stage stage, const std::string& error);
+    void watchTransfer();
+    void transferStalled();
+    bool decidePolicy(WebKitPolicyDecision& decision, WebKitPolicyDecisionType type);
+    bool decideResponse(WebKitResponsePolicyDecision& decision);
+    void endProcessBecause(const char* reason);
+    void processTerminated(WebKitWebProcessTerminationReason reason);
+
+    const SystemLog& log_;
+    WebPageDelegate& delegate_;
+    std::unique_ptr<GtkWidget, WidgetDestroy> window_;
+    WebKitWebView* view_;
+    Source source_;
+    std::optional<Site> site_;
+    Progress progress_ = Progress::idle;
+    std::unique_ptr<MainLoopTimer> stallTimer_;
+    std::unique_ptr<MainLoopTimer> endTimer_;
+    /// Why the process is being ended from here; null when it is not.
+    const char* endReason_ = nullptr;
+};
+
+}  // namespace brindle
