@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <exception>
 #include <string>
 #include <string_view>
@@ -14,12 +15,16 @@
 #include "backend/ManagedWhatsAppBackendService.h"
 #include "entry/CommandLine.h"
 #include "entry/LaunchAuthentication.h"
+#include "entry/WebHostModule.h"
 #include "exchange/EnvironmentKeys.h"
 #include "foundation/Clock.h"
 #include "foundation/Environment.h"
 #include "foundation/FileManager.h"
+#include "foundation/ProcessGuard.h"
 #include "foundation/Processes.h"
 #include "foundation/Text.h"
+#include "worker/HostOptions.h"
+#include "worker/ManagedWhatsAppWebWorkerService.h"
 
 namespace brindle {
 namespace {
@@ -62,9 +67,18 @@ void runBackendRole(const std::string& platform, const Environment& environment,
     if (const int signal = signals.take(); signal != 0) endBySignal(signal);
 }
 
-[[noreturn]] void runWorkerRole() {
-    throw Failure("The built-in web worker is not part of this version; set " +
-                  std::string(environment_key::nativeWorkerPath) + " to run a native worker instead.");
+void runWorkerRole(const std::string& platform, const Environment& environment, FileManager& fileManager) {
+    // First of all, while there is no other thread.
+    const ProcessGuard guard;
+    letTerminationSignalsThrough();
+    // The page is foreign code, and the engine's processes inherit the environment.
+    for (const auto key : {environment_key::launchToken, environment_key::launchTokenFile}) {
+        ::unsetenv(std::string(key).c_str());  // NOLINT(concurrency-mt-unsafe): there is one thread yet.
+    }
+    const SystemClock clock;
+    const auto host = makeWebWorkerHost(webWorkerHostOptions());
+    ManagedWhatsAppWebWorkerService service(platform, environment, fileManager, clock, *host);
+    service.start();
 }
 
 int run(int argumentCount, char** arguments) {
@@ -79,8 +93,11 @@ int run(int argumentCount, char** arguments) {
     }
     // Requests name it in JSON, which only knows UTF-8.
     const std::string platform = repairedUtf8(platformName(argumentList));
-    if (isWorkerRole(environment)) runWorkerRole();
-    runBackendRole(platform, environment, fileManager);
+    if (isWorkerRole(environment)) {
+        runWorkerRole(platform, environment, fileManager);
+    } else {
+        runBackendRole(platform, environment, fileManager);
+    }
     return EX_OK;
 }
 
