@@ -104,6 +104,20 @@ std::chrono::milliseconds parseSeconds(const std::string& text) {
     return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
 }
 
+Command parseQR(Arguments& arguments) {
+    QRCommand command{.patience = default_patience};
+    while (!arguments.isEmpty()) {
+        if (arguments.skip("within")) {
+            command.patience = parseSeconds(arguments.take());
+        } else if (arguments.skip("until") && arguments.skip("linked")) {
+            command.untilLinked = true;
+        } else {
+            arguments.fail();
+        }
+    }
+    return command;
+}
+
 Command parseExpect(Arguments& arguments) {
     ExpectCommand command{.expectation = Expectation::forName(arguments.take()),
                           .patience = default_patience};
@@ -148,6 +162,8 @@ constexpr std::array syntaxes{
     Syntax{"send", "send CONVERSATION TEXT [--reply ID] [--attach FILE]...",
            "Send a message; text with spaces goes in quotes.", parseSend},
     Syntax{"status", "status", "Show the helper's runtime-status.json.", parsePlain<StatusCommand>},
+    Syntax{"qr", "qr [until linked] [within SECONDS]",
+           "Show the login QR code, or every new one until a phone has scanned it (10 s).", parseQR},
     Syntax{"raw", "raw LINE", "Send the rest of the line as it is.", nullptr},
     Syntax{"expect", "expect CASE[.STATE] [containing TEXT] [within SECONDS]",
            "Wait for an envelope from the helper (10 s).", parseExpect},

@@ -32,6 +32,12 @@ struct SendCommand {
 
 struct StatusCommand {};
 
+struct QRCommand {
+    /// Show every code that follows, too, until a phone has scanned one.
+    bool untilLinked = false;
+    std::chrono::milliseconds patience{};
+};
+
 struct RawCommand {
     std::string line;
 };
@@ -54,9 +60,9 @@ struct WaitStatusCommand {
 /// What a person or a script can ask of the console.
 using Command =
     std::variant<ConnectCommand, DisconnectCommand, ListenCommand, StopCommand, SendCommand, StatusCommand,
-                 RawCommand, HelpCommand, QuitCommand, ExpectCommand, WaitStatusCommand>;
+                 QRCommand, RawCommand, HelpCommand, QuitCommand, ExpectCommand, WaitStatusCommand>;
 
-/// How long expect and wait-status wait unless told otherwise.
+/// How long qr, expect and wait-status wait unless told otherwise.
 inline constexpr std::chrono::milliseconds default_patience{10000};
 
 /// The command in a line, or nothing when it is blank or a comment. Throws Failure with one sentence for

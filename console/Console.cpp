@@ -12,7 +12,10 @@
 #include <vector>
 
 #include "console/Attachment.h"
+#include "console/Picture.h"
+#include "console/QRCode.h"
 #include "foundation/Failure.h"
+#include "foundation/Json.h"
 #include "foundation/Text.h"
 
 namespace brindle::console {
@@ -24,6 +27,20 @@ std::string seconds(std::chrono::milliseconds duration) {
     char text[32];
     std::snprintf(text, sizeof(text), "%g s", static_cast<double>(duration.count()) / 1000);
     return text;
+}
+
+/// The states in which a worker needs no login.
+bool isLinkedState(std::string_view workerState) {
+    return workerState == "linked" || workerState == "watching_chat";
+}
+
+std::string jsonLine(std::string_view name, std::string_view value) {
+    JsonWriter writer(JsonStyle::compact);
+    writer.beginObject();
+    writer.name(name);
+    writer.string(value);
+    writer.endObject();
+    return writer.finish() + "\n";
 }
 
 std::string valueText(bool value) {
@@ -79,7 +96,9 @@ Console::Console(const Options& options, Environment environment, CommandInput& 
       directory_(environment, fileManager_, platform_),
       helper_(
           launch(options, std::move(environment)), [this](std::string_view line) { received(line); },
-          [this](std::string_view line) { display_.helperDiagnostic(line); }) {}
+          [this](std::string_view line) { display_.helperDiagnostic(line); }) {
+    if (options.summary) summary_.emplace();
+}
 
 ChildProcess::Options Console::launch(const Options& options, Environment environment) {
     ticket_.addTo(environment);
@@ -101,16 +120,34 @@ int Console::run() {
         checkOutput();
     }
     if (!helperHasEnded_) endHelper();
+    showSummary();
     return status_;
+}
+
+void Console::begin(InputLine line) {
+    current_ = std::move(line);
+    if (summary_) summary_->begin(current_.text, std::chrono::steady_clock::now());
+}
+
+/// The current command is carried out, with all its waiting.
+void Console::finish(bool hasFailed) {
+    if (!summary_) return;
+    const auto now = std::chrono::steady_clock::now();
+    hasFailed ? summary_->failed(now) : summary_->done(now);
+}
+
+/// Bare protocol lines have no place for it.
+void Console::showSummary() {
+    if (summary_ && !display_.isJson()) display_.answer(summary_->text());
 }
 
 /// Before the greeting, the runtime status may still be that of an earlier helper.
 void Console::awaitGreeting() {
+    begin({.text = "hello", .place = ""});
     wait_ = Wait{.isFulfilled = [this] { return hasGreeted_; },
                  .subject = "the helper's hello",
                  .observation = [] { return "did not come within " + seconds(greeting_patience); },
                  .deadline = std::chrono::steady_clock::now() + greeting_patience,
-                 .place = "",
                  .needsPolling = false};
 }
 
@@ -127,16 +164,17 @@ void Console::runReadyCommands() {
 }
 
 void Console::execute(const InputLine& line) {
-    place_ = line.place;
+    begin({.text = std::string(trimmed(line.text)), .place = line.place});
     try {
         const auto command = parseCommand(line.text);
         if (!command) return;
         if (!input_.isInteractive()) display_.command(line.text);
         std::visit([this](const auto& each) { perform(each); }, *command);
-        checkWait();
     } catch (const Failure& failure) {
-        fail(line.place, failure.what());
+        return fail(failure.what());
     }
+    if (!wait_) return finish(false);
+    checkWait();
 }
 
 void Console::perform(const ConnectCommand&) {
@@ -174,6 +212,71 @@ void Console::perform(const StatusCommand&) {
     display_.answer(statusTable(status));
 }
 
+void Console::perform(const QRCommand& command) {
+    wait_ = Wait{.isFulfilled =
+                     [this, command, shown = std::string()]() mutable {
+                         return showNextQRCode(shown, command.untilLinked);
+                     },
+                 .subject = command.untilLinked ? "a login by the QR code in " + directory_.workerQRCodeFile
+                                                : "a QR code in " + directory_.workerQRCodeFile,
+                 .observation =
+                     [this, patience = command.patience] {
+                         const auto status = readStatus();
+                         return "did not come within " + seconds(patience) +
+                                (status ? "; the worker's state is \"" + status->workerState + "\"" : "");
+                     },
+                 .deadline = std::chrono::steady_clock::now() + command.patience,
+                 .needsPolling = true};
+}
+
+/// Shows the code that is there, unless it is the one last shown. True when no more is to come.
+bool Console::showNextQRCode(std::string& shown, bool untilLinked) {
+    const auto status = readStatus();
+    if (status && isLinkedState(status->workerState)) {
+        display_.answer(display_.isJson() ? jsonLine("workerState", status->workerState)
+                                          : "The worker is linked; there is no QR code to scan.\n");
+        return true;
+    }
+    std::string png;
+    if (!readIfPresent(directory_.workerQRCodeFile, png) || png == shown) return false;
+    // Two codes that touch would keep a phone guessing.
+    if (!shown.empty() && !display_.isJson()) display_.answer("A new code takes its place:\n");
+    showQRCode(png);
+    shown = std::move(png);
+    return !untilLinked;
+}
+
+/// False when there is no such file (any more).
+bool Console::readIfPresent(const std::string& file, std::string& content) {
+    try {
+        content = fileManager_.readFile(file);
+        return true;
+    } catch (const FileSystemFailure& failure) {
+        if (failure.code() != ENOENT) throw;
+        return false;
+    }
+}
+
+void Console::showQRCode(const std::string& png) {
+    const auto& file = directory_.workerQRCodeFile;
+    const auto code = [&] {
+        try {
+            return QRCode::in(pictureFromPng(png));
+        } catch (const Failure& failure) {
+            throw Failure(file + " " + failure.what() + ".");
+        }
+    }();
+    if (!code)
+        throw Failure(file + " is a picture without a QR code that fills it; look at it with a viewer.");
+    if (display_.isJson()) return display_.answer(jsonLine("workerQRCodeFile", file));
+    const auto columns = Display::terminalColumns();
+    if (columns && *columns < textColumns(*code)) {
+        throw Failure("The QR code takes " + std::to_string(textColumns(*code)) +
+                      " columns, the terminal has " + std::to_string(*columns) + "; make it wider.");
+    }
+    display_.answer(textOf(*code, display_.colorsOutput()));
+}
+
 void Console::perform(const RawCommand& command) {
     submitLine(command.line);
 }
@@ -192,7 +295,6 @@ void Console::perform(const ExpectCommand& command) {
         .subject = command.expectation.description(),
         .observation = [patience = command.patience] { return "did not come within " + seconds(patience); },
         .deadline = std::chrono::steady_clock::now() + command.patience,
-        .place = place_,
         .needsPolling = false};
 }
 
@@ -210,7 +312,6 @@ void Console::perform(const WaitStatusCommand& command) {
                                 (value ? "\"" + *value + "\"" : "absent");
                      },
                  .deadline = std::chrono::steady_clock::now() + command.patience,
-                 .place = place_,
                  .needsPolling = true};
 }
 
@@ -229,6 +330,7 @@ void Console::received(std::string_view line) {
     display_.envelope(Direction::fromHelper, line);
     auto envelope = ReceivedEnvelope::from(line);
     hasGreeted_ = hasGreeted_ || envelope.name == "hello";
+    if (summary_ && envelope.name == "inboundEvent") summary_->countInboundEvent();
     envelopes_.add(std::move(envelope));
 }
 
@@ -263,12 +365,18 @@ int Console::pollTimeout() const {
 
 void Console::checkWait() {
     if (!wait_ || isDone_) return;
-    if (wait_->isFulfilled()) {
+    try {
+        if (wait_->isFulfilled()) {
+            wait_.reset();
+            return finish(false);
+        }
+    } catch (const Failure& failure) {
         wait_.reset();
-    } else if (std::chrono::steady_clock::now() >= wait_->deadline) {
-        const auto wait = *std::exchange(wait_, std::nullopt);
-        fail(wait.place, "Expected " + wait.subject + ", which " + wait.observation() + ".");
+        return fail(failure.what());
     }
+    if (std::chrono::steady_clock::now() < wait_->deadline) return;
+    const auto wait = *std::exchange(wait_, std::nullopt);
+    fail("Expected " + wait.subject + ", which " + wait.observation() + ".");
 }
 
 void Console::checkHelper() {
@@ -279,8 +387,11 @@ void Console::checkHelper() {
     checkWait();
     std::string sentence = "The helper " + end.description();
     if (!end.bySignal && end.number == EX_USAGE) sentence += ": it refused the launch";
-    if (wait_) sentence += " while the console waited for " + wait_->subject;
-    display_.problem((wait_ && !wait_->place.empty() ? wait_->place + ": " : "") + sentence + ".");
+    if (wait_) {
+        sentence += " while the console waited for " + wait_->subject;
+        finish(true);
+    }
+    display_.problem((wait_ && !current_.place.empty() ? current_.place + ": " : "") + sentence + ".");
     status_ = failure_status;
     isDone_ = true;
 }
@@ -292,8 +403,10 @@ void Console::checkOutput() {
     isDone_ = true;
 }
 
-void Console::fail(const std::string& place, const std::string& sentence) {
-    display_.problem((place.empty() ? "" : place + ": ") + sentence);
+/// The current command has failed.
+void Console::fail(const std::string& sentence) {
+    finish(true);
+    display_.problem((current_.place.empty() ? "" : current_.place + ": ") + sentence);
     if (input_.isInteractive()) return;
     status_ = failure_status;
     isDone_ = true;

@@ -13,6 +13,7 @@
 #include "console/HelperProcess.h"
 #include "console/LaunchTicket.h"
 #include "console/Options.h"
+#include "console/Summary.h"
 #include "exchange/DataDirectory.h"
 #include "exchange/ExchangeRecords.h"
 #include "foundation/FileManager.h"
@@ -45,12 +46,12 @@ class Console {
 
     /// Something that must come true before the next command runs.
     struct Wait {
+        /// May throw Failure when it can never come true.
         std::function<bool()> isFulfilled;
         /// What is being waited for, and what happened instead; for the message.
         std::string subject;
         std::function<std::string()> observation;
         TimePoint deadline;
-        std::string place;
         /// Not told by an envelope, so it has to be looked at again and again.
         bool needsPolling = false;
     };
@@ -64,6 +65,7 @@ class Console {
     void perform(const StopCommand& command);
     void perform(const SendCommand& command);
     void perform(const StatusCommand& command);
+    void perform(const QRCommand& command);
     void perform(const RawCommand& command);
     void perform(const HelpCommand& command);
     void perform(const QuitCommand& command);
@@ -76,13 +78,19 @@ class Console {
     std::optional<ManagedWhatsAppRuntimeStatusRecord> readStatus();
 
     void awaitGreeting();
+    void begin(InputLine line);
+    void finish(bool hasFailed);
+    void showSummary();
     void runReadyCommands();
     void waitForEvents();
     int pollTimeout() const;
     void checkWait();
     void checkHelper();
     void checkOutput();
-    void fail(const std::string& place, const std::string& sentence);
+    void fail(const std::string& sentence);
+    bool showNextQRCode(std::string& shown, bool untilLinked);
+    bool readIfPresent(const std::string& file, std::string& content);
+    void showQRCode(const std::string& png);
 
     void endHelper();
     bool helperEndsWithin(std::chrono::milliseconds patience);
@@ -100,8 +108,10 @@ class Console {
     ReceivedEnvelopes envelopes_;
     bool hasGreeted_ = false;
     std::optional<Wait> wait_;
-    /// Where the command stands that is being carried out.
-    std::string place_;
+    /// The command that is being carried out.
+    InputLine current_;
+    /// Only when one was asked for.
+    std::optional<Summary> summary_;
     bool isDone_ = false;
     bool helperHasEnded_ = false;
     int status_ = 0;

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -142,6 +143,12 @@ void Display::answer(std::string_view text) {
 
 void Display::problem(std::string_view sentence) {
     write(STDERR_FILENO, colored(terminalSafe(sentence), red_color, style_.colorsError) + "\n");
+}
+
+std::optional<std::size_t> Display::terminalColumns() {
+    winsize size{};
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return std::nullopt;
+    return size.ws_col;
 }
 
 void Display::write(int descriptor, std::string_view text) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -56,6 +58,9 @@ class Display {
     void problem(std::string_view sentence);
 
     bool isJson() const { return style_.json; }
+    bool colorsOutput() const { return style_.colorsOutput; }
+    /// Width of the terminal that standard output is; nothing when it is none.
+    static std::optional<std::size_t> terminalColumns();
     /// True once standard output takes nothing any more.
     bool hasLostOutput() const { return hasLostOutput_; }
 

@@ -23,6 +23,8 @@ std::string footer() {
            "      Talk to a helper without a worker: try connect, then listen test \"Smoke test\".\n"
            "  BrindleBridgeConsole --native-worker ./my-worker --data-dir /tmp/try\n"
            "      Try a native worker of your own in a directory of its own.\n"
+           "  BrindleBridgeConsole --builtin-worker --web-client index.html\n"
+           "      Try the web worker on a page of your own.\n"
            "  BrindleBridgeConsole --script check.console\n"
            "      Run a script; the exit status tells whether its expectations were met.\n"
            "  echo connect | BrindleBridgeConsole --json\n"
@@ -58,6 +60,7 @@ struct Parser {
             ->type_name("DIR");
         app.add_option("--script", options.script, "Run the commands in a file, then end.")
             ->type_name("FILE");
+        app.add_flag("--summary", options.summary, "At the end, show how long each command took.");
         app.add_flag("--json", options.json,
                      "Show the bare protocol lines and nothing else on standard output.");
         app.add_option("--color", color, "Use colours: auto, always or never.")
@@ -74,6 +77,10 @@ struct Parser {
         group->add_flag("--builtin-worker", builtinWorker, "The helper's own web worker.");
         group->add_flag("--no-worker", noWorker, "None.");
         group->require_option(0, 1);
+        app.add_option("--web-client", options.webClient,
+                       "The page of the built-in worker: an HTML file, or an address with its scheme.")
+            ->type_name("PAGE")
+            ->needs("--builtin-worker");
     }
 
     Options result() {
@@ -94,6 +101,17 @@ void set(Environment& environment, std::string_view key, std::string value) {
     environment.insert_or_assign(std::string(key), std::move(value));
 }
 
+/// Without a choice the environment decides, as for everything that a developer may want to keep.
+void choosePage(const Options& options, Environment& environment) {
+    using namespace environment_key;
+    if (!options.webClient) return;
+    environment.erase(std::string(workerTestHTMLPath));
+    environment.erase(std::string(workerTestURL));
+    const auto& page = *options.webClient;
+    if (page.find("://") != std::string::npos) return set(environment, workerTestURL, page);
+    set(environment, workerTestHTMLPath, standardizedPath(page));
+}
+
 /// A choice on the command line replaces whatever the environment says about workers.
 void chooseWorker(const Options& options, Environment& environment) {
     using namespace environment_key;
@@ -110,7 +128,8 @@ void chooseWorker(const Options& options, Environment& environment) {
             return set(environment, nativeWorkerPath, standardizedPath(options.workerPath));
         case WorkerChoice::builtin:
             set(environment, disableNativeWorker, "1");
-            return set(environment, enableBuiltinWorker, "1");
+            set(environment, enableBuiltinWorker, "1");
+            return choosePage(options, environment);
         case WorkerChoice::none:
             return set(environment, disableWorker, "1");
         case WorkerChoice::unchanged:

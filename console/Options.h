@@ -27,7 +27,10 @@ struct Options {
     std::optional<std::string> dataDirectory;
     WorkerChoice worker = WorkerChoice::unchanged;
     std::string workerPath;
+    /// A file or an http address that the built-in worker shows instead of the service's page.
+    std::optional<std::string> webClient;
     bool json = false;
+    bool summary = false;
     ColorChoice color = ColorChoice::automatic;
     std::optional<std::string> script;
 };

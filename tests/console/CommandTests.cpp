@@ -156,10 +156,26 @@ TEST(Command, WaitStatusRefusesAFieldThatTheStatusLacks) {
     EXPECT_THAT(refusal("wait-status workerState linked soon"), HasSubstr("Usage: wait-status"));
 }
 
+TEST(Command, QRTakesPatience) {
+    EXPECT_EQ(parsed<QRCommand>("qr").patience, default_patience);
+    EXPECT_EQ(parsed<QRCommand>("qr within 0.5").patience, std::chrono::milliseconds(500));
+    for (const auto* line : {"qr 5", "qr within", "qr within 5 seconds", "qr until", "qr until scanned"}) {
+        EXPECT_EQ(refusal(line), "Usage: qr [until linked] [within SECONDS]") << line;
+    }
+    EXPECT_THAT(refusal("qr within soon"), HasSubstr("is not a number of seconds"));
+}
+
+TEST(Command, QRShowsOneCodeOrAllUntilLinked) {
+    EXPECT_FALSE(parsed<QRCommand>("qr within 5").untilLinked);
+    EXPECT_TRUE(parsed<QRCommand>("qr until linked").untilLinked);
+    EXPECT_TRUE(parsed<QRCommand>("qr within 5 until linked").untilLinked);
+    EXPECT_EQ(parsed<QRCommand>("qr until linked within 5").patience, std::chrono::seconds(5));
+}
+
 TEST(Command, HelpNamesEveryCommand) {
     const auto help = commandHelp();
-    for (const auto* name : {"connect", "disconnect", "listen", "stop", "send", "status", "raw", "expect",
-                             "wait-status", "help", "quit"}) {
+    for (const auto* name : {"connect", "disconnect", "listen", "stop", "send", "status", "qr", "raw",
+                             "expect", "wait-status", "help", "quit"}) {
         EXPECT_THAT("\n" + help, HasSubstr(std::string("\n") + name)) << name;
     }
 }

@@ -34,6 +34,8 @@ TEST(Options, HaveDefaults) {
     EXPECT_EQ(options.worker, WorkerChoice::unchanged);
     EXPECT_EQ(options.color, ColorChoice::automatic);
     EXPECT_FALSE(options.json);
+    EXPECT_FALSE(options.summary);
+    EXPECT_EQ(options.webClient, std::nullopt);
     EXPECT_EQ(options.script, std::nullopt);
     EXPECT_EQ(options.dataDirectory, std::nullopt);
 }
@@ -49,6 +51,8 @@ TEST(Options, AreRead) {
     EXPECT_EQ(options.script, "s.console");
     EXPECT_EQ(options.worker, WorkerChoice::explicitPath);
     EXPECT_EQ(options.workerPath, "/w");
+    EXPECT_TRUE(accepted({"--summary"}).summary);
+    EXPECT_EQ(accepted({"--builtin-worker", "--web-client", "p.html"}).webClient, "p.html");
 }
 
 TEST(Options, HelpShowsCommandsAndExamples) {
@@ -75,6 +79,11 @@ TEST(Options, ThatAreWrongAreRefusedWithStatusTwo) {
 TEST(Options, NameOneWorkerAtMost) {
     EXPECT_EQ(answered({"--no-worker", "--builtin-worker"}).status, 2);
     EXPECT_EQ(answered({"--worker", "/w", "--native-worker", "/bin/sh"}).status, 2);
+}
+
+TEST(Options, NameAPageForTheBuiltinWorkerOnly) {
+    EXPECT_EQ(answered({"--web-client", "p.html"}).status, 2);
+    EXPECT_EQ(answered({"--no-worker", "--web-client", "p.html"}).status, 2);
 }
 
 TEST(HelperEnvironment, PassesEverythingElseOn) {
@@ -108,6 +117,24 @@ TEST(HelperEnvironment, ReplacesTheChoiceOfWorker) {
                            {"BRINDLE_MANAGED_BRIDGE_ENABLE_BUILTIN_WORKER", "1"}}));
     EXPECT_EQ(environmentFor({"--no-worker"}, inherited),
               (Environment{{"BRINDLE_MANAGED_BRIDGE_DISABLE_WORKER", "1"}}));
+}
+
+TEST(HelperEnvironment, NamesThePageOfTheBuiltinWorker) {
+    const Environment inherited{{"BRINDLE_MANAGED_BRIDGE_WORKER_TEST_HTML_PATH", "/old.html"},
+                                {"BRINDLE_MANAGED_BRIDGE_WORKER_TEST_URL", "http://127.0.0.1/old"}};
+    const Environment builtin{{"BRINDLE_MANAGED_BRIDGE_DISABLE_NATIVE_WORKER", "1"},
+                              {"BRINDLE_MANAGED_BRIDGE_ENABLE_BUILTIN_WORKER", "1"}};
+    auto withFile = builtin;
+    withFile["BRINDLE_MANAGED_BRIDGE_WORKER_TEST_HTML_PATH"] = "/b.html";
+    EXPECT_EQ(environmentFor({"--builtin-worker", "--web-client", "/a/../b.html"}, inherited), withFile);
+    auto withAddress = builtin;
+    withAddress["BRINDLE_MANAGED_BRIDGE_WORKER_TEST_URL"] = "http://127.0.0.1:8080/?scan=0";
+    EXPECT_EQ(
+        environmentFor({"--builtin-worker", "--web-client", "http://127.0.0.1:8080/?scan=0"}, inherited),
+        withAddress);
+    auto unchanged = builtin;
+    unchanged.insert(inherited.begin(), inherited.end());
+    EXPECT_EQ(environmentFor({"--builtin-worker"}, inherited), unchanged);
 }
 
 }  // namespace
