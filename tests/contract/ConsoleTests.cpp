@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/QRPictures.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
@@ -453,8 +455,8 @@ TEST_F(ConsoleTest, ThePlatformOptionCountsForHelperAndRequests) {
 }
 
 TEST_F(ConsoleTest, TheDemonstrationRuns) {
-    auto& console = start(
-        {"--native-worker", NATIVE_WORKER_EXECUTABLE, "--script", SOURCE_DIRECTORY "/examples/demo.console"});
+    auto& console = start({"--native-worker", NATIVE_WORKER_EXECUTABLE, "--script",
+                           SOURCE_DIRECTORY "/examples/native-demo.console"});
     EXPECT_EQ(console.waitForExit(), exitedWith(0)) << console.rawOutput() << console.standardError();
     EXPECT_THAT(console.rawOutput(), HasSubstr("Echo: On my way"));
 }
@@ -550,6 +552,29 @@ TEST_F(TerminalTest, GoesOnAfterAMistake) {
     waitForScreen("Unknown command \"bogus\"");
     type("connect\r");
     waitForScreen("stateChanged.connected");
+}
+
+TEST_F(TerminalTest, ShowsTheQRCodeBlackOnWhite) {
+    waitForScreen("stateChanged.disconnected");
+    writeFileAtomically(data_.path() / "runtime/worker-qr.png", pngOf(largeQRCode()));
+    type("qr\r");
+    waitForScreen("qr\r\n");
+    // The terminal makes a carriage return of every line's end, and the prompt comes back after the last.
+    auto screen = waitForScreen("brindle> ");
+    std::erase(screen, '\r');
+    const auto begin = screen.find("\033[7m");
+    const auto end = screen.rfind('\n');
+    ASSERT_LT(begin, end);
+    EXPECT_EQ(scannedTerminal(std::string_view(screen).substr(begin, end - begin)), largeQRCode().content);
+}
+
+TEST_F(TerminalTest, SaysWhenItIsTooNarrowForTheQRCode) {
+    waitForScreen("stateChanged.disconnected");
+    writeFileAtomically(data_.path() / "runtime/worker-qr.png", pngOf(largeQRCode()));
+    const winsize narrow{.ws_row = 24, .ws_col = 40, .ws_xpixel = 0, .ws_ypixel = 0};
+    ASSERT_EQ(::ioctl(session_->terminal, TIOCSWINSZ, &narrow), 0);
+    type("qr\r");
+    waitForScreen("The QR code takes 53 columns, the terminal has 40; make it wider.");
 }
 
 TEST_F(TerminalTest, OutputLeavesTheLineThatIsBeingEditedAlone) {

@@ -1,0 +1,322 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "support/DrivenPage.h"
+#include "support/WebWorkerProcess.h"
+
+namespace brindle::test {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using testing::ElementsAre;
+
+constexpr std::size_t mebibyte = 1024 * 1024;
+
+/// Everything below the worker's place but what the engine keeps for itself, as relative paths.
+std::vector<std::string> filesOf(const WebWorkerProcess& worker) {
+    const auto place = worker.options().place->path();
+    std::vector<std::string> files;
+    for (const auto& entry : fs::recursive_directory_iterator(place)) {
+        const auto path = entry.path().lexically_relative(place).string();
+        if (entry.is_directory() || path.starts_with("website-") || path.starts_with("home/")) continue;
+        files.push_back(path);
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+/// A worker on a page that is up to no good, beside the traces that the page may leave.
+class WebWorkerHostile : public testing::Test {
+  protected:
+    WebWorkerHostile()
+        : page_("client.chats(['Team Room', 'Family'])"), worker_(WebWorkerOptions().withUrl(page_.url())) {
+        worker_.waitForState("linked");
+        filesBefore_ = filesOf(worker_);
+    }
+
+    DrivenPage& page() { return page_; }
+    WebWorkerProcess& worker() { return worker_; }
+
+    /// The worker lives, has written nowhere but where it should, and nothing of the page's was run as a
+    /// script.
+    void expectNoHarm() {
+        EXPECT_TRUE(worker_.process().isRunning());
+        EXPECT_EQ(page_.run("typeof window.injected"), "undefined");
+        for (const auto& file : filesOf(worker_)) {
+            const fs::path path(file);
+            const bool isRecord = path.parent_path() == "data/inbound" && path.extension() == ".json" &&
+                                  isCanonicalUuid(path.stem().string());
+            const bool isHidden = path.filename().string().starts_with(".");
+            const bool isRuntime =
+                path.parent_path() == "data/runtime" &&
+                (file.ends_with("/worker-status.json") || file.ends_with("/worker.pid") ||
+                 file.ends_with("/worker-control.json") || file.ends_with("/worker-qr.png"));
+            // A file that is being written has a hidden name.
+            const bool isOld =
+                std::find(filesBefore_.begin(), filesBefore_.end(), file) != filesBefore_.end();
+            EXPECT_TRUE(isRecord || isRuntime || isHidden || isOld) << file;
+        }
+    }
+
+    /// Once the page is sane again the worker does what it should.
+    void expectCapture(const std::string& chat = "Family") {
+        worker_.watchUntilOpen(chat, "sane");
+        page_.run("client.receive(" + scriptString(chat) +
+                  ", { id: 'sane', sender: 'Ann', text: 'sane again' })");
+        waitUntil(
+            [&] {
+                for (const auto& name : namesIn(worker_.path("inbound"))) {
+                    if (name.starts_with(".")) continue;
+                    if (readJsonFile(worker_.path("inbound") / name)["text"] == "sane again") return true;
+                }
+                return false;
+            },
+            "a message after all that");
+    }
+
+    std::vector<json> records() {
+        const auto names = namesIn(worker_.path("inbound"));
+        return worker_.waitForRecords(names.size());
+    }
+
+  private:
+    DrivenPage page_;
+    WebWorkerProcess worker_;
+    std::vector<std::string> filesBefore_;
+};
+
+/// A title of a chat that its members have chosen to make trouble.
+struct HostileTitle {
+    const char* name;
+    std::string title;
+    /// As the page's text has it: runs of white space are one space.
+    std::string normalized;
+};
+
+class WebWorkerHostileTitle : public WebWorkerHostile, public testing::WithParamInterface<HostileTitle> {};
+
+TEST_P(WebWorkerHostileTitle, IsTextAndNothingElse) {
+    const auto& title = GetParam().title;
+    page().run("client.chats(['Family', " + scriptString(title) + "])");
+    worker().watchUntilOpen(title, title);
+    page().run("client.receive(" + scriptString(title) + ", { id: " + scriptString("../../" + title) +
+               ", sender: " + scriptString(title + " sender") + ", text: 'hello' })");
+    const auto record = worker().waitForRecords(1).front();
+    EXPECT_EQ(record["conversationTitle"], GetParam().normalized);
+    EXPECT_EQ(record["conversationId"], title);
+    EXPECT_EQ(record["text"], "hello");
+    expectNoHarm();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Titles, WebWorkerHostileTitle,
+    testing::Values(
+        HostileTitle{"Quotes", R"("); window.injected = 1; (")", R"("); window.injected = 1; (")"},
+        HostileTitle{"Apostrophes", "'); window.injected = 1; ('", "'); window.injected = 1; ('"},
+        HostileTitle{"Backslashes", R"(\"; window.injected = 1; //\)", R"(\"; window.injected = 1; //\)"},
+        HostileTitle{"Lines", "a\n; window.injected = 1;\u2028window.injected = 2",
+                     "a ; window.injected = 1; window.injected = 2"},
+        HostileTitle{"EndOfScript", "</script><script>window.injected = 1</script>",
+                     "</script><script>window.injected = 1</script>"},
+        HostileTitle{"Template", "${window.injected = 1}`", "${window.injected = 1}`"},
+        HostileTitle{"Placeholder", "__WATCHED_TITLE__", "__WATCHED_TITLE__"},
+        HostileTitle{"Path", "../../etc/x", "../../etc/x"},
+        HostileTitle{"Long", std::string(100'000, 'x'), std::string(100'000, 'x')}),
+    [](const auto& instance) { return instance.param.name; });
+
+TEST_F(WebWorkerHostile, MarkupInMessagesAndNamesStaysText) {
+    const std::string markup =
+        "<img src=x onerror=\"window.injected = 1\"><script>window.injected = 2</script>";
+    worker().watchUntilOpen("Team Room");
+    page().run("client.receive('Team Room', { id: " + scriptString(markup) +
+               ", sender: " + scriptString(markup) + ", text: " + scriptString("text " + markup) + " })");
+    const auto record = worker().waitForRecords(1).front();
+    EXPECT_EQ(record["text"], "text " + markup);
+    EXPECT_EQ(record["senderDisplayName"], markup);
+    EXPECT_EQ(record["rawReference"], markup);
+    expectNoHarm();
+}
+
+TEST_F(WebWorkerHostile, PathsInNamesAndReferencesLeadNowhere) {
+    const std::string path = "../../../../" + worker().options().place->path().string() + "/escaped";
+    worker().watchUntilOpen("Team Room");
+    page().run("client.receive('Team Room', { id: " + scriptString(path) + ", sender: " + scriptString(path) +
+               ", text: " + scriptString("at " + path) + " })");
+    EXPECT_EQ(worker().waitForRecords(1).front()["senderDisplayName"], path);
+    expectNoHarm();
+}
+
+TEST_F(WebWorkerHostile, AGiantTextIsDeliveredWhole) {
+    worker().watchUntilOpen("Team Room");
+    page().run("client.receive('Team Room', { id: 'm1', sender: 'Ann', text: 'x'.repeat(5 * 1024 * 1024) })");
+    EXPECT_EQ(worker().waitForRecords(1).front()["text"].get_ref<const std::string&>().size(), 5 * mebibyte);
+    expectNoHarm();
+    expectCapture();
+}
+
+TEST_F(WebWorkerHostile, LoneSurrogatesBecomeReplacementCharacters) {
+    worker().watchUntilOpen("Team Room");
+    page().run(
+        "client.receive('Team Room', { id: 'a\\ud800', sender: '\\udc00b', text: 'cut \\ud83d here' })");
+    const auto record = worker().waitForRecords(1).front();
+    EXPECT_EQ(record["text"], "cut \uFFFD here");
+    EXPECT_EQ(record["senderDisplayName"],
+              "\uFFFD"
+              "b");
+    expectNoHarm();
+    expectCapture();
+}
+
+TEST_F(WebWorkerHostile, TenThousandMessagesAtOnceAreCutToTheNewest) {
+    worker().watchUntilOpen("Team Room");
+    page().run(R"js(
+        const box = document.getElementById("messages");
+        const all = document.createElement("div");
+        for (let n = 0; n < 10000; ++n) {
+            const message = document.createElement("div");
+            message.className = "message-in";
+            message.dataset.id = "m" + n;
+            message.innerHTML = '<span dir="auto" title="Ann"></span><span class="selectable-text">no ' + n + "</span>";
+            all.append(message);
+        }
+        box.append(all);
+    )js");
+    worker().waitForDetail("inbound message(s).");
+    waitUntil([&] { return !records().empty(); }, "the records");
+    const auto texts = records();
+    EXPECT_LE(texts.size(), 200U);
+    EXPECT_TRUE(
+        std::any_of(texts.begin(), texts.end(), [](const json& r) { return r["text"] == "no 9999"; }));
+    expectNoHarm();
+}
+
+/// A change of the page's own language that no page makes by accident, and how it is undone.
+struct Tampering {
+    const char* name;
+    const char* script;
+    const char* undo;
+};
+
+class WebWorkerTampering : public WebWorkerHostile, public testing::WithParamInterface<Tampering> {};
+
+TEST_P(WebWorkerTampering, HarmsNobodyAndPasses) {
+    page().run(GetParam().script);
+    worker().watch("Team Room");
+    worker().waitForMoreStatuses(3);
+    page().run(
+        "try { client.receive('Team Room', { id: 'm1', sender: 'Ann', text: 'while tampered' }) } catch {}");
+    worker().waitForMoreStatuses(3);
+    expectNoHarm();
+    page().run(GetParam().undo);
+    page().run("delete window.__brindleWhatsAppWorkerCaptureState");
+    expectCapture();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Page, WebWorkerTampering,
+    testing::Values(
+        Tampering{"ThrowingJSON",
+                  "window.kept = JSON.stringify; JSON.stringify = () => { throw new Error('no'); }",
+                  "JSON.stringify = window.kept"},
+        Tampering{"ArrayPrototype",
+                  "window.kept = Array.prototype.filter; Array.prototype.filter = () => { throw 1; };"
+                  "Array.prototype.forEach = ((all) => { window.all = all; return () => { throw 2; }; })"
+                  "(Array.prototype.forEach)",
+                  "Array.prototype.filter = window.kept; Array.prototype.forEach = window.all"},
+        Tampering{
+            "MutationObserver",
+            "window.kept = MutationObserver; window.MutationObserver = class { observe() { throw 1; } }",
+            "window.MutationObserver = window.kept"},
+        Tampering{"ObjectPrototype",
+                  "Object.defineProperty(Object.prototype, 'activeChatTitle', { configurable: true,"
+                  "get() { return '../../x'; }, set() { throw 1; } })",
+                  "delete Object.prototype.activeChatTitle"},
+        Tampering{"CaptureState",
+                  "window.__brindleWhatsAppWorkerCaptureState = { queue: 7, primedChats: null }", "0"},
+        Tampering{"FrozenCaptureState",
+                  "Object.defineProperty(window, '__brindleWhatsAppWorkerCaptureState', { configurable: true,"
+                  "get() { throw new Error('mine'); } })",
+                  "0"},
+        Tampering{"Document", "document.querySelectorAll = () => { throw 1; }",
+                  "delete document.querySelectorAll"}),
+    [](const auto& instance) { return instance.param.name; });
+
+/// What a page answers in place of our scripts' results: expressions.
+struct Forgeries {
+    const char* name;
+    std::vector<std::string> answers;
+};
+
+class WebWorkerForgery : public WebWorkerHostile, public testing::WithParamInterface<Forgeries> {};
+
+TEST_P(WebWorkerForgery, HarmsNobodyAndPasses) {
+    worker().watchUntilOpen("Team Room");
+    page().run("window.kept = JSON.stringify");
+    for (const auto& answer : GetParam().answers) {
+        page().run("JSON.stringify = () => (" + answer + ")");
+        worker().waitForMoreStatuses(2);
+        EXPECT_TRUE(worker().process().isRunning()) << answer;
+    }
+    EXPECT_TRUE(records().empty());
+    page().run("JSON.stringify = window.kept");
+    expectNoHarm();
+    expectCapture();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, WebWorkerForgery,
+    testing::Values(
+        Forgeries{"NoObjects", {"17", "({})", "'no JSON'", "''", "'null'", "'[]'"}},
+        Forgeries{
+            "WrongTypes",
+            {R"('{"linked":"yes","state":7}')",
+             R"('{"linked":true,"account":7,"state":"ok","activeChatTitle":[],"messages":{}}')",
+             R"('{"linked":true,"account":"x","state":"ok","activeChatTitle":"a","messages":"many"}')",
+             R"('{"linked":true,"state":"ok","activeChatTitle":"a","messages":[{"fingerprint":"../x"}, {}]}')",
+             R"('{"linked":true,"state":"unheard-of","activeChatTitle":"a","messages":[]}')"}},
+        Forgeries{
+            "Extremes",
+            {R"('{"linked":true,"state":"no-incoming-message","visibleInboundCount":1e400}')",
+             R"('{"linked":true,"state":"no-incoming-message","visibleInboundCount":123456789012345678901234567890}')",
+             R"('{"linked":true,"state":"ok","messages":[{"text":"\\ud800","fingerprint":"x"}]}')",
+             "'['.repeat(1000000)", R"('{"linked":true,"state":"' + "x".repeat(8 * 1024 * 1024) + '"}')"}}),
+    [](const auto& instance) { return instance.param.name; });
+
+TEST_F(WebWorkerHostile, ForgedMessagesStayInTheirDirectory) {
+    worker().watchUntilOpen("Team Room");
+    page().run(R"js(
+        window.kept = JSON.stringify;
+        const message = { activeChatTitle: "../../x", senderDisplayName: "../../../x/y", text: "forged",
+                          fingerprint: "../../z", rawReference: "/etc/passwd", messageId: "../../id" };
+        const answer = JSON.stringify({ linked: true, account: "../../x", state: "ok", activeChatTitle: "Team Room",
+                                        watchedTitle: "../../w", messages: [message] });
+        JSON.stringify = () => { JSON.stringify = window.kept; return answer; };
+    )js");
+    waitUntil([&] { return page().run("JSON.stringify === window.kept") == "true"; }, "the forged answer");
+    worker().waitForMoreStatuses();
+    expectNoHarm();
+    expectCapture();
+}
+
+TEST_F(WebWorkerHostile, AForgedFloodLeavesTheWorkerAbleToEnd) {
+    worker().watchUntilOpen("Team Room");
+    page().run(R"js(
+        window.kept = JSON.stringify;
+        const messages = [];
+        for (let n = 0; n < 100000; ++n) { messages.push({ text: "flood " + n, fingerprint: "f" + n }); }
+        const answer = JSON.stringify({ linked: true, state: "ok", activeChatTitle: "Team Room", messages });
+        JSON.stringify = () => answer;
+    )js");
+    worker().waitForMoreStatuses(3);
+    expectNoHarm();
+    EXPECT_EQ(worker().terminate(), exitedWith(0));
+}
+
+}  // namespace
+}  // namespace brindle::test

@@ -1,0 +1,179 @@
+#include "support/DrivenPage.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "support/BackendProcess.h"
+
+namespace brindle::test {
+namespace {
+
+// It keeps what it needs of the page's globals, because tests tamper with those.
+constexpr const char* driver = R"html(<!doctype html><meta charset="utf-8"><title>Client</title><body>
+<script>
+(() => {
+    const load = window.fetch.bind(window);
+    const evaluate = window.eval;
+    const later = window.setTimeout.bind(window);
+    const encode = window.encodeURIComponent;
+    const text = String;
+    const run = (script) => {
+        try {
+            return "ok " + text(evaluate(script));
+        } catch (error) {
+            return "failed " + text(error);
+        }
+    };
+    const obey = async () => {
+        try {
+            const script = await (await load("/next", { cache: "no-store" })).text();
+            if (script) { await load("/result?" + encode(run(script))); }
+        } catch { /* The server is busy or the page is being left. */ }
+        later(obey, 20);
+    };
+    obey();
+})();
+</script>
+<script>
+const client = { clicks: [], searches: [], histories: {}, hidden: [], current: null };
+client.element = (parent, tag, attributes, text) => {
+    const element = document.createElement(tag);
+    for (const name of Object.keys(attributes)) { element.setAttribute(name, attributes[name]); }
+    if (text !== undefined) { element.textContent = text; }
+    parent.append(element);
+    return element;
+};
+client.clear = () => { document.body.replaceChildren(); };
+client.login = (seed = 1) => {
+    client.clear();
+    client.element(document.body, "p", {}, "Use WhatsApp on your phone to scan the QR code");
+    client.element(document.body, "canvas", { id: "qr", width: 64, height: 64 });
+    client.draw(seed);
+};
+client.draw = (seed) => {
+    const context = document.querySelector("canvas").getContext("2d");
+    for (let cell = 0; cell < 64; ++cell) {
+        context.fillStyle = (cell * 7 + seed * 13) % 5 < 2 ? "black" : "white";
+        context.fillRect((cell % 8) * 8, Math.floor(cell / 8) * 8, 8, 8);
+    }
+};
+client.chats = (titles) => {
+    client.clear();
+    const side = client.element(document.body, "div", { id: "side" });
+    const search = client.element(side, "input", { type: "text" });
+    search.addEventListener("input", () => {
+        client.searches.push(search.value);
+        client.hidden.filter((title) => title.includes(search.value)).forEach(client.row);
+    });
+    client.element(side, "div", { id: "pane-side" });
+    client.element(document.body, "div", { id: "main" });
+    titles.forEach(client.row);
+};
+client.row = (title) => {
+    const row = client.element(document.getElementById("pane-side"), "div", { role: "listitem" });
+    client.element(row, "span", { title }, title);
+    row.addEventListener("click", () => { client.clicks.push(title); client.open(title); });
+};
+client.hide = (title) => { client.hidden.push(title); };
+client.open = (title) => {
+    client.current = title;
+    const main = document.getElementById("main");
+    main.replaceChildren();
+    client.element(client.element(main, "header", {}), "span", { title }, title);
+    client.element(main, "div", { id: "messages" });
+    (client.histories[title] || []).forEach(client.show);
+};
+client.show = ({ id, sender, text }) => {
+    const attributes = { class: "message-in" };
+    if (id !== undefined) { attributes["data-id"] = id; }
+    const message = client.element(document.getElementById("messages"), "div", attributes);
+    if (sender !== undefined) { client.element(message, "span", { dir: "auto", title: sender }, sender); }
+    client.element(message, "span", { class: "selectable-text" }, text);
+};
+client.receive = (title, message) => {
+    (client.histories[title] ||= []).push(message);
+    if (client.current === title) { client.show(message); }
+};
+</script>
+)html";
+
+std::string percentDecoded(const std::string& text) {
+    std::string decoded;
+    for (std::size_t index = 0; index < text.size(); ++index) {
+        if (text[index] != '%') {
+            decoded += text[index];
+            continue;
+        }
+        decoded += static_cast<char>(std::stoi(text.substr(index + 1, 2), nullptr, 16));
+        index += 2;
+    }
+    return decoded;
+}
+
+}  // namespace
+
+DrivenPage::DrivenPage(std::string atLoad, Handler other)
+    : atLoad_(std::move(atLoad)), other_(std::move(other)) {
+    server_ = std::make_unique<LoopbackServer>(
+        [this](const LoopbackServer::Request& request) { return answer(request); });
+}
+
+LoopbackServer::Response DrivenPage::answer(const LoopbackServer::Request& request) {
+    constexpr std::string_view result_path = "/result?";
+    const std::lock_guard lock(mutex_);
+    if (request.path == "/") return {.body = driver + ("<script>" + atLoad_ + "</script>")};
+    if (request.path == "/next") return {.body = std::exchange(script_, {}), .type = "text/plain"};
+    if (request.path.starts_with(result_path)) {
+        result_ = percentDecoded(request.path.substr(result_path.size()));
+        return {};
+    }
+    if (other_) return other_(request);
+    return {.status = "404 Not Found"};
+}
+
+std::size_t DrivenPage::loads() const {
+    const auto requests = server_->requests();
+    return static_cast<std::size_t>(std::count_if(requests.begin(), requests.end(),
+                                                  [](const auto& request) { return request.path == "/"; }));
+}
+
+void DrivenPage::post(const std::string& script) {
+    {
+        const std::lock_guard lock(mutex_);
+        script_ = script;
+    }
+    waitUntil(
+        [&] {
+            const std::lock_guard lock(mutex_);
+            return script_.empty();
+        },
+        "the page to take " + script);
+}
+
+std::string DrivenPage::run(const std::string& script) {
+    constexpr std::string_view success = "ok ";
+    {
+        const std::lock_guard lock(mutex_);
+        script_ = script;
+        result_.reset();
+    }
+    std::string result;
+    waitUntil(
+        [&] {
+            const std::lock_guard lock(mutex_);
+            if (!result_) return false;
+            result = *result_;
+            return true;
+        },
+        "the page to run " + script.substr(0, 200));
+    if (!result.starts_with(success))
+        throw TestFailure("in the page: " + result + "\n" + script.substr(0, 500));
+    return result.substr(success.size());
+}
+
+std::string scriptString(const std::string& text) {
+    return nlohmann::json(text).dump();
+}
+
+}  // namespace brindle::test

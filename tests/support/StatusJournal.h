@@ -1,0 +1,59 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/BackendProcess.h"
+
+namespace brindle::test {
+
+/// Collects every worker status that is written into a runtime directory, in order, so that a test can tell
+/// what came after what without looking at a clock.
+///
+/// Where this user may, it is given each file as it is closed (fanotify) and misses nothing. Elsewhere it
+/// reads the file whenever it was replaced (inotify), and two statuses written in one go may look like one.
+class StatusJournal {
+  public:
+    using Predicate = std::function<bool(const nlohmann::json&)>;
+
+    /// Creates the directory when it is missing.
+    explicit StatusJournal(std::filesystem::path runtimeDirectory);
+    ~StatusJournal();
+    StatusJournal(const StatusJournal&) = delete;
+    StatusJournal& operator=(const StatusJournal&) = delete;
+
+    /// Every status so far.
+    std::vector<nlohmann::json> statuses() const;
+    /// Every `detail` so far.
+    std::vector<std::string> details() const;
+    std::size_t size() const { return statuses().size(); }
+
+    /// Waits for a status at or behind position `from` that fulfils the predicate; its position.
+    std::size_t waitFor(const Predicate& predicate, std::size_t from = 0,
+                        std::chrono::milliseconds timeout = must_happen_deadline);
+
+  private:
+    void open();
+    void collect();
+    void takeClosedFiles();
+    void takeReplacedFile();
+    void take(const std::string& content);
+
+    std::filesystem::path directory_;
+    bool isExact_ = false;
+    int events_ = -1;
+    int stop_ = -1;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<nlohmann::json> statuses_;
+    std::thread thread_;
+};
+
+}  // namespace brindle::test

@@ -1,0 +1,203 @@
+#include "support/WebWorkerProcess.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "support/Processes.h"
+
+namespace brindle::test {
+namespace {
+
+std::filesystem::path inPlace(const WebWorkerOptions& options, const char* name) {
+    return options.place->path() / name;
+}
+
+bool holds(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+}  // namespace
+
+WebWorkerOptions::WebWorkerOptions() : place(std::make_shared<TemporaryDirectory>()) {
+    auto& environment = process.environment;
+    environment.erase("BRINDLE_MANAGED_BRIDGE_DISABLE_WORKER");
+    environment["BRINDLE_MANAGED_BRIDGE_WORKER_ROLE"] = "runtime-worker";
+    environment["BRINDLE_MANAGED_BRIDGE_DATA_DIR"] = dataDirectory();
+    environment["HOME"] = inPlace(*this, "home");
+    environment["XDG_DATA_HOME"] = inPlace(*this, "website-data");
+    environment["XDG_CACHE_HOME"] = inPlace(*this, "website-cache");
+#ifdef __SANITIZE_ADDRESS__
+    // The leak check stops all threads at the end, which the engine's do not survive.
+    environment["ASAN_OPTIONS"] += ":detect_leaks=0";
+#endif
+    withHtml("<body></body>");
+}
+
+WebWorkerOptions& WebWorkerOptions::withHtml(const std::string& html) {
+    const auto file = inPlace(*this, "page.html");
+    writeFileAtomically(file, html);
+    process.environment["BRINDLE_MANAGED_BRIDGE_WORKER_TEST_HTML_PATH"] = file;
+    return *this;
+}
+
+WebWorkerOptions& WebWorkerOptions::withUrl(const std::string& url) {
+    process.environment.erase("BRINDLE_MANAGED_BRIDGE_WORKER_TEST_HTML_PATH");
+    process.environment["BRINDLE_MANAGED_BRIDGE_WORKER_TEST_URL"] = url;
+    return *this;
+}
+
+WebWorkerOptions& WebWorkerOptions::on(const TestDisplay& display) {
+    display.addTo(process.environment);
+    return *this;
+}
+
+WebWorkerOptions& WebWorkerOptions::unshared(const std::string& namespaces, const std::string& preparation) {
+    // Whoever is not root needs a user namespace for any other.
+    const std::string options = ::geteuid() == 0 ? namespaces : "--map-root-user " + namespaces;
+    process.arguments = {"-c",
+                         "exec unshare " + options + " -- sh -e -c '" + preparation + "; exec \"$0\"' \"$0\"",
+                         process.executable};
+    process.executable = "/bin/sh";
+    return *this;
+}
+
+WebWorkerOptions& WebWorkerOptions::withoutJournal() {
+    if (!std::filesystem::exists("/run/systemd/journal/socket")) return *this;
+    return unshared("--mount", "mount -t tmpfs none /run/systemd/journal");
+}
+
+WebWorkerProcess::WebWorkerProcess(WebWorkerOptions options, bool underIntermediateParent)
+    : options_(std::move(options)), journal_(options_.path("runtime")) {
+    auto& environment = options_.process.environment;
+    if (!environment.contains("DISPLAY") && !environment.contains("WAYLAND_DISPLAY")) {
+        options_.on(TestDisplay::shared());
+    }
+    process_ = underIntermediateParent ? BackendProcess::startUnderIntermediateParent(options_.process)
+                                       : std::make_unique<BackendProcess>(options_.process);
+}
+
+WebWorkerProcess::~WebWorkerProcess() {
+    const auto processes = tree();
+    try {
+        if (process_->isRunning()) process_->signal(SIGKILL);
+        waitForEnds(processes);
+        process_->waitForExit();
+    } catch (const TestFailure& failure) {
+        ADD_FAILURE() << "the worker does not end cleanly: " << failure.what();
+    }
+    endAll(processes);
+}
+
+std::size_t WebWorkerProcess::waitForState(const std::string& state, std::size_t from) {
+    return waitFor([&](const auto& status) { return status["state"] == state; }, "state " + state, from,
+                   must_happen_deadline);
+}
+
+std::size_t WebWorkerProcess::waitForDetail(const std::string& text, std::size_t from,
+                                            std::chrono::milliseconds timeout) {
+    return waitFor([&](const auto& status) { return holds(status["detail"], text); }, text, from, timeout);
+}
+
+std::size_t WebWorkerProcess::waitFor(const StatusJournal::Predicate& predicate, const std::string& what,
+                                      std::size_t from, std::chrono::milliseconds timeout) {
+    try {
+        return journal_.waitFor(predicate, from, timeout);
+    } catch (const TestFailure& failure) {
+        throw TestFailure("sought: " + what + "\n" + failure.what() + "\nstandard error:\n" +
+                          process_->standardError());
+    }
+}
+
+void WebWorkerProcess::waitForMoreStatuses(std::size_t count) {
+    const auto wanted = journal_.size() + count;
+    waitUntil([&] { return journal_.size() >= wanted; }, "further worker statuses");
+}
+
+void WebWorkerProcess::control(const nlohmann::json& activeScope, const std::string& platform) {
+    nlohmann::json record = {{"platform", platform}, {"updatedAtISO8601", "2026-01-05T09:30:00Z"}};
+    if (!activeScope.is_null()) record["activeScope"] = activeScope;
+    writeFileAtomically(path("runtime/worker-control.json"), record.dump(2));
+}
+
+void WebWorkerProcess::watch(const std::string& title, const std::string& id) {
+    control({{"kind", "conversation"}, {"id", id}, {"title", title}});
+}
+
+void WebWorkerProcess::watchUntilOpen(const std::string& title, const std::string& id) {
+    const auto from = journal_.size();
+    watch(title, id);
+    waitForState("watching_chat", from);
+}
+
+std::vector<nlohmann::json> WebWorkerProcess::waitForRecords(std::size_t count) {
+    const auto isHidden = [](const std::string& name) { return name.starts_with("."); };
+    std::vector<std::string> names;
+    waitUntil(
+        [&] {
+            names = namesIn(path("inbound"));
+            std::erase_if(names, isHidden);
+            return names.size() >= count;
+        },
+        std::to_string(count) + " inbound records");
+    if (names.size() != count) throw TestFailure(std::to_string(names.size()) + " inbound records");
+    std::vector<std::pair<std::filesystem::file_time_type, nlohmann::json>> records;
+    for (const auto& name : names) {
+        const auto file = path("inbound") / name;
+        records.emplace_back(std::filesystem::last_write_time(file), readJsonFile(file));
+        EXPECT_EQ(name, records.back().second["messageId"].get<std::string>() + ".json");
+    }
+    std::stable_sort(records.begin(), records.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<nlohmann::json> result;
+    for (auto& record : records) result.push_back(std::move(record.second));
+    return result;
+}
+
+std::vector<std::string> WebWorkerProcess::waitForTexts(std::size_t count) {
+    std::vector<std::string> texts;
+    for (const auto& record : waitForRecords(count)) texts.push_back(record["text"]);
+    return texts;
+}
+
+pid_t WebWorkerProcess::waitForWebProcess(pid_t previous) {
+    pid_t found = -1;
+    waitUntil(
+        [&] {
+            for (const pid_t process : processesNamed(pid(), web_process_name)) {
+                if (process != previous) found = process;
+            }
+            return found > 0;
+        },
+        "the page's process");
+    return found;
+}
+
+std::vector<pid_t> WebWorkerProcess::tree() const {
+    return processTree(pid());
+}
+
+ExitStatus WebWorkerProcess::terminate() {
+    process_->signal(SIGTERM);
+    return process_->waitForExit();
+}
+
+void waitForEnds(const std::vector<pid_t>& processes) {
+    for (const pid_t process : processes) {
+        waitUntil([&] { return !processIsRunning(process); },
+                  "the end of process " + std::to_string(process));
+    }
+}
+
+void endAll(const std::vector<pid_t>& processes) {
+    for (const pid_t process : processes) {
+        if (processIsRunning(process)) ::kill(process, SIGKILL);
+    }
+    // Those whose parent has gone have come to this process.
+    for (const pid_t process : processes) ::waitpid(process, nullptr, WNOHANG);
+}
+
+}  // namespace brindle::test

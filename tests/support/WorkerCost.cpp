@@ -1,0 +1,61 @@
+#include "support/WorkerCost.h"
+
+#include <algorithm>
+#include <map>
+
+#include "support/Processes.h"
+
+namespace brindle::test {
+namespace {
+
+constexpr double bytes_per_mebibyte = 1024.0 * 1024.0;
+
+/// The name that the process has given itself.
+std::string nameOf(pid_t process) {
+    std::string name = readFile("/proc/" + std::to_string(process) + "/comm");
+    name.resize(std::min(name.find('\n'), name.size()));
+    return name;
+}
+
+WebWorkerOptions onSamplePage() {
+    return WebWorkerOptions().withUrl("file://" SOURCE_DIRECTORY
+                                      "/examples/web-client/index.html?scan=0&traffic=none&loading=0");
+}
+
+}  // namespace
+
+IdleWorker::IdleWorker() : worker_(onSamplePage()) {
+    worker_.waitForState("linked");
+    worker_.watchUntilOpen("Team Room");
+}
+
+std::vector<ProcessCost> IdleWorker::measure(std::chrono::seconds idle) {
+    using clock = std::chrono::steady_clock;
+    const auto tree = worker_.tree();
+    const auto start = clock::now();
+    std::map<pid_t, double> before;
+    for (const pid_t process : tree) before[process] = processorSeconds(process);
+    // The worker's own beat tells the time: it publishes on every tick.
+    while (clock::now() - start < idle) worker_.waitForMoreStatuses(1);
+    const double elapsed = std::chrono::duration<double>(clock::now() - start).count();
+    std::vector<ProcessCost> costs;
+    for (const pid_t process : tree) {
+        constexpr double percent = 100;
+        costs.push_back(
+            {.name = nameOf(process),
+             .memory_mebibytes = static_cast<double>(proportionalSetBytes(process)) / bytes_per_mebibyte,
+             .processor_percent = percent * (processorSeconds(process) - before[process]) / elapsed});
+    }
+    return costs;
+}
+
+ProcessCost total(const std::vector<ProcessCost>& processes) {
+    ProcessCost sum{.name = "whole tree"};
+    for (const auto& process : processes) {
+        sum.memory_mebibytes += process.memory_mebibytes;
+        sum.processor_percent += process.processor_percent;
+    }
+    return sum;
+}
+
+}  // namespace brindle::test

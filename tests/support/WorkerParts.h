@@ -1,0 +1,90 @@
+#pragma once
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "exchange/EnvironmentKeys.h"
+#include "foundation/Task.h"
+#include "support/BackendProcess.h"
+#include "support/FaultInjectingFileManager.h"
+#include "support/RecordingFileManager.h"
+#include "support/ScriptedHost.h"
+#include "support/TestClock.h"
+#include "worker/PageScriptRunner.h"
+#include "worker/PageScripts.h"
+#include "worker/WorkerContext.h"
+#include "worker/WorkerStatusPublisher.h"
+
+namespace brindle::test {
+
+/// Hears nothing.
+class DeafDelegate final : public WebPageDelegate {
+  public:
+    void pageFinished() override {}
+    void navigationFailed(const std::string&) override {}
+    void provisionalNavigationFailed(const std::string&) override {}
+    void webProcessEnded(const std::string&) override {}
+};
+
+/// What a published status says, in short: "linked: Linked to ... (Ann)".
+inline std::string summaryOf(const std::string& statusDocument) {
+    const auto status = nlohmann::json::parse(statusDocument);
+    auto text = status["state"].get<std::string>() + ": " + status["detail"].get<std::string>();
+    if (status.contains("displayName")) text += " (" + status["displayName"].get<std::string>() + ")";
+    return text;
+}
+
+/// What the parts of the worker work with: a real data directory, a file manager that can be told to fail, an
+/// engine and a clock that the test plays, and a page that is open.
+struct WorkerParts {
+    explicit WorkerParts(brindle::Environment settings = {}) : environment(std::move(settings)) {
+        directory.createForWorker(files);
+        webView = host.openPage(delegate);
+        host.calls.clear();
+        state.pageLoadIssuedAt = clock.now();
+    }
+
+    /// Every status that was published, in order and in short.
+    std::vector<std::string> published() const {
+        auto statuses = files.contentsOf(directory.workerStatusFile);
+        for (auto& status : statuses) status = summaryOf(status);
+        return statuses;
+    }
+    nlohmann::json status() const { return readJsonFile(directory.workerStatusFile); }
+    bool exists(const std::string& path) const { return std::filesystem::exists(path); }
+
+    TemporaryDirectory home;
+    std::string platform = "whatsapp";
+    brindle::Environment environment;
+    FaultInjectingFileManager faults;
+    RecordingFileManager files{faults};
+    TestClock clock;
+    DataDirectory directory{
+        {{std::string(environment_key::dataDirectory), (home.path() / "data").string()}}, files, platform};
+    ScriptedHost host{clock};
+    DeafDelegate delegate;
+    WorkerState state;
+    std::unique_ptr<WebPage> webView;
+    WorkerContext context{.platform = platform,
+                          .environment = environment,
+                          .directory = directory,
+                          .fileManager = files,
+                          .clock = clock,
+                          .host = host,
+                          .webView = webView,
+                          .state = state};
+    WorkerStatusPublisher publisher{context};
+    PageScriptRunner scripts{context};
+};
+
+/// Runs a task that is expected to end without waiting, or with what the host answers at once.
+inline void finish(ScriptedHost& host, Task<>& task) {
+    task.start();
+    host.settle();
+    if (!task.isDone()) throw TestFailure("The task still waits.");
+}
+
+}  // namespace brindle::test

@@ -1,0 +1,437 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <memory>
+
+#include "support/EnginePage.h"
+#include "support/LoopbackServer.h"
+#include "support/TestDisplay.h"
+
+namespace brindle::test {
+namespace {
+
+using Response = LoopbackServer::Response;
+
+std::string number(const std::optional<std::string>& text) {
+    return text.value_or("none");
+}
+
+/// One engine for all cases of a suite.
+class EngineTest : public testing::Test {
+  protected:
+    static void SetUpTestSuite() { page_ = std::make_unique<EnginePage>(); }
+    static void TearDownTestSuite() { page_.reset(); }
+    static EnginePage& page() { return *page_; }
+
+    static void waitForRequest(const LoopbackServer& server, const std::string& path) {
+        page().runUntil(
+            [&] {
+                for (const auto& request : server.requests()) {
+                    if (request.path == path) return true;
+                }
+                return false;
+            },
+            "a request for " + path);
+    }
+
+  private:
+    static inline std::unique_ptr<EnginePage> page_;
+};
+
+class LivePage : public EngineTest {};
+
+TEST_F(LivePage, HasTheContentSizeOfTheWindow) {
+    page().load("<body></body>");
+    EXPECT_EQ(page().evaluate("innerWidth + 'x' + innerHeight"), "1200x900");
+}
+
+TEST_F(LivePage, IsVisible) {
+    page().load("<body></body>");
+    EXPECT_EQ(page().evaluate("document.visibilityState"), "visible");
+}
+
+TEST_F(LivePage, NamesTheUserAgent) {
+    page().load("<body></body>");
+    EXPECT_EQ(page().evaluate("navigator.userAgent"),
+              "Mozilla/5.0 (Macintosh; Intel Mac OS X) AppleWebKit/605.1.15 (KHTML, like Gecko) "
+              "Version/17.0 Safari/605.1.15");
+}
+
+TEST_F(LivePage, RunsAnimationFramesAndShortTimersWhileNothingIsOnScreen) {
+    page().load(
+        "<script>let frames = 0, ticks = 0; const frame = () => { ++frames; requestAnimationFrame(frame); };"
+        "frame(); setInterval(() => ++ticks, 10);</script>");
+    page().waitUntil("frames > 100");
+    // Throttled pages get one timer a second; this one gets at least one for each frame of 60 a second.
+    EXPECT_EQ(page().evaluate("(ticks * 2 > frames) + ''"), "true")
+        << number(page().evaluate("ticks + ' ' + frames"));
+}
+
+TEST_F(LivePage, KnowsWhatIsDisplayed) {
+    page().load("<div id=shown>a</div><div id=hidden style='display: none'>b</div>");
+    EXPECT_EQ(page().evaluate("shown.offsetParent !== null && hidden.offsetParent === null ? 'yes' : 'no'"),
+              "yes");
+}
+
+TEST_F(LivePage, OrderingTheWindowOutLeavesThePageLive) {
+    page().load(
+        "<script>let frames = 0; const frame = () => { ++frames; requestAnimationFrame(frame); };"
+        "frame();</script>");
+    page().page().orderOut();
+    page().evaluate("frames = 0");
+    page().waitUntil("frames > 30 && document.visibilityState === 'visible' && innerWidth === 1200");
+}
+
+class Evaluation : public EngineTest {};
+
+TEST_F(Evaluation, GivesAString) {
+    page().load("<body></body>");
+    EXPECT_EQ(page().evaluate("'caf\\u00e9 \\ud83d\\ude00'"), "café 😀");
+}
+
+TEST_F(Evaluation, GivesNothingForOtherTypes) {
+    page().load("<body></body>");
+    for (const char* script : {"null", "undefined", "42", "true", "({a: 1})", "[1]"}) {
+        EXPECT_EQ(page().evaluate(script), std::nullopt) << script;
+    }
+}
+
+TEST_F(Evaluation, FailsWithWhatTheScriptThrew) {
+    page().load("<body></body>");
+    try {
+        page().evaluate("throw new Error('out of ink')");
+        FAIL() << "no failure";
+    } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), testing::HasSubstr("out of ink"));
+        EXPECT_THAT(error.what(), testing::Not(testing::HasSubstr("\n")));
+    }
+}
+
+TEST_F(Evaluation, FailsWithOneSentenceOfModestLength) {
+    page().load("<body></body>");
+    try {
+        page().evaluate("throw new Error('first\\nsecond \\ud83d\\ude00'.repeat(100000))");
+        FAIL() << "no failure";
+    } catch (const std::runtime_error& error) {
+        const std::string sentence = error.what();
+        EXPECT_LT(sentence.size(), 2100U);
+        EXPECT_THAT(sentence, testing::HasSubstr("first?second"));
+        EXPECT_THAT(sentence, testing::Not(testing::HasSubstr("\n")));
+        EXPECT_THAT(sentence, testing::EndsWith("."));
+    }
+}
+
+TEST_F(Evaluation, FailsForASyntaxError) {
+    page().load("<body></body>");
+    EXPECT_THROW(page().evaluate("((("), std::runtime_error);
+}
+
+class Loading : public EngineTest {};
+
+TEST_F(Loading, TextTakesRelativeAddressesFromItsBaseDirectory) {
+    const TemporaryDirectory directory;
+    writeFileAtomically(directory.path() / "beside it.js", "window.besideIt = 'loaded';");
+    page().forgetEvents();
+    page().page().loadText("<script src='beside%20it.js'></script>", directory.path());
+    page().runUntil([&] { return page().events().finished == 1; }, "the text is loaded");
+    EXPECT_EQ(page().evaluate("window.besideIt"), "loaded");
+}
+
+TEST_F(Loading, ReloadingATextShowsTheTextAgain) {
+    page().load("<body>first</body>");
+    page().evaluate("document.body.textContent = 'changed'");
+    page().forgetEvents();
+    page().page().reload();
+    page().runUntil([&] { return page().events().finished == 1; }, "the text is loaded again");
+    EXPECT_EQ(page().evaluate("document.body.textContent"), "first");
+}
+
+TEST_F(Loading, ReloadingAnAddressAsksForItAgain) {
+    int visits = 0;
+    LoopbackServer server([&](const auto&) { return Response{.body = "visit " + std::to_string(++visits)}; });
+    page().loadAddress(server.url("/page"));
+    page().forgetEvents();
+    page().page().reload();
+    page().runUntil([&] { return page().events().finished == 1; }, "the page is loaded again");
+    EXPECT_NE(page().evaluate("document.body.textContent"), "visit 1");
+}
+
+TEST_F(Loading, ReloadingAfterAFailedLoadTriesTheAddressAgain) {
+    std::string address;
+    {
+        const LoopbackServer server([](const auto&) { return Response{}; });
+        address = server.url();
+    }
+    page().forgetEvents();
+    page().page().loadAddress(address, must_happen_deadline);
+    page().runUntil([&] { return page().events().provisionalFailures.size() == 1; }, "the load fails");
+    page().page().reload();
+    page().runUntil([&] { return page().events().provisionalFailures.size() == 2; }, "the load fails again");
+    EXPECT_EQ(page().events().finished, 0);
+}
+
+TEST_F(Loading, AnUnreachableAddressFailsBeforeItsDocumentWithOneSentence) {
+    std::string address;
+    {
+        const LoopbackServer server([](const auto&) { return Response{}; });
+        address = server.url();
+    }
+    EXPECT_THROW(page().loadAddress(address), std::runtime_error);
+    ASSERT_EQ(page().events().provisionalFailures.size(), 1U);
+    EXPECT_THAT(page().events().provisionalFailures[0], testing::EndsWith("."));
+    EXPECT_TRUE(page().events().failures.empty());
+}
+
+TEST_F(Loading, AServerThatNeverAnswersTimesOut) {
+    const LoopbackServer server([](const auto&) { return Response{.hangs = true}; });
+    page().forgetEvents();
+    page().page().loadAddress(server.url(), std::chrono::seconds(1));
+    page().runUntil([&] { return !page().events().provisionalFailures.empty(); }, "the load times out");
+    EXPECT_EQ(page().events().provisionalFailures[0], "The request timed out.");
+    EXPECT_EQ(page().events().finished, 0);
+}
+
+TEST_F(Loading, ATimeoutIsReportedOnce) {
+    const LoopbackServer server([](const auto&) { return Response{.hangs = true}; });
+    page().forgetEvents();
+    page().page().loadAddress(server.url(), std::chrono::seconds(1));
+    page().runUntil([&] { return !page().events().provisionalFailures.empty(); }, "the load times out");
+    bool isLater = false;
+    const auto later = page().host().once(std::chrono::milliseconds(2500), [&] { isLater = true; });
+    page().runUntil([&] { return isLater; }, "two more timeouts could have come");
+    EXPECT_EQ(page().events().provisionalFailures.size(), 1U);
+}
+
+TEST_F(Loading, ALoadThatReplacesAnUnansweredOneTimesOutToo) {
+    const LoopbackServer server([](const auto&) { return Response{.hangs = true}; });
+    page().forgetEvents();
+    page().page().loadAddress(server.url("/first"), must_happen_deadline);
+    waitForRequest(server, "/first");
+    page().page().loadAddress(server.url("/second"), std::chrono::seconds(1));
+    page().runUntil([&] { return !page().events().provisionalFailures.empty(); }, "the load times out");
+    EXPECT_EQ(page().events().provisionalFailures, std::vector<std::string>{"The request timed out."});
+}
+
+TEST_F(Loading, AReloadThatIsNeverAnsweredTimesOut) {
+    std::atomic<int> visits = 0;
+    const LoopbackServer server([&](const auto&) {
+        return ++visits == 1 ? Response{.body = "<title>home</title>"} : Response{.hangs = true};
+    });
+    page().forgetEvents();
+    page().page().loadAddress(server.url(), std::chrono::seconds(1));
+    page().runUntil([&] { return page().events().finished == 1; }, "the page is loaded");
+    page().page().reload();
+    page().runUntil([&] { return !page().events().provisionalFailures.empty(); }, "the reload times out");
+    EXPECT_EQ(page().events().provisionalFailures[0], "The request timed out.");
+    EXPECT_EQ(page().evaluate("document.title"), "home");
+}
+
+TEST_F(Loading, AFileIsOutOfReachOfAPageOfTheWeb) {
+    const TemporaryDirectory directory;
+    const auto secret = directory.path() / "secret.txt";
+    writeFileAtomically(secret, "secret");
+    const LoopbackServer server([](const auto&) { return Response{.body = "<title>home</title>"}; });
+    page().loadAddress(server.url());
+    page().evaluate("fetch('file://" + secret.string() +
+                    "').then(() => { window.outcome = 'read'; }, () => { window.outcome = 'denied'; }); ''");
+    page().waitUntil("window.outcome !== undefined");
+    EXPECT_EQ(page().evaluate("window.outcome"), "denied");
+    page().evaluate("location.href = 'file://" + secret.string() + "'; ''");
+    page().waitUntil("fetch('/marker').then(() => { window.answered = true; }), window.answered === true");
+    EXPECT_EQ(page().evaluate("document.title"), "home");
+}
+
+TEST_F(Loading, ATextReadsNoFileByScript) {
+    const TemporaryDirectory directory;
+    const auto secret = directory.path() / "secret.txt";
+    writeFileAtomically(secret, "secret");
+    page().load("<title>home</title>");
+    page().evaluate("fetch('file://" + secret.string() +
+                    "').then(() => { window.outcome = 'read'; }, () => { window.outcome = 'denied'; }); ''");
+    page().waitUntil("window.outcome !== undefined");
+    EXPECT_EQ(page().evaluate("window.outcome"), "denied");
+}
+
+TEST_F(Loading, APageThatMovesOnByItselfDoesNotFail) {
+    const LoopbackServer server([](const LoopbackServer::Request& request) {
+        return Response{.body =
+                            request.path == "/start" ? "<script>location.replace('/next')</script>" : "next"};
+    });
+    page().loadAddress(server.url("/start"));
+    page().waitUntil("location.pathname === '/next' && document.body.textContent === 'next'");
+    EXPECT_TRUE(page().events().failures.empty());
+    EXPECT_TRUE(page().events().provisionalFailures.empty());
+}
+
+TEST_F(Loading, OnlyAbsoluteUrlsAreAddresses) {
+    for (const char* address :
+         {"https://web.example/", "http://127.0.0.1:8080/a?b#c", "file:///tmp/a.html"}) {
+        EXPECT_TRUE(page().page().isAddress(address)) << address;
+    }
+    for (const char* text : {"", "not a url", "example.org/path", "/tmp/a.html", "http://a b/", "://x"}) {
+        EXPECT_FALSE(page().page().isAddress(text)) << text;
+    }
+}
+
+class Denials : public EngineTest {
+  protected:
+    /// Loads `body` from a server that also has a page on another site.
+    void visit(const std::string& body) {
+        server_ = std::make_unique<LoopbackServer>([this, body](const LoopbackServer::Request& request) {
+            if (request.path == "/file.zip") {
+                return Response{.body = "PK",
+                                .type = "application/zip",
+                                .headers = "Content-Disposition: attachment\r\n"};
+            }
+            if (request.path == "/away") {
+                return Response{.status = "302 Found",
+                                .headers = "Location: " + server_->otherSiteUrl("/other") + "\r\n"};
+            }
+            return Response{.body = request.path == "/" ? body : "<body>elsewhere</body>"};
+        });
+        page().loadAddress(server_->url());
+    }
+    void expectStillThere() {
+        EXPECT_EQ(page().evaluate("document.title + ' ' + location.pathname"), "home /");
+        EXPECT_TRUE(page().events().failures.empty());
+        EXPECT_TRUE(page().events().provisionalFailures.empty());
+        EXPECT_TRUE(page().events().processEnds.empty());
+    }
+    LoopbackServer& server() { return *server_; }
+
+  private:
+    std::unique_ptr<LoopbackServer> server_;
+};
+
+TEST_F(Denials, DialogsAreAnsweredSilently) {
+    visit("<title>home</title>");
+    EXPECT_EQ(page().evaluate("alert('a'); confirm('b') + ' ' + prompt('c', 'd')"), "false null");
+}
+
+TEST_F(Denials, APageThatAsksBeforeItIsLeftIsReloadedAllTheSame) {
+    visit(
+        "<title>home</title><body><script>onbeforeunload = (event) => { event.preventDefault(); "
+        "event.returnValue = 'stay'; return 'stay'; };</script>");
+    page().evaluate("document.title = 'old'");
+    page().forgetEvents();
+    page().page().reload();
+    page().runUntil([&] { return page().events().finished == 1; }, "the page is loaded again");
+    EXPECT_EQ(page().evaluate("document.title"), "home");
+}
+
+TEST_F(Denials, WindowsAreNotOpened) {
+    visit("<title>home</title><a id=link target=_blank href=/other>x</a>");
+    EXPECT_EQ(page().evaluate("String(window.open('/other'))"), "null");
+    page().evaluate("link.click()");
+    page().evaluate("fetch('/marker').then(() => {}); ''");
+    waitForRequest(server(), "/marker");
+    for (const auto& request : server().requests()) EXPECT_NE(request.path, "/other");
+    expectStillThere();
+}
+
+TEST_F(Denials, AnotherSiteIsNotNavigatedTo) {
+    visit("<title>home</title>");
+    page().evaluate("location.href = '" + server().otherSiteUrl("/other") + "'; ''");
+    waitForRequest(server(), "/other");
+    // Whatever the answer brought about has happened once the page answers a later request.
+    page().waitUntil("fetch('/marker').then(() => { window.answered = true; }), window.answered === true");
+    expectStillThere();
+}
+
+TEST_F(Denials, ARedirectionToAnotherSiteIsNotFollowed) {
+    visit("<title>home</title>");
+    page().evaluate("location.href = '/away'; ''");
+    waitForRequest(server(), "/other");
+    page().waitUntil("fetch('/marker').then(() => { window.answered = true; }), window.answered === true");
+    expectStillThere();
+}
+
+TEST_F(Denials, ThePageMayMoveWithinItsSite) {
+    visit("<title>home</title>");
+    page().evaluate("location.href = '/inside'; ''");
+    page().waitUntil("location.pathname === '/inside' && document.body.textContent === 'elsewhere'");
+}
+
+TEST_F(Denials, AnEmptyTopLevelIsReportedAsLeavingTheSite) {
+    visit("<title>home</title>");
+    page().evaluate("location.href = 'about:blank'; ''");
+    page().runUntil([&] { return !page().events().processEnds.empty(); }, "the departure is reported");
+    EXPECT_EQ(page().events().processEnds[0], "The page left its site for about:blank.");
+}
+
+TEST_F(Denials, DocumentsThatTheSiteMakesUpAreNotNavigatedTo) {
+    visit("<title>home</title>");
+    for (const char* address :
+         {"'data:text/html,made up'", "URL.createObjectURL(new Blob(['made up'], {type: 'text/html'}))",
+          "'unknown://made-up'"}) {
+        page().evaluate("window.answered = undefined; location.href = " + std::string(address) + "; ''");
+        page().waitUntil(
+            "fetch('/marker').then(() => { window.answered = true; }), window.answered === true");
+        expectStillThere();
+    }
+    // Whatever is still said of the last one belongs to this test.
+    page().forgetEvents();
+    page().page().loadAddress(server().url("/end"), must_happen_deadline);
+    page().runUntil([&] { return page().events().finished == 1; }, "the last page is loaded");
+}
+
+TEST_F(Denials, FramesOfOtherSitesAreLeftAlone) {
+    visit("<title>home</title><body></body>");
+    page().evaluate(
+        "const frame = document.createElement('iframe'); frame.onload = () => { window.framed = true; };"
+        "frame.src = '" +
+        server().otherSiteUrl("/other") + "'; document.body.append(frame); ''");
+    page().waitUntil("window.framed === true");
+    expectStillThere();
+}
+
+TEST_F(Denials, FilesAreNotDownloaded) {
+    visit("<title>home</title><a id=link download href=/file.zip>x</a>");
+    page().evaluate("link.click(); location.href = '/file.zip'; ''");
+    waitForRequest(server(), "/file.zip");
+    page().waitUntil("fetch('/marker').then(() => { window.answered = true; }), window.answered === true");
+    expectStillThere();
+    for (const auto& entry :
+         std::filesystem::recursive_directory_iterator(page().dataDirectory().parent_path())) {
+        EXPECT_EQ(entry.path().filename().string().find("file"), std::string::npos) << entry.path();
+    }
+}
+
+TEST_F(Denials, CameraAndMicrophoneAreOutOfReach) {
+    visit("<title>home</title>");
+    EXPECT_EQ(page().evaluate("String(navigator.mediaDevices === undefined || "
+                              "navigator.mediaDevices.getUserMedia === undefined)"),
+              "true");
+}
+
+TEST_F(Denials, LocationIsDenied) {
+    visit("<title>home</title>");
+    page().evaluate(
+        "navigator.geolocation.getCurrentPosition(() => { window.outcome = 'given'; }, "
+        "(error) => { window.outcome = 'code ' + error.code; }); ''");
+    page().waitUntil("window.outcome !== undefined");
+    EXPECT_EQ(page().evaluate("window.outcome"), "code 1");
+}
+
+TEST_F(Denials, NotificationsAreDenied) {
+    visit("<title>home</title>");
+    page().evaluate("Notification.requestPermission().then((answer) => { window.answer = answer; }); ''");
+    page().waitUntil("window.answer !== undefined");
+    EXPECT_EQ(page().evaluate("window.answer"), "denied");
+}
+
+TEST_F(Denials, TheClipboardIsOutOfReach) {
+    visit("<title>home</title><textarea id=box>secret</textarea>");
+    EXPECT_EQ(page().evaluate("box.select(); String(document.execCommand('paste'))"), "false");
+    page().evaluate(
+        "if (!navigator.clipboard || !navigator.clipboard.readText) { window.outcome = 'denied'; } else "
+        "navigator.clipboard.readText().then(() => { window.outcome = 'given'; }, "
+        "() => { window.outcome = 'denied'; }); ''");
+    page().waitUntil("window.outcome !== undefined");
+    EXPECT_EQ(page().evaluate("window.outcome"), "denied");
+}
+
+}  // namespace
+}  // namespace brindle::test

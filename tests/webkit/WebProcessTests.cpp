@@ -1,0 +1,85 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
+
+#include "support/EnginePage.h"
+#include "support/Processes.h"
+
+namespace brindle::test {
+namespace {
+
+/// The process that runs the page.
+pid_t webProcess() {
+    const auto processes = processesNamed(::getpid(), web_process_name);
+    if (processes.size() != 1)
+        throw TestFailure("not one web process but " + std::to_string(processes.size()));
+    return processes.front();
+}
+
+TEST(WebProcess, ItsEndIsReported) {
+    EnginePage page;
+    page.load("<body>here</body>");
+    ::kill(webProcess(), SIGKILL);
+    page.runUntil([&] { return !page.events().processEnds.empty(); }, "the end is reported");
+    EXPECT_EQ(page.events().processEnds,
+              std::vector<std::string>{"The page's process crashed or was killed."});
+}
+
+TEST(WebProcess, APageLoadsAgainInANewOne) {
+    EnginePage page;
+    page.load("<body>here</body>");
+    const pid_t first = webProcess();
+    ::kill(first, SIGABRT);
+    page.runUntil([&] { return !page.events().processEnds.empty(); }, "the end is reported");
+    page.load("<body>again</body>");
+    EXPECT_EQ(page.evaluate("document.body.textContent"), "again");
+    EXPECT_NE(webProcess(), first);
+}
+
+TEST(WebProcess, OneThatHangsCanBeEnded) {
+    EnginePage page;
+    page.load("<body>here</body>");
+    page.page().evaluate("for (;;);", [](auto) {});
+    page.page().endProcess();
+    page.runUntil([&] { return !page.events().processEnds.empty(); }, "the end is reported");
+    EXPECT_EQ(page.events().processEnds,
+              std::vector<std::string>{"The page's process was ended because it had stopped answering."});
+    page.load("<body>again</body>");
+    EXPECT_EQ(page.evaluate("document.body.textContent"), "again");
+}
+
+TEST(WebProcess, APageThatClosesItselfIsReportedAndCanBeLoadedAgain) {
+    EnginePage page;
+    page.load("<body>here</body>");
+    page.page().evaluate("window.close()", [](auto) {});
+    page.runUntil([&] { return !page.events().processEnds.empty(); }, "the end is reported");
+    EXPECT_EQ(page.events().processEnds, std::vector<std::string>{"The page closed itself."});
+    page.load("<body>again</body>");
+    EXPECT_EQ(page.evaluate("document.body.textContent"), "again");
+}
+
+TEST(WebProcess, IsSandboxed) {
+    EnginePage page;
+    page.load("<body>here</body>");
+    const auto namespaceOf = [](const std::string& process, const std::string& kind) {
+        return std::filesystem::read_symlink("/proc/" + process + "/ns/" + kind).string();
+    };
+    const std::string process = std::to_string(webProcess());
+    for (const char* kind : {"mnt", "pid"})
+        EXPECT_NE(namespaceOf(process, kind), namespaceOf("self", kind)) << kind;
+}
+
+TEST(WebProcess, AVariableThatTurnsTheSandboxOffIsIgnored) {
+    ::setenv("WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS", "1", 1);
+    EnginePage page;
+    page.load("<body>here</body>");
+    EXPECT_NE(std::filesystem::read_symlink("/proc/" + std::to_string(webProcess()) + "/ns/mnt"),
+              std::filesystem::read_symlink("/proc/self/ns/mnt"));
+}
+
+}  // namespace
+}  // namespace brindle::test

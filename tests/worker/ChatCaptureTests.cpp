@@ -1,0 +1,478 @@
+#include "worker/ChatCapture.h"
+
+#include <errno.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "support/WorkerParts.h"
+
+namespace brindle {
+namespace {
+
+using nlohmann::json;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+using Fault = test::FaultInjectingFileManager::Fault;
+
+json message(const std::string& text, const std::string& fingerprint = "print") {
+    return {{"activeChatTitle", "Family"},
+            {"senderDisplayName", "Ann Lee"},
+            {"text", text},
+            {"fingerprint", fingerprint},
+            {"rawReference", "raw-" + fingerprint}};
+}
+
+json drain(const std::vector<json>& messages) {
+    return {{"state", "ok"},       {"activeChatTitle", "Family"}, {"watchedTitle", "Family"},
+            {"pageTitle", "Web"},  {"visibleInboundCount", 9},    {"queuedCount", 0},
+            {"messages", messages}};
+}
+
+class ChatCaptureTests : public testing::Test {
+  protected:
+    ChatCaptureTests() {
+        parts_.state.currentWatchedTitle = "Family";
+        parts_.state.currentConversationID = "family-id";
+        parts_.state.displayName = "Account";
+    }
+
+    /// One step in which the activation script results in `activation` and, if it gets that far, the capture
+    /// script in `capture`.
+    void poll(EvaluationOutcome activation, std::optional<EvaluationOutcome> capture = std::nullopt) {
+        auto task = capture_.pollInboundMessages();
+        task.start();
+        parts_.host.answerOnly(std::move(activation));
+        if (capture) parts_.host.answerOnly(std::move(*capture));
+        EXPECT_TRUE(task.isDone());
+        EXPECT_THAT(parts_.host.pending, IsEmpty());
+    }
+    /// A step that finds the watched chat open.
+    void pollOpenChat(EvaluationOutcome capture) {
+        poll(test::result(R"({"state":"active"})"), std::move(capture));
+    }
+    void pollOpenChat(const json& capture) { pollOpenChat(test::result(capture.dump())); }
+    /// The records in the order in which they were written.
+    std::vector<json> records() const {
+        std::vector<json> found;
+        for (const auto& write : parts_.files.writes()) {
+            if (write.path.starts_with(parts_.directory.inbound)) found.push_back(json::parse(write.content));
+        }
+        return found;
+    }
+    std::vector<std::string> texts() const {
+        std::vector<std::string> found;
+        for (const auto& record : records()) found.push_back(record["text"]);
+        return found;
+    }
+
+    test::WorkerParts parts_;
+    WorkerState& state_ = parts_.state;
+    ChatCapture capture_{parts_.context, parts_.publisher, parts_.scripts};
+};
+
+class ChatActivationTests : public ChatCaptureTests {};
+
+TEST_F(ChatActivationTests, NothingHappensWithoutAWatchedTitle) {
+    for (const std::optional<std::string>& title :
+         {std::optional<std::string>(), std::optional<std::string>("")}) {
+        state_.currentWatchedTitle = title;
+        auto task = capture_.pollInboundMessages();
+        task.start();
+        EXPECT_TRUE(task.isDone());
+    }
+    EXPECT_THAT(parts_.host.pending, IsEmpty());
+    EXPECT_THAT(parts_.published(), IsEmpty());
+}
+
+TEST_F(ChatActivationTests, NothingHappensWithoutAPage) {
+    parts_.webView.reset();
+    auto task = capture_.pollInboundMessages();
+    task.start();
+    EXPECT_TRUE(task.isDone());
+    EXPECT_THAT(parts_.published(), IsEmpty());
+}
+
+TEST_F(ChatActivationTests, ScriptsGetTheWatchedTitleAsALiteral) {
+    state_.currentWatchedTitle = R"(a "b" \ c/d)";
+    auto task = capture_.pollInboundMessages();
+    task.start();
+    EXPECT_EQ(parts_.host.pending.at(0).script,
+              scriptWithWatchedTitle(page_script::chatActivation, R"(a "b" \ c/d)"));
+    EXPECT_THAT(parts_.host.pending.at(0).script, HasSubstr(R"("a \"b\" \\ c\/d")"));
+    parts_.host.answerOnly(test::result(R"({"state":"active"})"));
+    EXPECT_EQ(parts_.host.pending.at(0).script,
+              scriptWithWatchedTitle(page_script::inboundCapture, R"(a "b" \ c/d)"));
+}
+
+struct ActivationCase {
+    std::string name;
+    std::string payload;
+    std::string detail;
+};
+
+void PrintTo(const ActivationCase& each, std::ostream* stream) {
+    *stream << each.name;
+}
+
+class ActivationStateTests : public ChatCaptureTests, public testing::WithParamInterface<ActivationCase> {};
+
+TEST_P(ActivationStateTests, IsPublishedAndEndsTheStep) {
+    poll(test::result(GetParam().payload));
+    EXPECT_THAT(parts_.published(), ElementsAre("activating_chat: " + GetParam().detail + " (Account)"));
+    EXPECT_THAT(parts_.host.log, IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ActivationStateTests,
+    testing::Values(
+        ActivationCase{"Activating", R"({"state":"activating","matchedTitle":"Family & friends"})",
+                       "Opening chat 'Family & friends' in the managed WhatsApp worker."},
+        ActivationCase{"ActivatingWithoutTitle", R"({"state":"activating","matchedTitle":null})",
+                       "Opening chat 'Family' in the managed WhatsApp worker."},
+        ActivationCase{"Searching", R"({"state":"searching","matchedTitle":"Family"})",
+                       "Searching for chat 'Family' in WhatsApp Web."},
+        ActivationCase{"WrongChat",
+                       R"({"state":"wrong-active-chat","activeChatTitle":"Work","matchedTitle":"Family"})",
+                       "Active chat is 'Work'. Switching to 'Family'."},
+        ActivationCase{"WrongChatWithoutTitle", R"({"state":"wrong-active-chat"})",
+                       "Active chat is '?'. Switching to 'Family'."},
+        ActivationCase{"WrongChatWithEmptyTitle", R"({"state":"wrong-active-chat","activeChatTitle":""})",
+                       "Active chat is ''. Switching to 'Family'."},
+        ActivationCase{"NoChat", R"({"state":"no-active-chat","activeChatTitle":"","matchedTitle":"Family"})",
+                       "Selecting chat 'Family' in the managed runtime session."},
+        ActivationCase{"NotFound", R"({"state":"chat-not-found"})",
+                       "Chat 'Family' is not visible yet in WhatsApp Web."}),
+    [](const auto& each) { return each.param.name; });
+
+TEST_F(ChatActivationTests, ActiveAndUnknownStatesGoOnToTheCapture) {
+    for (const std::string word : {"active", "Activating", "", "opened"}) {
+        poll(test::result(json{{"state", word}}.dump()), test::noResult());
+    }
+    EXPECT_THAT(parts_.published(), IsEmpty());
+}
+
+TEST_F(ChatActivationTests, FailedScriptCountsAsNotFoundAndIsLogged) {
+    poll(test::failure("ReferenceError: x."));
+    EXPECT_THAT(parts_.host.log, ElementsAre("Chat activation probe failed: ReferenceError: x."));
+    EXPECT_THAT(parts_.published(),
+                ElementsAre("activating_chat: Chat 'Family' is not visible yet in WhatsApp Web. (Account)"));
+}
+
+TEST_F(ChatActivationTests, UndecodableResultCountsAsNotFoundAndIsLogged) {
+    poll(test::result(R"({"activeChatTitle":"Family"})"));
+    EXPECT_THAT(parts_.host.log,
+                ElementsAre("Chat activation probe failed: The data cannot be used because a required value "
+                            "is missing (at state)."));
+    EXPECT_EQ(state_.workerDetail, "Chat 'Family' is not visible yet in WhatsApp Web.");
+}
+
+TEST_F(ChatActivationTests, MissingResultCountsAsNotFoundWithoutALogLine) {
+    poll(test::noResult());
+    EXPECT_THAT(parts_.host.log, IsEmpty());
+    EXPECT_EQ(state_.workerDetail, "Chat 'Family' is not visible yet in WhatsApp Web.");
+}
+
+TEST_F(ChatActivationTests, FailedProbeNamesTheWatchedTitle) {
+    std::optional<ManagedWhatsAppChatActivationPayload> payload;
+    const auto probe = [](ChatCapture& capture, auto& result) -> Task<> {
+        result = co_await capture.probeChatActivation("Team");
+    };
+    auto task = probe(capture_, payload);
+    task.start();
+    parts_.host.answerOnly(test::failure("No."));
+    EXPECT_EQ(payload->state, "chat-not-found");
+    EXPECT_EQ(payload->matchedTitle, "Team");
+    EXPECT_EQ(payload->activeChatTitle, std::nullopt);
+    EXPECT_EQ(payload->pageTitle, std::nullopt);
+}
+
+class InboundCaptureTests : public ChatCaptureTests {};
+
+TEST_F(InboundCaptureTests, MessageBecomesARecord) {
+    parts_.clock.turnTo(test::TestClock::start + std::chrono::milliseconds(1999));
+    pollOpenChat(drain({message(" Hello / \"you\"\n")}));
+    ASSERT_THAT(records(), SizeIs(1));
+    auto record = records()[0];
+    EXPECT_TRUE(test::isCanonicalUuid(record["messageId"].get<std::string>()));
+    record.erase("messageId");
+    EXPECT_EQ(record, (json{{"conversationId", "family-id"},
+                            {"conversationTitle", "Family"},
+                            {"senderId", "ann-lee"},
+                            {"senderDisplayName", "Ann Lee"},
+                            {"text", " Hello / \"you\"\n"},
+                            {"timestampISO8601", "2026-01-05T09:30:01Z"},
+                            {"isDirectMessage", true},
+                            {"rawReference", "raw-print"}}));
+}
+
+TEST_F(InboundCaptureTests, RecordLiesUnderItsIdentifierFlushedToDisk) {
+    pollOpenChat(drain({message("Hello")}));
+    const auto& write = parts_.files.writes().at(0);
+    const auto identifier = json::parse(write.content)["messageId"].get<std::string>();
+    EXPECT_EQ(write.path, parts_.directory.inbound + "/" + identifier + ".json");
+    EXPECT_EQ(write.durability, Durability::disk);
+    EXPECT_THAT(test::namesIn(parts_.directory.inbound), ElementsAre(identifier + ".json"));
+    EXPECT_THAT(write.content, StartsWith("{\n  \"conversationId\": \"family-id\",\n"));
+}
+
+TEST_F(InboundCaptureTests, CaptureIsPublishedWithTheNumberOfMessages) {
+    pollOpenChat(drain({message("a", "1"), message("b", "2")}));
+    EXPECT_THAT(parts_.published(),
+                ElementsAre("watching_chat: Watching chat 'Family' through the managed WhatsApp worker. "
+                            "Captured 2 inbound message(s). (Account)"));
+    EXPECT_THAT(texts(), ElementsAre("a", "b"));
+    EXPECT_EQ(state_.lastSeenMessageFingerprint, "2");
+}
+
+TEST_F(InboundCaptureTests, RecordsAreWrittenBeforeTheStatus) {
+    pollOpenChat(drain({message("a")}));
+    EXPECT_EQ(parts_.files.writes().back().path, parts_.directory.workerStatusFile);
+}
+
+TEST_F(InboundCaptureTests, EveryRecordHasAnIdentifierOfItsOwn) {
+    pollOpenChat(drain({message("same"), message("same"), message("same")}));
+    EXPECT_THAT(test::namesIn(parts_.directory.inbound), SizeIs(3));
+}
+
+TEST_F(InboundCaptureTests, WithoutConversationIdentifierTheTitleStandsIn) {
+    state_.currentConversationID.reset();
+    pollOpenChat(drain({message("a")}));
+    EXPECT_EQ(records().at(0)["conversationId"], "Family");
+}
+
+TEST_F(InboundCaptureTests, EmptyConversationIdentifierIsOne) {
+    state_.currentConversationID = "";
+    pollOpenChat(drain({message("a")}));
+    EXPECT_EQ(records().at(0)["conversationId"], "");
+}
+
+TEST_F(InboundCaptureTests, ConversationTitleIsThatOfTheOpenChat) {
+    auto payload = drain({message("a")});
+    payload["activeChatTitle"] = "Family & friends";
+    pollOpenChat(payload);
+    EXPECT_EQ(records().at(0)["conversationTitle"], "Family & friends");
+    EXPECT_THAT(state_.workerDetail, StartsWith("Watching chat 'Family & friends' through"));
+}
+
+TEST_F(InboundCaptureTests, SenderIdentifierIsLowerCaseWithDashes) {
+    struct Case {
+        std::string sender;
+        std::string identifier;
+    };
+    const std::vector<Case> cases{{"Ann Lee", "ann-lee"},
+                                  {" A  B ", "-a--b-"},
+                                  {"ZOË ÄRGER", "zoë-ärger"},
+                                  {"ЖАННА Б", "жанна-б"},
+                                  {"A\u00A0B\tC", "a\u00A0b\tc"},
+                                  {"🙂", "🙂"},
+                                  {"", ""}};
+    std::vector<json> messages;
+    for (const auto& each : cases) {
+        messages.push_back(message("t"));
+        messages.back()["senderDisplayName"] = each.sender;
+    }
+    pollOpenChat(drain(messages));
+    const auto written = records();
+    ASSERT_EQ(written.size(), cases.size());
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        EXPECT_EQ(written[i]["senderId"], cases[i].identifier);
+        EXPECT_EQ(written[i]["senderDisplayName"], cases[i].sender);
+    }
+}
+
+TEST_F(InboundCaptureTests, MissingSenderHasADefault) {
+    auto anonymous = message("a");
+    anonymous["senderDisplayName"] = nullptr;
+    auto missing = message("b");
+    missing.erase("senderDisplayName");
+    pollOpenChat(drain({anonymous, missing}));
+    for (const auto& record : records()) {
+        EXPECT_EQ(record["senderDisplayName"], "WhatsApp Web Sender");
+        EXPECT_EQ(record["senderId"], "whatsapp-web-sender");
+    }
+    EXPECT_THAT(records(), SizeIs(2));
+}
+
+TEST_F(InboundCaptureTests, MissingReferenceIsReplacedByTheFingerprint) {
+    auto without = message("a", "Family::x::Ann::a");
+    without.erase("rawReference");
+    auto null = message("b", "other");
+    null["rawReference"] = nullptr;
+    pollOpenChat(drain({without, null}));
+    EXPECT_EQ(records().at(0)["rawReference"], "Family::x::Ann::a");
+    EXPECT_EQ(records().at(1)["rawReference"], "other");
+}
+
+TEST_F(InboundCaptureTests, BlankMessageIsSkippedButCounted) {
+    pollOpenChat(drain({message("  \n\u00A0", "blank"), message("real", "real"), message("", "empty")}));
+    EXPECT_THAT(texts(), ElementsAre("real"));
+    EXPECT_THAT(state_.workerDetail, HasSubstr("Captured 3 inbound message(s)."));
+    EXPECT_EQ(state_.lastSeenMessageFingerprint, "real");
+}
+
+TEST_F(InboundCaptureTests, MessageWithoutTextOrFingerprintIsSkippedButCounted) {
+    auto noText = message("x");
+    noText["text"] = nullptr;
+    auto noFingerprint = message("y");
+    noFingerprint.erase("fingerprint");
+    pollOpenChat(drain({noText, noFingerprint, json::object()}));
+    EXPECT_THAT(records(), IsEmpty());
+    EXPECT_THAT(parts_.published(),
+                ElementsAre("watching_chat: Watching chat 'Family' through the managed WhatsApp worker. "
+                            "Captured 3 inbound message(s). (Account)"));
+    EXPECT_EQ(state_.lastSeenMessageFingerprint, std::nullopt);
+}
+
+TEST_F(InboundCaptureTests, DrainWithoutChatOrMessagesChangesNothing) {
+    auto noChat = drain({message("a")});
+    noChat["activeChatTitle"] = nullptr;
+    auto noMessages = drain({});
+    auto missing = drain({});
+    missing.erase("messages");
+    for (const auto& payload : {noChat, noMessages, missing}) pollOpenChat(payload);
+    EXPECT_THAT(parts_.published(), IsEmpty());
+    EXPECT_THAT(records(), IsEmpty());
+}
+
+TEST_F(InboundCaptureTests, OtherOpenChatIsPublished) {
+    pollOpenChat(json{{"state", "wrong-chat"}, {"activeChatTitle", "Work"}, {"watchedTitle", "Fam"}});
+    pollOpenChat(json{{"state", "wrong-chat"}, {"activeChatTitle", nullptr}});
+    EXPECT_THAT(parts_.published(),
+                ElementsAre("wrong_chat: Active chat is 'Work' while watching 'Fam'. (Account)",
+                            "wrong_chat: Active chat is '?' while watching 'Family'. (Account)"));
+}
+
+TEST_F(InboundCaptureTests, MissingChatIsPublished) {
+    pollOpenChat(json{{"state", "no-active-chat"}, {"activeChatTitle", nullptr}});
+    EXPECT_THAT(parts_.published(),
+                ElementsAre("no_active_chat: WhatsApp Web is linked, but no active chat is available in the "
+                            "managed runtime session. (Account)"));
+}
+
+TEST_F(InboundCaptureTests, OpenChatWithoutNewMessageIsPublished) {
+    pollOpenChat(json{{"state", "no-incoming-message"},
+                      {"activeChatTitle", "Family!"},
+                      {"visibleInboundCount", 12},
+                      {"messages", json::array()}});
+    pollOpenChat(json{{"state", "no-incoming-message"}});
+    EXPECT_THAT(
+        parts_.published(),
+        ElementsAre("watching_chat: Watching chat 'Family!'. No incoming message yet. Visible inbound "
+                    "nodes: 12. (Account)",
+                    "watching_chat: Watching chat 'Family'. No incoming message yet. Visible inbound "
+                    "nodes: 0. (Account)"));
+}
+
+TEST_F(InboundCaptureTests, UnknownStateChangesNothing) {
+    for (const std::string word : {"", "OK", "error"}) {
+        auto payload = drain({message("a")});
+        payload["state"] = word;
+        pollOpenChat(payload);
+    }
+    EXPECT_THAT(parts_.published(), IsEmpty());
+    EXPECT_THAT(records(), IsEmpty());
+}
+
+TEST_F(InboundCaptureTests, MissingResultChangesNothing) {
+    pollOpenChat(test::noResult());
+    EXPECT_THAT(parts_.published(), IsEmpty());
+    EXPECT_THAT(parts_.host.log, IsEmpty());
+}
+
+TEST_F(InboundCaptureTests, FailedScriptIsPublished) {
+    pollOpenChat(test::failure("RangeError: too much."));
+    EXPECT_THAT(
+        parts_.published(),
+        ElementsAre("error: Managed WhatsApp worker failed to poll inbound messages: RangeError: too much. "
+                    "(Account)"));
+}
+
+TEST_F(InboundCaptureTests, UndecodableResultIsPublished) {
+    pollOpenChat(test::result(R"({"state":"ok","messages":[{"text":7}]})"));
+    EXPECT_THAT(parts_.published(),
+                ElementsAre("error: Managed WhatsApp worker failed to poll inbound messages: The data cannot "
+                            "be used because it is corrupt or has a value of the wrong type (at "
+                            "messages[0].text). (Account)"));
+}
+
+TEST_F(InboundCaptureTests, FailedWriteInTheMiddleEndsTheDrain) {
+    parts_.faults.set(Fault{.operation = 2, .code = ENOSPC});
+    pollOpenChat(drain({message("a", "1"), message("b", "2"), message("c", "3")}));
+    EXPECT_THAT(texts(), ElementsAre("a"));
+    EXPECT_THAT(test::namesIn(parts_.directory.inbound), SizeIs(1));
+    EXPECT_THAT(
+        parts_.published(),
+        ElementsAre(AllOf(StartsWith("error: Managed WhatsApp worker failed to poll inbound messages: "
+                                     "Cannot write \"" +
+                                     parts_.directory.inbound + "/"),
+                          HasSubstr("No space left on device."))));
+    EXPECT_EQ(state_.lastSeenMessageFingerprint, "2");
+}
+
+TEST_F(InboundCaptureTests, HalfSurrogatesDoNotLoseTheMessage) {
+    pollOpenChat(test::result(
+        R"({"state":"ok","activeChatTitle":"Fam\ud83d","messages":[{"text":"cut \ud83d","fingerprint":"f"}]})"));
+    EXPECT_EQ(records().at(0)["text"], "cut \uFFFD");
+    EXPECT_EQ(records().at(0)["conversationTitle"], "Fam\uFFFD");
+}
+
+TEST_F(InboundCaptureTests, NothingFromThePageReachesAFileName) {
+    state_.currentConversationID = "../../outside";
+    auto hostile = message("../../etc/passwd", "/etc/passwd");
+    hostile["rawReference"] = "../../../tmp/x";
+    hostile["senderDisplayName"] = "../x";
+    auto payload = drain({hostile});
+    payload["activeChatTitle"] = "/../../y";
+    pollOpenChat(payload);
+    const auto names = test::namesIn(parts_.directory.inbound);
+    ASSERT_THAT(names, SizeIs(1));
+    EXPECT_TRUE(test::isCanonicalUuid(names[0].substr(0, names[0].size() - std::string(".json").size())));
+    EXPECT_EQ(records().at(0)["conversationId"], "../../outside");
+    for (const auto& write : parts_.files.writes()) {
+        EXPECT_THAT(write.path, StartsWith(parts_.directory.path + "/"));
+        EXPECT_EQ(write.path.find(".."), std::string::npos);
+    }
+}
+
+TEST_F(InboundCaptureTests, ControlChangeDuringTheActivationLeavesTheStepItsTitle) {
+    auto task = capture_.pollInboundMessages();
+    task.start();
+    state_.currentWatchedTitle = "Work";
+    parts_.host.answerOnly(test::result(R"({"state":"active"})"));
+    EXPECT_EQ(parts_.host.pending.at(0).script,
+              scriptWithWatchedTitle(page_script::inboundCapture, "Family"));
+    state_.currentWatchedTitle.reset();
+    parts_.host.answerOnly(test::result(R"({"state":"wrong-chat","activeChatTitle":"X"})"));
+    EXPECT_EQ(state_.workerDetail, "Active chat is 'X' while watching 'Family'.");
+}
+
+TEST_F(InboundCaptureTests, MessageKeepsTheConversationItWasCapturedForWhenTheControlChanges) {
+    auto task = capture_.pollInboundMessages();
+    task.start();
+    parts_.host.answerOnly(test::result(R"({"state":"active"})"));
+    state_.currentConversationID = "new-id";
+    parts_.host.answerOnly(test::result(drain({message("a")}).dump()));
+    EXPECT_EQ(records().at(0)["conversationId"], "family-id");
+}
+
+TEST_F(InboundCaptureTests, RecordWriterReportsAFailure) {
+    parts_.faults.set(Fault{.operation = 1, .code = EIO});
+    ManagedWhatsAppWorkerInboundRecord record;
+    record.messageId = "m";
+    EXPECT_THROW(capture_.writeInboundRecord(record), FileSystemFailure);
+    capture_.writeInboundRecord(record);
+    EXPECT_THAT(test::namesIn(parts_.directory.inbound), ElementsAre("m.json"));
+}
+
+}  // namespace
+}  // namespace brindle
