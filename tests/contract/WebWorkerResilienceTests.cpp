@@ -67,13 +67,17 @@ TEST(WebWorkerResilience, TheNetworksProcessMayDieToo) {
     ASSERT_EQ(network.size(), 1U);
     ::kill(network.front(), SIGKILL);
     waitForEnds(network);
-    waitUntil([&] { return page.run("'alive'") == "alive"; }, "the page to reach its server again");
+    // The first of its requests may still be one that the dead process has sent.
+    const auto before = page.server().requests().size();
+    waitUntil([&] { return page.server().requests().size() >= before + 3; },
+              "the page to reach its server again");
     page.run("client.receive('Team Room', { id: 'm1', sender: 'Ann', text: 'without a break' })");
     EXPECT_THAT(worker.waitForTexts(1), ElementsAre("without a break"));
 }
 
 TEST(WebWorkerResilience, APageThatHangsHoldsUpNothingButItsOwnScripts) {
-    constexpr std::chrono::seconds longer_than_the_limit{60};
+    // Twice, when the page begins to hang between the two scripts of a tick.
+    constexpr std::chrono::seconds longer_than_the_limit{100};
     DrivenPage page("client.login()");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()).withoutJournal());
     worker.waitForState("waiting_for_qr");
