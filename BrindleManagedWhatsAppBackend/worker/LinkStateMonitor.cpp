@@ -83,14 +83,14 @@ void LinkStateMonitor::publishLinked(const ManagedWhatsAppLinkedStatePayload& pa
 
 void LinkStateMonitor::publishNotLinked() {
     context_.state.displayName.reset();
-    if (isQRCodeShown()) return publisher_.publish(worker_state::waitingForQR, scan_detail);
+    if (context_.isQRCodeShown()) return publisher_.publish(worker_state::waitingForQR, scan_detail);
     reloadIfLoginRenderStalled(false);
     publisher_.publishWithoutAccount(worker_state::starting,
                                      "Waiting for WhatsApp Web to render login state.");
 }
 
 void LinkStateMonitor::reloadIfLoginRenderStalled(bool skip) {
-    if (skip || isQRCodeShown() || !context_.webView || !isReloadDue()) return;
+    if (skip || context_.isQRCodeShown() || !context_.webView || !isReloadDue()) return;
     WorkerState& state = context_.state;
     ++state.launchRecoveryAttemptCount;
     state.lastRecoveryAttemptAt = context_.clock.now();
@@ -99,10 +99,6 @@ void LinkStateMonitor::reloadIfLoginRenderStalled(bool skip) {
                                      "runtime worker (attempt " +
                                          std::to_string(state.launchRecoveryAttemptCount) + ").");
     context_.webView->reload();
-}
-
-bool LinkStateMonitor::isQRCodeShown() const {
-    return context_.fileManager.fileExists(context_.directory.workerQRCodeFile);
 }
 
 bool LinkStateMonitor::isReloadDue() const {

@@ -31,7 +31,6 @@ class LinkStateMonitor {
     bool takeLinkState(const ManagedWhatsAppLinkedStatePayload& payload);
     void publishLinked(const ManagedWhatsAppLinkedStatePayload& payload);
     void publishNotLinked();
-    bool isQRCodeShown() const;
     bool isReloadDue() const;
 
     const WorkerContext& context_;

@@ -119,11 +119,13 @@ void ManagedWhatsAppWebWorkerService::pageFinished() {
 void ManagedWhatsAppWebWorkerService::navigationFailed(const std::string& error) {
     publisher_.publishWithoutAccount(worker_state::error,
                                      "Managed WhatsApp worker navigation failed: " + error);
+    loader_.loadFailed();
 }
 
 void ManagedWhatsAppWebWorkerService::provisionalNavigationFailed(const std::string& error) {
     publisher_.publishWithoutAccount(worker_state::error,
                                      "Managed WhatsApp worker provisional navigation failed: " + error);
+    loader_.loadFailed();
 }
 
 void ManagedWhatsAppWebWorkerService::webProcessEnded(const std::string& error) {

@@ -19,6 +19,9 @@ constexpr seconds shortest_reload_pause{1};
 constexpr seconds longest_reload_pause{60};
 /// A page that has stayed up so long is sound; its next end is not a consequence of the last one.
 constexpr seconds stable_after{60};
+/// From the last failed load to a new one: both reloads of a page that does not render have been tried by
+/// then.
+constexpr seconds new_load_pause{30};
 
 seconds longerPause(seconds pause) {
     return std::clamp(2 * pause, shortest_reload_pause, longest_reload_pause);
@@ -45,6 +48,7 @@ void PageLoader::loadPage() {
 
 PageLoader::Outcome PageLoader::issueLoad() {
     hasIssuedLoad_ = true;
+    newLoadTimer_.reset();
     context_.state.pageLoadIssuedAt = context_.clock.now();
     context_.state.launchRecoveryAttemptCount = 0;
     context_.state.lastRecoveryAttemptAt.reset();
@@ -77,7 +81,19 @@ PageLoader::Outcome PageLoader::loadAddress(const std::string& address, std::str
 }
 
 void PageLoader::pageFinished() {
+    newLoadTimer_.reset();
     stabilityTimer_ = context_.host.once(stable_after, [this] { reloadPause_ = seconds{0}; });
+}
+
+void PageLoader::loadFailed() {
+    // The page whose process has ended is about to be loaded anyway.
+    if (reloadTimer_) return;
+    newLoadTimer_ = context_.host.once(new_load_pause, [this] { loadAnewUnlessInUse(); });
+}
+
+void PageLoader::loadAnewUnlessInUse() {
+    newLoadTimer_.reset();
+    if (!context_.state.isLinked && !context_.isQRCodeShown()) loadPage();
 }
 
 void PageLoader::webProcessEnded(const std::string& error) {
@@ -86,6 +102,7 @@ void PageLoader::webProcessEnded(const std::string& error) {
     context_.state.isLinked = false;
     publisher_.publishWithoutAccount(worker_state::error, detail);
     stabilityTimer_.reset();
+    newLoadTimer_.reset();
     // Before the first load the page has nothing to come back to, and one end may be reported several times.
     if (!hasIssuedLoad_ || reloadTimer_) return;
     reloadTimer_ = context_.host.once(reloadPause_, [this] { reloadAfterEnd(); });

@@ -11,7 +11,7 @@
 namespace brindle {
 
 /// Loads the messaging service's web client, or a page for tests in its place, and loads it again when the
-/// process that runs it dies. Nothing here fails outward.
+/// process that runs it dies or the network has not let it come. Nothing here fails outward.
 class PageLoader {
   public:
     PageLoader(const WorkerContext& context, const WorkerStatusPublisher& publisher)
@@ -21,6 +21,8 @@ class PageLoader {
     void loadPage();
     /// The page has been loaded.
     void pageFinished();
+    /// A load of the page has failed: has it loaded anew later, unless a login or its chats show until then.
+    void loadFailed();
     /// The page's process is gone: says so and loads the page again, the later the more often in a row this
     /// happens.
     void webProcessEnded(const std::string& error);
@@ -36,6 +38,7 @@ class PageLoader {
     Outcome loadTestHTML(const std::string& path);
     Outcome loadAddress(const std::string& address, std::string detail);
     void reloadAfterEnd();
+    void loadAnewUnlessInUse();
 
     const WorkerContext& context_;
     const WorkerStatusPublisher& publisher_;
@@ -43,6 +46,8 @@ class PageLoader {
     /// The pause before the next reload should the page's process end.
     std::chrono::seconds reloadPause_{0};
     std::unique_ptr<HostTimer> reloadTimer_;
+    /// Runs from a failed load until the page is loaded or its process ends.
+    std::unique_ptr<HostTimer> newLoadTimer_;
     /// Runs while a loaded page stays up.
     std::unique_ptr<HostTimer> stabilityTimer_;
 };

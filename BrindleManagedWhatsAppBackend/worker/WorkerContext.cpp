@@ -14,6 +14,10 @@ void WorkerContext::logError(const std::string& message) const noexcept {
     }
 }
 
+bool WorkerContext::isQRCodeShown() const {
+    return fileManager.fileExists(directory.workerQRCodeFile);
+}
+
 void WorkerContext::hideWindow() const {
     if (webView) webView->orderOut();
 }

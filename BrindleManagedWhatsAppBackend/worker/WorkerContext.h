@@ -28,6 +28,8 @@ struct WorkerContext {
 
     /// Writes one line to the system log.
     void logError(const std::string& message) const noexcept;
+    /// Whether the page shows a code to scan, as the last look at it found.
+    bool isQRCodeShown() const;
     /// Takes the page's window off the screen, when there is one.
     void hideWindow() const;
     /// Lets everything else that is due go first.

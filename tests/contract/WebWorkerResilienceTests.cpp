@@ -2,11 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <string>
 #include <vector>
 
 #include "support/DrivenPage.h"
+#include "support/LoopbackServer.h"
 #include "support/Processes.h"
 #include "support/WebWorkerProcess.h"
 
@@ -164,6 +166,25 @@ INSTANTIATE_TEST_SUITE_P(
                  "const a = document.createElement('a'); a.download = 'x'; a.href = 'data:text/plain,x';"
                  "document.body.append(a); a.click(); a.remove()"}),
     [](const auto& instance) { return instance.param.name; });
+
+TEST(WebWorkerResilience, APageThatTheNetworkWithheldIsLoadedOnceThereIsANetwork) {
+    constexpr std::chrono::seconds longer_than_the_pause{90};
+    std::atomic<bool> isBack = false;
+    const LoopbackServer server([&](const LoopbackServer::Request&) {
+        return LoopbackServer::Response{.body = "<body><div id=side>chats</div></body>",
+                                        .breaksOff = !isBack};
+    });
+    WebWorkerProcess worker(WebWorkerOptions().withUrl(server.url()));
+    const std::string failure = "Managed WhatsApp worker provisional navigation failed: ";
+    worker.waitForDetail(failure);
+    const auto reloaded =
+        worker.waitForDetail("Reloading the managed runtime worker (attempt 2).", 0, longer_than_the_pause);
+    const auto failed = worker.waitForDetail(failure, reloaded);
+    isBack = true;
+    const auto loading = worker.waitForDetail("Loading managed WhatsApp worker test URL " + server.url(),
+                                              failed, longer_than_the_pause);
+    worker.waitForState("linked", loading);
+}
 
 TEST(WebWorkerResilience, APageThatAsksBeforeItIsLeftIsReloadedAllTheSame) {
     DrivenPage page(std::string("addEventListener('beforeunload', (event) => { event.preventDefault(); "

@@ -79,6 +79,10 @@ void LoopbackServer::answer(int connection) {
         hanging_.push_back(connection);
         return;
     }
+    if (response.breaksOff) {
+        ::close(connection);
+        return;
+    }
     const std::string reply = "HTTP/1.1 " + response.status + "\r\nContent-Type: " + response.type +
                               "\r\nContent-Length: " + std::to_string(response.body.size()) +
                               "\r\nConnection: close\r\n" + response.headers + "\r\n" + response.body;

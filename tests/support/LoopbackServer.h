@@ -25,6 +25,8 @@ class LoopbackServer {
         std::string headers{};
         /// Never answer, and keep the connection open.
         bool hangs = false;
+        /// Close the connection without an answer, as a network that goes away does.
+        bool breaksOff = false;
     };
     using Handler = std::function<Response(const Request&)>;
 

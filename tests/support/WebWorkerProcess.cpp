@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <regex>
 #include <utility>
 
 #include "support/Processes.h"
@@ -15,12 +14,6 @@ namespace {
 
 std::filesystem::path inPlace(const WebWorkerOptions& options, const char* name) {
     return options.place->path() / name;
-}
-
-/// Runs of white space are one space in a page.
-std::string asThePageShows(const std::string& title) {
-    static const std::regex white_space("(\\s|\u2028)+");
-    return std::regex_replace(title, white_space, " ");
 }
 
 bool holds(const std::string& text, const std::string& part) {
@@ -137,8 +130,8 @@ void WebWorkerProcess::watch(const std::string& title, const std::string& id) {
 void WebWorkerProcess::watchUntilOpen(const std::string& title, const std::string& id) {
     const auto from = journal_.size();
     watch(title, id);
-    // Not the chat that was watched until now.
-    waitForDetail("Watching chat '" + asThePageShows(title), from);
+    // Not the chat that was watched until now. A line end is a space where the page shows it.
+    waitForDetail("Watching chat '" + title.substr(0, title.find('\n')), from);
 }
 
 std::vector<nlohmann::json> WebWorkerProcess::waitForRecords(std::size_t count) {

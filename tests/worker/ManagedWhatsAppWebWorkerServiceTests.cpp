@@ -88,6 +88,13 @@ class WebWorkerServiceTests : public testing::Test {
         const auto kinds = pendingScripts();
         return static_cast<std::size_t>(std::count(kinds.begin(), kinds.end(), kind));
     }
+    /// Nothing to see: no code, no chats.
+    void answerAsEmptyPage() {
+        host_.answerScript = [](const std::string& script) {
+            return kindOf(script) == Script::linkState ? test::result(R"({"linked":false})")
+                                                       : test::noResult();
+        };
+    }
     /// A page that is linked and has the watched chat open.
     void answerAsLinkedPage() {
         host_.answerScript = [](const std::string& script) -> std::optional<EvaluationOutcome> {
@@ -258,6 +265,29 @@ TEST_F(WebWorkerServiceTests, FailedNavigationsArePublished) {
               "error: Managed WhatsApp worker navigation failed: The connection was lost.");
     EXPECT_EQ(statuses.back(),
               "error: Managed WhatsApp worker provisional navigation failed: The server was not found.");
+}
+
+TEST_F(WebWorkerServiceTests, PageThatNeverComesIsReloadedTwiceAndThenLoadedAnew) {
+    answerAsEmptyPage();
+    run([this] {
+        const auto fail = [this] { service_->provisionalNavigationFailed("The server was not found."); };
+        const auto loads = [this] { return host_.count(load_web_client); };
+        const auto reloads = [this] { return host_.count("reload"); };
+        for (int round = 1; round <= 3; ++round) {
+            const auto before = reloads();
+            fail();
+            for (std::size_t reload = 1; reload <= 2; ++reload) {
+                host_.advance(milliseconds(14'000));
+                ASSERT_EQ(reloads(), before + reload);
+                fail();
+            }
+            host_.advance(milliseconds(29'999));
+            EXPECT_EQ(reloads(), before + 2);
+            EXPECT_EQ(loads(), static_cast<std::size_t>(round));
+            host_.advance(milliseconds(1));
+            EXPECT_EQ(loads(), static_cast<std::size_t>(round) + 1);
+        }
+    });
 }
 
 TEST_F(WebWorkerServiceTests, PageThatLostItsProcessIsLoadedAgain) {

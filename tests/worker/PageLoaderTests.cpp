@@ -276,6 +276,87 @@ TEST_F(CrashRecoveryTests, PageThatIsClosedIsNotReloaded) {
     EXPECT_EQ(loads(), 0U);
 }
 
+/// A page that could not be loaded, as without a network.
+class FailedLoadTests : public PageLoaderTests {
+  protected:
+    FailedLoadTests() {
+        loader_.loadPage();
+        parts_.host.calls.clear();
+        parts_.files.forget();
+    }
+
+    std::size_t loads() const { return parts_.host.count(load_web_client); }
+};
+
+TEST_F(FailedLoadTests, PageIsLoadedAnewHalfAMinuteLater) {
+    loader_.loadFailed();
+    parts_.host.advance(milliseconds(29'999));
+    EXPECT_EQ(loads(), 0U);
+    parts_.host.advance(milliseconds(1));
+    EXPECT_EQ(loads(), 1U);
+    EXPECT_THAT(parts_.published(),
+                ElementsAre("starting: Loading WhatsApp Web in the managed runtime worker."));
+    EXPECT_EQ(state_.pageLoadIssuedAt, test::TestClock::start + seconds(30));
+}
+
+TEST_F(FailedLoadTests, HalfAMinuteCountsFromTheLastFailure) {
+    loader_.loadFailed();
+    parts_.host.advance(seconds(24));
+    loader_.loadFailed();
+    parts_.host.advance(milliseconds(29'999));
+    EXPECT_EQ(loads(), 0U);
+    parts_.host.advance(milliseconds(1));
+    EXPECT_EQ(loads(), 1U);
+}
+
+TEST_F(FailedLoadTests, PageIsLoadedAnewForAsLongAsItFails) {
+    for (std::size_t load = 1; load <= 20; ++load) {
+        loader_.loadFailed();
+        parts_.host.advance(seconds(30));
+        EXPECT_EQ(loads(), load);
+    }
+    parts_.host.advance(seconds(600));
+    EXPECT_EQ(loads(), 20U);
+}
+
+TEST_F(FailedLoadTests, PageThatHasBeenLoadedSinceIsLeftAlone) {
+    loader_.loadFailed();
+    loader_.pageFinished();
+    parts_.host.advance(seconds(600));
+    EXPECT_EQ(loads(), 0U);
+}
+
+TEST_F(FailedLoadTests, LinkedPageIsLeftAlone) {
+    state_.isLinked = true;
+    loader_.loadFailed();
+    parts_.host.advance(seconds(600));
+    EXPECT_EQ(loads(), 0U);
+}
+
+TEST_F(FailedLoadTests, PageWithACodeIsLeftAlone) {
+    test::writeFileAtomically(parts_.directory.workerQRCodeFile, "code");
+    loader_.loadFailed();
+    parts_.host.advance(seconds(600));
+    EXPECT_EQ(loads(), 0U);
+}
+
+TEST_F(FailedLoadTests, EndOfTheProcessGoesFirst) {
+    loader_.loadFailed();
+    loader_.webProcessEnded("The page's process crashed.");
+    loader_.loadFailed();
+    parts_.host.advance(milliseconds(0));
+    EXPECT_EQ(loads(), 1U);
+    parts_.host.advance(seconds(600));
+    EXPECT_EQ(loads(), 1U);
+}
+
+TEST_F(FailedLoadTests, PageThatIsClosedIsNotLoadedAnew) {
+    loader_.loadFailed();
+    parts_.webView.reset();
+    parts_.host.advance(seconds(600));
+    EXPECT_EQ(loads(), 0U);
+}
+
 TEST_F(PageLoaderTests, EndBeforeTheFirstLoadLoadsNothing) {
     loader_.webProcessEnded("The page's process crashed.");
     parts_.host.advance(seconds(120));
