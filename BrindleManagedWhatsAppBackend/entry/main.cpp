@@ -68,7 +68,9 @@ void runBackendRole(const std::string& platform, const Environment& environment,
 }
 
 void runWorkerRole(const std::string& platform, const Environment& environment, FileManager& fileManager) {
-    // First of all, while there is no other thread.
+    // Before anything that takes its time: a parent that dies meanwhile must be missed later.
+    const pid_t parent = ::getppid();
+    // While there is no other thread.
     const ProcessGuard guard;
     letTerminationSignalsThrough();
     // The page is foreign code, and the engine's processes inherit the environment.
@@ -77,7 +79,7 @@ void runWorkerRole(const std::string& platform, const Environment& environment, 
     }
     const SystemClock clock;
     const auto host = makeWebWorkerHost(webWorkerHostOptions());
-    ManagedWhatsAppWebWorkerService service(platform, environment, fileManager, clock, *host);
+    ManagedWhatsAppWebWorkerService service(platform, environment, fileManager, clock, *host, parent);
     service.start();
 }
 

@@ -13,11 +13,9 @@ namespace {
 
 constexpr std::string_view default_sender = "WhatsApp Web Sender";
 constexpr std::string_view unknown_title = "?";
-/// The state for which the worker itself stands in when the script has given none.
-constexpr auto chat_not_found = "chat-not-found";
 
-/// The page keeps no more messages. What comes beyond them a page has made up, and writing it must not hold
-/// up the worker's end.
+/// The page keeps no more messages, and an end that is asked for meanwhile waits for them, so that none is
+/// lost. What comes beyond them a page has made up, and must not hold up the worker's end.
 constexpr std::size_t longest_queue_of_a_page = 200;
 
 std::string quoted(std::string_view title) {
@@ -28,16 +26,19 @@ std::string quoted(std::string_view title) {
 std::optional<std::string> activationDetail(const ManagedWhatsAppChatActivationPayload& payload,
                                             const std::string& watchedTitle) {
     const auto title = quoted(payload.matchedTitle.value_or(watchedTitle));
-    if (payload.state == "activating") return "Opening chat " + title + " in the managed WhatsApp worker.";
-    if (payload.state == "searching") return "Searching for chat " + title + " in WhatsApp Web.";
-    if (payload.state == "wrong-active-chat") {
+    if (payload.state == activation_state::activating)
+        return "Opening chat " + title + " in the managed WhatsApp worker.";
+    if (payload.state == activation_state::searching)
+        return "Searching for chat " + title + " in WhatsApp Web.";
+    if (payload.state == activation_state::wrongActiveChat) {
         return "Active chat is " + quoted(payload.activeChatTitle.value_or(std::string(unknown_title))) +
                ". Switching to " + title + ".";
     }
-    if (payload.state == "no-active-chat") {
+    if (payload.state == activation_state::noActiveChat) {
         return "Selecting chat " + title + " in the managed runtime session.";
     }
-    if (payload.state == chat_not_found) return "Chat " + title + " is not visible yet in WhatsApp Web.";
+    if (payload.state == activation_state::chatNotFound)
+        return "Chat " + title + " is not visible yet in WhatsApp Web.";
     return std::nullopt;
 }
 
@@ -76,7 +77,7 @@ Task<ManagedWhatsAppChatActivationPayload> ChatCapture::probeChatActivation(std:
         context_.logError("Chat activation probe failed: " + descriptionOf(error));
     }
     ManagedWhatsAppChatActivationPayload notFound;
-    notFound.state = chat_not_found;
+    notFound.state = activation_state::chatNotFound;
     notFound.matchedTitle = std::move(watchedTitle);
     co_return notFound;
 }
@@ -86,7 +87,7 @@ Task<> ChatCapture::captureInboundMessages(WatchedChat watched) {
     const auto result = co_await scripts_.evaluateJavaScriptStringAsync(std::move(script));
     if (!result) co_return;
     const auto drain = decodedPageResult<ManagedWhatsAppObservedInboundDrainPayload>(*result);
-    if (drain.state == "ok") {
+    if (drain.state == capture_state::ok) {
         co_await takeMessages(drain, watched);
     } else {
         publishNoMessages(drain, watched);
@@ -95,16 +96,16 @@ Task<> ChatCapture::captureInboundMessages(WatchedChat watched) {
 
 void ChatCapture::publishNoMessages(const ManagedWhatsAppObservedInboundDrainPayload& drain,
                                     const WatchedChat& watched) {
-    if (drain.state == "wrong-chat") {
+    if (drain.state == capture_state::wrongChat) {
         publisher_.publish(worker_state::wrongChat,
                            "Active chat is " +
                                quoted(drain.activeChatTitle.value_or(std::string(unknown_title))) +
                                " while watching " + quoted(drain.watchedTitle.value_or(watched.title)) + ".");
-    } else if (drain.state == "no-active-chat") {
+    } else if (drain.state == capture_state::noActiveChat) {
         publisher_.publish(
             worker_state::noActiveChat,
             "WhatsApp Web is linked, but no active chat is available in the managed runtime session.");
-    } else if (drain.state == "no-incoming-message") {
+    } else if (drain.state == capture_state::noIncomingMessage) {
         publisher_.publish(worker_state::watchingChat,
                            "Watching chat " + quoted(drain.activeChatTitle.value_or(watched.title)) +
                                ". No incoming message yet. Visible inbound nodes: " +

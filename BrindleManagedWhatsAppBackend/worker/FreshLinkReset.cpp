@@ -1,6 +1,6 @@
 #include "worker/FreshLinkReset.h"
 
-#include <variant>
+#include "foundation/Failure.h"
 
 namespace brindle {
 
@@ -10,10 +10,14 @@ Task<> FreshLinkReset::resetForFreshLinkIfRequested() {
     publisher_.publishWithoutAccount(worker_state::starting,
                                      "Resetting the managed WhatsApp Web session for a fresh link request.");
     context_.fileManager.removeIfPresent(context_.directory.workerQRCodeFile);
-    Answer<std::monostate> removal;
-    const auto deliver = removal.callback();
-    context_.webView->removeAllWebsiteData([deliver] { deliver(std::monostate()); });
-    co_await removal;
+    Answer<bool> removal;
+    context_.webView->removeAllWebsiteData(removal.callback());
+    const bool isGone = co_await removal;
+    if (!isGone) {
+        throw Failure(
+            "The linked account cannot be forgotten: website data are left after their removal; start the "
+            "worker again or remove them by hand.");
+    }
     // Only now, so that a crash in between repeats the reset at the next start.
     context_.fileManager.removeIfPresent(request);
     publisher_.publishWithoutAccount(

@@ -1,6 +1,7 @@
 #include "worker/LinkStateMonitor.h"
 
 #include <chrono>
+#include <cstddef>
 #include <string_view>
 #include <utility>
 
@@ -11,6 +12,8 @@ namespace brindle {
 namespace {
 
 constexpr std::string_view png_data_url_prefix = "data:image/png;base64,";
+/// No picture of a code is longer; what a page makes up is not written to disk again and again.
+constexpr std::size_t longest_picture_characters = std::size_t{1} << 20U;
 constexpr std::string_view default_account = "WhatsApp Web";
 constexpr auto scan_detail = "Scan the QR code with WhatsApp on your phone.";
 /// How long a page may render before it is loaded again.
@@ -32,7 +35,8 @@ Task<> LinkStateMonitor::refreshQRCode() {
 
 void LinkStateMonitor::takeQRCode(const std::optional<std::string>& dataURL) {
     const auto& file = context_.directory.workerQRCodeFile;
-    if (!dataURL || !dataURL->starts_with(png_data_url_prefix)) {
+    if (!dataURL || !dataURL->starts_with(png_data_url_prefix) ||
+        dataURL->size() > longest_picture_characters) {
         return context_.fileManager.removeIfPresent(file);
     }
     const auto picture = base64Decoded(std::string_view(*dataURL).substr(png_data_url_prefix.size()));

@@ -1,5 +1,7 @@
 #include "worker/ManagedWhatsAppWebWorkerService.h"
 
+#include <unistd.h>
+
 #include <chrono>
 #include <utility>
 
@@ -61,11 +63,17 @@ void ManagedWhatsAppWebWorkerService::start() {
     host_.run();
     stopPolling();
     removeOwnFiles();
+    if (firstLoadFailure_) std::rethrow_exception(firstLoadFailure_);
 }
 
 Task<> ManagedWhatsAppWebWorkerService::loadFirstPage() {
-    co_await freshLinkReset_.resetForFreshLinkIfRequested();
-    loader_.loadPage();
+    try {
+        co_await freshLinkReset_.resetForFreshLinkIfRequested();
+        loader_.loadPage();
+    } catch (const std::exception&) {
+        firstLoadFailure_ = std::current_exception();
+        host_.end();
+    }
 }
 
 void ManagedWhatsAppWebWorkerService::startPolling() {
@@ -76,7 +84,7 @@ void ManagedWhatsAppWebWorkerService::startPolling() {
     controlTimer_ = host_.repeat(control_interval, timer_tolerance, [this] { control_.refreshControl(); });
     inboundTimer_ = std::make_unique<RepeatingTask>(
         host_, TickSchedule{.interval = inbound_interval, .tolerance = timer_tolerance},
-        [this] { return chatCapture_.pollInboundMessages(); });
+        [this] { return pollInboundMessages(); });
     parentTimer_ = host_.repeat(parent_interval, timer_tolerance, [this] { checkParent(); });
 }
 
@@ -89,8 +97,14 @@ void ManagedWhatsAppWebWorkerService::stopPolling() {
 }
 
 Task<> ManagedWhatsAppWebWorkerService::refreshLoginState() {
+    if (loader_.isReloadPending()) co_return;
     co_await linkStateMonitor_.refreshQRCode();
     co_await linkStateMonitor_.refreshLinkState();
+}
+
+Task<> ManagedWhatsAppWebWorkerService::pollInboundMessages() {
+    if (loader_.isReloadPending()) co_return;
+    co_await chatCapture_.pollInboundMessages();
 }
 
 void ManagedWhatsAppWebWorkerService::checkParent() {
@@ -117,19 +131,15 @@ void ManagedWhatsAppWebWorkerService::pageFinished() {
 }
 
 void ManagedWhatsAppWebWorkerService::navigationFailed(const std::string& error) {
-    publisher_.publishWithoutAccount(worker_state::error,
-                                     "Managed WhatsApp worker navigation failed: " + error);
-    loader_.loadFailed();
+    loader_.navigationFailed(error);
 }
 
 void ManagedWhatsAppWebWorkerService::provisionalNavigationFailed(const std::string& error) {
-    publisher_.publishWithoutAccount(worker_state::error,
-                                     "Managed WhatsApp worker provisional navigation failed: " + error);
-    loader_.loadFailed();
+    loader_.provisionalNavigationFailed(error);
 }
 
-void ManagedWhatsAppWebWorkerService::webProcessEnded(const std::string& error) {
-    loader_.webProcessEnded(error);
+void ManagedWhatsAppWebWorkerService::pageLost(const std::string& error) {
+    loader_.pageLost(error);
 }
 
 }  // namespace brindle

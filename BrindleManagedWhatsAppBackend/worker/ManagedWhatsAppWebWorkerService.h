@@ -1,8 +1,8 @@
 #pragma once
 
 #include <sys/types.h>
-#include <unistd.h>
 
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -33,16 +33,16 @@ namespace brindle {
 class ManagedWhatsAppWebWorkerService final : public WebPageDelegate {
   public:
     /// Creates the worker's part of the data directory. Throws FileSystemFailure when a directory cannot be
-    /// created. `fileManager`, `clock` and `host` outlive the service; the service ends with its parent.
+    /// created. `fileManager`, `clock` and `host` outlive the service; the service ends with the process
+    /// `parentProcessIdentifier`, its parent.
     ManagedWhatsAppWebWorkerService(std::string platform, Environment environment, FileManager& fileManager,
-                                    const Clock& clock, WebWorkerHost& host,
-                                    pid_t parentProcessIdentifier = ::getppid());
+                                    const Clock& clock, WebWorkerHost& host, pid_t parentProcessIdentifier);
     ManagedWhatsAppWebWorkerService(const ManagedWhatsAppWebWorkerService&) = delete;
     ManagedWhatsAppWebWorkerService& operator=(const ManagedWhatsAppWebWorkerService&) = delete;
 
     /// Opens the page and works until the host's loop ends, by a signal or because the parent is gone. Called
-    /// once. Throws FileSystemFailure when the process identifier cannot be written, and what the host
-    /// throws.
+    /// once. Throws FileSystemFailure when the process identifier cannot be written, Failure when a requested
+    /// fresh link cannot be prepared, and what the host throws.
     void start();
     /// Starts the timers, unless they have been started before.
     void startPolling();
@@ -52,7 +52,7 @@ class ManagedWhatsAppWebWorkerService final : public WebPageDelegate {
     void pageFinished() override;
     void navigationFailed(const std::string& error) override;
     void provisionalNavigationFailed(const std::string& error) override;
-    void webProcessEnded(const std::string& error) override;
+    void pageLost(const std::string& error) override;
 
     /// What the worker knows at the moment.
     const WorkerState& state() const { return state_; }
@@ -60,6 +60,7 @@ class ManagedWhatsAppWebWorkerService final : public WebPageDelegate {
   private:
     Task<> loadFirstPage();
     Task<> refreshLoginState();
+    Task<> pollInboundMessages();
     void stopPolling();
     void removeOwnFiles();
 
@@ -81,6 +82,7 @@ class ManagedWhatsAppWebWorkerService final : public WebPageDelegate {
     ChatCapture chatCapture_;
     FreshLinkReset freshLinkReset_;
     bool hasStartedPolling_ = false;
+    std::exception_ptr firstLoadFailure_;
     // Last, so that waiting tasks are given up before anything they use is gone.
     std::optional<Task<>> firstLoad_;
     std::unique_ptr<RepeatingTask> stateTimer_;

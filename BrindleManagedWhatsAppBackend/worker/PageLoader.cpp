@@ -13,11 +13,13 @@ namespace {
 using std::chrono::seconds;
 
 constexpr auto web_client_address = "https://web.whatsapp.com/";
+constexpr auto navigation_failed = "Managed WhatsApp worker navigation failed: ";
+constexpr auto provisional_navigation_failed = "Managed WhatsApp worker provisional navigation failed: ";
 constexpr seconds request_timeout{60};
 
 constexpr seconds shortest_reload_pause{1};
 constexpr seconds longest_reload_pause{60};
-/// A page that has stayed up so long is sound; its next end is not a consequence of the last one.
+/// A page that has stayed up so long is sound; its next loss is not a consequence of the last one.
 constexpr seconds stable_after{60};
 /// From the last failed load to a new one: both reloads of a page that does not render have been tried by
 /// then.
@@ -85,9 +87,18 @@ void PageLoader::pageFinished() {
     stabilityTimer_ = context_.host.once(stable_after, [this] { reloadPause_ = seconds{0}; });
 }
 
-void PageLoader::loadFailed() {
-    // The page whose process has ended is about to be loaded anyway.
-    if (reloadTimer_) return;
+void PageLoader::navigationFailed(const std::string& error) {
+    loadFailed(navigation_failed + error);
+}
+
+void PageLoader::provisionalNavigationFailed(const std::string& error) {
+    loadFailed(provisional_navigation_failed + error);
+}
+
+void PageLoader::loadFailed(std::string detail) {
+    publisher_.publishWithoutAccount(worker_state::error, std::move(detail));
+    // A lost page is about to be loaded anyway.
+    if (isReloadPending()) return;
     newLoadTimer_ = context_.host.once(new_load_pause, [this] { loadAnewUnlessInUse(); });
 }
 
@@ -96,20 +107,20 @@ void PageLoader::loadAnewUnlessInUse() {
     if (!context_.state.isLinked && !context_.isQRCodeShown()) loadPage();
 }
 
-void PageLoader::webProcessEnded(const std::string& error) {
-    const auto detail = "Managed WhatsApp worker navigation failed: " + error;
+void PageLoader::pageLost(const std::string& error) {
+    const auto detail = navigation_failed + error;
     context_.logError(detail);
     context_.state.isLinked = false;
     publisher_.publishWithoutAccount(worker_state::error, detail);
     stabilityTimer_.reset();
     newLoadTimer_.reset();
-    // Before the first load the page has nothing to come back to, and one end may be reported several times.
-    if (!hasIssuedLoad_ || reloadTimer_) return;
-    reloadTimer_ = context_.host.once(reloadPause_, [this] { reloadAfterEnd(); });
+    // Before the first load the page has nothing to come back to, and one loss may be reported several times.
+    if (!hasIssuedLoad_ || isReloadPending()) return;
+    reloadTimer_ = context_.host.once(reloadPause_, [this] { reloadAfterLoss(); });
     reloadPause_ = longerPause(reloadPause_);
 }
 
-void PageLoader::reloadAfterEnd() {
+void PageLoader::reloadAfterLoss() {
     reloadTimer_.reset();
     if (!context_.webView) return;
     auto outcome = issueLoad();

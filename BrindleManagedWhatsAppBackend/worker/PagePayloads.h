@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -24,6 +25,28 @@ struct ManagedWhatsAppLinkedStatePayload {
         };
     }
 };
+
+/// The words by which the chat activation script says how far the watched chat is open.
+namespace activation_state {
+
+inline constexpr std::string_view activating = "activating";
+inline constexpr std::string_view searching = "searching";
+inline constexpr std::string_view wrongActiveChat = "wrong-active-chat";
+inline constexpr std::string_view noActiveChat = "no-active-chat";
+/// The worker's own, where the script has given none.
+inline constexpr std::string_view chatNotFound = "chat-not-found";
+
+}  // namespace activation_state
+
+/// The words by which the inbound capture script says what it found.
+namespace capture_state {
+
+inline constexpr std::string_view ok = "ok";
+inline constexpr std::string_view noIncomingMessage = "no-incoming-message";
+inline constexpr std::string_view wrongChat = "wrong-chat";
+inline constexpr std::string_view noActiveChat = "no-active-chat";
+
+}  // namespace capture_state
 
 /// The result of the chat activation script.
 struct ManagedWhatsAppChatActivationPayload {

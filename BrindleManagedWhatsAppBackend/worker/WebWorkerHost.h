@@ -33,8 +33,9 @@ class WebPageDelegate {
     virtual void navigationFailed(const std::string& error) = 0;
     /// A load failed before its document had begun to arrive.
     virtual void provisionalNavigationFailed(const std::string& error) = 0;
-    /// The process that runs the page is gone, and the page with it. `error` says which way it went.
-    virtual void webProcessEnded(const std::string& error) = 0;
+    /// The page is gone: its process has ended, or it has left for an address that nobody can refuse. `error`
+    /// says which way it went.
+    virtual void pageLost(const std::string& error) = 0;
 };
 
 /// One page in a window that is never shown, with the website data that persists between starts.
@@ -50,10 +51,11 @@ class WebPage {
     virtual void loadAddress(const std::string& address, std::chrono::seconds timeout) = 0;
     /// Loads the current page again.
     virtual void reload() = 0;
-    /// Runs a script in the page. `done` may never be called when the page hangs or goes away.
+    /// Runs a script in the page; an answer that no honest page gives for its length is a failure. `done` may
+    /// never be called when the page hangs or goes away.
     virtual void evaluate(const std::string& script, std::function<void(EvaluationOutcome)> done) = 0;
-    /// Removes website data of every type, whenever it was stored, and calls `done` when all of it is gone.
-    virtual void removeAllWebsiteData(std::function<void()> done) = 0;
+    /// Removes website data of every type, whenever it was stored. `done` hears whether all of it is gone.
+    virtual void removeAllWebsiteData(std::function<void(bool isGone)> done) = 0;
     /// Ends the process that runs a page which has stopped answering; the delegate hears of it as of any end.
     virtual void endProcess() = 0;
     /// Takes the page's window off the screen; the page stays live.
@@ -99,6 +101,8 @@ struct WebWorkerHostOptions {
     int contentWidth_px = 0;
     int contentHeight_px = 0;
     std::string userAgent;
+    /// A page that needs more is ended.
+    unsigned pageMemoryLimit_mebibytes = 0;
 };
 
 /// The one function of the loadable module that holds the engine: makes the host. Throws Failure when the

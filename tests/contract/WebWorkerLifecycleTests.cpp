@@ -30,7 +30,6 @@ using testing::IsEmpty;
 
 constexpr const char* linked_page = "<body><div id=side>chats</div></body>";
 constexpr const char* guard_name = "brindle-guard";
-constexpr const char* network_process_name = "WebKitNetworkPr";
 
 std::vector<std::string> runtimeFiles(const WebWorkerProcess& worker) {
     return namesIn(worker.path("runtime"));
@@ -163,6 +162,26 @@ TEST(WebWorkerLifecycle, TheEndOfItsParentEndsItWithALastStatus) {
     EXPECT_EQ(worker.process().waitForExit(), exitedWith(0));
     EXPECT_EQ(worker.journal().size(), stopped + 1) << "a status came after the last one";
     EXPECT_THAT(runtimeFiles(worker), IsEmpty());
+    waitForEnds(tree);
+}
+
+TEST(WebWorkerLifecycle, TheEndOfItsParentDuringTheStartEndsItToo) {
+    WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page), true);
+    // The guard comes first of all, the engine long after it.
+    waitUntil([&] { return !processesNamed(worker.pid(), guard_name).empty(); }, "the guard");
+    worker.process().killIntermediateParent();
+    EXPECT_EQ(worker.process().waitForExit(), exitedWith(0));
+    EXPECT_THAT(runtimeFiles(worker), IsEmpty());
+}
+
+TEST(WebWorkerLifecycle, ASecondSignalDoesNotCutTheEndShort) {
+    WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page));
+    worker.waitForState("linked");
+    const auto tree = worker.tree();
+    worker.process().signal(SIGTERM);
+    waitUntil([&] { return runtimeFiles(worker).empty(); }, "the files to be removed");
+    while (worker.process().isRunning()) worker.process().signal(SIGTERM);
+    EXPECT_EQ(worker.process().waitForExit(), exitedWith(0));
     waitForEnds(tree);
 }
 

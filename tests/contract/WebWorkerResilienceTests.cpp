@@ -65,7 +65,7 @@ TEST(WebWorkerResilience, TheNetworksProcessMayDieToo) {
     DrivenPage page(chats);
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.watchUntilOpen("Team Room");
-    const auto network = processesNamed(worker.pid(), "WebKitNetworkPr");
+    const auto network = processesNamed(worker.pid(), network_process_name);
     ASSERT_EQ(network.size(), 1U);
     ::kill(network.front(), SIGKILL);
     waitForEnds(network);

@@ -35,7 +35,7 @@ class SampleWebClient : public PageScriptTest {
     /// A server of its own makes every test another origin; cookies know no ports.
     void SetUp() override {
         bool isDone = false;
-        page().page().removeAllWebsiteData([&isDone] { isDone = true; });
+        page().page().removeAllWebsiteData([&isDone](bool isGone) { isDone = isGone; });
         page().runUntil([&] { return isDone; }, "the website data has been removed");
     }
 

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "support/TestDisplay.h"
-#include "worker/HostOptions.h"
 
 namespace brindle::test {
 namespace {
@@ -23,11 +22,12 @@ MakeWebWorkerHost loadModule() {
 
 }  // namespace
 
-EnginePage::EnginePage(std::shared_ptr<TemporaryDirectory> directory) : directory_(std::move(directory)) {
+EnginePage::EnginePage(std::shared_ptr<TemporaryDirectory> directory, const WebWorkerHostOptions& options)
+    : directory_(std::move(directory)) {
     TestDisplay::shared().use();
     ::setenv("XDG_DATA_HOME", dataDirectory().c_str(), 1);
     ::setenv("XDG_CACHE_HOME", cacheDirectory().c_str(), 1);
-    host_ = loadModule()(webWorkerHostOptions());
+    host_ = loadModule()(options);
     page_ = host_->openPage(*this);
 }
 

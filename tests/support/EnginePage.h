@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "worker/HostOptions.h"
 #include "worker/WebWorkerHost.h"
 
 namespace brindle::test {
@@ -17,7 +18,8 @@ class EnginePage : private WebPageDelegate {
   public:
     EnginePage() : EnginePage(std::make_shared<TemporaryDirectory>()) {}
     /// With the website data of an earlier page that had the same directory.
-    explicit EnginePage(std::shared_ptr<TemporaryDirectory> directory);
+    explicit EnginePage(std::shared_ptr<TemporaryDirectory> directory,
+                        const WebWorkerHostOptions& options = webWorkerHostOptions());
     ~EnginePage() override;
     EnginePage(const EnginePage&) = delete;
     EnginePage& operator=(const EnginePage&) = delete;
@@ -57,7 +59,7 @@ class EnginePage : private WebPageDelegate {
     void provisionalNavigationFailed(const std::string& error) override {
         events_.provisionalFailures.push_back(error);
     }
-    void webProcessEnded(const std::string& error) override { events_.processEnds.push_back(error); }
+    void pageLost(const std::string& error) override { events_.processEnds.push_back(error); }
 
     std::shared_ptr<TemporaryDirectory> directory_;
     Events events_;

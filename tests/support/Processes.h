@@ -22,5 +22,6 @@ double processorSeconds(pid_t process);
 
 /// The name of the page's process.
 inline constexpr const char* web_process_name = "WebKitWebProces";
+inline constexpr const char* network_process_name = "WebKitNetworkPr";
 
 }  // namespace brindle::test

@@ -58,7 +58,7 @@ class ScriptedHost final : public WebWorkerHost {
     /// Evaluations without an answer, in order.
     std::vector<Evaluation> pending;
     /// Removals of website data without an answer.
-    std::vector<std::function<void()>> removals;
+    std::vector<std::function<void(bool isGone)>> removals;
     /// Everything else that was asked of page and loop, in order: "loadAddress https://... 60".
     std::vector<std::string> calls;
     /// What was written to the system log.
@@ -174,7 +174,7 @@ class ScriptedHost final : public WebWorkerHost {
         void evaluate(const std::string& script, Done done) override {
             host_.pending.push_back({.script = script, .done = std::move(done)});
         }
-        void removeAllWebsiteData(std::function<void()> done) override {
+        void removeAllWebsiteData(std::function<void(bool isGone)> done) override {
             host_.calls.emplace_back("removeAllWebsiteData");
             host_.removals.push_back(std::move(done));
         }

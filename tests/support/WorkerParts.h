@@ -26,7 +26,7 @@ class DeafDelegate final : public WebPageDelegate {
     void pageFinished() override {}
     void navigationFailed(const std::string&) override {}
     void provisionalNavigationFailed(const std::string&) override {}
-    void webProcessEnded(const std::string&) override {}
+    void pageLost(const std::string&) override {}
 };
 
 /// What a published status says, in short: "linked: Linked to ... (Ann)".

@@ -123,6 +123,17 @@ TEST_F(Evaluation, FailsWithOneSentenceOfModestLength) {
     }
 }
 
+TEST_F(Evaluation, FailsForAnAnswerThatNoHonestPageGives) {
+    page().load("<body></body>");
+    EXPECT_EQ(page().evaluate("'x'.repeat(16 * 1024 * 1024)"), std::string(std::size_t{16} << 20U, 'x'));
+    try {
+        page().evaluate("'x'.repeat(16 * 1024 * 1024 + 1)");
+        FAIL() << "no failure";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(error.what(), "The page's answer is too long.");
+    }
+}
+
 TEST_F(Evaluation, FailsForASyntaxError) {
     page().load("<body></body>");
     EXPECT_THROW(page().evaluate("((("), std::runtime_error);
@@ -137,6 +148,12 @@ TEST_F(Loading, TextTakesRelativeAddressesFromItsBaseDirectory) {
     page().page().loadText("<script src='beside%20it.js'></script>", directory.path());
     page().runUntil([&] { return page().events().finished == 1; }, "the text is loaded");
     EXPECT_EQ(page().evaluate("window.besideIt"), "loaded");
+}
+
+TEST_F(Loading, ATextGoesOnBehindTheCharacterNUL) {
+    using namespace std::string_literals;
+    page().load("<body>before\0<p>after</p></body>"s);
+    EXPECT_EQ(page().evaluate("document.querySelector('p').textContent"), "after");
 }
 
 TEST_F(Loading, ReloadingATextShowsTheTextAgain) {

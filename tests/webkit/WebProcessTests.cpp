@@ -62,6 +62,20 @@ TEST(WebProcess, APageThatClosesItselfIsReportedAndCanBeLoadedAgain) {
     EXPECT_EQ(page.evaluate("document.body.textContent"), "again");
 }
 
+TEST(WebProcess, OneThatTakesTooMuchMemoryIsEnded) {
+    auto options = webWorkerHostOptions();
+    options.pageMemoryLimit_mebibytes = 300;
+    EnginePage page(std::make_shared<TemporaryDirectory>(), options);
+    page.load("<body>here</body>");
+    page.evaluate(
+        "window.kept = []; for (let n = 0; n < 400; ++n) "
+        "{ kept.push(new Uint8Array(1024 * 1024).fill(n % 255 + 1)); } ''");
+    page.runUntil([&] { return !page.events().processEnds.empty(); }, "the end is reported",
+                  2 * must_happen_deadline);
+    EXPECT_EQ(page.events().processEnds,
+              std::vector<std::string>{"The page's process used too much memory and was ended."});
+}
+
 TEST(WebProcess, IsSandboxed) {
     EnginePage page;
     page.load("<body>here</body>");

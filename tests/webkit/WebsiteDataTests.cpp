@@ -1,11 +1,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <memory>
 
 #include "support/EnginePage.h"
 #include "support/LoopbackServer.h"
+#include "support/Processes.h"
 
 namespace brindle::test {
 namespace {
@@ -83,7 +86,7 @@ TEST(WebsiteData, NothingIsLeftAfterItsRemoval) {
     page.loadAddress(server.url());
     page.waitUntil(store_everything);
     bool removed = false;
-    page.page().removeAllWebsiteData([&] { removed = true; });
+    page.page().removeAllWebsiteData([&](bool isGone) { removed = isGone; });
     page.runUntil([&] { return removed; }, "the website data are removed");
     page.loadAddress(server.url());
     EXPECT_EQ(storedIn(page), "local:0 databases:0 caches:0");
@@ -105,10 +108,24 @@ TEST(WebsiteData, NothingComesBackWithARestartAfterItsRemoval) {
     {
         EnginePage page(directory);
         bool removed = false;
-        page.page().removeAllWebsiteData([&] { removed = true; });
+        page.page().removeAllWebsiteData([&](bool isGone) { removed = isGone; });
         page.runUntil([&] { return removed; }, "the website data are removed");
     }
     EnginePage page(directory);
+    page.loadAddress(server.url());
+    EXPECT_EQ(storedIn(page), "local:0 databases:0 caches:0");
+    EXPECT_FALSE(lastVisitSentCookie(server));
+}
+
+TEST(WebsiteData, AreRemovedAllTheSameWhenTheNetworksProcessDiesMeanwhile) {
+    const LoopbackServer server(answer);
+    EnginePage page;
+    page.loadAddress(server.url());
+    page.waitUntil(store_everything);
+    bool removed = false;
+    page.page().removeAllWebsiteData([&](bool isGone) { removed = isGone; });
+    for (const pid_t process : processesNamed(::getpid(), network_process_name)) ::kill(process, SIGKILL);
+    page.runUntil([&] { return removed; }, "the website data are removed");
     page.loadAddress(server.url());
     EXPECT_EQ(storedIn(page), "local:0 databases:0 caches:0");
     EXPECT_FALSE(lastVisitSentCookie(server));

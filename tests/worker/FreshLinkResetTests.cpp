@@ -4,6 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+
 #include "support/WorkerParts.h"
 
 namespace brindle {
@@ -16,6 +19,15 @@ using Fault = test::FaultInjectingFileManager::Fault;
 constexpr auto reset_begun = "starting: Resetting the managed WhatsApp Web session for a fresh link request.";
 constexpr auto reset_done =
     "starting: Managed WhatsApp worker cleared its local session. Loading a fresh WhatsApp Web login page.";
+
+/// Awaits a task that fails, and keeps what it says.
+Task<> failureOf(Task<>& task, std::string& failure) {
+    try {
+        co_await std::move(task);
+    } catch (const Failure& error) {
+        failure = error.what();
+    }
+}
 
 class FreshLinkResetTests : public testing::Test {
   protected:
@@ -62,7 +74,7 @@ TEST_F(FreshLinkResetTests, RemovesTheRequestOnceTheDataIsGone) {
     request();
     auto task = reset_.resetForFreshLinkIfRequested();
     task.start();
-    parts_.host.removals.at(0)();
+    parts_.host.removals.at(0)(true);
     EXPECT_TRUE(task.isDone());
     EXPECT_FALSE(isRequested());
     EXPECT_THAT(parts_.published(), ElementsAre(reset_begun, reset_done));
@@ -72,7 +84,7 @@ TEST_F(FreshLinkResetTests, LoadsNothingItself) {
     request();
     auto task = reset_.resetForFreshLinkIfRequested();
     task.start();
-    parts_.host.removals.at(0)();
+    parts_.host.removals.at(0)(true);
     EXPECT_THAT(parts_.host.calls, ElementsAre("removeAllWebsiteData"));
 }
 
@@ -85,7 +97,7 @@ TEST_F(FreshLinkResetTests, FailedRemovalsAreIgnored) {
     task.start();
     // Looking for the request goes well.
     parts_.faults.set(Fault{.operation = 2, .code = EACCES});
-    parts_.host.removals.at(0)();
+    parts_.host.removals.at(0)(true);
     EXPECT_TRUE(task.isDone());
     EXPECT_THAT(parts_.faults.failures(), ElementsAre("remove " + parts_.directory.freshLinkRequestFile));
     EXPECT_TRUE(parts_.exists(parts_.directory.workerQRCodeFile));
@@ -94,13 +106,26 @@ TEST_F(FreshLinkResetTests, FailedRemovalsAreIgnored) {
     EXPECT_THAT(parts_.host.log, IsEmpty());
 }
 
+TEST_F(FreshLinkResetTests, RequestStaysWhenDataAreLeft) {
+    request();
+    auto reset = reset_.resetForFreshLinkIfRequested();
+    std::string failure;
+    auto task = failureOf(reset, failure);
+    task.start();
+    parts_.host.removals.at(0)(false);
+    EXPECT_TRUE(task.isDone());
+    EXPECT_THAT(failure, testing::StartsWith("The linked account cannot be forgotten: "));
+    EXPECT_TRUE(isRequested());
+    EXPECT_THAT(parts_.published(), ElementsAre(reset_begun));
+}
+
 TEST_F(FreshLinkResetTests, RemovalThatEndsAfterTheWorkerDoesNothing) {
     request();
     {
         auto task = reset_.resetForFreshLinkIfRequested();
         task.start();
     }
-    parts_.host.removals.at(0)();
+    parts_.host.removals.at(0)(true);
     EXPECT_TRUE(isRequested());
     EXPECT_THAT(parts_.published(), ElementsAre(reset_begun));
 }

@@ -15,6 +15,10 @@ TEST(HostOptionsTests, NameWindowLogAndFolders) {
     EXPECT_EQ(options.logCategory, "ManagedWhatsAppWebWorker");
 }
 
+TEST(HostOptionsTests, LimitTheMemoryOfThePage) {
+    EXPECT_EQ(webWorkerHostOptions().pageMemoryLimit_mebibytes, 2048U);
+}
+
 TEST(HostOptionsTests, UserAgentLeavesOutTheVersionOfTheOperatingSystem) {
     EXPECT_EQ(webWorkerHostOptions().userAgent,
               "Mozilla/5.0 (Macintosh; Intel Mac OS X) AppleWebKit/605.1.15 (KHTML, like Gecko) "

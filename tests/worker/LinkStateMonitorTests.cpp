@@ -122,6 +122,14 @@ TEST_F(QRCodeTests, CanvasThatIsNoPictureRemovesTheFile) {
     EXPECT_THAT(parts_.published(), IsEmpty());
 }
 
+TEST_F(QRCodeTests, GiantPictureIsNone) {
+    const std::string longest = "data:image/png;base64," + std::string(1024 * 1024 - 24, 'A');
+    refreshQRCode(test::result(longest));
+    EXPECT_EQ(qrFile().size(), (longest.size() - 22) / 4 * 3);
+    refreshQRCode(test::result(longest + "AAAA"));
+    EXPECT_FALSE(hasQRFile());
+}
+
 TEST_F(QRCodeTests, UndecodablePictureChangesNothing) {
     putQRFile();
     for (const std::string text : {"AAA", "AAAA ", "AA\nAA", "AA-_", "A===", "AAAA,"}) {

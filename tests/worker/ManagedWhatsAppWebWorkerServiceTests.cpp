@@ -123,7 +123,8 @@ class WebWorkerServiceTests : public testing::Test {
 };
 
 TEST_F(WebWorkerServiceTests, ConstructionCreatesTheDirectoriesOfTheWorkerOnly) {
-    const ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_);
+    const ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_,
+                                                  ::getppid());
     EXPECT_THAT(test::namesIn(directory_.path), ElementsAre("inbound", "runtime"));
     EXPECT_THAT(test::namesIn(directory_.runtime), IsEmpty());
     EXPECT_THAT(host_.calls, IsEmpty());
@@ -132,15 +133,17 @@ TEST_F(WebWorkerServiceTests, ConstructionCreatesTheDirectoriesOfTheWorkerOnly) 
 TEST_F(WebWorkerServiceTests, FirstDirectoryThatCannotBeCreatedEndsTheConstruction) {
     for (int operation = 1; operation <= 3; ++operation) {
         faults_.set(Fault{.operation = operation, .code = ENOSPC});
-        EXPECT_THROW(ManagedWhatsAppWebWorkerService("whatsapp", environment_, files_, clock_, host_),
-                     FileSystemFailure);
+        EXPECT_THROW(
+            ManagedWhatsAppWebWorkerService("whatsapp", environment_, files_, clock_, host_, ::getppid()),
+            FileSystemFailure);
         EXPECT_EQ(faults_.operations().size(), static_cast<std::size_t>(operation));
     }
 }
 
 TEST_F(WebWorkerServiceTests, DirectoriesAreCreatedInOrder) {
     faults_.set(Fault{.operation = 99, .code = EIO});
-    const ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_);
+    const ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_,
+                                                  ::getppid());
     EXPECT_THAT(faults_.operations(), ElementsAre("create the directory " + directory_.path,
                                                   "create the directory " + directory_.inbound,
                                                   "create the directory " + directory_.runtime));
@@ -148,7 +151,8 @@ TEST_F(WebWorkerServiceTests, DirectoriesAreCreatedInOrder) {
 
 TEST_F(WebWorkerServiceTests, FreshServiceKnowsNothing) {
     clock_.turnTo(test::TestClock::start + seconds(7));
-    const ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_);
+    const ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_,
+                                                  ::getppid());
     const auto& state = service.state();
     EXPECT_EQ(state.workerState, "starting");
     EXPECT_EQ(state.workerDetail, "Launching managed WhatsApp Web worker.");
@@ -178,7 +182,7 @@ TEST_F(WebWorkerServiceTests, ProcessIdentifierIsWrittenAsPlainDigitsBeforeTheFi
 }
 
 TEST_F(WebWorkerServiceTests, StartFailsWhenTheProcessIdentifierCannotBeWritten) {
-    ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_);
+    ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_, ::getppid());
     faults_.set(Fault{.operation = 1, .code = ENOSPC});
     EXPECT_THROW(service.start(), FileSystemFailure);
     EXPECT_THAT(published(), IsEmpty());
@@ -188,7 +192,7 @@ TEST_F(WebWorkerServiceTests, StartFailsWhenTheProcessIdentifierCannotBeWritten)
 
 TEST_F(WebWorkerServiceTests, WorkGoesOnWhenTheFirstStatusCannotBeWritten) {
     host_.whileRunning = [] {};
-    ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_);
+    ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_, ::getppid());
     faults_.set(Fault{.operation = 2, .code = EIO});
     service.start();
     EXPECT_THAT(host_.log, ElementsAre(StartsWith("Failed to write worker status: ")));
@@ -295,7 +299,7 @@ TEST_F(WebWorkerServiceTests, PageThatLostItsProcessIsLoadedAgain) {
     run([this] {
         host_.advance(milliseconds(1500));
         EXPECT_TRUE(service_->state().isLinked);
-        service_->webProcessEnded("The page's process crashed.");
+        service_->pageLost("The page's process crashed.");
         EXPECT_FALSE(service_->state().isLinked);
         EXPECT_EQ(service_->state().displayName, std::nullopt);
         host_.advance(milliseconds(0));
@@ -307,12 +311,35 @@ TEST_F(WebWorkerServiceTests, PageThatLostItsProcessIsLoadedAgain) {
     });
 }
 
+TEST_F(WebWorkerServiceTests, ReasonOfALossStaysReadableUntilThePageIsLoadedAgain) {
+    answerAsLinkedPage();
+    run([this] {
+        watch("Family", "id");
+        const auto lose = [this] { service_->pageLost("The page's process crashed."); };
+        for (const int pause : {0, 1, 2}) {
+            lose();
+            host_.advance(seconds(pause));
+        }
+        host_.advance(seconds(10));
+        EXPECT_TRUE(service_->state().isLinked);
+        lose();
+        const auto published = files_.writes().size();
+        // Two ticks of each timer, in a pause of four seconds.
+        host_.advance(milliseconds(3'999));
+        EXPECT_EQ(service_->state().workerDetail,
+                  "Managed WhatsApp worker navigation failed: The page's process crashed.");
+        EXPECT_EQ(files_.writes().size(), published);
+        host_.advance(seconds(3));
+        EXPECT_TRUE(service_->state().isLinked);
+    });
+}
+
 TEST_F(WebWorkerServiceTests, PageThatStaysUpIsLoadedAtOnceWhenItDiesAgain) {
     run([this] {
         for (int death = 1; death <= 3; ++death) {
             service_->pageFinished();
             host_.advance(seconds(60));
-            service_->webProcessEnded("The page's process crashed.");
+            service_->pageLost("The page's process crashed.");
             host_.advance(milliseconds(0));
             EXPECT_EQ(host_.count(load_web_client), 1U + static_cast<std::size_t>(death));
         }
@@ -327,7 +354,7 @@ TEST_F(WebWorkerServiceTests, FreshLoadAllowsTwoReloadsAgain) {
     run([this] {
         host_.advance(seconds(120));
         EXPECT_EQ(host_.count("reload"), 2U);
-        service_->webProcessEnded("The page's process crashed.");
+        service_->pageLost("The page's process crashed.");
         host_.advance(seconds(120));
         EXPECT_EQ(host_.count("reload"), 4U);
     });
@@ -466,7 +493,7 @@ TEST_F(WebWorkerServiceTests, FreshLinkResetComesBeforeThePageLoad) {
     test::writeFileAtomically(directory_.freshLinkRequestFile, "");
     run([this] {
         EXPECT_EQ(host_.count(load_web_client), 0U);
-        host_.removals.at(0)();
+        host_.removals.at(0)(true);
         EXPECT_EQ(host_.count(load_web_client), 1U);
         EXPECT_FALSE(fs::exists(directory_.freshLinkRequestFile));
     });
@@ -477,6 +504,24 @@ TEST_F(WebWorkerServiceTests, FreshLinkResetComesBeforeThePageLoad) {
                     "starting: Managed WhatsApp worker cleared its local session. Loading a fresh WhatsApp "
                     "Web login page.",
                     loading));
+}
+
+TEST_F(WebWorkerServiceTests, ResetThatLeavesDataEndsTheWorkerAndStaysRequested) {
+    fs::create_directories(directory_.runtime);
+    test::writeFileAtomically(directory_.freshLinkRequestFile, "");
+    try {
+        run([this] {
+            host_.removals.at(0)(false);
+            EXPECT_TRUE(host_.hasEnded);
+        });
+        FAIL() << "no failure";
+    } catch (const Failure& failure) {
+        EXPECT_THAT(failure.what(), testing::StartsWith("The linked account cannot be forgotten: "));
+    }
+    EXPECT_EQ(host_.count(load_web_client), 0U);
+    EXPECT_TRUE(fs::exists(directory_.freshLinkRequestFile));
+    EXPECT_FALSE(fs::exists(directory_.workerPIDFile));
+    EXPECT_FALSE(fs::exists(directory_.workerStatusFile));
 }
 
 TEST_F(WebWorkerServiceTests, TimersTickWhileTheResetIsUnderWay) {
@@ -494,10 +539,10 @@ TEST_F(WebWorkerServiceTests, DeadPageIsNotLoadedWhileTheResetIsUnderWay) {
     fs::create_directories(directory_.runtime);
     test::writeFileAtomically(directory_.freshLinkRequestFile, "");
     run([this] {
-        service_->webProcessEnded("The page's process crashed.");
+        service_->pageLost("The page's process crashed.");
         host_.advance(seconds(5));
         EXPECT_EQ(host_.count(load_web_client), 0U);
-        host_.removals.at(0)();
+        host_.removals.at(0)(true);
         EXPECT_EQ(host_.count(load_web_client), 1U);
     });
 }
@@ -664,7 +709,7 @@ TEST_P(FaultyDayTests, NoFailingFileOperationEndsTheWorker) {
     int operation = 2;  // The first is the process identifier, without which there is no start.
     for (; wasMet; ++operation) {
         clock_.turnTo(test::TestClock::start);
-        ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_);
+        ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_, ::getppid());
         service_ = &service;
         host_.whileRunning = [&] {
             spendTheDay();
@@ -688,7 +733,10 @@ INSTANTIATE_TEST_SUITE_P(Persistence, FaultyDayTests,
                                          test::FaultInjectingFileManager::Persistence::fromThenOn));
 
 TEST_F(WebWorkerServiceTests, DestroyedServiceThatNeverStartedLeavesNothing) {
-    { const ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_); }
+    {
+        const ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_,
+                                                      ::getppid());
+    }
     EXPECT_THAT(test::namesIn(directory_.runtime), IsEmpty());
 }
 

@@ -153,7 +153,7 @@ class CrashRecoveryTests : public PageLoaderTests {
         parts_.files.forget();
     }
 
-    void end() { loader_.webProcessEnded("The page's process crashed."); }
+    void end() { loader_.pageLost("The page's process crashed."); }
     std::size_t loads() const { return parts_.host.count(load_web_client); }
     /// Ends the process and expects the reload exactly after `pause`.
     void expectReloadAfter(milliseconds pause) {
@@ -183,6 +183,18 @@ TEST_F(CrashRecoveryTests, FirstReloadComesAtOnceButNotFromWithinTheReport) {
     EXPECT_EQ(loads(), 0U);
     parts_.host.advance(milliseconds(0));
     EXPECT_EQ(loads(), 1U);
+}
+
+TEST_F(CrashRecoveryTests, ReloadIsPendingFromTheLossToTheLoad) {
+    EXPECT_FALSE(loader_.isReloadPending());
+    expectReloadAfter(seconds(0));
+    EXPECT_FALSE(loader_.isReloadPending());
+    end();
+    EXPECT_TRUE(loader_.isReloadPending());
+    parts_.host.advance(milliseconds(999));
+    EXPECT_TRUE(loader_.isReloadPending());
+    parts_.host.advance(milliseconds(1));
+    EXPECT_FALSE(loader_.isReloadPending());
 }
 
 TEST_F(CrashRecoveryTests, ErrorStaysReadableAfterTheReload) {
@@ -286,23 +298,41 @@ class FailedLoadTests : public PageLoaderTests {
     }
 
     std::size_t loads() const { return parts_.host.count(load_web_client); }
+    void fail() { loader_.provisionalNavigationFailed("The server was not found."); }
 };
 
+TEST_F(FailedLoadTests, IsPublishedWithoutTheAccount) {
+    state_.displayName = "Ann";
+    loader_.navigationFailed("The connection was lost.");
+    EXPECT_EQ(state_.displayName, std::nullopt);
+    fail();
+    EXPECT_THAT(
+        parts_.published(),
+        ElementsAre(
+            "error: Managed WhatsApp worker navigation failed: The connection was lost.",
+            "error: Managed WhatsApp worker provisional navigation failed: The server was not found."));
+}
+
+TEST_F(FailedLoadTests, LossWhileLoadingIsOneToo) {
+    loader_.navigationFailed("The connection was lost.");
+    parts_.host.advance(seconds(30));
+    EXPECT_EQ(loads(), 1U);
+}
+
 TEST_F(FailedLoadTests, PageIsLoadedAnewHalfAMinuteLater) {
-    loader_.loadFailed();
+    fail();
     parts_.host.advance(milliseconds(29'999));
     EXPECT_EQ(loads(), 0U);
     parts_.host.advance(milliseconds(1));
     EXPECT_EQ(loads(), 1U);
-    EXPECT_THAT(parts_.published(),
-                ElementsAre("starting: Loading WhatsApp Web in the managed runtime worker."));
+    EXPECT_EQ(state_.workerDetail, "Loading WhatsApp Web in the managed runtime worker.");
     EXPECT_EQ(state_.pageLoadIssuedAt, test::TestClock::start + seconds(30));
 }
 
 TEST_F(FailedLoadTests, HalfAMinuteCountsFromTheLastFailure) {
-    loader_.loadFailed();
+    fail();
     parts_.host.advance(seconds(24));
-    loader_.loadFailed();
+    fail();
     parts_.host.advance(milliseconds(29'999));
     EXPECT_EQ(loads(), 0U);
     parts_.host.advance(milliseconds(1));
@@ -311,7 +341,7 @@ TEST_F(FailedLoadTests, HalfAMinuteCountsFromTheLastFailure) {
 
 TEST_F(FailedLoadTests, PageIsLoadedAnewForAsLongAsItFails) {
     for (std::size_t load = 1; load <= 20; ++load) {
-        loader_.loadFailed();
+        fail();
         parts_.host.advance(seconds(30));
         EXPECT_EQ(loads(), load);
     }
@@ -320,7 +350,7 @@ TEST_F(FailedLoadTests, PageIsLoadedAnewForAsLongAsItFails) {
 }
 
 TEST_F(FailedLoadTests, PageThatHasBeenLoadedSinceIsLeftAlone) {
-    loader_.loadFailed();
+    fail();
     loader_.pageFinished();
     parts_.host.advance(seconds(600));
     EXPECT_EQ(loads(), 0U);
@@ -328,22 +358,22 @@ TEST_F(FailedLoadTests, PageThatHasBeenLoadedSinceIsLeftAlone) {
 
 TEST_F(FailedLoadTests, LinkedPageIsLeftAlone) {
     state_.isLinked = true;
-    loader_.loadFailed();
+    fail();
     parts_.host.advance(seconds(600));
     EXPECT_EQ(loads(), 0U);
 }
 
 TEST_F(FailedLoadTests, PageWithACodeIsLeftAlone) {
     test::writeFileAtomically(parts_.directory.workerQRCodeFile, "code");
-    loader_.loadFailed();
+    fail();
     parts_.host.advance(seconds(600));
     EXPECT_EQ(loads(), 0U);
 }
 
 TEST_F(FailedLoadTests, EndOfTheProcessGoesFirst) {
-    loader_.loadFailed();
-    loader_.webProcessEnded("The page's process crashed.");
-    loader_.loadFailed();
+    fail();
+    loader_.pageLost("The page's process crashed.");
+    fail();
     parts_.host.advance(milliseconds(0));
     EXPECT_EQ(loads(), 1U);
     parts_.host.advance(seconds(600));
@@ -351,14 +381,14 @@ TEST_F(FailedLoadTests, EndOfTheProcessGoesFirst) {
 }
 
 TEST_F(FailedLoadTests, PageThatIsClosedIsNotLoadedAnew) {
-    loader_.loadFailed();
+    fail();
     parts_.webView.reset();
     parts_.host.advance(seconds(600));
     EXPECT_EQ(loads(), 0U);
 }
 
 TEST_F(PageLoaderTests, EndBeforeTheFirstLoadLoadsNothing) {
-    loader_.webProcessEnded("The page's process crashed.");
+    loader_.pageLost("The page's process crashed.");
     parts_.host.advance(seconds(120));
     EXPECT_THAT(parts_.host.calls, IsEmpty());
     EXPECT_EQ(state_.workerState, "error");

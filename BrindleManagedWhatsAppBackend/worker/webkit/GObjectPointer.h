@@ -3,6 +3,7 @@
 #include <glib-object.h>
 
 #include <memory>
+#include <string>
 
 namespace brindle {
 
@@ -20,6 +21,18 @@ struct GFree {
 
 /// Owns a text that GLib allocated.
 using GText = std::unique_ptr<char, GFree>;
+
+/// A text that the library keeps, empty where there is none.
+inline std::string textOf(const char* text) {
+    return text == nullptr ? std::string() : std::string(text);
+}
+
+struct GBytesUnref {
+    void operator()(GBytes* bytes) const { g_bytes_unref(bytes); }
+};
+
+/// Owns a reference to bytes.
+using GBytesPointer = std::unique_ptr<GBytes, GBytesUnref>;
 
 struct GErrorFree {
     void operator()(GError* error) const { g_error_free(error); }

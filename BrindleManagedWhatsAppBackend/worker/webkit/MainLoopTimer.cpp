@@ -28,7 +28,7 @@ gint64 readyTime(const State& state) {
 void advance(State& state) {
     const gint64 interval = state.schedule.interval.count();
     const gint64 missed = (g_get_monotonic_time() - state.due) / interval;
-    state.due += interval * (missed > 0 ? missed : 1);
+    state.due += interval * (missed + 1);
 }
 
 gboolean dispatch(GSource* source, GSourceFunc /*callback*/, gpointer /*data*/) {

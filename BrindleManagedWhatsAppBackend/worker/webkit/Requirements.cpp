@@ -5,6 +5,7 @@
 #include <gtk/gtk.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <string>
 
@@ -95,7 +96,7 @@ void requireWorkingNamespaces() {
 
 }  // namespace
 
-void requireDisplay() {
+void prepareEnvironment() {
     // Nobody looks at the hidden window: no bridge to screen readers, no settings daemon, no user's modules.
     g_setenv("NO_AT_BRIDGE", "1", TRUE);
     g_setenv("GSETTINGS_BACKEND", "memory", TRUE);
@@ -103,18 +104,20 @@ void requireDisplay() {
     nameWaylandSocketWithoutPath();
     forgetUnusableRuntimeDirectory();
     startNoMessageBus();
+    // Each of these lets the engine run pages without a sandbox; a parent may pass them on unknowingly.
+    g_unsetenv("WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS");
+    g_unsetenv("SNAP");
+}
+
+void requireDisplay() {
     if (gtk_init_check(nullptr, nullptr)) return;
     throw Failure(
         "The built-in web worker needs a display and can reach neither an X server (DISPLAY) nor a Wayland "
         "compositor (WAYLAND_DISPLAY); start the parent in a desktop session or provide one, for example "
-        "with "
-        "Xvfb.");
+        "with Xvfb.");
 }
 
 void requireSandbox() {
-    // Each of these lets the engine run pages without a sandbox; a parent may pass them on unknowingly.
-    g_unsetenv("WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS");
-    g_unsetenv("SNAP");
     if (g_file_test("/.flatpak-info", G_FILE_TEST_EXISTS)) {
         failWithoutSandbox("the engine does not set one up inside a Flatpak");
     }

@@ -20,10 +20,6 @@ std::unique_ptr<GUri, UriUnref> parsed(const std::string& url) {
         g_uri_parse(url.c_str(), static_cast<GUriFlags>(SOUP_HTTP_URI_FLAGS), nullptr));
 }
 
-std::string textOf(const char* text) {
-    return text == nullptr ? std::string() : std::string(text);
-}
-
 std::string registrableDomain(const std::string& host) {
     // Hosts such as localhost and plain addresses have no such domain and stand for themselves.
     const char* domain = soup_tld_get_base_domain(host.c_str(), nullptr);

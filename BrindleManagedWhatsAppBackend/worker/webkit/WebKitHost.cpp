@@ -17,6 +17,8 @@ namespace brindle {
 namespace {
 
 constexpr int private_directory_mode = 0700;
+/// They end the worker.
+constexpr std::array end_signals{SIGTERM, SIGINT, SIGHUP};
 /// Far more than the engine needs to let go, should something keep the main loop busy for ever.
 constexpr int most_last_turns = 1000;
 
@@ -52,9 +54,22 @@ GObjectPointer<WebKitWebsiteDataManager> openWebsiteData(const std::string& appl
     return manager;
 }
 
-GObjectPointer<WebKitWebContext> makeContext(const std::string& applicationName) {
-    const auto manager = openWebsiteData(applicationName);
-    GObjectPointer<WebKitWebContext> context(webkit_web_context_new_with_website_data_manager(manager.get()));
+struct MemoryPressureSettingsFree {
+    void operator()(WebKitMemoryPressureSettings* settings) const {
+        webkit_memory_pressure_settings_free(settings);
+    }
+};
+using MemoryPressureSettings = std::unique_ptr<WebKitMemoryPressureSettings, MemoryPressureSettingsFree>;
+
+GObjectPointer<WebKitWebContext> makeContext(const WebWorkerHostOptions& options) {
+    const auto manager = openWebsiteData(options.applicationName);
+    constexpr double at_the_limit = 1.0;
+    const MemoryPressureSettings memory(webkit_memory_pressure_settings_new());
+    webkit_memory_pressure_settings_set_memory_limit(memory.get(), options.pageMemoryLimit_mebibytes);
+    webkit_memory_pressure_settings_set_kill_threshold(memory.get(), at_the_limit);
+    GObjectPointer<WebKitWebContext> context(
+        WEBKIT_WEB_CONTEXT(g_object_new(WEBKIT_TYPE_WEB_CONTEXT, "website-data-manager", manager.get(),
+                                        "memory-pressure-settings", memory.get(), nullptr)));
     webkit_web_context_set_sandbox_enabled(context.get(), TRUE);
     // One page that is never left needs no store of decoded resources.
     webkit_web_context_set_cache_model(context.get(), WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
@@ -71,16 +86,20 @@ gboolean endHost(gpointer host) {
 
 WebKitHost::WebKitHost(const WebWorkerHostOptions& options)
     : options_(options), log_(options.logSubsystem, options.logCategory) {
+    prepareEnvironment();
     requireDisplay();
     requireSandbox();
     g_set_prgname(options.applicationName.c_str());
-    signalSources_ = {g_unix_signal_add(SIGTERM, endHost, this), g_unix_signal_add(SIGINT, endHost, this),
-                      g_unix_signal_add(SIGHUP, endHost, this)};
-    context_ = makeContext(options.applicationName);
+    context_ = makeContext(options);
+    for (std::size_t index = 0; index < end_signals.size(); ++index) {
+        signalSources_.at(index) = g_unix_signal_add(end_signals.at(index), endHost, this);
+    }
 }
 
 WebKitHost::~WebKitHost() {
     for (const guint source : signalSources_) g_source_remove(source);
+    // The end is under way; asking for it again must not cut it short.
+    for (const int number : end_signals) ::signal(number, SIG_IGN);
     context_.reset();
     // The engine lets go of its processes in what it has left for the main loop to do; only then do these
     // store what they still hold, such as a login of the last second.

@@ -8,12 +8,12 @@
 namespace brindle {
 namespace {
 
-std::string textOf(const char* text) {
-    return text == nullptr ? std::string() : std::string(text);
-}
-
 /// What a page throws or names may be of any length, and is published.
 constexpr std::size_t longest_sentence_bytes = 2000;
+
+/// Longer than everything that a page keeps of an honest day. What is longer a page has made up, and taking
+/// it to pieces would keep the worker from everything else.
+constexpr std::size_t longest_answer_bytes = std::size_t{16} << 20U;
 
 /// One sentence, for people.
 std::string sentence(const GError& error) {
@@ -72,11 +72,15 @@ WebKitWebView* makeView(const WebWorkerHostOptions& options, WebKitWebContext& c
 
 EvaluationOutcome outcomeOf(JSCValue& value) {
     if (!jsc_value_is_string(&value)) return {};
-    GBytes* bytes = jsc_value_to_string_as_bytes(&value);
+    const GBytesPointer bytes(jsc_value_to_string_as_bytes(&value));
     gsize size = 0;
-    const auto* data = static_cast<const char*>(g_bytes_get_data(bytes, &size));
-    EvaluationOutcome outcome{.value = std::string(data == nullptr ? "" : data, size), .error = std::nullopt};
-    g_bytes_unref(bytes);
+    const auto* data = static_cast<const char*>(g_bytes_get_data(bytes.get(), &size));
+    EvaluationOutcome outcome;
+    if (size > longest_answer_bytes) {
+        outcome.error = "The page's answer is too long.";
+    } else {
+        outcome.value = std::string(data == nullptr ? "" : data, size);
+    }
     return outcome;
 }
 
@@ -91,10 +95,41 @@ void evaluationDone(GObject* view, GAsyncResult* result, gpointer data) {
     (*done)(value ? outcomeOf(*value) : EvaluationOutcome{.value = std::nullopt, .error = sentence(*error)});
 }
 
-void removalDone(GObject* manager, GAsyncResult* result, gpointer data) {
-    const std::unique_ptr<std::function<void()>> done(static_cast<std::function<void()>*>(data));
-    webkit_website_data_manager_clear_finish(WEBKIT_WEBSITE_DATA_MANAGER(manager), result, nullptr);
-    (*done)();
+/// A removal of all website data. The engine reports every one as done, even when the process that should
+/// have done it died meanwhile, so what is left is looked up, and removed again.
+struct Removal {
+    std::function<void(bool isGone)> done;
+    int attempts = 0;
+};
+
+constexpr int most_removal_attempts = 3;
+
+void removeData(WebKitWebsiteDataManager* manager, std::unique_ptr<Removal> removal);
+
+void remainsListed(GObject* source, GAsyncResult* result, gpointer data) {
+    std::unique_ptr<Removal> removal(static_cast<Removal*>(data));
+    auto* manager = WEBKIT_WEBSITE_DATA_MANAGER(source);
+    GError* error = nullptr;
+    GList* remains = webkit_website_data_manager_fetch_finish(manager, result, &error);
+    const GErrorPointer owned(error);
+    const bool isGone = remains == nullptr && !owned;
+    g_list_free_full(remains,
+                     [](gpointer item) { webkit_website_data_unref(static_cast<WebKitWebsiteData*>(item)); });
+    if (!isGone && removal->attempts < most_removal_attempts) return removeData(manager, std::move(removal));
+    removal->done(isGone);
+}
+
+void dataRemoved(GObject* source, GAsyncResult* result, gpointer removal) {
+    auto* manager = WEBKIT_WEBSITE_DATA_MANAGER(source);
+    webkit_website_data_manager_clear_finish(manager, result, nullptr);
+    webkit_website_data_manager_fetch(manager, WEBKIT_WEBSITE_DATA_ALL, nullptr, remainsListed, removal);
+}
+
+void removeData(WebKitWebsiteDataManager* manager, std::unique_ptr<Removal> removal) {
+    constexpr GTimeSpan of_all_time = 0;
+    ++removal->attempts;
+    webkit_website_data_manager_clear(manager, WEBKIT_WEBSITE_DATA_ALL, of_all_time, nullptr, dataRemoved,
+                                      removal.release());
 }
 
 }  // namespace
@@ -142,11 +177,9 @@ void WebKitPage::evaluate(const std::string& script, std::function<void(Evaluati
                                         new EvaluationCallback(std::move(done)));
 }
 
-void WebKitPage::removeAllWebsiteData(std::function<void()> done) {
-    constexpr GTimeSpan of_all_time = 0;
-    webkit_website_data_manager_clear(webkit_web_view_get_website_data_manager(view_),
-                                      WEBKIT_WEBSITE_DATA_ALL, of_all_time, nullptr, removalDone,
-                                      new std::function<void()>(std::move(done)));
+void WebKitPage::removeAllWebsiteData(std::function<void(bool isGone)> done) {
+    removeData(webkit_web_view_get_website_data_manager(view_),
+               std::make_unique<Removal>(Removal{.done = std::move(done)}));
 }
 
 void WebKitPage::endProcess() {
@@ -200,7 +233,9 @@ void WebKitPage::load() {
     site_ = Site(source_.address);
     progress_ = Progress::provisional;
     if (source_.text) {
-        webkit_web_view_load_html(view_, source_.text->c_str(), source_.address.c_str());
+        // As bytes, because a text may contain the character U+0000.
+        const GBytesPointer bytes(g_bytes_new(source_.text->data(), source_.text->size()));
+        webkit_web_view_load_bytes(view_, bytes.get(), "text/html", "UTF-8", source_.address.c_str());
     } else {
         webkit_web_view_load_uri(view_, source_.address.c_str());
     }
@@ -237,7 +272,7 @@ void WebKitPage::documentCommitted() {
     if (site_->contains(address)) return;
     // Addresses such as about:blank are there before anybody can refuse them.
     progress_ = Progress::idle;
-    delegate_.webProcessEnded("The page left its site for " + shown(address) + ".");
+    delegate_.pageLost("The page left its site for " + shown(address) + ".");
 }
 
 void WebKitPage::loadFailed(WebKitLoadEvent event, const std::string& address, const GError& error) {
@@ -314,7 +349,7 @@ void WebKitPage::processTerminated(WebKitWebProcessTerminationReason reason) {
     stallTimer_.reset();
     progress_ = Progress::idle;
     const bool isOurs = reason == WEBKIT_WEB_PROCESS_TERMINATED_BY_API && endReason_ != nullptr;
-    delegate_.webProcessEnded(isOurs ? std::exchange(endReason_, nullptr) : describe(reason));
+    delegate_.pageLost(isOurs ? std::exchange(endReason_, nullptr) : describe(reason));
 }
 
 }  // namespace brindle

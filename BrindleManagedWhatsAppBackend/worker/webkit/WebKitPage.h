@@ -34,7 +34,7 @@ class WebKitPage final : public WebPage {
     void loadAddress(const std::string& address, std::chrono::seconds timeout) override;
     void reload() override;
     void evaluate(const std::string& script, std::function<void(EvaluationOutcome)> done) override;
-    void removeAllWebsiteData(std::function<void()> done) override;
+    void removeAllWebsiteData(std::function<void(bool isGone)> done) override;
     void endProcess() override;
     void orderOut() override;
 
