@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -225,15 +227,21 @@ TEST(DataDirectory, BlankRuntimeDirectoryCountsAsAbsent) {
     EXPECT_TRUE(fs::exists(place.path() / "Brindle/ManagedBridge/whatsapp"));
 }
 
-/// Removes what a backend without any temporary directory of its own leaves below /tmp.
+/// Removes what a backend without any temporary directory of its own leaves below /tmp. No two tests on the
+/// machine have one at a time: they would take each other's common parents away, which must not stay for the
+/// tests of another user either.
 class LeftoversBelowTmp {
   public:
-    explicit LeftoversBelowTmp(const std::string& platform) : platform_(platform) {}
+    explicit LeftoversBelowTmp(const std::string& platform)
+        : platform_(platform), tmp_(::open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        if (::flock(tmp_, LOCK_EX) != 0) throw TestFailure("cannot lock /tmp");
+    }
     ~LeftoversBelowTmp() {
         std::error_code ignored;
         fs::remove_all(path(), ignored);
         fs::remove(path().parent_path(), ignored);  // Only when nothing else is there.
         fs::remove(path().parent_path().parent_path(), ignored);
+        ::close(tmp_);
     }
     LeftoversBelowTmp(const LeftoversBelowTmp&) = delete;
     LeftoversBelowTmp& operator=(const LeftoversBelowTmp&) = delete;
@@ -242,22 +250,21 @@ class LeftoversBelowTmp {
 
   private:
     std::string platform_;
+    int tmp_;
 };
 
-class NoTemporaryDirectoryNamed : public testing::TestWithParam<bool> {};
-
-TEST_P(NoTemporaryDirectoryNamed, TmpIsTheBase) {
-    const std::string platform = "test-" + std::to_string(getpid());
-    const LeftoversBelowTmp leftovers(platform);
-    BackendOptions options = optionsWithDefaultDirectory("");
-    if (!GetParam()) options.environment.erase("TMPDIR");
-    options.arguments = {"--platform", platform};
-    BackendProcess backend(options);
-    greetAndFinish(backend);
-    EXPECT_EQ(publishedDirectory(leftovers.path()), leftovers.path().string());
+TEST(DataDirectory, TmpIsTheBaseWhereNoTemporaryDirectoryIsNamed) {
+    for (const bool isEmpty : {true, false}) {
+        const std::string platform = "test-" + std::to_string(getpid());
+        const LeftoversBelowTmp leftovers(platform);
+        BackendOptions options = optionsWithDefaultDirectory("");
+        if (!isEmpty) options.environment.erase("TMPDIR");
+        options.arguments = {"--platform", platform};
+        BackendProcess backend(options);
+        greetAndFinish(backend);
+        EXPECT_EQ(publishedDirectory(leftovers.path()), leftovers.path().string()) << isEmpty;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(EmptyOrAbsent, NoTemporaryDirectoryNamed, testing::Bool());
 
 // Its directories.
 

@@ -249,8 +249,7 @@ TEST_F(NativeWorkerTest, RejectsWhatItCannotUse) {
                 ElementsAre("broken.json", "directory.json", "other.json"));
     EXPECT_THAT(namesIn(path("inbound")), ElementsAre("echo-good.json"));
     for (const auto* name : {"broken.json", "other.json", "directory.json"}) {
-        EXPECT_THAT(worker.standardError(),
-                    HasSubstr(std::string("Rejected outbound record ") + name + ": "));
+        worker.waitForStandardError(std::string("Rejected outbound record ") + name + ": ");
     }
 }
 

@@ -1,5 +1,10 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
+#include "support/Processes.h"
 #include "support/WorkerCost.h"
 
 namespace brindle::test {
@@ -9,18 +14,20 @@ TEST(WebWorkerCost, AnIdleTreeStaysWithinItsMemory) {
     constexpr std::chrono::seconds some_ticks{3};
     IdleWorker idle;
     const auto costs = idle.measure(some_ticks);
-    ASSERT_GE(costs.size(), 4U) << "the worker, its guard, the network process and the page's process";
-    for (const auto& process : costs) EXPECT_GT(process.memory_mebibytes, 0) << process.name;
+    std::vector<std::string> names;
+    for (const auto& process : costs) names.push_back(process.name);
+    EXPECT_THAT(names, testing::IsSupersetOf(
+                           {"BrindleManagedW", "brindle-guard", network_process_name, web_process_name}));
     EXPECT_LT(total(costs).memory_mebibytes, most_memory_mebibytes);
 }
 
 TEST(WebWorkerCost, AnIdleTreeLeavesTheProcessorAlone) {
-    // Processor time does not depend on what else runs, but caches and clock rates do: three times the bound
-    // that worker_bench shows on a quiet machine.
-    constexpr double margin = 3;
+    // What a busy machine adds to a share is hard to tell: worker_bench holds it to most_processor_percent on
+    // a quiet one. Here only something that never comes to rest is too much.
+    constexpr double restless_percent = 25;
     constexpr std::chrono::seconds long_enough{12};
     IdleWorker idle;
-    EXPECT_LT(total(idle.measure(long_enough)).processor_percent, margin * most_processor_percent);
+    EXPECT_LT(total(idle.measure(long_enough)).processor_percent, restless_percent);
 }
 
 }  // namespace

@@ -79,7 +79,7 @@ TEST(WebWorkerResilience, TheNetworksProcessMayDieToo) {
 
 TEST(WebWorkerResilience, APageThatHangsHoldsUpNothingButItsOwnScripts) {
     // Twice, when the page begins to hang between the two scripts of a tick.
-    constexpr std::chrono::seconds longer_than_the_limit{100};
+    constexpr std::chrono::seconds longer_than_the_limit{180};
     DrivenPage page("client.login()");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()).withoutJournal());
     worker.waitForState("waiting_for_qr");
@@ -168,7 +168,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& instance) { return instance.param.name; });
 
 TEST(WebWorkerResilience, APageThatTheNetworkWithheldIsLoadedOnceThereIsANetwork) {
-    constexpr std::chrono::seconds longer_than_the_pause{90};
+    constexpr std::chrono::seconds longer_than_the_pause{180};
     std::atomic<bool> isBack = false;
     const LoopbackServer server([&](const LoopbackServer::Request&) {
         return LoopbackServer::Response{.body = "<body><div id=side>chats</div></body>",

@@ -372,8 +372,12 @@ class WorkerSurroundings : public WorkerChoice {
     pid_t startBackend() {
         start().greet();
         worker_ = waitForOnlyChild(backend().pid());
-        waitUntil([&] { return programOf(worker_) == "tail"; }, "the program of the worker");
+        waitForProgram(worker_);
         return worker_;
+    }
+    static void waitForProgram(pid_t worker) {
+        waitUntil([&] { return programOf(worker) == "tail" && isSetUp(worker); },
+                  "the program of the worker");
     }
     Environment expectedEnvironment() {
         Environment environment = options_.environment;
@@ -466,7 +470,7 @@ TEST_F(WorkerSurroundings, PlatformOfTheCommandLineIsHandedOn) {
     set("BRINDLE_MANAGED_BRIDGE_WORKER_PATH", putWorker(place() / "worker"));
     start();
     const pid_t worker = waitForOnlyChild(backend().pid());
-    waitUntil([&] { return programOf(worker) == "tail"; }, "the program of the worker");
+    waitForProgram(worker);
     EXPECT_EQ(environmentOf(worker).at("BRINDLE_MANAGED_BRIDGE_PLATFORM"), "signal");
 }
 
@@ -524,7 +528,7 @@ class InheritedTrouble : public WorkerSurroundings {
     }
 
   private:
-    static bool isAsleep(pid_t pid) { return argumentsOf(pid) == std::vector<std::string>{"sleep", "120"}; }
+    static bool isAsleep(pid_t pid) { return argumentsOf(pid) == std::vector<std::string>{"sleep", "600"}; }
 
     std::string trailing_command_;
     WorkerScript worker_{"stay"};

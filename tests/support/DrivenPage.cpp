@@ -9,7 +9,9 @@
 namespace brindle::test {
 namespace {
 
-// It keeps what it needs of the page's globals, because tests tamper with those.
+// It keeps what it needs of the page's globals, because tests tamper with those. An order is the number of a
+// script and its text. The same number again means that the result has been lost on its way; a document that
+// replaces the one that was given the order has yet to run it.
 constexpr const char* driver = R"html(<!doctype html><meta charset="utf-8"><title>Client</title><body>
 <script>
 (() => {
@@ -18,6 +20,8 @@ constexpr const char* driver = R"html(<!doctype html><meta charset="utf-8"><titl
     const later = window.setTimeout.bind(window);
     const encode = window.encodeURIComponent;
     const text = String;
+    let last = 0;
+    let result = "";
     const run = (script) => {
         try {
             return "ok " + text(evaluate(script));
@@ -27,8 +31,14 @@ constexpr const char* driver = R"html(<!doctype html><meta charset="utf-8"><titl
     };
     const obey = async () => {
         try {
-            const script = await (await load("/next", { cache: "no-store" })).text();
-            if (script) { await load("/result?" + encode(run(script))); }
+            const order = evaluate(await (await load("/next", { cache: "no-store" })).text());
+            if (order) {
+                if (order[0] !== last) {
+                    last = order[0];
+                    result = run(order[1]);
+                }
+                await load("/result?" + last + "&" + encode(result));
+            }
         } catch { /* The server is busy or the page is being left. */ }
         later(obey, 20);
     };
@@ -123,13 +133,35 @@ LoopbackServer::Response DrivenPage::answer(const LoopbackServer::Request& reque
     constexpr std::string_view result_path = "/result?";
     const std::lock_guard lock(mutex_);
     if (request.path == "/") return {.body = driver + ("<script>" + atLoad_ + "</script>")};
-    if (request.path == "/next") return {.body = std::exchange(script_, {}), .type = "text/plain"};
+    if (request.path == "/next") return {.body = nextOrder(), .type = "text/plain"};
     if (request.path.starts_with(result_path)) {
-        result_ = percentDecoded(request.path.substr(result_path.size()));
+        takeResult(request.path.substr(result_path.size()));
         return {};
     }
     if (other_) return other_(request);
     return {.status = "404 Not Found"};
+}
+
+std::string DrivenPage::nextOrder() {
+    if (!order_) return {};
+    const auto text = "[" + std::to_string(order_->number) + ", " + scriptString(order_->script) + "]";
+    if (!order_->wantsResult) order_.reset();
+    return text;
+}
+
+void DrivenPage::takeResult(const std::string& answer) {
+    const auto end = answer.find('&');
+    // Others are those of posted scripts, or have been sent twice.
+    if (!order_ || end == std::string::npos || answer.substr(0, end) != std::to_string(order_->number))
+        return;
+    result_ = percentDecoded(answer.substr(end + 1));
+    order_.reset();
+}
+
+void DrivenPage::give(const std::string& script, bool wantsResult) {
+    const std::lock_guard lock(mutex_);
+    order_ = {.number = ++lastNumber_, .script = script, .wantsResult = wantsResult};
+    result_.reset();
 }
 
 std::size_t DrivenPage::loads() const {
@@ -139,25 +171,18 @@ std::size_t DrivenPage::loads() const {
 }
 
 void DrivenPage::post(const std::string& script) {
-    {
-        const std::lock_guard lock(mutex_);
-        script_ = script;
-    }
+    give(script, false);
     waitUntil(
         [&] {
             const std::lock_guard lock(mutex_);
-            return script_.empty();
+            return !order_;
         },
         "the page to take " + script);
 }
 
 std::string DrivenPage::run(const std::string& script) {
     constexpr std::string_view success = "ok ";
-    {
-        const std::lock_guard lock(mutex_);
-        script_ = script;
-        result_.reset();
-    }
+    give(script, true);
     std::string result;
     waitUntil(
         [&] {

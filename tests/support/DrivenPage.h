@@ -33,18 +33,31 @@ class DrivenPage {
     /// How often the page was loaded so far.
     std::size_t loads() const;
 
-    /// Runs a script in the page and gives its result as text; fails the test when the script throws.
+    /// Runs a script in the page and gives its result as text; fails the test when the script throws. A
+    /// document that goes before it has answered leaves the script to the next one.
     std::string run(const std::string& script);
     /// Runs a script after which the page cannot answer; returns once the page has taken it.
     void post(const std::string& script);
 
   private:
+    /// A script that the page is to run.
+    struct Order {
+        int number = 0;
+        std::string script;
+        /// It stays until its result has come, and not only until it is taken.
+        bool wantsResult = false;
+    };
+
     LoopbackServer::Response answer(const LoopbackServer::Request& request);
+    void give(const std::string& script, bool wantsResult);
+    std::string nextOrder();
+    void takeResult(const std::string& answer);
 
     std::string atLoad_;
     Handler other_;
     std::mutex mutex_;
-    std::string script_;
+    int lastNumber_ = 0;
+    std::optional<Order> order_;
     std::optional<std::string> result_;
     /// Last, so that it stops answering before anything else goes.
     std::unique_ptr<LoopbackServer> server_;

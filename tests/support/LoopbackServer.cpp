@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,6 +11,39 @@
 #include "support/BackendProcess.h"
 
 namespace brindle::test {
+namespace {
+
+/// The head of a request; empty when the client goes without one, as engines do that open connections on
+/// suspicion.
+std::string requestFrom(int socket) {
+    std::string text;
+    std::array<char, 4096> buffer{};
+    while (text.find("\r\n\r\n") == std::string::npos) {
+        const auto length = ::read(socket, buffer.data(), buffer.size());
+        if (length <= 0) return {};
+        text.append(buffer.data(), static_cast<std::size_t>(length));
+    }
+    return text;
+}
+
+void waitForEnd(int socket) {
+    std::array<char, 4096> buffer{};
+    while (::read(socket, buffer.data(), buffer.size()) > 0) {
+    }
+}
+
+void send(int socket, const LoopbackServer::Response& response) {
+    const std::string reply = "HTTP/1.1 " + response.status + "\r\nContent-Type: " + response.type +
+                              "\r\nContent-Length: " + std::to_string(response.body.size()) +
+                              "\r\nConnection: close\r\n" + response.headers + "\r\n" + response.body;
+    for (std::size_t sent = 0; sent < reply.size();) {
+        const auto length = ::send(socket, reply.data() + sent, reply.size() - sent, MSG_NOSIGNAL);
+        if (length <= 0) break;
+        sent += static_cast<std::size_t>(length);
+    }
+}
+
+}  // namespace
 
 LoopbackServer::LoopbackServer(Handler handler) : handler_(std::move(handler)) {
     listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -33,7 +65,13 @@ LoopbackServer::~LoopbackServer() {
     ::shutdown(listener_, SHUT_RDWR);
     thread_.join();
     ::close(listener_);
-    for (const int connection : hanging_) ::close(connection);
+    {
+        const std::lock_guard lock(mutex_);
+        for (const auto& connection : connections_) {
+            if (connection.socket >= 0) ::shutdown(connection.socket, SHUT_RDWR);
+        }
+    }
+    connections_.clear();
 }
 
 std::string LoopbackServer::url(const std::string& path) const {
@@ -51,47 +89,43 @@ std::vector<LoopbackServer::Request> LoopbackServer::requests() const {
 
 void LoopbackServer::serve() {
     while (!stopping_) {
-        const int connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (connection >= 0) answer(connection);
+        const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (socket < 0) continue;
+        forgetClosed();
+        const std::lock_guard lock(mutex_);
+        auto& connection = connections_.emplace_back(Connection{.socket = socket});
+        connection.thread = std::jthread([this, socket, &connection] {
+            converse(socket);
+            const std::lock_guard hold(mutex_);
+            ::close(std::exchange(connection.socket, -1));
+        });
     }
 }
 
-void LoopbackServer::answer(int connection) {
-    // Engines open connections on suspicion; one without a request must not keep the others waiting.
-    const timeval patience{.tv_sec = 2, .tv_usec = 0};
-    ::setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    std::string text;
-    std::array<char, 4096> buffer{};
-    while (text.find("\r\n\r\n") == std::string::npos) {
-        const auto length = ::read(connection, buffer.data(), buffer.size());
-        if (length <= 0) {
-            ::close(connection);
-            return;
-        }
-        text.append(buffer.data(), static_cast<std::size_t>(length));
-    }
-    const auto start = text.find(' ') + 1;
-    const Request request{.path = text.substr(start, text.find(' ', start) - start), .headers = text};
-    const Response response = handler_(request);
+void LoopbackServer::forgetClosed() {
     const std::lock_guard lock(mutex_);
-    requests_.push_back(request);
+    connections_.remove_if([](const Connection& connection) { return connection.socket < 0; });
+}
+
+void LoopbackServer::converse(int socket) {
+    const auto text = requestFrom(socket);
+    if (text.empty()) return;
+    const auto start = text.find(' ') + 1;
+    const auto response =
+        responseTo({.path = text.substr(start, text.find(' ', start) - start), .headers = text});
+    if (response.breaksOff) return;
     if (response.hangs) {
-        hanging_.push_back(connection);
-        return;
+        waitForEnd(socket);
+    } else {
+        send(socket, response);
     }
-    if (response.breaksOff) {
-        ::close(connection);
-        return;
-    }
-    const std::string reply = "HTTP/1.1 " + response.status + "\r\nContent-Type: " + response.type +
-                              "\r\nContent-Length: " + std::to_string(response.body.size()) +
-                              "\r\nConnection: close\r\n" + response.headers + "\r\n" + response.body;
-    for (std::size_t sent = 0; sent < reply.size();) {
-        const auto length = ::send(connection, reply.data() + sent, reply.size() - sent, MSG_NOSIGNAL);
-        if (length <= 0) break;
-        sent += static_cast<std::size_t>(length);
-    }
-    ::close(connection);
+}
+
+LoopbackServer::Response LoopbackServer::responseTo(const Request& request) {
+    const std::lock_guard lock(mutex_);
+    const auto response = handler_(request);
+    requests_.push_back(request);
+    return response;
 }
 
 }  // namespace brindle::test

@@ -2,7 +2,7 @@
 
 #include <atomic>
 #include <functional>
-#include <map>
+#include <list>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -10,7 +10,8 @@
 
 namespace brindle::test {
 
-/// A web server on 127.0.0.1 for pages that must have a real origin.
+/// A web server on 127.0.0.1 for pages that must have a real origin. However long a client takes over its
+/// request, it holds nobody else up; the handler is called for one request at a time.
 class LoopbackServer {
   public:
     struct Request {
@@ -43,15 +44,25 @@ class LoopbackServer {
     std::vector<Request> requests() const;
 
   private:
+    /// A client's connection and the thread that serves it.
+    struct Connection {
+        int socket;  ///< -1 once it is closed.
+        std::jthread thread{};
+    };
+
     void serve();
-    void answer(int connection);
+    void forgetClosed();
+    /// Serves a client until it or the server goes.
+    void converse(int socket);
+    Response responseTo(const Request& request);
 
     Handler handler_;
     int listener_ = -1;
     int port_ = 0;
     mutable std::mutex mutex_;
     std::vector<Request> requests_;
-    std::vector<int> hanging_;
+    /// Only the accepting thread adds and removes; the sockets belong to the lock.
+    std::list<Connection> connections_;
     std::atomic<bool> stopping_{false};
     std::thread thread_;
 };

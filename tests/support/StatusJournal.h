@@ -17,8 +17,10 @@ namespace brindle::test {
 /// Collects every worker status that is written into a runtime directory, in order, so that a test can tell
 /// what came after what without looking at a clock.
 ///
-/// Where this user may, it is given each file as it is closed (fanotify) and misses nothing. Elsewhere it
-/// reads the file whenever it was replaced (inotify), and two statuses written in one go may look like one.
+/// Where this user may, it is given each file as it is closed (fanotify) and misses nothing. That is while
+/// the file still has its hidden name: a status is here a moment before it is in "worker-status.json", and
+/// also when its renaming fails. Elsewhere it reads the file whenever it was replaced (inotify), and two
+/// statuses written in one go may look like one.
 class StatusJournal {
   public:
     using Predicate = std::function<bool(const nlohmann::json&)>;
@@ -29,6 +31,8 @@ class StatusJournal {
     StatusJournal(const StatusJournal&) = delete;
     StatusJournal& operator=(const StatusJournal&) = delete;
 
+    /// Whether it misses nothing.
+    bool isExact() const { return isExact_; }
     /// Every status so far.
     std::vector<nlohmann::json> statuses() const;
     /// Every `detail` so far.

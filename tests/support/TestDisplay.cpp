@@ -65,9 +65,10 @@ bool TestDisplay::startX11(int number) {
     std::array<int, 2> ends{};
     if (::pipe(ends.data()) != 0) throw TestFailure("cannot make a pipe");
     name_ = ":" + std::to_string(number);
-    server_ =
-        startServer({"Xvfb", name_, "-displayfd", "3", "-screen", "0", "640x480x24", "-nolisten", "tcp"},
-                    directory_.path() / "log", ends[1]);
+    // Without resets: at the end of its last client it would also throw out whoever has just connected.
+    server_ = startServer(
+        {"Xvfb", name_, "-displayfd", "3", "-screen", "0", "640x480x24", "-nolisten", "tcp", "-noreset"},
+        directory_.path() / "log", ends[1]);
     ::close(ends[1]);
     // It tells its number and a line feed, one after the other, once it takes clients.
     char character = 0;

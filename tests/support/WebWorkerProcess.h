@@ -71,7 +71,8 @@ class WebWorkerProcess {
     /// As watch(); returns once the chat is open and its history is known.
     void watchUntilOpen(const std::string& title, const std::string& id = "team-room");
 
-    /// Waits until `count` records have arrived, and gives them in the order of their arrival.
+    /// Waits until `count` records have arrived, and gives them by the times of their files. Those are too
+    /// coarse to tell in which order records arrived that came within some milliseconds.
     std::vector<nlohmann::json> waitForRecords(std::size_t count);
     /// The texts of waitForRecords().
     std::vector<std::string> waitForTexts(std::size_t count);

@@ -1,6 +1,6 @@
 #include "support/WorkerCost.h"
 
-#include <algorithm>
+#include <fstream>
 #include <map>
 
 #include "support/Processes.h"
@@ -10,10 +10,11 @@ namespace {
 
 constexpr double bytes_per_mebibyte = 1024.0 * 1024.0;
 
-/// The name that the process has given itself.
+/// The name that the process has given itself; empty when it is gone.
 std::string nameOf(pid_t process) {
-    std::string name = readFile("/proc/" + std::to_string(process) + "/comm");
-    name.resize(std::min(name.find('\n'), name.size()));
+    std::ifstream file("/proc/" + std::to_string(process) + "/comm");
+    std::string name;
+    std::getline(file, name);
     return name;
 }
 
@@ -41,10 +42,14 @@ std::vector<ProcessCost> IdleWorker::measure(std::chrono::seconds idle) {
     std::vector<ProcessCost> costs;
     for (const pid_t process : tree) {
         constexpr double percent = 100;
-        costs.push_back(
-            {.name = nameOf(process),
-             .memory_mebibytes = static_cast<double>(proportionalSetBytes(process)) / bytes_per_mebibyte,
-             .processor_percent = percent * (processorSeconds(process) - before[process]) / elapsed});
+        const double used = processorSeconds(process) - before[process];
+        const auto name = nameOf(process);
+        const auto memory = proportionalSetBytes(process);
+        // It has ended meanwhile; asked last, this also holds for what was read before.
+        if (memory == 0) continue;
+        costs.push_back({.name = name,
+                         .memory_mebibytes = static_cast<double>(memory) / bytes_per_mebibyte,
+                         .processor_percent = percent * used / elapsed});
     }
     return costs;
 }

@@ -27,7 +27,7 @@ class IdleWorker {
     /// Returns once the watched chat is open.
     IdleWorker();
 
-    /// The cost of every process of the tree, measured over `idle`.
+    /// The cost of every process of the tree that lives on, measured over `idle`.
     std::vector<ProcessCost> measure(std::chrono::seconds idle);
     WebWorkerProcess& worker() { return worker_; }
 

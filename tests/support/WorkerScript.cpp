@@ -24,7 +24,7 @@ namespace {
 constexpr std::string_view script_functions = R"sh(
 mark() { : > "$HERE/$1"; }
 await() { until [ -e "$HERE/$1" ]; do sleep 0.01; done; }
-stay() { exec sleep 120; }
+stay() { exec sleep 600; }
 publish() {
     printf '%s' "$2" > "$BRINDLE_MANAGED_BRIDGE_DATA_DIR/runtime/.$1.part"
     mv "$BRINDLE_MANAGED_BRIDGE_DATA_DIR/runtime/.$1.part" "$BRINDLE_MANAGED_BRIDGE_DATA_DIR/runtime/$1"
@@ -116,6 +116,8 @@ BystanderProcess::BystanderProcess(std::string_view script) {
         siginfo_t info{};
         while (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT) == -1 && errno == EINTR) {
         }
+        // What it has started and left behind; until it is reaped, the number of its group is nobody else's.
+        kill(-pid_, SIGKILL);
         const std::lock_guard lock(mutex_);
         while (waitpid(pid_, &status, 0) == -1 && errno == EINTR) {
         }
@@ -187,7 +189,8 @@ pid_t waitForOnlyChild(pid_t parent) {
         if (children.size() != 1) return false;
         child = children.front();
         const std::string program = programOf(child);
-        return !program.empty() && program != programOf(parent);
+        // The program changes before its arguments and its environment are there.
+        return !program.empty() && program != programOf(parent) && isSetUp(child);
     };
     waitUntil(only_child_runs, "the one child of process " + std::to_string(parent));
     return child;
@@ -221,6 +224,10 @@ Environment environmentOf(pid_t pid) {
 
 std::vector<std::string> argumentsOf(pid_t pid) {
     return splitAtNul(contentOrNothing("/proc/" + std::to_string(pid) + "/cmdline"));
+}
+
+bool isSetUp(pid_t pid) {
+    return !argumentsOf(pid).empty() && !environmentOf(pid).empty();
 }
 
 std::uint64_t signalSetOf(pid_t pid, std::string_view name) {

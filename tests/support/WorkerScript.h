@@ -48,7 +48,8 @@ BackendOptions optionsWithWorker(const std::filesystem::path& worker);
 std::filesystem::path writePlainWorker(const std::filesystem::path& file);
 
 /// A process of the test, started through /bin/sh in a process group of its own, and reaped as soon as it
-/// ends, as a process whose parent has gone is. Killed with the object.
+/// ends, as a process whose parent has gone is. Killed with the object; what is left of its group ends with
+/// it.
 class BystanderProcess {
   public:
     explicit BystanderProcess(std::string_view script);
@@ -80,7 +81,8 @@ void makeVanish(const std::filesystem::path& directory);
 pid_t parentOf(pid_t pid);
 /// Children of a process, ended ones that nobody has reaped included.
 std::vector<pid_t> childrenOf(pid_t parent);
-/// Waits until `parent` has exactly one child whose program is no longer the one of `parent`.
+/// Waits until `parent` has exactly one child whose program is no longer the one of `parent`, and which
+/// isSetUp().
 pid_t waitForOnlyChild(pid_t parent);
 /// Name of the program that a process runs, as the system reports it; empty when the process is gone.
 std::string programOf(pid_t pid);
@@ -90,6 +92,9 @@ std::map<int, std::string> descriptorsOf(pid_t pid);
 Environment environmentOf(pid_t pid);
 /// The argument list of a process, element 0 included; empty when the process is gone.
 std::vector<std::string> argumentsOf(pid_t pid);
+/// Whether the system has given a program that was just started its arguments and its environment, neither of
+/// them empty.
+bool isSetUp(pid_t pid);
 /// A signal set of a process by its name in /proc, such as "SigBlk" or "SigIgn".
 std::uint64_t signalSetOf(pid_t pid, std::string_view name);
 

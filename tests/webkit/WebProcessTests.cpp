@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <vector>
 
 #include "support/EnginePage.h"
 #include "support/Processes.h"
@@ -12,18 +13,22 @@
 namespace brindle::test {
 namespace {
 
-/// The process that runs the page.
-pid_t webProcess() {
-    const auto processes = processesNamed(::getpid(), web_process_name);
-    if (processes.size() != 1)
-        throw TestFailure("not one web process but " + std::to_string(processes.size()));
+/// The process that runs the page, once it is the only one: an earlier one may still be ending.
+pid_t webProcess(EnginePage& page) {
+    std::vector<pid_t> processes;
+    page.runUntil(
+        [&] {
+            processes = processesNamed(::getpid(), web_process_name);
+            return processes.size() == 1;
+        },
+        "one web process");
     return processes.front();
 }
 
 TEST(WebProcess, ItsEndIsReported) {
     EnginePage page;
     page.load("<body>here</body>");
-    ::kill(webProcess(), SIGKILL);
+    ::kill(webProcess(page), SIGKILL);
     page.runUntil([&] { return !page.events().processEnds.empty(); }, "the end is reported");
     EXPECT_EQ(page.events().processEnds,
               std::vector<std::string>{"The page's process crashed or was killed."});
@@ -32,12 +37,12 @@ TEST(WebProcess, ItsEndIsReported) {
 TEST(WebProcess, APageLoadsAgainInANewOne) {
     EnginePage page;
     page.load("<body>here</body>");
-    const pid_t first = webProcess();
+    const pid_t first = webProcess(page);
     ::kill(first, SIGABRT);
     page.runUntil([&] { return !page.events().processEnds.empty(); }, "the end is reported");
     page.load("<body>again</body>");
     EXPECT_EQ(page.evaluate("document.body.textContent"), "again");
-    EXPECT_NE(webProcess(), first);
+    EXPECT_NE(webProcess(page), first);
 }
 
 TEST(WebProcess, OneThatHangsCanBeEnded) {
@@ -82,7 +87,7 @@ TEST(WebProcess, IsSandboxed) {
     const auto namespaceOf = [](const std::string& process, const std::string& kind) {
         return std::filesystem::read_symlink("/proc/" + process + "/ns/" + kind).string();
     };
-    const std::string process = std::to_string(webProcess());
+    const std::string process = std::to_string(webProcess(page));
     for (const char* kind : {"mnt", "pid"})
         EXPECT_NE(namespaceOf(process, kind), namespaceOf("self", kind)) << kind;
 }
@@ -91,7 +96,7 @@ TEST(WebProcess, AVariableThatTurnsTheSandboxOffIsIgnored) {
     ::setenv("WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS", "1", 1);
     EnginePage page;
     page.load("<body>here</body>");
-    EXPECT_NE(std::filesystem::read_symlink("/proc/" + std::to_string(webProcess()) + "/ns/mnt"),
+    EXPECT_NE(std::filesystem::read_symlink("/proc/" + std::to_string(webProcess(page)) + "/ns/mnt"),
               std::filesystem::read_symlink("/proc/self/ns/mnt"));
 }
 

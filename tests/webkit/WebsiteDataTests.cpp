@@ -65,6 +65,13 @@ bool lastVisitSentCookie(const LoopbackServer& server) {
     return sent;
 }
 
+/// Waits until the engine has let go of the data: a page that is gone leaves a process behind that still
+/// stores them, and two at a time on the same data disturb each other.
+void waitForTheEndOfTheEngine() {
+    waitUntil([] { return processesNamed(::getpid(), network_process_name).empty(); },
+              "the end of the network's process");
+}
+
 TEST(WebsiteData, ALoginSurvivesARestart) {
     const LoopbackServer server(answer);
     const auto directory = std::make_shared<TemporaryDirectory>();
@@ -74,6 +81,7 @@ TEST(WebsiteData, ALoginSurvivesARestart) {
         page.waitUntil(store_everything);
         ASSERT_FALSE(lastVisitSentCookie(server));
     }
+    waitForTheEndOfTheEngine();
     EnginePage page(directory);
     page.loadAddress(server.url());
     EXPECT_EQ(storedIn(page), "local:1 databases:1 caches:1");
@@ -105,12 +113,14 @@ TEST(WebsiteData, NothingComesBackWithARestartAfterItsRemoval) {
         page.loadAddress(server.url());
         page.waitUntil(store_everything);
     }
+    waitForTheEndOfTheEngine();
     {
         EnginePage page(directory);
         bool removed = false;
         page.page().removeAllWebsiteData([&](bool isGone) { removed = isGone; });
         page.runUntil([&] { return removed; }, "the website data are removed");
     }
+    waitForTheEndOfTheEngine();
     EnginePage page(directory);
     page.loadAddress(server.url());
     EXPECT_EQ(storedIn(page), "local:0 databases:0 caches:0");
