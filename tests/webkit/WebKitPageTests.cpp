@@ -180,6 +180,12 @@ TEST_F(Loading, TextTakesRelativeAddressesFromItsBaseDirectory) {
     EXPECT_EQ(page().evaluate("window.besideIt"), "loaded");
 }
 
+TEST_F(Loading, ATextMayBeEmpty) {
+    page().load("<body>before</body>");
+    page().load("");
+    EXPECT_EQ(page().evaluate("document.body.textContent"), "");
+}
+
 TEST_F(Loading, ATextGoesOnBehindTheCharacterNUL) {
     using namespace std::string_literals;
     page().load("<body>before\0<p>after</p></body>"s);

@@ -232,8 +232,10 @@ void WebKitPage::connectSignals() {
 void WebKitPage::load() {
     site_ = Site(source_.address);
     progress_ = Progress::provisional;
-    if (source_.text) {
-        // As bytes, because a text may contain the character U+0000.
+    if (source_.text && source_.text->empty()) {
+        webkit_web_view_load_html(view_, "", source_.address.c_str());
+    } else if (source_.text) {
+        // As bytes, because a text may contain the character U+0000; the engine takes no empty ones.
         const GBytesPointer bytes(g_bytes_new(source_.text->data(), source_.text->size()));
         webkit_web_view_load_bytes(view_, bytes.get(), "text/html", "UTF-8", source_.address.c_str());
     } else {
