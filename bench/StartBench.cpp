@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "exchange/EnvironmentKeys.h"
-#include "foundation/ChildProcess.h"
+#include "system/ChildProcess.h"
 
 namespace brindle {
 namespace {
@@ -63,10 +63,10 @@ Environment backendEnvironment(const std::filesystem::path& directory) {
     const std::string token(40, 't');
     std::ofstream(directory / "token") << token;
     Environment environment = currentEnvironment();
-    environment[std::string(key::launchToken)] = token;
-    environment[std::string(key::launchTokenFile)] = (directory / "token").string();
-    environment[std::string(key::dataDirectory)] = (directory / "data").string();
-    environment[std::string(key::disableWorker)] = "1";
+    environment[std::string(key::launch_token)] = token;
+    environment[std::string(key::launch_token_file)] = (directory / "token").string();
+    environment[std::string(key::data_directory)] = (directory / "data").string();
+    environment[std::string(key::disable_worker)] = "1";
     return environment;
 }
 

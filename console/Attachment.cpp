@@ -5,9 +5,9 @@
 #include <array>
 #include <memory>
 
-#include "foundation/Base64.h"
-#include "foundation/Failure.h"
-#include "foundation/Paths.h"
+#include "system/Paths.h"
+#include "text/Base64.h"
+#include "text/Failure.h"
 
 namespace brindle::console {
 namespace {

@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "bridge/BridgeMessages.h"
-#include "foundation/FileManager.h"
+#include "system/FileManager.h"
 
 namespace brindle::console {
 

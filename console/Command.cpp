@@ -9,8 +9,8 @@
 
 #include "console/Words.h"
 #include "exchange/ExchangeRecords.h"
-#include "foundation/Failure.h"
-#include "foundation/Text.h"
+#include "text/Failure.h"
+#include "text/Text.h"
 
 namespace brindle::console {
 namespace {

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "console/Command.h"
-#include "foundation/Failure.h"
-#include "foundation/FileManager.h"
+#include "system/FileManager.h"
+#include "text/Failure.h"
 
 namespace brindle::console {
 namespace {

@@ -14,9 +14,10 @@
 #include "console/Attachment.h"
 #include "console/Picture.h"
 #include "console/QRCode.h"
-#include "foundation/Failure.h"
-#include "foundation/Json.h"
-#include "foundation/Text.h"
+#include "records/Json.h"
+#include "system/FileSystemFailure.h"
+#include "text/Failure.h"
+#include "text/Text.h"
 
 namespace brindle::console {
 namespace {

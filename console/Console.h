@@ -16,8 +16,8 @@
 #include "console/Summary.h"
 #include "exchange/DataDirectory.h"
 #include "exchange/ExchangeRecords.h"
-#include "foundation/FileManager.h"
-#include "foundation/Processes.h"
+#include "system/FileManager.h"
+#include "system/Processes.h"
 
 namespace brindle::console {
 

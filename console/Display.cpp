@@ -12,8 +12,8 @@
 #include <utility>
 
 #include "bridge/BridgeMessages.h"
-#include "foundation/Failure.h"
-#include "foundation/Text.h"
+#include "records/DecodingFailure.h"
+#include "text/Text.h"
 
 namespace brindle::console {
 namespace {
@@ -77,9 +77,9 @@ void abbreviateContent(BridgeEnvelope& envelope) {
 }
 
 std::string envelopeName(const BridgeEnvelope& envelope) {
-    std::string name(BridgeEnvelope::caseNames[envelope.index()]);
+    std::string name(BridgeEnvelope::case_names[envelope.index()]);
     if (const auto* event = std::get_if<BridgeStateChangedEvent>(&envelope)) {
-        name.append(".").append(BridgeConnectionState::caseNames[event->state.index()]);
+        name.append(".").append(BridgeConnectionState::case_names[event->state.index()]);
     }
     return name;
 }

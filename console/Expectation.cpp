@@ -4,7 +4,8 @@
 #include <utility>
 
 #include "bridge/BridgeMessages.h"
-#include "foundation/Failure.h"
+#include "records/DecodingFailure.h"
+#include "text/Failure.h"
 
 namespace brindle::console {
 namespace {
@@ -45,9 +46,9 @@ ReceivedEnvelope ReceivedEnvelope::from(std::string_view line) {
         JsonParser parser;
         const JsonValue document = parser.parse(line);
         const auto envelope = decodedRecord<BridgeEnvelope>(document);
-        received.name = BridgeEnvelope::caseNames[envelope.index()];
+        received.name = BridgeEnvelope::case_names[envelope.index()];
         if (const auto* event = std::get_if<BridgeStateChangedEvent>(&envelope)) {
-            received.innerName = BridgeConnectionState::caseNames[event->state.index()];
+            received.innerName = BridgeConnectionState::case_names[event->state.index()];
         }
         collectTexts(document, received.texts);
     } catch (const DecodingFailure&) {
@@ -76,18 +77,18 @@ Expectation Expectation::forName(std::string_view dottedName) {
     const auto dot = dottedName.find('.');
     Expectation expectation;
     expectation.name = dottedName.substr(0, dot);
-    if (!contains(BridgeEnvelope::caseNames, expectation.name)) {
+    if (!contains(BridgeEnvelope::case_names, expectation.name)) {
         throw Failure("There is no envelope \"" + expectation.name + "\"; the envelopes are " +
-                      listed(BridgeEnvelope::caseNames) + ".");
+                      listed(BridgeEnvelope::case_names) + ".");
     }
     if (dot == std::string_view::npos) return expectation;
     expectation.innerName = dottedName.substr(dot + 1);
     if (expectation.name != "stateChanged") {
         throw Failure("The envelope " + expectation.name + " has no inner cases; only stateChanged has.");
     }
-    if (!contains(BridgeConnectionState::caseNames, expectation.innerName)) {
+    if (!contains(BridgeConnectionState::case_names, expectation.innerName)) {
         throw Failure("There is no state \"" + expectation.innerName + "\"; the states are " +
-                      listed(BridgeConnectionState::caseNames) + ".");
+                      listed(BridgeConnectionState::case_names) + ".");
     }
     return expectation;
 }

@@ -10,7 +10,7 @@
 #include <array>
 #include <utility>
 
-#include "foundation/Failure.h"
+#include "text/Failure.h"
 
 namespace brindle::console {
 namespace {

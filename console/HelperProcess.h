@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "console/LineBuffer.h"
-#include "foundation/ChildProcess.h"
+#include "system/ChildProcess.h"
 
 namespace brindle::console {
 

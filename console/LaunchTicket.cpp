@@ -7,10 +7,10 @@
 #include <filesystem>
 
 #include "exchange/EnvironmentKeys.h"
-#include "foundation/Failure.h"
-#include "foundation/FileManager.h"
-#include "foundation/Identifier.h"
-#include "foundation/Paths.h"
+#include "system/FileManager.h"
+#include "system/FileSystemFailure.h"
+#include "system/Paths.h"
+#include "text/Identifier.h"
 
 namespace brindle::console {
 namespace {
@@ -44,8 +44,8 @@ LaunchTicket::~LaunchTicket() {
 }
 
 void LaunchTicket::addTo(Environment& environment) const {
-    environment.insert_or_assign(std::string(environment_key::launchToken), token_);
-    environment.insert_or_assign(std::string(environment_key::launchTokenFile), file_);
+    environment.insert_or_assign(std::string(environment_key::launch_token), token_);
+    environment.insert_or_assign(std::string(environment_key::launch_token_file), file_);
 }
 
 }  // namespace brindle::console

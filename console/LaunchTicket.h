@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "foundation/Environment.h"
+#include "system/Environment.h"
 
 namespace brindle::console {
 

@@ -12,10 +12,11 @@
 #include <string_view>
 #include <utility>
 
-#include "foundation/Failure.h"
-#include "foundation/FileManager.h"
-#include "foundation/Paths.h"
-#include "foundation/Text.h"
+#include "system/FileManager.h"
+#include "system/FileSystemFailure.h"
+#include "system/Paths.h"
+#include "text/Failure.h"
+#include "text/Text.h"
 
 namespace brindle::console {
 namespace {

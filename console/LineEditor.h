@@ -6,7 +6,7 @@
 
 #include "console/CommandInput.h"
 #include "console/Display.h"
-#include "foundation/Environment.h"
+#include "system/Environment.h"
 
 namespace brindle::console {
 

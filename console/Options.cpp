@@ -6,15 +6,13 @@
 
 #include "console/Command.h"
 #include "exchange/EnvironmentKeys.h"
-#include "foundation/Paths.h"
+#include "system/Paths.h"
 
 namespace brindle::console {
 namespace {
 
 constexpr const char* description =
-    "Plays the parent application for the messaging helper: starts it with a launch token, shows every "
-    "envelope "
-    "in both directions and sends what you type.\n";
+    "Plays the parent application for the messaging helper: starts it with a launch token, shows every envelope in both directions and sends what you type.\n";
 
 std::string footer() {
     return "\nCommands:\n" + commandHelp() +
@@ -105,33 +103,33 @@ void set(Environment& environment, std::string_view key, std::string value) {
 void choosePage(const Options& options, Environment& environment) {
     using namespace environment_key;
     if (!options.webClient) return;
-    environment.erase(std::string(workerTestHTMLPath));
-    environment.erase(std::string(workerTestURL));
+    environment.erase(std::string(worker_test_html_path));
+    environment.erase(std::string(worker_test_url));
     const auto& page = *options.webClient;
-    if (page.find("://") != std::string::npos) return set(environment, workerTestURL, page);
-    set(environment, workerTestHTMLPath, standardizedPath(page));
+    if (page.find("://") != std::string::npos) return set(environment, worker_test_url, page);
+    set(environment, worker_test_html_path, standardizedPath(page));
 }
 
 /// A choice on the command line replaces whatever the environment says about workers.
 void chooseWorker(const Options& options, Environment& environment) {
     using namespace environment_key;
     if (options.worker == WorkerChoice::unchanged) return;
-    for (const auto key : {disableWorker, workerPath, enableNativeWorker, disableNativeWorker,
-                           nativeWorkerPath, enableBuiltinWorker}) {
+    for (const auto key : {disable_worker, worker_path, enable_native_worker, disable_native_worker,
+                           native_worker_path, enable_builtin_worker}) {
         environment.erase(std::string(key));
     }
     switch (options.worker) {
         case WorkerChoice::explicitPath:
-            return set(environment, workerPath, standardizedPath(options.workerPath));
+            return set(environment, worker_path, standardizedPath(options.workerPath));
         case WorkerChoice::native:
-            set(environment, enableNativeWorker, "1");
-            return set(environment, nativeWorkerPath, standardizedPath(options.workerPath));
+            set(environment, enable_native_worker, "1");
+            return set(environment, native_worker_path, standardizedPath(options.workerPath));
         case WorkerChoice::builtin:
-            set(environment, disableNativeWorker, "1");
-            set(environment, enableBuiltinWorker, "1");
+            set(environment, disable_native_worker, "1");
+            set(environment, enable_builtin_worker, "1");
             return choosePage(options, environment);
         case WorkerChoice::none:
-            return set(environment, disableWorker, "1");
+            return set(environment, disable_worker, "1");
         case WorkerChoice::unchanged:
             return;
     }
@@ -155,9 +153,9 @@ std::variant<Options, CommandLineAnswer> parseCommandLine(int argumentCount, con
 
 Environment helperEnvironment(const Options& options, Environment inherited) {
     // The helper must come up in its parent-facing role whatever this process was started with.
-    inherited.erase(std::string(environment_key::workerRole));
+    inherited.erase(std::string(environment_key::worker_role));
     if (options.dataDirectory) {
-        set(inherited, environment_key::dataDirectory, standardizedPath(*options.dataDirectory));
+        set(inherited, environment_key::data_directory, standardizedPath(*options.dataDirectory));
     }
     chooseWorker(options, inherited);
     return inherited;

@@ -5,7 +5,7 @@
 #include <variant>
 #include <vector>
 
-#include "foundation/Environment.h"
+#include "system/Environment.h"
 
 namespace brindle::console {
 

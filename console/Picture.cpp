@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "foundation/Failure.h"
-#include "foundation/Text.h"
+#include "text/Failure.h"
+#include "text/Text.h"
 
 namespace brindle::console {
 namespace {

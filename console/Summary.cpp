@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "foundation/Text.h"
+#include "text/Text.h"
 
 namespace brindle::console {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "foundation/Failure.h"
+#include "text/Failure.h"
 
 namespace brindle::console {
 namespace {

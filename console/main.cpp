@@ -12,10 +12,10 @@
 #include "console/Display.h"
 #include "console/LineEditor.h"
 #include "console/Options.h"
-#include "foundation/Environment.h"
-#include "foundation/Failure.h"
-#include "foundation/Paths.h"
-#include "foundation/Processes.h"
+#include "system/Environment.h"
+#include "system/Paths.h"
+#include "system/Processes.h"
+#include "text/Failure.h"
 
 using namespace brindle;
 using namespace brindle::console;

@@ -10,7 +10,7 @@
 
 #include "bridge/BridgeMessages.h"
 #include "exchange/ExchangeRecords.h"
-#include "foundation/RecordSchema.h"
+#include "records/RecordSchema.h"
 
 namespace brindle {
 namespace {

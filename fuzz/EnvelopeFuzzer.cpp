@@ -6,7 +6,8 @@
 #include <string_view>
 
 #include "bridge/BridgeMessages.h"
-#include "foundation/Text.h"
+#include "records/DecodingFailure.h"
+#include "text/Text.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view line(reinterpret_cast<const char*>(data), size);

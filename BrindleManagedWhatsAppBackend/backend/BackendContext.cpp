@@ -1,6 +1,6 @@
 #include "backend/BackendContext.h"
 
-#include "foundation/Text.h"
+#include "text/Text.h"
 
 namespace brindle {
 

@@ -6,9 +6,9 @@
 #include "backend/BackendState.h"
 #include "bridge/ManagedWhatsAppBackendEmitter.h"
 #include "exchange/DataDirectory.h"
-#include "foundation/Clock.h"
-#include "foundation/Failure.h"
-#include "foundation/FileManager.h"
+#include "system/Clock.h"
+#include "system/FileManager.h"
+#include "text/Failure.h"
 
 namespace brindle {
 

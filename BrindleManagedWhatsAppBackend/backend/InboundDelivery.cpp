@@ -4,9 +4,11 @@
 
 #include <algorithm>
 
-#include "foundation/Identifier.h"
-#include "foundation/Paths.h"
-#include "foundation/Text.h"
+#include "system/FileSystemFailure.h"
+#include "system/OutputStream.h"
+#include "system/Paths.h"
+#include "text/Identifier.h"
+#include "text/Text.h"
 
 namespace brindle {
 namespace {

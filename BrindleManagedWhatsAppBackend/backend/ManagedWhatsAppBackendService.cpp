@@ -7,10 +7,11 @@
 #include <type_traits>
 
 #include "exchange/ExchangeRecords.h"
-#include "foundation/Identifier.h"
-#include "foundation/LineReader.h"
-#include "foundation/Processes.h"
-#include "foundation/Text.h"
+#include "system/LineReader.h"
+#include "system/OutputStream.h"
+#include "system/Processes.h"
+#include "text/Identifier.h"
+#include "text/Text.h"
 
 namespace brindle {
 namespace {

@@ -12,11 +12,11 @@
 #include "bridge/BridgeMessages.h"
 #include "bridge/ManagedWhatsAppBackendEmitter.h"
 #include "exchange/DataDirectory.h"
-#include "foundation/Clock.h"
-#include "foundation/Environment.h"
-#include "foundation/FileManager.h"
-#include "foundation/Json.h"
-#include "foundation/SerialQueue.h"
+#include "records/Json.h"
+#include "system/Clock.h"
+#include "system/Environment.h"
+#include "system/FileManager.h"
+#include "system/SerialQueue.h"
 
 namespace brindle {
 

@@ -3,7 +3,7 @@
 #include <unistd.h>
 
 #include "exchange/EnvironmentKeys.h"
-#include "foundation/Text.h"
+#include "text/Text.h"
 
 namespace brindle {
 namespace {
@@ -17,9 +17,9 @@ constexpr std::string_view native_implementation = "protocol-native";
 constexpr std::string_view test_harness_keys[] = {"XCTestConfigurationFilePath", "SWIFT_TESTING_ENABLED"};
 
 bool nativeWorkersEnabled(const Environment& environment) {
-    if (isFlagSet(environment, key::disableNativeWorker)) return false;
-    if (nonBlankValue(environment, key::enableNativeWorker))
-        return isFlagSet(environment, key::enableNativeWorker);
+    if (isFlagSet(environment, key::disable_native_worker)) return false;
+    if (nonBlankValue(environment, key::enable_native_worker))
+        return isFlagSet(environment, key::enable_native_worker);
     for (const auto harness : test_harness_keys) {
         if (environment.contains(harness)) return false;
     }
@@ -44,7 +44,7 @@ std::vector<std::string> nativeWorkerCandidates(const MainBundle& bundle) {
 
 std::optional<std::string> findNativeWorker(const BackendContext& context, const MainBundle& bundle) {
     // A path that was given and is wrong switches the native worker off; it is not replaced by a guess.
-    if (const auto given = nonBlankValue(context.environment, key::nativeWorkerPath)) {
+    if (const auto given = nonBlankValue(context.environment, key::native_worker_path)) {
         auto path = standardizedPath(*given);
         if (!context.fileManager.fileExists(path)) return std::nullopt;
         return path;
@@ -64,9 +64,9 @@ std::optional<std::string> runningExecutable(const MainBundle& bundle) {
 
 Environment workerEnvironment(const BackendContext& context) {
     Environment environment = context.environment;
-    environment.insert_or_assign(std::string(key::dataDirectory), context.directory.path);
+    environment.insert_or_assign(std::string(key::data_directory), context.directory.path);
     environment.insert_or_assign(std::string(key::platform), context.platform);
-    environment.insert_or_assign(std::string(key::parentProcess), std::to_string(::getpid()));
+    environment.insert_or_assign(std::string(key::parent_process), std::to_string(::getpid()));
     return environment;
 }
 
@@ -75,8 +75,8 @@ ManagedWhatsAppWorkerLaunchConfiguration webWorker(const BackendContext& context
     ManagedWhatsAppWorkerLaunchConfiguration configuration;
     configuration.executableURL = std::move(executable);
     configuration.environment = workerEnvironment(context);
-    configuration.environment.insert_or_assign(std::string(key::workerRole),
-                                               std::string(key::runtimeWorkerRole));
+    configuration.environment.insert_or_assign(std::string(key::worker_role),
+                                               std::string(key::runtime_worker_role));
     configuration.launchDescription = std::move(description);
     return configuration;
 }
@@ -86,7 +86,7 @@ ManagedWhatsAppWorkerLaunchConfiguration nativeWorker(const BackendContext& cont
     configuration.launchDescription = "native protocol worker (" + executable + ")";
     configuration.executableURL = std::move(executable);
     configuration.environment = workerEnvironment(context);
-    configuration.environment.insert_or_assign(std::string(key::workerImplementation),
+    configuration.environment.insert_or_assign(std::string(key::worker_implementation),
                                                std::string(native_implementation));
     return configuration;
 }
@@ -96,15 +96,15 @@ ManagedWhatsAppWorkerLaunchConfiguration nativeWorker(const BackendContext& cont
 std::optional<ManagedWhatsAppWorkerLaunchConfiguration> resolveLaunchConfiguration(
     const BackendContext& context, const MainBundle& bundle) {
     const auto& environment = context.environment;
-    if (isFlagSet(environment, key::disableWorker)) return std::nullopt;
-    if (const auto given = nonBlankValue(environment, key::workerPath)) {
+    if (isFlagSet(environment, key::disable_worker)) return std::nullopt;
+    if (const auto given = nonBlankValue(environment, key::worker_path)) {
         auto path = standardizedPath(*given);
         return webWorker(context, path, path);
     }
     if (nativeWorkersEnabled(environment)) {
         if (auto path = findNativeWorker(context, bundle)) return nativeWorker(context, std::move(*path));
     }
-    if (isFlagSet(environment, key::enableBuiltinWorker)) {
+    if (isFlagSet(environment, key::enable_builtin_worker)) {
         if (const auto path = runningExecutable(bundle)) {
             return webWorker(context, *path, "built-in WebKit worker (" + *path + ")");
         }

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "backend/BackendContext.h"
-#include "foundation/Environment.h"
-#include "foundation/Paths.h"
+#include "system/Environment.h"
+#include "system/Paths.h"
 
 namespace brindle {
 

@@ -1,5 +1,7 @@
 #include "backend/StatusPublisher.h"
 
+#include "system/FileSystemFailure.h"
+
 namespace brindle {
 namespace {
 

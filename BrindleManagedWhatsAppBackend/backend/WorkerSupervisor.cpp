@@ -9,8 +9,8 @@
 #include <charconv>
 #include <chrono>
 
-#include "foundation/Processes.h"
-#include "foundation/Text.h"
+#include "system/Processes.h"
+#include "text/Text.h"
 
 namespace brindle {
 namespace {
@@ -19,9 +19,7 @@ constexpr std::string_view not_configured_state = "not_configured";
 constexpr std::string_view stopped_state = "stopped";
 constexpr std::string_view not_configured_detail = "No managed WhatsApp worker configured.";
 constexpr std::string_view nothing_to_launch_detail =
-    "No managed WhatsApp worker configured. Install the protocol worker dependencies or provide an explicit "
-    "worker "
-    "executable.";
+    "No managed WhatsApp worker configured. Install the protocol worker dependencies or provide an explicit worker executable.";
 constexpr std::string_view stopped_detail = "Managed WhatsApp worker stopped.";
 
 constexpr int termination_probes = 20;

@@ -9,8 +9,8 @@
 #include "backend/BackendContext.h"
 #include "backend/ManagedWhatsAppWorkerLaunchConfiguration.h"
 #include "backend/StatusPublisher.h"
-#include "foundation/ChildProcess.h"
-#include "foundation/SerialQueue.h"
+#include "system/ChildProcess.h"
+#include "system/SerialQueue.h"
 
 namespace brindle {
 

@@ -7,7 +7,7 @@
 #include <variant>
 #include <vector>
 
-#include "foundation/Record.h"
+#include "records/Record.h"
 
 /// The messages between the parent application and the backend. One envelope type serves both directions;
 /// each side ignores the cases that are not meant for it.
@@ -99,9 +99,9 @@ struct BridgeScope
     using Cases = variant;
     using variant::variant;
 
-    static constexpr std::array<std::string_view, 4> caseNames{"conversation", "channel", "thread",
-                                                               "testOnly"};
-    static constexpr std::string_view payloadName{};
+    static constexpr std::array<std::string_view, 4> case_names{"conversation", "channel", "thread",
+                                                                "testOnly"};
+    static constexpr std::string_view payload_name{};
 };
 
 struct BridgeStartListeningRequest {
@@ -251,9 +251,9 @@ struct BridgeConnectionState
     using Cases = variant;
     using variant::variant;
 
-    static constexpr std::array<std::string_view, 4> caseNames{"disconnected", "connecting", "connected",
-                                                               "error"};
-    static constexpr std::string_view payloadName{};
+    static constexpr std::array<std::string_view, 4> case_names{"disconnected", "connecting", "connected",
+                                                                "error"};
+    static constexpr std::string_view payload_name{};
 };
 
 struct BridgeStateChangedEvent {
@@ -282,10 +282,10 @@ struct BridgeEnvelope
     using Cases = variant;
     using variant::variant;
 
-    static constexpr std::array<std::string_view, 9> caseNames{
+    static constexpr std::array<std::string_view, 9> case_names{
         "hello",       "connect",      "disconnect",   "startListening", "stopListening",
         "sendMessage", "inboundEvent", "stateChanged", "error"};
-    static constexpr std::string_view payloadName = "_0";
+    static constexpr std::string_view payload_name = "_0";
 };
 
 /// The envelope as one line: compact JSON with sorted names and a line feed.

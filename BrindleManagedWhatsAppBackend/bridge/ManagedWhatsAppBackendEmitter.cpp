@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "foundation/Text.h"
+#include "text/Text.h"
 
 namespace brindle {
 

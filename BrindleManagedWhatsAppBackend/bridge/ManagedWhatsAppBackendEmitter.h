@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "bridge/BridgeMessages.h"
-#include "foundation/OutputStream.h"
+#include "system/OutputStream.h"
 
 namespace brindle {
 

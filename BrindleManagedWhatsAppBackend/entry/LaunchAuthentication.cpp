@@ -1,7 +1,7 @@
 #include "entry/LaunchAuthentication.h"
 
 #include "exchange/EnvironmentKeys.h"
-#include "foundation/Text.h"
+#include "text/Text.h"
 
 namespace brindle {
 namespace {
@@ -12,8 +12,8 @@ constexpr std::size_t shortest_token_characters = 32;
 
 bool isLaunchAuthenticated(const Environment& environment, FileManager& fileManager) noexcept {
     try {
-        const auto token = nonBlankValue(environment, environment_key::launchToken);
-        const auto path = nonBlankValue(environment, environment_key::launchTokenFile);
+        const auto token = nonBlankValue(environment, environment_key::launch_token);
+        const auto path = nonBlankValue(environment, environment_key::launch_token_file);
         if (!token || graphemeClusterCount(*token) < shortest_token_characters) return false;
         if (!path) return false;
         const auto text = fileManager.readFile(*path);

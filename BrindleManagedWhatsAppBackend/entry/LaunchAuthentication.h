@@ -1,7 +1,7 @@
 #pragma once
 
-#include "foundation/Environment.h"
-#include "foundation/FileManager.h"
+#include "system/Environment.h"
+#include "system/FileManager.h"
 
 namespace brindle {
 

@@ -5,9 +5,9 @@
 #include <unistd.h>
 #include <string>
 
-#include "foundation/Failure.h"
-#include "foundation/Paths.h"
-#include "foundation/Text.h"
+#include "system/Paths.h"
+#include "text/Failure.h"
+#include "text/Text.h"
 
 namespace brindle {
 namespace {

@@ -17,12 +17,12 @@
 #include "entry/LaunchAuthentication.h"
 #include "entry/WebHostModule.h"
 #include "exchange/EnvironmentKeys.h"
-#include "foundation/Clock.h"
-#include "foundation/Environment.h"
-#include "foundation/FileManager.h"
-#include "foundation/ProcessGuard.h"
-#include "foundation/Processes.h"
-#include "foundation/Text.h"
+#include "system/Clock.h"
+#include "system/Environment.h"
+#include "system/FileManager.h"
+#include "system/ProcessGuard.h"
+#include "system/Processes.h"
+#include "text/Text.h"
 #include "worker/HostOptions.h"
 #include "worker/ManagedWhatsAppWebWorkerService.h"
 
@@ -50,8 +50,8 @@ void forbidCoreDumps() {
 }
 
 bool isWorkerRole(const Environment& environment) {
-    const auto role = environment.find(environment_key::workerRole);
-    return role != environment.end() && role->second == environment_key::runtimeWorkerRole;
+    const auto role = environment.find(environment_key::worker_role);
+    return role != environment.end() && role->second == environment_key::runtime_worker_role;
 }
 
 void runBackendRole(const std::string& platform, const Environment& environment, FileManager& fileManager) {
@@ -74,7 +74,7 @@ void runWorkerRole(const std::string& platform, const Environment& environment, 
     const ProcessGuard guard;
     letTerminationSignalsThrough();
     // The page is foreign code, and the engine's processes inherit the environment.
-    for (const auto key : {environment_key::launchToken, environment_key::launchTokenFile}) {
+    for (const auto key : {environment_key::launch_token, environment_key::launch_token_file}) {
         ::unsetenv(std::string(key).c_str());  // NOLINT(concurrency-mt-unsafe): there is one thread yet.
     }
     const SystemClock clock;

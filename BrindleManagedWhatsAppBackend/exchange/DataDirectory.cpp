@@ -6,8 +6,9 @@
 #include <array>
 
 #include "exchange/EnvironmentKeys.h"
-#include "foundation/Failure.h"
-#include "foundation/Paths.h"
+#include "system/FileSystemFailure.h"
+#include "system/Paths.h"
+#include "text/Failure.h"
 
 namespace brindle {
 namespace {
@@ -20,7 +21,7 @@ constexpr mode_t writable_by_others = 022;
 
 /// The user's runtime directory (XDG base directories), when it is there and private.
 std::optional<std::string> privateRuntimeDirectory(const Environment& environment, FileManager& fileManager) {
-    const auto value = nonBlankValue(environment, environment_key::runtimeDirectory);
+    const auto value = nonBlankValue(environment, environment_key::runtime_directory);
     if (!value || !value->starts_with('/')) return std::nullopt;
     auto directory = standardizedPath(*value);
     try {
@@ -35,7 +36,7 @@ std::optional<std::string> privateRuntimeDirectory(const Environment& environmen
 }
 
 std::string generalTemporaryDirectory(const Environment& environment) {
-    return standardizedPath(nonBlankValue(environment, environment_key::temporaryDirectory)
+    return standardizedPath(nonBlankValue(environment, environment_key::temporary_directory)
                                 .value_or(std::string(default_temporary_directory)));
 }
 
@@ -50,7 +51,7 @@ void requireOwnDirectory(FileManager& fileManager, const std::string& path) {
     throw FileSystemFailure(
         "use the directory", path,
         "It belongs to another user, is a link or can be written by others; remove it or set " +
-            std::string(environment_key::dataDirectory),
+            std::string(environment_key::data_directory),
         EPERM);
 }
 
@@ -58,7 +59,7 @@ void requireOwnDirectory(FileManager& fileManager, const std::string& path) {
 
 DataDirectory::DataDirectory(const Environment& environment, FileManager& fileManager,
                              std::string_view platform) {
-    if (const auto configured = nonBlankValue(environment, environment_key::dataDirectory)) {
+    if (const auto configured = nonBlankValue(environment, environment_key::data_directory)) {
         path = standardizedPath(*configured);
     } else {
         auto base = privateRuntimeDirectory(environment, fileManager);

@@ -3,8 +3,8 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/Environment.h"
-#include "foundation/FileManager.h"
+#include "system/Environment.h"
+#include "system/FileManager.h"
 
 namespace brindle {
 

@@ -20,7 +20,7 @@ ScopeParts partsOf(const Scope& scope) {
 
 ManagedWhatsAppWorkerControlScope ManagedWhatsAppWorkerControlScope::from(const BridgeScope& scope) {
     auto parts = std::visit([](const auto& each) { return partsOf(each); }, scope);
-    return {.kind = std::string(BridgeScope::caseNames[scope.index()]),
+    return {.kind = std::string(BridgeScope::case_names[scope.index()]),
             .id = std::move(parts.id),
             .title = std::move(parts.title)};
 }

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "bridge/BridgeMessages.h"
-#include "foundation/FileManager.h"
-#include "foundation/Record.h"
+#include "records/Record.h"
+#include "system/FileManager.h"
 
 /// The records that cross the data directory, one JSON file each.
 namespace brindle {

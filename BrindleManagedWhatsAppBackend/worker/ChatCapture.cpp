@@ -4,8 +4,8 @@
 #include <optional>
 #include <utility>
 
-#include "foundation/Identifier.h"
-#include "foundation/Text.h"
+#include "text/Identifier.h"
+#include "text/Text.h"
 #include "worker/PageScripts.h"
 
 namespace brindle {
@@ -30,14 +30,14 @@ std::optional<std::string> activationDetail(const ManagedWhatsAppChatActivationP
         return "Opening chat " + title + " in the managed WhatsApp worker.";
     if (payload.state == activation_state::searching)
         return "Searching for chat " + title + " in WhatsApp Web.";
-    if (payload.state == activation_state::wrongActiveChat) {
+    if (payload.state == activation_state::wrong_active_chat) {
         return "Active chat is " + quoted(payload.activeChatTitle.value_or(std::string(unknown_title))) +
                ". Switching to " + title + ".";
     }
-    if (payload.state == activation_state::noActiveChat) {
+    if (payload.state == activation_state::no_active_chat) {
         return "Selecting chat " + title + " in the managed runtime session.";
     }
-    if (payload.state == activation_state::chatNotFound)
+    if (payload.state == activation_state::chat_not_found)
         return "Chat " + title + " is not visible yet in WhatsApp Web.";
     return std::nullopt;
 }
@@ -57,7 +57,7 @@ Task<> ChatCapture::pollInboundMessages() {
     if (watched.title.empty() || !context_.webView) co_return;
     const auto activation = co_await probeChatActivation(watched.title);
     if (auto detail = activationDetail(activation, watched.title)) {
-        publisher_.publish(worker_state::activatingChat, std::move(*detail));
+        publisher_.publish(worker_state::activating_chat, std::move(*detail));
         co_return;
     }
     try {
@@ -70,20 +70,20 @@ Task<> ChatCapture::pollInboundMessages() {
 
 Task<ManagedWhatsAppChatActivationPayload> ChatCapture::probeChatActivation(std::string watchedTitle) {
     try {
-        auto script = scriptWithWatchedTitle(page_script::chatActivation, watchedTitle);
+        auto script = scriptWithWatchedTitle(page_script::chat_activation, watchedTitle);
         const auto result = co_await scripts_.evaluateJavaScriptStringAsync(std::move(script));
         if (result) co_return decodedPageResult<ManagedWhatsAppChatActivationPayload>(*result);
     } catch (const std::exception& error) {
         context_.logError("Chat activation probe failed: " + descriptionOf(error));
     }
     ManagedWhatsAppChatActivationPayload notFound;
-    notFound.state = activation_state::chatNotFound;
+    notFound.state = activation_state::chat_not_found;
     notFound.matchedTitle = std::move(watchedTitle);
     co_return notFound;
 }
 
 Task<> ChatCapture::captureInboundMessages(WatchedChat watched) {
-    auto script = scriptWithWatchedTitle(page_script::inboundCapture, watched.title);
+    auto script = scriptWithWatchedTitle(page_script::inbound_capture, watched.title);
     const auto result = co_await scripts_.evaluateJavaScriptStringAsync(std::move(script));
     if (!result) co_return;
     const auto drain = decodedPageResult<ManagedWhatsAppObservedInboundDrainPayload>(*result);
@@ -96,17 +96,17 @@ Task<> ChatCapture::captureInboundMessages(WatchedChat watched) {
 
 void ChatCapture::publishNoMessages(const ManagedWhatsAppObservedInboundDrainPayload& drain,
                                     const WatchedChat& watched) {
-    if (drain.state == capture_state::wrongChat) {
-        publisher_.publish(worker_state::wrongChat,
+    if (drain.state == capture_state::wrong_chat) {
+        publisher_.publish(worker_state::wrong_chat,
                            "Active chat is " +
                                quoted(drain.activeChatTitle.value_or(std::string(unknown_title))) +
                                " while watching " + quoted(drain.watchedTitle.value_or(watched.title)) + ".");
-    } else if (drain.state == capture_state::noActiveChat) {
+    } else if (drain.state == capture_state::no_active_chat) {
         publisher_.publish(
-            worker_state::noActiveChat,
+            worker_state::no_active_chat,
             "WhatsApp Web is linked, but no active chat is available in the managed runtime session.");
-    } else if (drain.state == capture_state::noIncomingMessage) {
-        publisher_.publish(worker_state::watchingChat,
+    } else if (drain.state == capture_state::no_incoming_message) {
+        publisher_.publish(worker_state::watching_chat,
                            "Watching chat " + quoted(drain.activeChatTitle.value_or(watched.title)) +
                                ". No incoming message yet. Visible inbound nodes: " +
                                std::to_string(drain.visibleInboundCount.value_or(0)) + ".");
@@ -122,10 +122,10 @@ Task<> ChatCapture::takeMessages(ManagedWhatsAppObservedInboundDrainPayload drai
         if (++taken > longest_queue_of_a_page) co_await context_.nextTurn();
         takeMessage(message, conversation);
     }
-    publisher_.publish(worker_state::watchingChat, "Watching chat " + quoted(*drain.activeChatTitle) +
-                                                       " through the managed WhatsApp worker. Captured " +
-                                                       std::to_string(drain.messages->size()) +
-                                                       " inbound message(s).");
+    publisher_.publish(worker_state::watching_chat, "Watching chat " + quoted(*drain.activeChatTitle) +
+                                                        " through the managed WhatsApp worker. Captured " +
+                                                        std::to_string(drain.messages->size()) +
+                                                        " inbound message(s).");
 }
 
 void ChatCapture::takeMessage(const ManagedWhatsAppObservedInboundMessage& message,

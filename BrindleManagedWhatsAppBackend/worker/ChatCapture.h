@@ -4,9 +4,9 @@
 #include <string>
 
 #include "exchange/ExchangeRecords.h"
-#include "foundation/Task.h"
 #include "worker/PagePayloads.h"
 #include "worker/PageScriptRunner.h"
+#include "worker/Task.h"
 #include "worker/WorkerContext.h"
 #include "worker/WorkerStatusPublisher.h"
 

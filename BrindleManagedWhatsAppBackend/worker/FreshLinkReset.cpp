@@ -1,6 +1,6 @@
 #include "worker/FreshLinkReset.h"
 
-#include "foundation/Failure.h"
+#include "text/Failure.h"
 
 namespace brindle {
 
@@ -15,8 +15,7 @@ Task<> FreshLinkReset::resetForFreshLinkIfRequested() {
     const bool isGone = co_await removal;
     if (!isGone) {
         throw Failure(
-            "The linked account cannot be forgotten: website data are left after their removal; start the "
-            "worker again or remove them by hand.");
+            "The linked account cannot be forgotten: website data are left after their removal; start the worker again or remove them by hand.");
     }
     // Only now, so that a crash in between repeats the reset at the next start.
     context_.fileManager.removeIfPresent(request);

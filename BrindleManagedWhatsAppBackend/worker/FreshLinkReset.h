@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/Task.h"
+#include "worker/Task.h"
 #include "worker/WorkerContext.h"
 #include "worker/WorkerStatusPublisher.h"
 

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "foundation/Base64.h"
+#include "text/Base64.h"
 #include "worker/PageScripts.h"
 
 namespace brindle {
@@ -25,7 +25,7 @@ constexpr int most_reloads_per_load = 2;
 Task<> LinkStateMonitor::refreshQRCode() {
     if (!context_.webView) co_return;
     try {
-        std::string script(page_script::qrCode);
+        std::string script(page_script::qr_code);
         const auto dataURL = co_await scripts_.evaluateJavaScriptStringAsync(std::move(script));
         takeQRCode(dataURL);
     } catch (const std::exception& error) {
@@ -44,14 +44,14 @@ void LinkStateMonitor::takeQRCode(const std::optional<std::string>& dataURL) {
     context_.fileManager.writeFileAtomically(file, *picture, Durability::process);
     // The canvas of a linked page is no request to scan.
     const auto& word = context_.state.workerState;
-    if (word == worker_state::linked || word == worker_state::watchingChat) return;
-    publisher_.publish(worker_state::waitingForQR, scan_detail);
+    if (word == worker_state::linked || word == worker_state::watching_chat) return;
+    publisher_.publish(worker_state::waiting_for_qr, scan_detail);
 }
 
 Task<bool> LinkStateMonitor::refreshLinkState() {
     if (!context_.webView) co_return false;
     try {
-        std::string script(page_script::linkState);
+        std::string script(page_script::link_state);
         const auto result = co_await scripts_.evaluateJavaScriptStringAsync(std::move(script));
         if (!result) co_return false;
         co_return takeLinkState(decodedPageResult<ManagedWhatsAppLinkedStatePayload>(*result));
@@ -87,7 +87,7 @@ void LinkStateMonitor::publishLinked(const ManagedWhatsAppLinkedStatePayload& pa
 
 void LinkStateMonitor::publishNotLinked() {
     context_.state.displayName.reset();
-    if (context_.isQRCodeShown()) return publisher_.publish(worker_state::waitingForQR, scan_detail);
+    if (context_.isQRCodeShown()) return publisher_.publish(worker_state::waiting_for_qr, scan_detail);
     reloadIfLoginRenderStalled(false);
     publisher_.publishWithoutAccount(worker_state::starting,
                                      "Waiting for WhatsApp Web to render login state.");
@@ -98,10 +98,10 @@ void LinkStateMonitor::reloadIfLoginRenderStalled(bool skip) {
     WorkerState& state = context_.state;
     ++state.launchRecoveryAttemptCount;
     state.lastRecoveryAttemptAt = context_.clock.now();
-    publisher_.publishWithoutAccount(worker_state::starting,
-                                     "WhatsApp Web is still rendering login state. Reloading the managed "
-                                     "runtime worker (attempt " +
-                                         std::to_string(state.launchRecoveryAttemptCount) + ").");
+    publisher_.publishWithoutAccount(
+        worker_state::starting,
+        "WhatsApp Web is still rendering login state. Reloading the managed runtime worker (attempt " +
+            std::to_string(state.launchRecoveryAttemptCount) + ").");
     context_.webView->reload();
 }
 

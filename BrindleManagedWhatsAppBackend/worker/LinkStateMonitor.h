@@ -3,9 +3,9 @@
 #include <optional>
 #include <string>
 
-#include "foundation/Task.h"
 #include "worker/PagePayloads.h"
 #include "worker/PageScriptRunner.h"
+#include "worker/Task.h"
 #include "worker/WorkerContext.h"
 #include "worker/WorkerStatusPublisher.h"
 

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <utility>
 
-#include "foundation/Processes.h"
+#include "system/Processes.h"
 
 namespace brindle {
 namespace {

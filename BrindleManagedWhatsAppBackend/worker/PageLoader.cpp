@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "exchange/EnvironmentKeys.h"
-#include "foundation/Paths.h"
-#include "foundation/Text.h"
+#include "system/Paths.h"
+#include "text/Text.h"
 
 namespace brindle {
 namespace {
@@ -54,10 +54,10 @@ PageLoader::Outcome PageLoader::issueLoad() {
     context_.state.pageLoadIssuedAt = context_.clock.now();
     context_.state.launchRecoveryAttemptCount = 0;
     context_.state.lastRecoveryAttemptAt.reset();
-    if (const auto path = nonBlankValue(context_.environment, environment_key::workerTestHTMLPath)) {
+    if (const auto path = nonBlankValue(context_.environment, environment_key::worker_test_html_path)) {
         return loadTestHTML(standardizedPath(*path));
     }
-    const auto address = nonBlankValue(context_.environment, environment_key::workerTestURL);
+    const auto address = nonBlankValue(context_.environment, environment_key::worker_test_url);
     if (address && context_.webView->isAddress(*address)) {
         return loadAddress(*address, "Loading managed WhatsApp worker test URL " + *address + ".");
     }

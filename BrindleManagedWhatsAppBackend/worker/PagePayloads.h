@@ -7,7 +7,7 @@
 #include <tuple>
 #include <vector>
 
-#include "foundation/Record.h"
+#include "records/Record.h"
 
 /// What the page scripts result in, as JSON texts.
 namespace brindle {
@@ -31,10 +31,10 @@ namespace activation_state {
 
 inline constexpr std::string_view activating = "activating";
 inline constexpr std::string_view searching = "searching";
-inline constexpr std::string_view wrongActiveChat = "wrong-active-chat";
-inline constexpr std::string_view noActiveChat = "no-active-chat";
+inline constexpr std::string_view wrong_active_chat = "wrong-active-chat";
+inline constexpr std::string_view no_active_chat = "no-active-chat";
 /// The worker's own, where the script has given none.
-inline constexpr std::string_view chatNotFound = "chat-not-found";
+inline constexpr std::string_view chat_not_found = "chat-not-found";
 
 }  // namespace activation_state
 
@@ -42,9 +42,9 @@ inline constexpr std::string_view chatNotFound = "chat-not-found";
 namespace capture_state {
 
 inline constexpr std::string_view ok = "ok";
-inline constexpr std::string_view noIncomingMessage = "no-incoming-message";
-inline constexpr std::string_view wrongChat = "wrong-chat";
-inline constexpr std::string_view noActiveChat = "no-active-chat";
+inline constexpr std::string_view no_incoming_message = "no-incoming-message";
+inline constexpr std::string_view wrong_chat = "wrong-chat";
+inline constexpr std::string_view no_active_chat = "no-active-chat";
 
 }  // namespace capture_state
 

@@ -25,11 +25,11 @@ std::string scriptWithWatchedTitle(std::string_view script, std::string_view wat
     std::string result;
     // Over the original text: the title may itself be the placeholder.
     for (;;) {
-        const auto found = script.find(page_script::watchedTitlePlaceholder);
+        const auto found = script.find(page_script::watched_title_placeholder);
         result.append(script.substr(0, found));
         if (found == std::string_view::npos) return result;
         result.append(literal);
-        script.remove_prefix(found + page_script::watchedTitlePlaceholder.size());
+        script.remove_prefix(found + page_script::watched_title_placeholder.size());
     }
 }
 

@@ -4,9 +4,9 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/Json.h"
-#include "foundation/Record.h"
-#include "foundation/Task.h"
+#include "records/Json.h"
+#include "records/Record.h"
+#include "worker/Task.h"
 #include "worker/WorkerContext.h"
 
 namespace brindle {

@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "foundation/Failure.h"
+#include "text/Failure.h"
 
 namespace brindle {
 

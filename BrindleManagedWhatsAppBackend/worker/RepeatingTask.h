@@ -5,7 +5,7 @@
 #include <memory>
 #include <optional>
 
-#include "foundation/Task.h"
+#include "worker/Task.h"
 #include "worker/WebWorkerHost.h"
 
 namespace brindle {

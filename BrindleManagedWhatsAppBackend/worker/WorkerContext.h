@@ -4,11 +4,11 @@
 #include <string>
 
 #include "exchange/DataDirectory.h"
-#include "foundation/Clock.h"
-#include "foundation/Environment.h"
-#include "foundation/Failure.h"
-#include "foundation/FileManager.h"
-#include "foundation/Task.h"
+#include "system/Clock.h"
+#include "system/Environment.h"
+#include "system/FileManager.h"
+#include "text/Failure.h"
+#include "worker/Task.h"
 #include "worker/WebWorkerHost.h"
 #include "worker/WorkerState.h"
 

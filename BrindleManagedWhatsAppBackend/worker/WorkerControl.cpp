@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "foundation/Text.h"
+#include "text/Text.h"
 
 namespace brindle {
 namespace {

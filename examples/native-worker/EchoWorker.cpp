@@ -8,11 +8,13 @@
 #include <tuple>
 #include <utility>
 
-#include "foundation/Clock.h"
-#include "foundation/Failure.h"
-#include "foundation/Identifier.h"
-#include "foundation/Paths.h"
-#include "foundation/Text.h"
+#include "records/DecodingFailure.h"
+#include "system/Clock.h"
+#include "system/FileSystemFailure.h"
+#include "system/Paths.h"
+#include "text/Failure.h"
+#include "text/Identifier.h"
+#include "text/Text.h"
 
 using namespace brindle;
 

@@ -8,8 +8,8 @@
 
 #include "exchange/DataDirectory.h"
 #include "exchange/ExchangeRecords.h"
-#include "foundation/Failure.h"
-#include "foundation/FileManager.h"
+#include "system/FileManager.h"
+#include "text/Failure.h"
 
 /// What the backend hands over in the environment.
 struct WorkerSettings {

@@ -15,10 +15,11 @@
 
 #include "EchoWorker.h"
 #include "exchange/EnvironmentKeys.h"
-#include "foundation/Descriptor.h"
-#include "foundation/Environment.h"
-#include "foundation/Failure.h"
-#include "foundation/Processes.h"
+#include "system/Descriptor.h"
+#include "system/Environment.h"
+#include "system/FileSystemFailure.h"
+#include "system/Processes.h"
+#include "text/Failure.h"
 
 using namespace brindle;
 
@@ -39,16 +40,16 @@ std::string requiredValue(const Environment& environment, std::string_view key) 
 }
 
 pid_t backendProcess(const Environment& environment) {
-    const auto text = requiredValue(environment, environment_key::parentProcess);
+    const auto text = requiredValue(environment, environment_key::parent_process);
     pid_t process = -1;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), process);
     if (error == std::errc() && end == text.data() + text.size() && process > 0) return process;
-    throw Failure(std::string(environment_key::parentProcess) + " must be a process id, not \"" + text +
+    throw Failure(std::string(environment_key::parent_process) + " must be a process id, not \"" + text +
                   "\".");
 }
 
 WorkerSettings settingsFrom(const Environment& environment, FileManager& fileManager) {
-    requiredValue(environment, environment_key::dataDirectory);
+    requiredValue(environment, environment_key::data_directory);
     const auto platform = requiredValue(environment, environment_key::platform);
     return {.directory = DataDirectory(environment, fileManager, platform),
             .platform = platform,

@@ -12,6 +12,7 @@
 #include "backend/ManagedWhatsAppBackendService.h"
 #include "backend/StatusPublisher.h"
 #include "support/BackendParts.h"
+#include "system/FileSystemFailure.h"
 
 /// Every file operation of the backend fails once, and from then on; its promises hold each time.
 namespace brindle {
@@ -106,7 +107,7 @@ TEST_P(FaultInjectionTests, StartFailsOnlyBecauseOfADirectory) {
     const int met = forEveryOperation(Stage::beforeAnyEffect, [](const Fault& fault) {
         const test::TemporaryDirectory home;
         const Environment environment{
-            {std::string(environment_key::temporaryDirectory), home.path().string()}};
+            {std::string(environment_key::temporary_directory), home.path().string()}};
         const auto data = home.path() / "Brindle" / "ManagedBridge" / "whatsapp";
         const test::TestClock clock;
         FaultInjectingFileManager files;
@@ -365,7 +366,7 @@ struct Sending {
     test::TestClock clock;
     test::CapturedStreams streams;
     ManagedWhatsAppBackendService service{
-        "whatsapp", {{std::string(environment_key::dataDirectory), data.string()}}, files, clock, -1};
+        "whatsapp", {{std::string(environment_key::data_directory), data.string()}}, files, clock, -1};
 
     Sending() {
         service.handle(BridgeConnectRequest{"whatsapp"});

@@ -236,11 +236,11 @@ TEST_F(InboundDeliveryTests, RejectsWhatIsNoRecordAndGoesOn) {
     const std::string prefix = "[ManagedWhatsAppBackend] rejected inbound event at ";
     const std::string corrupt =
         ": The data cannot be used because it is corrupt or has a value of the wrong type";
-    EXPECT_THAT(log_, ElementsAre(prefix + "a.json" + corrupt + ".",
-                                  prefix + "b.json: The data cannot be used because a required value is "
-                                           "missing (at text).",
-                                  prefix + "c.json" + corrupt + " (at isDirectMessage).",
-                                  prefix + "d.json" + corrupt + "."));
+    EXPECT_THAT(
+        log_, ElementsAre(
+                  prefix + "a.json" + corrupt + ".",
+                  prefix + "b.json: The data cannot be used because a required value is missing (at text).",
+                  prefix + "c.json" + corrupt + " (at isDirectMessage).", prefix + "d.json" + corrupt + "."));
 }
 
 TEST_F(InboundDeliveryTests, RejectsWhatIsNoRegularFileWithoutWaiting) {

@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "support/BackendParts.h"
+#include "system/FileSystemFailure.h"
 
 namespace brindle {
 namespace {
@@ -33,7 +34,7 @@ class BackendServiceTests : public testing::Test {
     test::CapturedStreams streams_;
     ManagedWhatsAppBackendService service_{
         "whatsapp",
-        {{std::string(environment_key::dataDirectory), (home_.path() / "data").string()}},
+        {{std::string(environment_key::data_directory), (home_.path() / "data").string()}},
         files_,
         clock_,
         -1};
@@ -160,7 +161,7 @@ TEST(BackendServicePlatformTests, CanonicallyEquivalentPlatformsAreTheSame) {
     test::CapturedStreams streams;
     {
         ManagedWhatsAppBackendService service(
-            "caf\u00E9", {{std::string(environment_key::dataDirectory), home.path().string()}}, files, clock,
+            "caf\u00E9", {{std::string(environment_key::data_directory), home.path().string()}}, files, clock,
             -1);
         service.handle(BridgeConnectRequest{"cafe\u0301"});
     }
@@ -173,8 +174,8 @@ TEST(BackendServiceConstructionTests, FailsWhenADirectoryCannotBeCreated) {
     PosixFileManager files;
     const test::TestClock clock;
     EXPECT_THROW(ManagedWhatsAppBackendService(
-                     "whatsapp", {{std::string(environment_key::dataDirectory), home.path().string()}}, files,
-                     clock, -1),
+                     "whatsapp", {{std::string(environment_key::data_directory), home.path().string()}},
+                     files, clock, -1),
                  FileSystemFailure);
     EXPECT_THAT(namesIn(home.path()), ElementsAre("inbound", "outbound"));
 }

@@ -78,17 +78,17 @@ TEST_F(LaunchConfigurationTests, NothingIsConfiguredByDefault) {
 
 TEST_F(LaunchConfigurationTests, DisablingComesBeforeEverything) {
     putFile(beside());
-    EXPECT_EQ(chosen(settings({{key::disableWorker, " Yes "},
-                               {key::workerPath, "/w"},
-                               {key::enableNativeWorker, "1"},
-                               {key::enableBuiltinWorker, "1"}})),
+    EXPECT_EQ(chosen(settings({{key::disable_worker, " Yes "},
+                               {key::worker_path, "/w"},
+                               {key::enable_native_worker, "1"},
+                               {key::enable_builtin_worker, "1"}})),
               "none");
-    EXPECT_EQ(chosen(settings({{key::disableWorker, "no"}, {key::workerPath, "/w"}})), "/w");
+    EXPECT_EQ(chosen(settings({{key::disable_worker, "no"}, {key::worker_path, "/w"}})), "/w");
 }
 
 TEST_F(LaunchConfigurationTests, ExplicitWorkerIsTakenUnseen) {
     putFile(beside());
-    const auto configuration = resolve(settings({{key::workerPath, " /missing//x/../worker\n"}}));
+    const auto configuration = resolve(settings({{key::worker_path, " /missing//x/../worker\n"}}));
     ASSERT_TRUE(configuration.has_value());
     EXPECT_EQ(configuration->executableURL, "/missing/worker");
     EXPECT_EQ(configuration->launchDescription, "/missing/worker");
@@ -99,17 +99,17 @@ TEST_F(LaunchConfigurationTests, ExplicitWorkerIsTakenUnseen) {
 }
 
 TEST_F(LaunchConfigurationTests, RelativeExplicitWorkerIsTakenAgainstTheWorkingDirectory) {
-    EXPECT_EQ(chosen(settings({{key::workerPath, "w"}})), fs::canonical(at("work")).string() + "/w");
+    EXPECT_EQ(chosen(settings({{key::worker_path, "w"}})), fs::canonical(at("work")).string() + "/w");
 }
 
 TEST_F(LaunchConfigurationTests, BlankExplicitWorkerCountsAsUnset) {
-    EXPECT_EQ(chosen(settings({{key::workerPath, "   "}})), "none");
+    EXPECT_EQ(chosen(settings({{key::worker_path, "   "}})), "none");
 }
 
 TEST_F(LaunchConfigurationTests, NativeWorkersAreEnabledAsTheSettingsSay) {
     const auto found = native(putFile(beside()));
-    const std::string_view enable = key::enableNativeWorker;
-    const std::string_view disable = key::disableNativeWorker;
+    const std::string_view enable = key::enable_native_worker;
+    const std::string_view disable = key::disable_native_worker;
     const std::string_view harness = "XCTestConfigurationFilePath";
     const std::string_view otherHarness = "SWIFT_TESTING_ENABLED";
     const std::vector<std::pair<Environment, bool>> table{
@@ -182,40 +182,43 @@ TEST_F(LaunchConfigurationTests, ExistenceIsTheOnlyTestOfANativeWorker) {
 TEST_F(LaunchConfigurationTests, GivenNativeWorkerIsUsedWhenItExists) {
     putFile(beside());
     const auto given = putFile("given/worker");
-    EXPECT_EQ(chosen(settings({{key::nativeWorkerPath, " " + at("given/./worker") + "\n"}})), native(given));
+    EXPECT_EQ(chosen(settings({{key::native_worker_path, " " + at("given/./worker") + "\n"}})),
+              native(given));
 }
 
 TEST_F(LaunchConfigurationTests, WrongNativeWorkerIsNotReplacedByAGuess) {
     putFile(beside());
-    EXPECT_EQ(chosen(settings({{key::nativeWorkerPath, at("missing")}})), "none");
-    EXPECT_EQ(chosen(settings({{key::nativeWorkerPath, at("missing")}, {key::enableBuiltinWorker, "on"}})),
-              builtIn());
+    EXPECT_EQ(chosen(settings({{key::native_worker_path, at("missing")}})), "none");
+    EXPECT_EQ(
+        chosen(settings({{key::native_worker_path, at("missing")}, {key::enable_builtin_worker, "on"}})),
+        builtIn());
 }
 
 TEST_F(LaunchConfigurationTests, BlankNativeWorkerCountsAsUnset) {
     const auto found = putFile(beside());
-    EXPECT_EQ(chosen(settings({{key::nativeWorkerPath, " \n"}})), native(found));
+    EXPECT_EQ(chosen(settings({{key::native_worker_path, " \n"}})), native(found));
 }
 
 TEST_F(LaunchConfigurationTests, BuiltInWorkerMustBeAskedFor) {
     for (const std::string value : {"1", "true", " YES ", "On"}) {
-        EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, value}})), builtIn()) << value;
+        EXPECT_EQ(chosen(settings({{key::enable_builtin_worker, value}})), builtIn()) << value;
     }
     for (const std::string value : {"", " ", "0", "2", "y", "enabled"}) {
-        EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, value}})), "none") << value;
+        EXPECT_EQ(chosen(settings({{key::enable_builtin_worker, value}})), "none") << value;
     }
-    EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, "1"}, {"SWIFT_TESTING_ENABLED", "1"}})), builtIn());
+    EXPECT_EQ(chosen(settings({{key::enable_builtin_worker, "1"}, {"SWIFT_TESTING_ENABLED", "1"}})),
+              builtIn());
 }
 
 TEST_F(LaunchConfigurationTests, NativeWorkerComesBeforeTheBuiltInOne) {
     const auto found = native(putFile(beside()));
-    EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, "1"}})), found);
-    EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, "1"}, {key::disableNativeWorker, "1"}})),
+    EXPECT_EQ(chosen(settings({{key::enable_builtin_worker, "1"}})), found);
+    EXPECT_EQ(chosen(settings({{key::enable_builtin_worker, "1"}, {key::disable_native_worker, "1"}})),
               builtIn());
 }
 
 TEST_F(LaunchConfigurationTests, BuiltInWorkerIsTheRunningExecutable) {
-    const auto configuration = resolve(settings({{key::enableBuiltinWorker, "1"}}));
+    const auto configuration = resolve(settings({{key::enable_builtin_worker, "1"}}));
     ASSERT_TRUE(configuration.has_value());
     EXPECT_EQ(configuration->executableURL, at("bin/Helper"));
     EXPECT_TRUE(configuration->requiresExecutableBit);
@@ -225,38 +228,38 @@ TEST_F(LaunchConfigurationTests, BuiltInWorkerIsTheRunningExecutable) {
 TEST_F(LaunchConfigurationTests, FirstArgumentStandsInForAnUnknownExecutable) {
     bundle_.executablePath.reset();
     bundle_.firstArgument = " /opt/./helper\n";
-    EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, "1"}})), "built-in WebKit worker (/opt/helper)");
+    EXPECT_EQ(chosen(settings({{key::enable_builtin_worker, "1"}})), "built-in WebKit worker (/opt/helper)");
     for (const std::string blank : {"", " \n"}) {
         bundle_.firstArgument = blank;
-        EXPECT_EQ(chosen(settings({{key::enableBuiltinWorker, "1"}})), "none");
+        EXPECT_EQ(chosen(settings({{key::enable_builtin_worker, "1"}})), "none");
     }
 }
 
 TEST_F(LaunchConfigurationTests, WorkerGetsTheSnapshotAndWhatItMustKnow) {
-    const auto configuration = resolve(settings({{key::workerPath, "/w"},
+    const auto configuration = resolve(settings({{key::worker_path, "/w"},
                                                  {"BRINDLE_HELPER_LAUNCH_TOKEN", "token"},
                                                  {"HOME", "/home/z"},
                                                  {key::platform, "replaced"},
-                                                 {key::parentProcess, "1"},
-                                                 {key::workerRole, "replaced"},
-                                                 {key::dataDirectory, "replaced"}}));
+                                                 {key::parent_process, "1"},
+                                                 {key::worker_role, "replaced"},
+                                                 {key::data_directory, "replaced"}}));
     ASSERT_TRUE(configuration.has_value());
-    EXPECT_EQ(configuration->environment, settings({{key::workerPath, "/w"},
+    EXPECT_EQ(configuration->environment, settings({{key::worker_path, "/w"},
                                                     {"BRINDLE_HELPER_LAUNCH_TOKEN", "token"},
                                                     {"HOME", "/home/z"},
                                                     {key::platform, "whatsapp"},
-                                                    {key::parentProcess, std::to_string(::getpid())},
-                                                    {key::workerRole, "runtime-worker"},
-                                                    {key::dataDirectory, dataDirectory_}}));
+                                                    {key::parent_process, std::to_string(::getpid())},
+                                                    {key::worker_role, "runtime-worker"},
+                                                    {key::data_directory, dataDirectory_}}));
 }
 
 TEST_F(LaunchConfigurationTests, RoleOfTheSnapshotReachesTheNativeWorkerUnchanged) {
     putFile(beside());
     const auto configuration =
-        resolve(settings({{key::workerRole, "something"}, {key::workerImplementation, "x"}}));
+        resolve(settings({{key::worker_role, "something"}, {key::worker_implementation, "x"}}));
     ASSERT_TRUE(configuration.has_value());
-    EXPECT_EQ(configuration->environment.at(std::string(key::workerRole)), "something");
-    EXPECT_EQ(configuration->environment.at(std::string(key::workerImplementation)), "protocol-native");
+    EXPECT_EQ(configuration->environment.at(std::string(key::worker_role)), "something");
+    EXPECT_EQ(configuration->environment.at(std::string(key::worker_implementation)), "protocol-native");
 }
 
 }  // namespace

@@ -112,9 +112,9 @@ TEST_F(StatusPublisherTests, StatusOfAnEarlierWorkerIsNotRead) {
 TEST_F(StatusPublisherTests, UndecodableWorkerStatusIsLoggedAndPassedOver) {
     setWorkerRunning(true);
     putWorkerStatus(R"({"state":"linked","supportsOutbound":true})");
-    EXPECT_EQ(publish(),
-              "[ManagedWhatsAppBackend] failed to decode worker status: The data cannot be used because a "
-              "required value is missing (at supportsLiveCapture).\n");
+    EXPECT_EQ(
+        publish(),
+        "[ManagedWhatsAppBackend] failed to decode worker status: The data cannot be used because a required value is missing (at supportsLiveCapture).\n");
     EXPECT_EQ(parts_.runtimeStatus()["workerState"], "launching");
     EXPECT_EQ(parts_.runtimeStatus()["workerSupportsOutbound"], false);
 }

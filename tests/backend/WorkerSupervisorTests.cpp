@@ -51,7 +51,7 @@ class WorkerSupervisorTests : public testing::Test {
         return test::writeScript(parts_.home.path() / "worker", body).string();
     }
     void configure(const std::string& path) {
-        parts_.environment.insert_or_assign(std::string(key::workerPath), path);
+        parts_.environment.insert_or_assign(std::string(key::worker_path), path);
     }
     ManagedWhatsAppWorkerLaunchSnapshot worker() const {
         return parts_.state.takeSnapshot().workerLaunchSnapshot;
@@ -74,14 +74,14 @@ class WorkerSupervisorTests : public testing::Test {
 };
 
 TEST_F(WorkerSupervisorTests, WithoutConfigurationNothingIsLaunched) {
-    parts_.environment.emplace(key::disableWorker, "1");
+    parts_.environment.emplace(key::disable_worker, "1");
     test::writeFileAtomically(parts_.directory.workerStatusFile, "{}");
     supervisor_.launchWorkerIfConfigured();
     EXPECT_EQ(worker().configuredExecutablePath, std::nullopt);
     EXPECT_EQ(worker().state, "not_configured");
-    EXPECT_EQ(worker().detail,
-              "No managed WhatsApp worker configured. Install the protocol worker dependencies or provide an "
-              "explicit worker executable.");
+    EXPECT_EQ(
+        worker().detail,
+        "No managed WhatsApp worker configured. Install the protocol worker dependencies or provide an explicit worker executable.");
     EXPECT_FALSE(fs::exists(parts_.directory.workerStatusFile));
     EXPECT_EQ(parts_.runtimeStatus()["workerDetail"], *worker().detail);
 }

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "records/DecodingFailure.h"
+
 namespace brindle {
 namespace {
 
@@ -131,15 +133,14 @@ INSTANTIATE_TEST_SUITE_P(Messages, BridgeMessageTests, testing::ValuesIn(everyMe
                          [](const auto& each) { return each.param.description; });
 
 TEST(BridgeReadingTests, EveryCaseHasAnExample) {
-    std::vector<bool> seen(BridgeEnvelope::caseNames.size());
+    std::vector<bool> seen(BridgeEnvelope::case_names.size());
     for (const auto& message : everyMessage()) seen[message.envelope.index()] = true;
-    EXPECT_EQ(seen, std::vector<bool>(BridgeEnvelope::caseNames.size(), true));
+    EXPECT_EQ(seen, std::vector<bool>(BridgeEnvelope::case_names.size(), true));
 }
 
 TEST(BridgeReadingTests, OrderAndWhiteSpaceDoNotMatter) {
     const auto envelope = decodedRecord<BridgeEnvelope>(
-        " { \"sendMessage\" : {\t\"_0\" : { \"platform\":\"p\" , \"message\":\r{ \"text\":\"t\", "
-        "\"conversationId\":\"c\" } } } } ");
+        " { \"sendMessage\" : {\t\"_0\" : { \"platform\":\"p\" , \"message\":\r{ \"text\":\"t\", \"conversationId\":\"c\" } } } } ");
     EXPECT_EQ(std::get<BridgeSendMessageRequest>(envelope).message.text, "t");
 }
 

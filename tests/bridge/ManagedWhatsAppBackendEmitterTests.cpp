@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "support/CapturedStreams.h"
+#include "system/FileSystemFailure.h"
 
 namespace brindle {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "foundation/Failure.h"
 #include "support/BackendProcess.h"
+#include "text/Failure.h"
 
 namespace brindle::console {
 namespace {

@@ -6,9 +6,9 @@
 
 #include <array>
 
-#include "foundation/Descriptor.h"
-#include "foundation/Failure.h"
 #include "support/BackendProcess.h"
+#include "system/Descriptor.h"
+#include "text/Failure.h"
 
 namespace brindle::console {
 namespace {

@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "foundation/Failure.h"
 #include "support/QRPictures.h"
+#include "text/Failure.h"
 
 namespace brindle::console {
 namespace {

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "foundation/Failure.h"
+#include "text/Failure.h"
 
 namespace brindle::console {
 namespace {

@@ -131,9 +131,9 @@ TEST_F(ConsoleTest, ScriptThatIsMetEndsWithZero) {
 TEST_F(ConsoleTest, ScriptThatIsNotMetNamesFileAndLine) {
     auto& console = startScript("connect\n\nexpect error containing nonsense within 0.1\nquit\n");
     EXPECT_EQ(console.waitForExit(), exitedWith(1));
-    EXPECT_EQ(console.standardError(), console.options().arguments.back() +
-                                           ":3: Expected error containing \"nonsense\", which did not come "
-                                           "within 0.1 s.\n");
+    EXPECT_EQ(console.standardError(),
+              console.options().arguments.back() +
+                  ":3: Expected error containing \"nonsense\", which did not come within 0.1 s.\n");
     EXPECT_THAT(console.rawOutput(), Not(HasSubstr("> quit")));
 }
 
@@ -436,8 +436,8 @@ TEST_F(ConsoleTest, WaitStatusThatIsNotMetTellsTheValue) {
     EXPECT_EQ(console.waitForExit(), exitedWith(1));
     EXPECT_THAT(
         console.standardError(),
-        HasSubstr("check.console:1: Expected workerState \"linked\", which did not come within 0.1 s; it is "
-                  "\"not_configured\".\n"));
+        HasSubstr(
+            "check.console:1: Expected workerState \"linked\", which did not come within 0.1 s; it is \"not_configured\".\n"));
 }
 
 TEST_F(ConsoleTest, TheDataDirectoryOptionCountsForHelperAndStatus) {

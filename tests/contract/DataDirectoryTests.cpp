@@ -456,18 +456,19 @@ TEST_F(RecordForm, RuntimeStatusWithoutWorkerScopeOrConnection) {
         [](const json& found) { return found["workerDetail"].get<std::string>().ends_with("executable."); });
     EXPECT_TRUE(isTimestamp(status.at("updatedAtISO8601").get<std::string>()));
     status.erase("updatedAtISO8601");
-    EXPECT_EQ(status,
-              (json{{"platform", "whatsapp"},
-                    {"backendVersion", "managed-whatsapp-backend-3"},
-                    {"dataDirectoryPath", backend_.path().string()},
-                    {"connectionState", "disconnected"},
-                    {"workerProcessRunning", false},
-                    {"workerState", "not_configured"},
-                    {"workerDetail",
-                     "No managed WhatsApp worker configured. Install the protocol worker dependencies or "
-                     "provide an explicit worker executable."},
-                    {"workerSupportsLiveCapture", false},
-                    {"workerSupportsOutbound", false}}));
+    EXPECT_EQ(
+        status,
+        (json{
+            {"platform", "whatsapp"},
+            {"backendVersion", "managed-whatsapp-backend-3"},
+            {"dataDirectoryPath", backend_.path().string()},
+            {"connectionState", "disconnected"},
+            {"workerProcessRunning", false},
+            {"workerState", "not_configured"},
+            {"workerDetail",
+             "No managed WhatsApp worker configured. Install the protocol worker dependencies or provide an explicit worker executable."},
+            {"workerSupportsLiveCapture", false},
+            {"workerSupportsOutbound", false}}));
 }
 
 TEST_F(RecordForm, RecordFilesHaveTheirKeysInAlphabeticalOrder) {

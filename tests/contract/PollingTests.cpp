@@ -28,8 +28,7 @@ const std::string worker_status_failure_prefix = "[ManagedWhatsAppBackend] faile
 const std::string status_failure_prefix = "[ManagedWhatsAppBackend] failed to write runtime status: ";
 const std::string control_failure_prefix = "[ManagedWhatsAppBackend] failed to write worker control: ";
 const std::string parent_gone_line =
-    "[ManagedWhatsAppBackend] bridge service parent is no longer alive; stopping the managed backend and "
-    "worker.\n";
+    "[ManagedWhatsAppBackend] bridge service parent is no longer alive; stopping the managed backend and worker.\n";
 
 json eventOf(const json& envelope) {
     return envelope.at("inboundEvent").at("_0").at("event");

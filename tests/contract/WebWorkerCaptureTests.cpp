@@ -111,8 +111,7 @@ TEST_F(WebWorkerCapture, HistoryIsNotDeliveredAndWhatFollowsIsOnce) {
 TEST_F(WebWorkerCapture, MessagesOfOneDrainKeepTheirOrderInTheNumberPublished) {
     worker().watchUntilOpen("Team Room");
     page().run(
-        "for (let n = 0; n < 20; ++n) client.receive('Team Room', { id: 'm' + n, sender: 'Ann', text: 'no ' "
-        "+ n })");
+        "for (let n = 0; n < 20; ++n) client.receive('Team Room', { id: 'm' + n, sender: 'Ann', text: 'no ' + n })");
     EXPECT_EQ(worker().waitForTexts(20).size(), 20U);
     worker().waitForDetail("Captured 20 inbound message(s).");
 }

@@ -187,9 +187,10 @@ TEST(WebWorkerResilience, APageThatTheNetworkWithheldIsLoadedOnceThereIsANetwork
 }
 
 TEST(WebWorkerResilience, APageThatAsksBeforeItIsLeftIsReloadedAllTheSame) {
-    DrivenPage page(std::string("addEventListener('beforeunload', (event) => { event.preventDefault(); "
-                                "event.returnValue = 'stay'; });") +
-                    chats);
+    DrivenPage page(
+        std::string(
+            "addEventListener('beforeunload', (event) => { event.preventDefault(); event.returnValue = 'stay'; });") +
+        chats);
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.watchUntilOpen("Team Room");
     page.post("location.reload()");

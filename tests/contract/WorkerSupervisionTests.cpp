@@ -23,9 +23,7 @@ const std::string log_prefix = "[ManagedWhatsAppBackend] ";
 const std::string relay_prefix = "[ManagedWhatsAppWorker] ";
 const std::string error_relay_prefix = "[ManagedWhatsAppWorker][stderr] ";
 const std::string no_worker_detail =
-    "No managed WhatsApp worker configured. Install the protocol worker dependencies or provide an explicit "
-    "worker "
-    "executable.";
+    "No managed WhatsApp worker configured. Install the protocol worker dependencies or provide an explicit worker executable.";
 
 json runtimeStatusOf(const BackendProcess& backend) {
     return backend.readJson("runtime/runtime-status.json");

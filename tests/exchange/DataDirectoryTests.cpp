@@ -10,8 +10,8 @@
 #include <fstream>
 
 #include "exchange/EnvironmentKeys.h"
-#include "foundation/Failure.h"
 #include "support/BackendProcess.h"
+#include "system/FileSystemFailure.h"
 
 namespace brindle {
 namespace {
@@ -66,40 +66,40 @@ class DataDirectoryTests : public testing::Test {
     static Environment with(std::string_view name, const std::string& value) {
         return {{std::string(name), value}};
     }
-    Environment temporary() const { return with(key::temporaryDirectory, at("tmp")); }
+    Environment temporary() const { return with(key::temporary_directory, at("tmp")); }
 
     TemporaryDirectory home_;
     PosixFileManager files_;
 };
 
 TEST_F(DataDirectoryTests, ConfiguredDirectoryIsTakenAsItIs) {
-    EXPECT_EQ(pathFor(with(key::dataDirectory, "  /x/y/../z\n")), "/x/z");
-    EXPECT_EQ(pathFor(with(key::dataDirectory, "//x///y/./")), "/x/y");
-    EXPECT_EQ(pathFor(with(key::dataDirectory, "/")), "/");
+    EXPECT_EQ(pathFor(with(key::data_directory, "  /x/y/../z\n")), "/x/z");
+    EXPECT_EQ(pathFor(with(key::data_directory, "//x///y/./")), "/x/y");
+    EXPECT_EQ(pathFor(with(key::data_directory, "/")), "/");
 }
 
 TEST_F(DataDirectoryTests, RelativeConfiguredDirectoryIsTakenAgainstTheWorkingDirectory) {
-    EXPECT_EQ(pathFor(with(key::dataDirectory, "a/b")), fs::current_path().string() + "/a/b");
+    EXPECT_EQ(pathFor(with(key::data_directory, "a/b")), fs::current_path().string() + "/a/b");
 }
 
 TEST_F(DataDirectoryTests, ConfiguredDirectoryComesBeforeAllOthers) {
-    auto environment = with(key::dataDirectory, "/x");
-    environment.emplace(key::runtimeDirectory, makeDirectory("run", 0700));
-    environment.emplace(key::temporaryDirectory, at("tmp"));
+    auto environment = with(key::data_directory, "/x");
+    environment.emplace(key::runtime_directory, makeDirectory("run", 0700));
+    environment.emplace(key::temporary_directory, at("tmp"));
     EXPECT_EQ(pathFor(environment), "/x");
 }
 
 TEST_F(DataDirectoryTests, BlankConfiguredDirectoryCountsAsAbsent) {
     for (const std::string blank : {"", "  ", "\n\t", "\u00A0"}) {
         auto environment = temporary();
-        environment.emplace(key::dataDirectory, blank);
+        environment.emplace(key::data_directory, blank);
         EXPECT_EQ(pathFor(environment), at("tmp") + "/Brindle/ManagedBridge/whatsapp");
     }
 }
 
 TEST_F(DataDirectoryTests, PrivateRuntimeDirectoryIsTheBase) {
     const auto run = makeDirectory("run", 0700);
-    EXPECT_EQ(pathFor(with(key::runtimeDirectory, " " + run + "/./ ")),
+    EXPECT_EQ(pathFor(with(key::runtime_directory, " " + run + "/./ ")),
               run + "/Brindle/ManagedBridge/whatsapp");
 }
 
@@ -111,7 +111,7 @@ TEST_F(DataDirectoryTests, RuntimeDirectoryThatIsNotPrivateIsPassedOver) {
          {makeDirectory("open", 0755), makeDirectory("sticky", 01700), at("missing"), at("link"), at("file"),
           std::string("relative"), std::string("  ")}) {
         auto environment = temporary();
-        environment.emplace(key::runtimeDirectory, value);
+        environment.emplace(key::runtime_directory, value);
         EXPECT_EQ(pathFor(environment), fallback) << value;
     }
 }
@@ -119,7 +119,7 @@ TEST_F(DataDirectoryTests, RuntimeDirectoryThatIsNotPrivateIsPassedOver) {
 TEST_F(DataDirectoryTests, RuntimeDirectoryOfAnotherUserIsPassedOver) {
     const auto run = makeDirectory("run", 0700);
     auto environment = temporary();
-    environment.emplace(key::runtimeDirectory, run);
+    environment.emplace(key::runtime_directory, run);
     ForeignOwnership files(run);
     EXPECT_EQ(DataDirectory(environment, files, "whatsapp").path,
               at("tmp") + "/Brindle/ManagedBridge/whatsapp");
@@ -127,8 +127,8 @@ TEST_F(DataDirectoryTests, RuntimeDirectoryOfAnotherUserIsPassedOver) {
 
 TEST_F(DataDirectoryTests, GeneralTemporaryDirectoryIsTheLastResort) {
     EXPECT_EQ(pathFor({}), "/tmp/Brindle/ManagedBridge/whatsapp");
-    EXPECT_EQ(pathFor(with(key::temporaryDirectory, " ")), "/tmp/Brindle/ManagedBridge/whatsapp");
-    EXPECT_EQ(pathFor(with(key::temporaryDirectory, "/var//tmp/\n")),
+    EXPECT_EQ(pathFor(with(key::temporary_directory, " ")), "/tmp/Brindle/ManagedBridge/whatsapp");
+    EXPECT_EQ(pathFor(with(key::temporary_directory, "/var//tmp/\n")),
               "/var/tmp/Brindle/ManagedBridge/whatsapp");
 }
 
@@ -142,7 +142,7 @@ TEST_F(DataDirectoryTests, FindingTouchesNothing) {
 }
 
 TEST_F(DataDirectoryTests, EveryPathLiesBelow) {
-    const DataDirectory directory(with(key::dataDirectory, "/d"), files_, "whatsapp");
+    const DataDirectory directory(with(key::data_directory, "/d"), files_, "whatsapp");
     EXPECT_EQ(directory.inbound, "/d/inbound");
     EXPECT_EQ(directory.outbound, "/d/outbound");
     EXPECT_EQ(directory.processed, "/d/processed");
@@ -163,7 +163,7 @@ TEST_F(DataDirectoryTests, RecordFileIsNamedByItsMessage) {
 }
 
 TEST_F(DataDirectoryTests, BackendCreatesAllDirectoriesPrivateToTheUser) {
-    const DataDirectory directory(with(key::dataDirectory, at("a/d")), files_, "whatsapp");
+    const DataDirectory directory(with(key::data_directory, at("a/d")), files_, "whatsapp");
     directory.createForBackend(files_);
     EXPECT_THAT(namesIn(directory.path),
                 ElementsAre("inbound", "outbound", "processed", "rejected", "runtime"));
@@ -190,7 +190,7 @@ TEST_F(DataDirectoryTests, CreatingAgainIsNoError) {
 }
 
 TEST_F(DataDirectoryTests, FirstDirectoryThatCannotBeCreatedEndsTheCreation) {
-    const DataDirectory directory(with(key::dataDirectory, at("d")), files_, "whatsapp");
+    const DataDirectory directory(with(key::data_directory, at("d")), files_, "whatsapp");
     makeDirectory("d", 0700);
     std::ofstream(directory.processed) << "";
     try {
@@ -211,7 +211,7 @@ TEST_F(DataDirectoryTests, DirectoryOfAnotherUserInASharedPlaceIsRefused) {
         const auto foreign = (shared.path() / component).string();
         fs::create_directories(foreign);
         ForeignOwnership files(foreign);
-        const DataDirectory directory(with(key::temporaryDirectory, shared.path().string()), files,
+        const DataDirectory directory(with(key::temporary_directory, shared.path().string()), files,
                                       "whatsapp");
         try {
             directory.createForBackend(files);
@@ -221,8 +221,7 @@ TEST_F(DataDirectoryTests, DirectoryOfAnotherUserInASharedPlaceIsRefused) {
             EXPECT_EQ(
                 failure.what(),
                 "Cannot use the directory \"" + foreign +
-                    "\": It belongs to another user, is a link or can be written by others; remove it or set "
-                    "BRINDLE_MANAGED_BRIDGE_DATA_DIR.");
+                    "\": It belongs to another user, is a link or can be written by others; remove it or set BRINDLE_MANAGED_BRIDGE_DATA_DIR.");
         }
         EXPECT_TRUE(fs::is_empty(foreign)) << component;
     }
@@ -235,7 +234,7 @@ TEST_F(DataDirectoryTests, DirectoryThatOthersCanWriteInASharedPlaceIsRefused) {
         fs::create_directories(open);
         fs::permissions(open, fs::perms::others_write, fs::perm_options::add);
         PosixFileManager files;
-        const DataDirectory directory(with(key::temporaryDirectory, shared.path().string()), files,
+        const DataDirectory directory(with(key::temporary_directory, shared.path().string()), files,
                                       "whatsapp");
         EXPECT_THROW(directory.createForBackend(files), FileSystemFailure) << component;
     }
@@ -259,7 +258,7 @@ TEST_F(DataDirectoryTests, LinkInASharedPlaceIsRefused) {
         const TemporaryDirectory elsewhere;
         fs::create_directories((shared.path() / component).parent_path());
         fs::create_directory_symlink(elsewhere.path(), shared.path() / component);
-        const DataDirectory directory(with(key::temporaryDirectory, shared.path().string()), files_,
+        const DataDirectory directory(with(key::temporary_directory, shared.path().string()), files_,
                                       "whatsapp");
         EXPECT_THROW(directory.createForBackend(files_), FileSystemFailure) << component;
         EXPECT_TRUE(fs::is_empty(elsewhere.path())) << component;
@@ -270,7 +269,7 @@ TEST_F(DataDirectoryTests, ConfiguredDirectoryMayBeALinkOrBelongToAnotherUser) {
     const auto real = makeDirectory("real", 0700);
     fs::create_directory_symlink(real, at("link"));
     ForeignOwnership files(at("link"));
-    const DataDirectory directory(with(key::dataDirectory, at("link")), files, "whatsapp");
+    const DataDirectory directory(with(key::data_directory, at("link")), files, "whatsapp");
     directory.createForBackend(files);
     EXPECT_TRUE(fs::is_directory(real + "/inbound"));
 }

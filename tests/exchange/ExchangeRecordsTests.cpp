@@ -5,7 +5,9 @@
 
 #include <filesystem>
 
+#include "records/DecodingFailure.h"
 #include "support/BackendProcess.h"
+#include "system/FileSystemFailure.h"
 
 namespace brindle {
 namespace {

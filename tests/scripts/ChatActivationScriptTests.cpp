@@ -59,8 +59,7 @@ TEST_F(ChatActivationScript, OpenChatIsNamedByMainHeaderLast) {
 
 TEST_F(ChatActivationScript, WithoutAnyOfThemNoChatIsOpen) {
     show(
-        "<header>Elsewhere</header><div id=\"main\"><p dir=\"auto\" title=\"Not in a "
-        "header\">Text</p></div>");
+        "<header>Elsewhere</header><div id=\"main\"><p dir=\"auto\" title=\"Not in a header\">Text</p></div>");
     EXPECT_EQ(activate("First").at("activeChatTitle"), "");
 }
 
@@ -263,8 +262,7 @@ TEST_F(ChatActivationScript, RowIsScrolledIntoViewBeforeItsEvents) {
 
 TEST_F(ChatActivationScript, RowFarDownTheListComesIntoView) {
     show(
-        "<div id=\"side\"><section id=\"pane-side\" style=\"height: 300px; overflow: "
-        "auto\"></section></div>");
+        "<div id=\"side\"><section id=\"pane-side\" style=\"height: 300px; overflow: auto\"></section></div>");
     inPage(R"(
         for (let i = 0; i < 200; ++i) {
             const row = document.createElement('div');
@@ -327,8 +325,7 @@ TEST_F(ChatActivationScript, SearchBoxesOfEveryKindAreFound) {
 
 TEST_F(ChatActivationScript, OtherEditableElementsAndOtherPlacesHoldNoSearchBox) {
     show(
-        "<div id=\"side\"><p contenteditable=\"true\"></p><div "
-        "contenteditable=\"false\"></div><textarea></textarea>"
+        "<div id=\"side\"><p contenteditable=\"true\"></p><div contenteditable=\"false\"></div><textarea></textarea>"
         "</div><input type=\"text\"><div contenteditable=\"true\" role=\"textbox\"></div>");
     EXPECT_EQ(activate("Team").at("state"), "no-active-chat");
 }
@@ -352,8 +349,7 @@ TEST_F(ChatActivationScript, BoxThatIsNotDisplayedIsNotUsed) {
 
 TEST_F(ChatActivationScript, RowComesBeforeSearch) {
     show(
-        "<div id=\"side\"><input id=\"box\"><section id=\"pane-side\"><div "
-        "title=\"Team\"></div></section></div>");
+        "<div id=\"side\"><input id=\"box\"><section id=\"pane-side\"><div title=\"Team\"></div></section></div>");
     EXPECT_EQ(activate("Team").at("state"), "activating");
     EXPECT_EQ(valueOf("document.getElementById('box').value"), "");
 }
@@ -370,8 +366,7 @@ TEST_F(ChatActivationScript, TextInputGetsTheTitleAndThenInputAndChange) {
 
 TEST_F(ChatActivationScript, TextAreaIsFilledAsATextInputIs) {
     show(
-        "<div id=\"side\"><textarea id=\"box\" contenteditable=\"true\" "
-        "role=\"textbox\">before</textarea></div>");
+        "<div id=\"side\"><textarea id=\"box\" contenteditable=\"true\" role=\"textbox\">before</textarea></div>");
     recordEvents();
     EXPECT_EQ(activate("Team").at("state"), "searching");
     EXPECT_EQ(valueOf("box.value"), "Team");
@@ -460,7 +455,7 @@ TEST_F(ChatActivationScript, ElementThatPosesAsThePageTitleCountsAsNone) {
 }
 
 TEST_F(ChatActivationScript, PageWhoseBodyHasNotArrivedHasNoChat) {
-    show("", "<script>window.early = " + scriptWithWatchedTitle(page_script::chatActivation, "Team") +
+    show("", "<script>window.early = " + scriptWithWatchedTitle(page_script::chat_activation, "Team") +
                  ";</script>");
     EXPECT_EQ(Json::parse(valueOf("window.early").get<std::string>()).at("state"), "no-active-chat");
 }

@@ -1,5 +1,5 @@
-#include "foundation/Text.h"
 #include "scripts/PageScriptTest.h"
+#include "text/Text.h"
 
 namespace brindle::test {
 namespace {
@@ -30,12 +30,12 @@ class HostilePage : public PageScriptTest {
     static std::vector<std::string> runEverything() {
         std::vector<std::string> answers;
         for (const std::string& script :
-             {std::string(page_script::linkState), std::string(page_script::qrCode),
-              scriptWithWatchedTitle(page_script::chatActivation, "Family"),
-              scriptWithWatchedTitle(page_script::chatActivation, "Nobody"),
-              scriptWithWatchedTitle(page_script::inboundCapture, "Team"),
-              scriptWithWatchedTitle(page_script::inboundCapture, "Team"),
-              scriptWithWatchedTitle(page_script::inboundCapture, "Family")}) {
+             {std::string(page_script::link_state), std::string(page_script::qr_code),
+              scriptWithWatchedTitle(page_script::chat_activation, "Family"),
+              scriptWithWatchedTitle(page_script::chat_activation, "Nobody"),
+              scriptWithWatchedTitle(page_script::inbound_capture, "Team"),
+              scriptWithWatchedTitle(page_script::inbound_capture, "Team"),
+              scriptWithWatchedTitle(page_script::inbound_capture, "Family")}) {
             try {
                 if (const std::optional<std::string> answer = page().evaluate(script))
                     answers.push_back(*answer);
@@ -145,8 +145,7 @@ TEST_F(HostilePage, TamperedDocument) {
         "document.querySelector = () => ({})",
         "document.querySelector = () => { throw new Error('No') }",
         "document.querySelectorAll = () => null",
-        "document.querySelectorAll = () => [null, undefined, 1, 'x', document, document.createTextNode('x'), "
-        "{}]",
+        "document.querySelectorAll = () => [null, undefined, 1, 'x', document, document.createTextNode('x'), {}]",
         "document.querySelectorAll = () => ({ length: 1e9 })",
         "Object.defineProperty(document, 'body', { value: 5 })",
         "Object.defineProperty(document, 'body', { get() { throw new Error('No') } })",
@@ -187,8 +186,7 @@ TEST_F(HostilePage, TamperedCaptureState) {
         state_name + " = Object.freeze({ queue: Object.freeze([]), seenFingerprints: {}, primedChats: {} })",
         state_name + " = { queue: 'x', seenFingerprints: null, primedChats: null }",
         state_name + " = new Proxy({}, { get() { throw new Error('No') } })",
-        "Object.defineProperty(window, '__brindleWhatsAppWorkerCaptureState', { get() { throw new "
-        "Error('No') } })",
+        "Object.defineProperty(window, '__brindleWhatsAppWorkerCaptureState', { get() { throw new Error('No') } })",
         "Object.defineProperty(window, '__brindleWhatsAppWorkerCaptureState', { get: () => null, set() {} })",
         state_name +
             " = { queue: [null, 1, {}, { activeChatTitle: {} }, { activeChatTitle: 'Team', text: 7 }],"
@@ -197,8 +195,7 @@ TEST_F(HostilePage, TamperedCaptureState) {
             " = { queue: new Array(1e6).fill({ activeChatTitle: 'Team', text: 'x', fingerprint: 'x' }),"
             " seenFingerprints: {}, primedChats: { team: true }, observerInstalled: true }",
         "const loop = { activeChatTitle: 'Team' }; loop.self = loop;" + state_name +
-            " = { queue: [loop], seenFingerprints: {}, primedChats: { team: true }, observerInstalled: true "
-            "}",
+            " = { queue: [loop], seenFingerprints: {}, primedChats: { team: true }, observerInstalled: true }",
     });
 }
 
@@ -218,8 +215,7 @@ TEST_F(HostilePage, ElementsNamedLikeMembersOfTheMessage) {
                              "textContent", "dataset", "nodeType", "hasAttribute"}) {
         showEverything();
         inPage(
-            "document.getElementById('messages').insertAdjacentHTML('beforeend', "
-            "'<form class=message-in data-id=m3>Hello<input name=" +
+            "document.getElementById('messages').insertAdjacentHTML('beforeend', '<form class=message-in data-id=m3>Hello<input name=" +
             std::string(name) + "></form>');");
         runEverything();
         expectUnharmed(name);
@@ -259,7 +255,7 @@ TEST_F(HostilePage, WhateverThePageThrowsIsAFailureInText) {
         showEverything();
         inPage("document.querySelector = () => { throw " + std::string(thrown) + "; };");
         try {
-            page().evaluate(std::string(page_script::qrCode));
+            page().evaluate(std::string(page_script::qr_code));
             FAIL() << thrown;
         } catch (const std::runtime_error& error) {
             EXPECT_TRUE(isValidUtf8(error.what())) << thrown;
@@ -274,7 +270,7 @@ TEST_F(HostilePage, HalvesOfSurrogatePairsDoNotSpoilTheAnswer) {
     capture("Team");
     inPage(R"(document.querySelector('[data-id=m1] span').textContent = 'cut \ud83c';)");
     const std::string answer =
-        page().evaluate(scriptWithWatchedTitle(page_script::inboundCapture, "Team")).value();
+        page().evaluate(scriptWithWatchedTitle(page_script::inbound_capture, "Team")).value();
     JsonParser parser;
     std::vector<std::string> texts;
     parser.parse(withoutLoneSurrogates(answer))

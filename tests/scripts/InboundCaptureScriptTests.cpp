@@ -562,7 +562,7 @@ TEST_F(InboundCaptureScript, FailedScanOfTheObserverIsSwallowed) {
 }
 
 TEST_F(InboundCaptureScript, ObserverWaitsForTheBody) {
-    const std::string run = scriptWithWatchedTitle(page_script::inboundCapture, "Team");
+    const std::string run = scriptWithWatchedTitle(page_script::inbound_capture, "Team");
     show("<header><span title=\"Team\"></span></header><div class=\"message-in\">Old</div>",
          "<script>window.hadBody = document.body !== null; window.early = [" + run + ", " + run +
              "]; window.installedEarly = " + state_name + ".observerInstalled;</script>");
@@ -577,12 +577,12 @@ TEST_F(InboundCaptureScript, ObserverWaitsForTheBody) {
 }
 
 TEST_F(InboundCaptureScript, ObserverThatWaitedIsInstalledOnce) {
-    const std::string run = scriptWithWatchedTitle(page_script::inboundCapture, "Team");
-    show("",
-         "<script>window.observed = 0; const observe = MutationObserver.prototype.observe;"
-         "MutationObserver.prototype.observe = function (...values) { observed += 1; observe.apply(this, "
-         "values); };" +
-             run + "; " + run + ";</script>");
+    const std::string run = scriptWithWatchedTitle(page_script::inbound_capture, "Team");
+    show(
+        "",
+        "<script>window.observed = 0; const observe = MutationObserver.prototype.observe;"
+        "MutationObserver.prototype.observe = function (...values) { observed += 1; observe.apply(this, values); };" +
+            run + "; " + run + ";</script>");
     capture("Team");
     EXPECT_EQ(valueOf("observed"), 1);
 }

@@ -9,7 +9,7 @@ constexpr const char* side_pane = "<div id=\"side\">Chats</div>";
 
 class LinkStateScript : public PageScriptTest {
   protected:
-    static std::string run() { return page().evaluate(std::string(page_script::linkState)).value(); }
+    static std::string run() { return page().evaluate(std::string(page_script::link_state)).value(); }
 };
 
 TEST_F(LinkStateScript, PageWithSidePaneIsLinked) {
@@ -61,7 +61,7 @@ TEST_F(LinkStateScript, EmptyPageIsNotLinked) {
 
 TEST_F(LinkStateScript, PageWhoseBodyHasNotArrivedIsNotLinked) {
     show(side_pane, "<script>window.hadBody = document.body !== null; window.early = " +
-                        std::string(page_script::linkState) + ";</script>");
+                        std::string(page_script::link_state) + ";</script>");
     ASSERT_EQ(valueOf("window.hadBody"), false);
     EXPECT_EQ(valueOf("window.early"), not_linked);
     EXPECT_EQ(run(), linked);

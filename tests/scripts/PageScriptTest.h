@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/Json.h"
+#include "records/Json.h"
 #include "support/EnginePage.h"
 #include "worker/PageScriptRunner.h"
 #include "worker/PageScripts.h"
@@ -50,12 +50,12 @@ class PageScriptTest : public testing::Test {
     /// What the chat activation script answers.
     static Json activate(std::string_view watchedTitle) {
         return Json::parse(
-            page().evaluate(scriptWithWatchedTitle(page_script::chatActivation, watchedTitle)).value());
+            page().evaluate(scriptWithWatchedTitle(page_script::chat_activation, watchedTitle)).value());
     }
     /// What the inbound capture script answers.
     static Json capture(std::string_view watchedTitle) {
         return Json::parse(
-            page().evaluate(scriptWithWatchedTitle(page_script::inboundCapture, watchedTitle)).value());
+            page().evaluate(scriptWithWatchedTitle(page_script::inbound_capture, watchedTitle)).value());
     }
 
     static std::vector<std::string> keysOf(const Json& object) {

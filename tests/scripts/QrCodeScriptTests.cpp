@@ -1,5 +1,5 @@
-#include "foundation/Base64.h"
 #include "scripts/PageScriptTest.h"
+#include "text/Base64.h"
 
 namespace brindle::test {
 namespace {
@@ -12,7 +12,7 @@ constexpr std::size_t png_width_offset = 16;
 
 class QrCodeScript : public PageScriptTest {
   protected:
-    static std::optional<std::string> run() { return page().evaluate(std::string(page_script::qrCode)); }
+    static std::optional<std::string> run() { return page().evaluate(std::string(page_script::qr_code)); }
 };
 
 TEST_F(QrCodeScript, PageWithoutCanvasGivesNothing) {
@@ -40,8 +40,7 @@ TEST_F(QrCodeScript, DataUrlHoldsAPngFileOfTheCanvasSize) {
 
 TEST_F(QrCodeScript, FirstOfSeveralCanvasesIsTaken) {
     show(
-        "<section><canvas width=\"10\" height=\"10\"></canvas></section><canvas width=\"20\" "
-        "height=\"20\"></canvas>");
+        "<section><canvas width=\"10\" height=\"10\"></canvas></section><canvas width=\"20\" height=\"20\"></canvas>");
     EXPECT_EQ(run(), valueOf("document.querySelectorAll('canvas')[0].toDataURL('image/png')"));
     EXPECT_NE(run(), valueOf("document.querySelectorAll('canvas')[1].toDataURL('image/png')"));
 }
@@ -70,8 +69,7 @@ TEST_F(QrCodeScript, WhateverTheCanvasGivesIsPassedOn) {
 TEST_F(QrCodeScript, CanvasThatMayNotBeReadFails) {
     show("<canvas></canvas>");
     inPage(
-        "document.querySelector('canvas').toDataURL = () => { throw new DOMException('No', 'SecurityError'); "
-        "};");
+        "document.querySelector('canvas').toDataURL = () => { throw new DOMException('No', 'SecurityError'); };");
     EXPECT_THROW(run(), std::runtime_error);
 }
 
@@ -85,7 +83,7 @@ TEST_F(QrCodeScript, PictureFollowsTheCanvas) {
 }
 
 TEST_F(QrCodeScript, PageWhoseBodyHasNotArrivedGivesNothing) {
-    show("<canvas></canvas>", "<script>window.early = [" + std::string(page_script::qrCode) + "];</script>");
+    show("<canvas></canvas>", "<script>window.early = [" + std::string(page_script::qr_code) + "];</script>");
     EXPECT_EQ(valueOf("window.early"), Json::parse("[null]"));
     EXPECT_NE(run(), std::nullopt);
 }

@@ -1,10 +1,10 @@
 #include <filesystem>
 #include <map>
 
-#include "foundation/Base64.h"
 #include "scripts/PageScriptTest.h"
 #include "support/LoopbackServer.h"
 #include "support/QRPictures.h"
+#include "text/Base64.h"
 
 namespace brindle::test {
 namespace {
@@ -66,9 +66,9 @@ class SampleWebClient : public PageScriptTest {
     static Json counters() { return client("state()").at("counters"); }
 
     static Json linkState() {
-        return Json::parse(page().evaluate(std::string(page_script::linkState)).value());
+        return Json::parse(page().evaluate(std::string(page_script::link_state)).value());
     }
-    static std::optional<std::string> qrCode() { return page().evaluate(std::string(page_script::qrCode)); }
+    static std::optional<std::string> qrCode() { return page().evaluate(std::string(page_script::qr_code)); }
     /// What a phone reads from the picture that the worker would write.
     static std::string scannedCode() {
         const std::string url = qrCode().value_or("");

@@ -54,7 +54,7 @@ struct BackendParts {
     TestClock clock;
     BackendState state;
     DataDirectory directory{
-        {{std::string(environment_key::dataDirectory), (home.path() / "data").string()}}, files, platform};
+        {{std::string(environment_key::data_directory), (home.path() / "data").string()}}, files, platform};
     CapturedStreams streams;
     DepartureWatch departureWatch;
     ManagedWhatsAppBackendEmitter emitter{departureWatch};

@@ -408,10 +408,10 @@ std::vector<std::string> BackendProcess::commandLine() const {
     std::vector<std::string> line;
     if (options_.underIntermediateParent) {
         // The shell gives its own copies of the pipes up, so that only the backend holds them.
-        line = {"/bin/sh", "-c",
-                "unset PWD; exec 3<&0; file=$1; shift; \"$@\" <&3 3<&- & echo $! >\"$file\"; "
-                "exec 0</dev/null 1>/dev/null 2>/dev/null 3<&-; wait $!; echo $? >\"$file.status\"",
-                "intermediate-parent", intermediateDirectory_->path() / "pid"};
+        line = {
+            "/bin/sh", "-c",
+            "unset PWD; exec 3<&0; file=$1; shift; \"$@\" <&3 3<&- & echo $! >\"$file\"; exec 0</dev/null 1>/dev/null 2>/dev/null 3<&-; wait $!; echo $? >\"$file.status\"",
+            "intermediate-parent", intermediateDirectory_->path() / "pid"};
     }
     line.push_back(options_.executable);
     line.insert(line.end(), options_.arguments.begin(), options_.arguments.end());

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "foundation/Descriptor.h"
+#include "system/Descriptor.h"
 
 namespace brindle::test {
 

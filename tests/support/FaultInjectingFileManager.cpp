@@ -1,6 +1,6 @@
 #include "support/FaultInjectingFileManager.h"
 
-#include "foundation/Failure.h"
+#include "system/FileSystemFailure.h"
 
 namespace brindle::test {
 

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "foundation/FileManager.h"
+#include "system/FileManager.h"
 
 namespace brindle::test {
 

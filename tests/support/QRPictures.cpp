@@ -189,8 +189,7 @@ const SampleQRCode& smallQRCode() {
 const SampleQRCode& largeQRCode() {
     static const SampleQRCode code{
         .content =
-            "brindle-sample:large,The quick brown fox jumps over the lazy dog. The quick brown fox jumps "
-            "over the lazy dog",
+            "brindle-sample:large,The quick brown fox jumps over the lazy dog. The quick brown fox jumps over the lazy dog",
         .rows = {
             "#######.#..#...#.#.#.......##.##.#..#.#######", "#.....#.##..##.#.#...#.#...##.###..#..#.....#",
             "#.###.#..##.###.#..##.##..##...##..#..#.###.#", "#.###.#.###....#.##.#####.#...##...##.#.###.#",

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "foundation/FileManager.h"
+#include "system/FileManager.h"
 
 namespace brindle::test {
 

@@ -4,7 +4,7 @@
 #include <mutex>
 #include <vector>
 
-#include "foundation/Clock.h"
+#include "system/Clock.h"
 
 namespace brindle::test {
 

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "exchange/EnvironmentKeys.h"
-#include "foundation/Task.h"
 #include "support/BackendProcess.h"
 #include "support/FaultInjectingFileManager.h"
 #include "support/RecordingFileManager.h"
@@ -15,6 +14,7 @@
 #include "support/TestClock.h"
 #include "worker/PageScriptRunner.h"
 #include "worker/PageScripts.h"
+#include "worker/Task.h"
 #include "worker/WorkerContext.h"
 #include "worker/WorkerStatusPublisher.h"
 
@@ -63,7 +63,7 @@ struct WorkerParts {
     RecordingFileManager files{faults};
     TestClock clock;
     DataDirectory directory{
-        {{std::string(environment_key::dataDirectory), (home.path() / "data").string()}}, files, platform};
+        {{std::string(environment_key::data_directory), (home.path() / "data").string()}}, files, platform};
     ScriptedHost host{clock};
     DeafDelegate delegate;
     WorkerState state;

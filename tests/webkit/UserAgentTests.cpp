@@ -10,8 +10,7 @@ namespace brindle::test {
 namespace {
 
 constexpr const char* user_agent =
-    "Mozilla/5.0 (Macintosh; Intel Mac OS X) AppleWebKit/605.1.15 (KHTML, like Gecko) Version/17.0 "
-    "Safari/605.1.15";
+    "Mozilla/5.0 (Macintosh; Intel Mac OS X) AppleWebKit/605.1.15 (KHTML, like Gecko) Version/17.0 Safari/605.1.15";
 
 TEST(UserAgent, IsTheSameForAServiceThatTheEngineKnowsAQuirkFor) {
     // As a proxy the server answers for every host, so nothing leaves the machine.

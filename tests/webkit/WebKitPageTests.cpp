@@ -60,9 +60,9 @@ TEST_F(LivePage, IsVisible) {
 
 TEST_F(LivePage, NamesTheUserAgent) {
     page().load("<body></body>");
-    EXPECT_EQ(page().evaluate("navigator.userAgent"),
-              "Mozilla/5.0 (Macintosh; Intel Mac OS X) AppleWebKit/605.1.15 (KHTML, like Gecko) "
-              "Version/17.0 Safari/605.1.15");
+    EXPECT_EQ(
+        page().evaluate("navigator.userAgent"),
+        "Mozilla/5.0 (Macintosh; Intel Mac OS X) AppleWebKit/605.1.15 (KHTML, like Gecko) Version/17.0 Safari/605.1.15");
 }
 
 TEST_F(LivePage, RunsAnimationFramesAndShortTimersWhileNothingIsOnScreen) {
@@ -375,8 +375,7 @@ TEST_F(Denials, DialogsAreAnsweredSilently) {
 
 TEST_F(Denials, APageThatAsksBeforeItIsLeftIsReloadedAllTheSame) {
     visit(
-        "<title>home</title><body><script>onbeforeunload = (event) => { event.preventDefault(); "
-        "event.returnValue = 'stay'; return 'stay'; };</script>");
+        "<title>home</title><body><script>onbeforeunload = (event) => { event.preventDefault(); event.returnValue = 'stay'; return 'stay'; };</script>");
     page().evaluate("document.title = 'old'");
     page().forgetEvents();
     page().page().reload();
@@ -459,16 +458,16 @@ TEST_F(Denials, FilesAreNotDownloaded) {
 
 TEST_F(Denials, CameraAndMicrophoneAreOutOfReach) {
     visit("<title>home</title>");
-    EXPECT_EQ(page().evaluate("String(navigator.mediaDevices === undefined || "
-                              "navigator.mediaDevices.getUserMedia === undefined)"),
-              "true");
+    EXPECT_EQ(
+        page().evaluate(
+            "String(navigator.mediaDevices === undefined || navigator.mediaDevices.getUserMedia === undefined)"),
+        "true");
 }
 
 TEST_F(Denials, LocationIsDenied) {
     visit("<title>home</title>");
     page().evaluate(
-        "navigator.geolocation.getCurrentPosition(() => { window.outcome = 'given'; }, "
-        "(error) => { window.outcome = 'code ' + error.code; }); ''");
+        "navigator.geolocation.getCurrentPosition(() => { window.outcome = 'given'; }, (error) => { window.outcome = 'code ' + error.code; }); ''");
     page().waitUntil("window.outcome !== undefined");
     EXPECT_EQ(page().evaluate("window.outcome"), "code 1");
 }
@@ -484,9 +483,7 @@ TEST_F(Denials, TheClipboardIsOutOfReach) {
     visit("<title>home</title><textarea id=box>secret</textarea>");
     EXPECT_EQ(page().evaluate("box.select(); String(document.execCommand('paste'))"), "false");
     page().evaluate(
-        "if (!navigator.clipboard || !navigator.clipboard.readText) { window.outcome = 'denied'; } else "
-        "navigator.clipboard.readText().then(() => { window.outcome = 'given'; }, "
-        "() => { window.outcome = 'denied'; }); ''");
+        "if (!navigator.clipboard || !navigator.clipboard.readText) { window.outcome = 'denied'; } else navigator.clipboard.readText().then(() => { window.outcome = 'given'; }, () => { window.outcome = 'denied'; }); ''");
     page().waitUntil("window.outcome !== undefined");
     EXPECT_EQ(page().evaluate("window.outcome"), "denied");
 }

@@ -73,8 +73,7 @@ TEST(WebProcess, OneThatTakesTooMuchMemoryIsEnded) {
     EnginePage page(std::make_shared<TemporaryDirectory>(), options);
     page.load("<body>here</body>");
     page.evaluate(
-        "window.kept = []; for (let n = 0; n < 400; ++n) "
-        "{ kept.push(new Uint8Array(1024 * 1024).fill(n % 255 + 1)); } ''");
+        "window.kept = []; for (let n = 0; n < 400; ++n) { kept.push(new Uint8Array(1024 * 1024).fill(n % 255 + 1)); } ''");
     page.runUntil([&] { return !page.events().processEnds.empty(); }, "the end is reported",
                   2 * must_happen_deadline);
     EXPECT_EQ(page.events().processEnds,

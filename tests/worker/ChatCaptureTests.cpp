@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "support/WorkerParts.h"
+#include "system/FileSystemFailure.h"
 
 namespace brindle {
 namespace {
@@ -107,11 +108,11 @@ TEST_F(ChatActivationTests, ScriptsGetTheWatchedTitleAsALiteral) {
     auto task = capture_.pollInboundMessages();
     task.start();
     EXPECT_EQ(parts_.host.pending.at(0).script,
-              scriptWithWatchedTitle(page_script::chatActivation, R"(a "b" \ c/d)"));
+              scriptWithWatchedTitle(page_script::chat_activation, R"(a "b" \ c/d)"));
     EXPECT_THAT(parts_.host.pending.at(0).script, HasSubstr(R"("a \"b\" \\ c\/d")"));
     parts_.host.answerOnly(test::result(R"({"state":"active"})"));
     EXPECT_EQ(parts_.host.pending.at(0).script,
-              scriptWithWatchedTitle(page_script::inboundCapture, R"(a "b" \ c/d)"));
+              scriptWithWatchedTitle(page_script::inbound_capture, R"(a "b" \ c/d)"));
 }
 
 struct ActivationCase {
@@ -170,9 +171,10 @@ TEST_F(ChatActivationTests, FailedScriptCountsAsNotFoundAndIsLogged) {
 
 TEST_F(ChatActivationTests, UndecodableResultCountsAsNotFoundAndIsLogged) {
     poll(test::result(R"({"activeChatTitle":"Family"})"));
-    EXPECT_THAT(parts_.host.log,
-                ElementsAre("Chat activation probe failed: The data cannot be used because a required value "
-                            "is missing (at state)."));
+    EXPECT_THAT(
+        parts_.host.log,
+        ElementsAre(
+            "Chat activation probe failed: The data cannot be used because a required value is missing (at state)."));
     EXPECT_EQ(state_.workerDetail, "Chat 'Family' is not visible yet in WhatsApp Web.");
 }
 
@@ -227,9 +229,10 @@ TEST_F(InboundCaptureTests, RecordLiesUnderItsIdentifierFlushedToDisk) {
 
 TEST_F(InboundCaptureTests, CaptureIsPublishedWithTheNumberOfMessages) {
     pollOpenChat(drain({message("a", "1"), message("b", "2")}));
-    EXPECT_THAT(parts_.published(),
-                ElementsAre("watching_chat: Watching chat 'Family' through the managed WhatsApp worker. "
-                            "Captured 2 inbound message(s). (Account)"));
+    EXPECT_THAT(
+        parts_.published(),
+        ElementsAre(
+            "watching_chat: Watching chat 'Family' through the managed WhatsApp worker. Captured 2 inbound message(s). (Account)"));
     EXPECT_THAT(texts(), ElementsAre("a", "b"));
     EXPECT_EQ(state_.lastSeenMessageFingerprint, "2");
 }
@@ -327,9 +330,10 @@ TEST_F(InboundCaptureTests, MessageWithoutTextOrFingerprintIsSkippedButCounted) 
     noFingerprint.erase("fingerprint");
     pollOpenChat(drain({noText, noFingerprint, json::object()}));
     EXPECT_THAT(records(), IsEmpty());
-    EXPECT_THAT(parts_.published(),
-                ElementsAre("watching_chat: Watching chat 'Family' through the managed WhatsApp worker. "
-                            "Captured 3 inbound message(s). (Account)"));
+    EXPECT_THAT(
+        parts_.published(),
+        ElementsAre(
+            "watching_chat: Watching chat 'Family' through the managed WhatsApp worker. Captured 3 inbound message(s). (Account)"));
     EXPECT_EQ(state_.lastSeenMessageFingerprint, std::nullopt);
 }
 
@@ -354,9 +358,10 @@ TEST_F(InboundCaptureTests, OtherOpenChatIsPublished) {
 
 TEST_F(InboundCaptureTests, MissingChatIsPublished) {
     pollOpenChat(json{{"state", "no-active-chat"}, {"activeChatTitle", nullptr}});
-    EXPECT_THAT(parts_.published(),
-                ElementsAre("no_active_chat: WhatsApp Web is linked, but no active chat is available in the "
-                            "managed runtime session. (Account)"));
+    EXPECT_THAT(
+        parts_.published(),
+        ElementsAre(
+            "no_active_chat: WhatsApp Web is linked, but no active chat is available in the managed runtime session. (Account)"));
 }
 
 TEST_F(InboundCaptureTests, OpenChatWithoutNewMessageIsPublished) {
@@ -367,10 +372,9 @@ TEST_F(InboundCaptureTests, OpenChatWithoutNewMessageIsPublished) {
     pollOpenChat(json{{"state", "no-incoming-message"}});
     EXPECT_THAT(
         parts_.published(),
-        ElementsAre("watching_chat: Watching chat 'Family!'. No incoming message yet. Visible inbound "
-                    "nodes: 12. (Account)",
-                    "watching_chat: Watching chat 'Family'. No incoming message yet. Visible inbound "
-                    "nodes: 0. (Account)"));
+        ElementsAre(
+            "watching_chat: Watching chat 'Family!'. No incoming message yet. Visible inbound nodes: 12. (Account)",
+            "watching_chat: Watching chat 'Family'. No incoming message yet. Visible inbound nodes: 0. (Account)"));
 }
 
 TEST_F(InboundCaptureTests, UnknownStateChangesNothing) {
@@ -393,16 +397,16 @@ TEST_F(InboundCaptureTests, FailedScriptIsPublished) {
     pollOpenChat(test::failure("RangeError: too much."));
     EXPECT_THAT(
         parts_.published(),
-        ElementsAre("error: Managed WhatsApp worker failed to poll inbound messages: RangeError: too much. "
-                    "(Account)"));
+        ElementsAre(
+            "error: Managed WhatsApp worker failed to poll inbound messages: RangeError: too much. (Account)"));
 }
 
 TEST_F(InboundCaptureTests, UndecodableResultIsPublished) {
     pollOpenChat(test::result(R"({"state":"ok","messages":[{"text":7}]})"));
-    EXPECT_THAT(parts_.published(),
-                ElementsAre("error: Managed WhatsApp worker failed to poll inbound messages: The data cannot "
-                            "be used because it is corrupt or has a value of the wrong type (at "
-                            "messages[0].text). (Account)"));
+    EXPECT_THAT(
+        parts_.published(),
+        ElementsAre(
+            "error: Managed WhatsApp worker failed to poll inbound messages: The data cannot be used because it is corrupt or has a value of the wrong type (at messages[0].text). (Account)"));
 }
 
 TEST_F(InboundCaptureTests, FailedWriteInTheMiddleEndsTheDrain) {
@@ -412,10 +416,10 @@ TEST_F(InboundCaptureTests, FailedWriteInTheMiddleEndsTheDrain) {
     EXPECT_THAT(test::namesIn(parts_.directory.inbound), SizeIs(1));
     EXPECT_THAT(
         parts_.published(),
-        ElementsAre(AllOf(StartsWith("error: Managed WhatsApp worker failed to poll inbound messages: "
-                                     "Cannot write \"" +
-                                     parts_.directory.inbound + "/"),
-                          HasSubstr("No space left on device."))));
+        ElementsAre(AllOf(
+            StartsWith("error: Managed WhatsApp worker failed to poll inbound messages: Cannot write \"" +
+                       parts_.directory.inbound + "/"),
+            HasSubstr("No space left on device."))));
     EXPECT_EQ(state_.lastSeenMessageFingerprint, "2");
 }
 
@@ -450,7 +454,7 @@ TEST_F(InboundCaptureTests, ControlChangeDuringTheActivationLeavesTheStepItsTitl
     state_.currentWatchedTitle = "Work";
     parts_.host.answerOnly(test::result(R"({"state":"active"})"));
     EXPECT_EQ(parts_.host.pending.at(0).script,
-              scriptWithWatchedTitle(page_script::inboundCapture, "Family"));
+              scriptWithWatchedTitle(page_script::inbound_capture, "Family"));
     state_.currentWatchedTitle.reset();
     parts_.host.answerOnly(test::result(R"({"state":"wrong-chat","activeChatTitle":"X"})"));
     EXPECT_EQ(state_.workerDetail, "Active chat is 'X' while watching 'Family'.");

@@ -20,9 +20,9 @@ TEST(HostOptionsTests, LimitTheMemoryOfThePage) {
 }
 
 TEST(HostOptionsTests, UserAgentLeavesOutTheVersionOfTheOperatingSystem) {
-    EXPECT_EQ(webWorkerHostOptions().userAgent,
-              "Mozilla/5.0 (Macintosh; Intel Mac OS X) AppleWebKit/605.1.15 (KHTML, like Gecko) "
-              "Version/17.0 Safari/605.1.15");
+    EXPECT_EQ(
+        webWorkerHostOptions().userAgent,
+        "Mozilla/5.0 (Macintosh; Intel Mac OS X) AppleWebKit/605.1.15 (KHTML, like Gecko) Version/17.0 Safari/605.1.15");
 }
 
 }  // namespace

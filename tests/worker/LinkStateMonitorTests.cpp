@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
-#include "foundation/Base64.h"
 #include "support/WorkerParts.h"
+#include "text/Base64.h"
 
 namespace brindle {
 namespace {
@@ -27,8 +27,7 @@ constexpr auto scan_status = "waiting_for_qr: Scan the QR code with WhatsApp on 
 constexpr auto waiting_status = "starting: Waiting for WhatsApp Web to render login state.";
 
 std::string reloadStatus(int attempt) {
-    return "starting: WhatsApp Web is still rendering login state. Reloading the managed runtime worker "
-           "(attempt " +
+    return "starting: WhatsApp Web is still rendering login state. Reloading the managed runtime worker (attempt " +
            std::to_string(attempt) + ").";
 }
 
@@ -38,7 +37,7 @@ class LinkStateMonitorTests : public testing::Test {
     void refreshQRCode(EvaluationOutcome outcome) {
         auto task = monitor_.refreshQRCode();
         task.start();
-        EXPECT_EQ(parts_.host.pending.at(0).script, page_script::qrCode);
+        EXPECT_EQ(parts_.host.pending.at(0).script, page_script::qr_code);
         parts_.host.answerOnly(std::move(outcome));
         EXPECT_TRUE(task.isDone());
     }
@@ -47,7 +46,7 @@ class LinkStateMonitorTests : public testing::Test {
         std::optional<bool> isLinked;
         auto task = refresh(isLinked);
         task.start();
-        EXPECT_EQ(parts_.host.pending.at(0).script, page_script::linkState);
+        EXPECT_EQ(parts_.host.pending.at(0).script, page_script::link_state);
         parts_.host.answerOnly(std::move(outcome));
         return isLinked.value();
     }
@@ -183,9 +182,10 @@ class LinkStateTests : public LinkStateMonitorTests {};
 TEST_F(LinkStateTests, LinkedPageIsPublishedWithItsAccount) {
     EXPECT_TRUE(refreshLinkState(test::result(linked)));
     EXPECT_TRUE(state_.isLinked);
-    EXPECT_THAT(parts_.published(),
-                ElementsAre("linked: Linked to WhatsApp Web. Select a watched chat title to start live "
-                            "listening. (Ann)"));
+    EXPECT_THAT(
+        parts_.published(),
+        ElementsAre(
+            "linked: Linked to WhatsApp Web. Select a watched chat title to start live listening. (Ann)"));
     EXPECT_THAT(parts_.host.calls, ElementsAre("orderOut"));
 }
 
@@ -269,8 +269,9 @@ TEST_F(LinkStateTests, UndecodableResultIsPublished) {
         EXPECT_FALSE(state_.isLinked);
         EXPECT_EQ(state_.displayName, std::nullopt);
         EXPECT_EQ(state_.workerState, "error");
-        EXPECT_THAT(state_.workerDetail, testing::StartsWith("Failed to detect WhatsApp link state: The data "
-                                                             "cannot be used because "));
+        EXPECT_THAT(
+            state_.workerDetail,
+            testing::StartsWith("Failed to detect WhatsApp link state: The data cannot be used because "));
     }
     EXPECT_THAT(parts_.published(), SizeIs(5));
 }

@@ -19,6 +19,7 @@
 
 #include "exchange/EnvironmentKeys.h"
 #include "support/WorkerParts.h"
+#include "system/FileSystemFailure.h"
 
 namespace brindle {
 namespace {
@@ -46,12 +47,12 @@ constexpr auto linked = R"({"linked":true,"account":"Ann"})";
 enum class Script { qrCode, linkState, activation, capture };
 
 Script kindOf(const std::string& script) {
-    if (script == page_script::qrCode) return Script::qrCode;
-    if (script == page_script::linkState) return Script::linkState;
+    if (script == page_script::qr_code) return Script::qrCode;
+    if (script == page_script::link_state) return Script::linkState;
     // Both begin alike, but what follows the title tells them apart.
-    const auto placeholder = page_script::chatActivation.find(page_script::watchedTitlePlaceholder);
+    const auto placeholder = page_script::chat_activation.find(page_script::watched_title_placeholder);
     const auto tail =
-        page_script::chatActivation.substr(placeholder + page_script::watchedTitlePlaceholder.size());
+        page_script::chat_activation.substr(placeholder + page_script::watched_title_placeholder.size());
     return script.ends_with(tail) ? Script::activation : Script::capture;
 }
 
@@ -117,7 +118,8 @@ class WebWorkerServiceTests : public testing::Test {
     test::RecordingFileManager files_{faults_};
     test::TestClock clock_;
     test::ScriptedHost host_{clock_};
-    Environment environment_{{std::string(environment_key::dataDirectory), (home_.path() / "data").string()}};
+    Environment environment_{
+        {std::string(environment_key::data_directory), (home_.path() / "data").string()}};
     DataDirectory directory_{environment_, files_, "whatsapp"};
     ManagedWhatsAppWebWorkerService* service_ = nullptr;
 };
@@ -499,11 +501,10 @@ TEST_F(WebWorkerServiceTests, FreshLinkResetComesBeforeThePageLoad) {
     });
     EXPECT_THAT(
         published(),
-        ElementsAre(launching,
-                    "starting: Resetting the managed WhatsApp Web session for a fresh link request.",
-                    "starting: Managed WhatsApp worker cleared its local session. Loading a fresh WhatsApp "
-                    "Web login page.",
-                    loading));
+        ElementsAre(
+            launching, "starting: Resetting the managed WhatsApp Web session for a fresh link request.",
+            "starting: Managed WhatsApp worker cleared its local session. Loading a fresh WhatsApp Web login page.",
+            loading));
 }
 
 TEST_F(WebWorkerServiceTests, ResetThatLeavesDataEndsTheWorkerAndStaysRequested) {

@@ -27,8 +27,8 @@ class PageLoaderTests : public testing::Test {
     void set(std::string_view key, const std::string& value) {
         parts_.environment.insert_or_assign(std::string(key), value);
     }
-    void setTestHTML(const std::string& path) { set(environment_key::workerTestHTMLPath, path); }
-    void setTestURL(const std::string& url) { set(environment_key::workerTestURL, url); }
+    void setTestHTML(const std::string& path) { set(environment_key::worker_test_html_path, path); }
+    void setTestURL(const std::string& url) { set(environment_key::worker_test_url, url); }
     std::string put(const std::string& name, const std::string& content) const {
         const auto path = (parts_.home.path() / name).string();
         test::writeFileAtomically(path, content);
@@ -106,9 +106,8 @@ TEST_F(PageLoaderTests, TestHTMLMustBeUtf8) {
     loader_.loadPage();
     EXPECT_THAT(parts_.host.calls, IsEmpty());
     EXPECT_THAT(parts_.published(),
-                ElementsAre("error: Failed to load managed WhatsApp worker test HTML: The "
-                            "file \"" +
-                            home() + "/page.html\" is not UTF-8 text."));
+                ElementsAre("error: Failed to load managed WhatsApp worker test HTML: The file \"" + home() +
+                            "/page.html\" is not UTF-8 text."));
 }
 
 TEST_F(PageLoaderTests, DirectoryIsNoTestHTML) {

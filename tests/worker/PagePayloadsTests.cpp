@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "records/DecodingFailure.h"
+
 namespace brindle {
 namespace {
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "records/DecodingFailure.h"
 #include "support/WorkerParts.h"
 #include "worker/PagePayloads.h"
 
@@ -173,7 +174,7 @@ TEST(WatchedTitlePlaceholderTests, OnlyThePlaceholderItselfIsReplaced) {
 }
 
 TEST(WatchedTitlePlaceholderTests, ScriptsThatNeedATitleHoldThePlaceholderOnce) {
-    for (const auto script : {page_script::chatActivation, page_script::inboundCapture}) {
+    for (const auto script : {page_script::chat_activation, page_script::inbound_capture}) {
         const auto found = script.find("__WATCHED_TITLE__");
         ASSERT_NE(found, std::string_view::npos);
         EXPECT_EQ(script.find("__WATCHED_TITLE__", found + 1), std::string_view::npos);

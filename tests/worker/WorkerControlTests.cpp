@@ -152,9 +152,10 @@ TEST_F(WorkerControlTests, UndecodableFileMeansThatNothingIsWatched) {
     test::writeFileAtomically(parts_.directory.workerControlFile, "{\"platform\":\"whatsapp\"");
     control_.refreshControl();
     expectNoSnapshot();
-    EXPECT_THAT(parts_.host.log,
-                ElementsAre("Failed to decode worker control: The data cannot be used because it is corrupt "
-                            "or has a value of the wrong type."));
+    EXPECT_THAT(
+        parts_.host.log,
+        ElementsAre(
+            "Failed to decode worker control: The data cannot be used because it is corrupt or has a value of the wrong type."));
     EXPECT_THAT(parts_.host.calls, ElementsAre("orderOut"));
 }
 

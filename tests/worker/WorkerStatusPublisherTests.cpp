@@ -57,7 +57,7 @@ TEST_F(WorkerStatusPublisherTests, EveryStatusCarriesTheTimeOfItsWriting) {
 
 TEST_F(WorkerStatusPublisherTests, PublishingKeepsTheAccount) {
     parts_.state.displayName = "Ann";
-    parts_.publisher.publish(worker_state::watchingChat, "Watching.");
+    parts_.publisher.publish(worker_state::watching_chat, "Watching.");
     EXPECT_THAT(parts_.published(), ElementsAre("watching_chat: Watching. (Ann)"));
     EXPECT_EQ(parts_.state.workerState, "watching_chat");
     EXPECT_EQ(parts_.state.workerDetail, "Watching.");

@@ -49,11 +49,11 @@ set(header "// Composed at build time from the page scripts.
 namespace brindle::page_script {
 
 /// Stands for the watched title, as a JSON string literal, in the scripts that need one.
-inline constexpr std::string_view watchedTitlePlaceholder = \"${placeholder}\";
+inline constexpr std::string_view watched_title_placeholder = \"${placeholder}\";
 ")
-compose(linkState 0 linkState.js)
-compose(qrCode 0 qrCode.js)
-compose(chatActivation 1 shared.js chatActivation.js)
-compose(inboundCapture 1 shared.js inboundCapture.js)
+compose(link_state 0 linkState.js)
+compose(qr_code 0 qrCode.js)
+compose(chat_activation 1 shared.js chatActivation.js)
+compose(inbound_capture 1 shared.js inboundCapture.js)
 string(APPEND header "\n}  // namespace brindle::page_script\n")
 file(WRITE "${HEADER}" "${header}")

@@ -9,7 +9,7 @@
 #include <array>
 #include <string>
 
-#include "foundation/Failure.h"
+#include "text/Failure.h"
 #include "worker/webkit/GObjectPointer.h"
 
 namespace brindle {
@@ -112,9 +112,7 @@ void prepareEnvironment() {
 void requireDisplay() {
     if (gtk_init_check(nullptr, nullptr)) return;
     throw Failure(
-        "The built-in web worker needs a display and can reach neither an X server (DISPLAY) nor a Wayland "
-        "compositor (WAYLAND_DISPLAY); start the parent in a desktop session or provide one, for example "
-        "with Xvfb.");
+        "The built-in web worker needs a display and can reach neither an X server (DISPLAY) nor a Wayland compositor (WAYLAND_DISPLAY); start the parent in a desktop session or provide one, for example with Xvfb.");
 }
 
 void requireSandbox() {

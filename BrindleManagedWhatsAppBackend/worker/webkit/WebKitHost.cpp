@@ -7,7 +7,7 @@
 
 #include <utility>
 
-#include "foundation/Failure.h"
+#include "text/Failure.h"
 #include "worker/webkit/Denials.h"
 #include "worker/webkit/MainLoopTimer.h"
 #include "worker/webkit/Requirements.h"

@@ -1,0 +1,229 @@
+#include "system/FileManager.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
+#include "system/Descriptor.h"
+#include "system/FileSystemFailure.h"
+#include "system/Paths.h"
+#include "text/Text.h"
+
+namespace brindle {
+namespace {
+
+constexpr mode_t private_directory_mode = 0700;
+constexpr mode_t permission_bits = 07777;
+constexpr std::string_view temporary_name_template = ".brindle-XXXXXX";
+
+std::string parentDirectory(const std::string& path) {
+    const auto slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+bool isDirectory(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+/// A regular file open for reading, and its size.
+struct OpenFile {
+    Descriptor descriptor;
+    std::size_t size = 0;
+};
+
+OpenFile openRegularFile(const std::string& path) {
+    struct stat status {};
+    // Looking before opening: merely opening a device can have effects. O_NONBLOCK covers a FIFO that takes
+    // the file's place in between.
+    if (::stat(path.c_str(), &status) != 0) throw FileSystemFailure("read", path, errno);
+    if (!S_ISREG(status.st_mode)) throw FileSystemFailure("read", path, "Not a regular file", EINVAL);
+    OpenFile file;
+    file.descriptor = Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!file.descriptor.isOpen()) throw FileSystemFailure("read", path, errno);
+    if (::fstat(file.descriptor.get(), &status) != 0) throw FileSystemFailure("read", path, errno);
+    if (!S_ISREG(status.st_mode)) throw FileSystemFailure("read", path, "Not a regular file", EINVAL);
+    file.size = static_cast<std::size_t>(status.st_size);
+    if (file.size > FileManager::longest_file_bytes) throw FileSystemFailure("read", path, EFBIG);
+    return file;
+}
+
+/// A hidden file beside its future place; removed again unless it has been given its name.
+class TemporaryFile {
+  public:
+    explicit TemporaryFile(const std::string& target) : target_(target) {
+        path_ = joinedPath(parentDirectory(target), temporary_name_template);
+        descriptor_ = Descriptor(::mkostemp(path_.data(), O_CLOEXEC));
+        if (!descriptor_.isOpen()) throw FileSystemFailure("write", target, errno);
+    }
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+    ~TemporaryFile() {
+        if (!path_.empty()) ::unlink(path_.c_str());
+    }
+
+    void write(std::string_view bytes) {
+        while (!bytes.empty()) {
+            const auto written = ::write(descriptor_.get(), bytes.data(), bytes.size());
+            if (written < 0 && errno == EINTR) continue;
+            if (written < 0) throw FileSystemFailure("write", target_, errno);
+            bytes.remove_prefix(static_cast<std::size_t>(written));
+        }
+    }
+
+    void flushToDisk() {
+        if (::fsync(descriptor_.get()) != 0) throw FileSystemFailure("write", target_, errno);
+    }
+
+    void becomeTarget() {
+        // Some file systems report a failed write only here.
+        if (::close(descriptor_.release()) != 0 && errno != EINTR)
+            throw FileSystemFailure("write", target_, errno);
+        if (::rename(path_.c_str(), target_.c_str()) != 0) throw FileSystemFailure("write", target_, errno);
+        path_.clear();
+    }
+
+  private:
+    std::string target_;
+    std::string path_;
+    Descriptor descriptor_;
+};
+
+Descriptor openDirectory(const std::string& path) {
+    Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.isOpen()) throw FileSystemFailure("write", path, errno);
+    return directory;
+}
+
+/// Makes the name of a file that has just become visible durable. A file whose name cannot be made durable is
+/// taken away again: what is reported as failed must not be found.
+void flushName(const Descriptor& directory, const std::string& path) {
+    // EINVAL: the file system has nothing to flush for a directory.
+    if (::fsync(directory.get()) == 0 || errno == EINVAL) return;
+    const int code = errno;
+    ::unlink(path.c_str());
+    throw FileSystemFailure("write", path, code);
+}
+
+[[noreturn]] void failToMove(const std::string& from, const std::string& to, int code) {
+    throw FileSystemFailure("move \"" + singleLine(from) + "\" to", to, code);
+}
+
+/// Rename without replacing, for file systems that lack RENAME_NOREPLACE.
+void moveAfterLooking(const std::string& from, const std::string& to) {
+    struct stat status {};
+    if (::lstat(to.c_str(), &status) == 0) failToMove(from, to, EEXIST);
+    if (::rename(from.c_str(), to.c_str()) != 0) failToMove(from, to, errno);
+}
+
+}  // namespace
+
+void FileManager::removeIfPresent(const std::string& path) noexcept {
+    try {
+        if (fileExists(path)) removeItem(path);
+    } catch (const std::exception&) {
+        // What cannot be removed stays; callers only want it out of the way.
+    }
+}
+
+void PosixFileManager::createDirectory(const std::string& path) {
+    if (::mkdir(path.c_str(), private_directory_mode) == 0) return;
+    int code = errno;
+    if (code == ENOENT && path != "/" && !path.empty() && parentDirectory(path) != path) {
+        createDirectory(parentDirectory(path));
+        if (::mkdir(path.c_str(), private_directory_mode) == 0) return;
+        code = errno;
+    }
+    if (isDirectory(path)) return;
+    throw FileSystemFailure("create the directory", path, code);
+}
+
+std::vector<std::string> PosixFileManager::visibleEntries(const std::string& directory) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(::opendir(directory.c_str()), &::closedir);
+    if (!stream) throw FileSystemFailure("list", directory, errno);
+    std::vector<std::string> names;
+    for (;;) {
+        errno = 0;
+        // The stream is this call's own, which is all that readdir needs to be safe.
+        const dirent* entry = ::readdir(stream.get());  // NOLINT(concurrency-mt-unsafe)
+        if (entry == nullptr) break;
+        const std::string_view name(static_cast<const char*>(entry->d_name));
+        if (!name.starts_with('.')) names.emplace_back(name);
+    }
+    if (errno != 0) throw FileSystemFailure("list", directory, errno);
+    return names;
+}
+
+bool PosixFileManager::fileExists(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0;
+}
+
+bool PosixFileManager::isExecutableFile(const std::string& path) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+    return ::faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0;
+}
+
+std::optional<FileAttributes> PosixFileManager::attributes(const std::string& path) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+        throw FileSystemFailure("look at", path, errno);
+    }
+    return FileAttributes{.owner = status.st_uid,
+                          .permissions = status.st_mode & permission_bits,
+                          .isDirectory = S_ISDIR(status.st_mode)};
+}
+
+std::string PosixFileManager::readFile(const std::string& path) {
+    OpenFile file = openRegularFile(path);
+    // One byte more than the size, so that the usual file is read in a single call that also meets its end.
+    std::string content(file.size + 1, '\0');
+    std::size_t length = 0;
+    for (;;) {
+        if (length > longest_file_bytes) throw FileSystemFailure("read", path, EFBIG);
+        if (length == content.size()) content.resize(content.size() * 2);
+        const auto got = ::read(file.descriptor.get(), content.data() + length, content.size() - length);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) throw FileSystemFailure("read", path, errno);
+        length += static_cast<std::size_t>(got);
+        if (got == 0 || length == file.size) break;
+    }
+    content.resize(length);
+    return content;
+}
+
+void PosixFileManager::writeFileAtomically(const std::string& path, std::string_view bytes,
+                                           Durability durability) {
+    TemporaryFile file(path);
+    file.write(bytes);
+    if (durability == Durability::process) return file.becomeTarget();
+    file.flushToDisk();
+    // Opened first, because a failure after the file has become visible would come too late.
+    const Descriptor directory = openDirectory(parentDirectory(path));
+    file.becomeTarget();
+    flushName(directory, path);
+}
+
+void PosixFileManager::moveItem(const std::string& from, const std::string& to) {
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return;
+    if (errno == EINVAL || errno == ENOSYS) return moveAfterLooking(from, to);
+    failToMove(from, to, errno);
+}
+
+void PosixFileManager::removeItem(const std::string& path) {
+    if (::unlink(path.c_str()) == 0) return;
+    const int code = errno;
+    if ((code == EISDIR || code == EPERM) && ::rmdir(path.c_str()) == 0) return;
+    throw FileSystemFailure("remove", path, code);
+}
+
+}  // namespace brindle

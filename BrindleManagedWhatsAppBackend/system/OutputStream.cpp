@@ -1,0 +1,132 @@
+#include "system/OutputStream.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+
+#include "system/FileSystemFailure.h"
+
+namespace brindle {
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+// The order of a poll set: the output, the wake-up, then the signs.
+constexpr std::size_t first_sign = 2;
+
+/// For poll: rounded up, and without end for the clock's last moment.
+int millisecondsUntil(SteadyClock::time_point deadline) {
+    if (deadline == SteadyClock::time_point::max()) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+}
+
+std::string streamName(int descriptor) {
+    return descriptor == STDOUT_FILENO ? "standard output" : "standard error";
+}
+
+}  // namespace
+
+DepartureWatch::DepartureWatch() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+void DepartureWatch::addSign(int descriptor, bool readableMeansGone) {
+    const short events = readableMeansGone ? POLLIN : POLLRDHUP;
+    signs_.push_back({.fd = descriptor, .events = events, .revents = 0});
+}
+
+void DepartureWatch::abandonOutput() {
+    abandoned_ = true;
+    ::eventfd_write(wake_.get(), 1);
+}
+
+std::vector<pollfd> DepartureWatch::pollSet(int output, bool withSigns) const {
+    std::vector<pollfd> set{{.fd = output, .events = POLLOUT, .revents = 0},
+                            {.fd = wake_.get(), .events = POLLIN, .revents = 0}};
+    if (withSigns) set.insert(set.end(), signs_.begin(), signs_.end());
+    return set;
+}
+
+bool DepartureWatch::isDepartureOver() {
+    if (!departureSeen_) {
+        auto set = signs_;
+        if (::poll(set.data(), set.size(), 0) <= 0 || !anyDeparted(set.begin(), set.end())) return false;
+        departureSeen_ = SteadyClock::now();
+    }
+    return SteadyClock::now() - *departureSeen_ >= unread_output_grace;
+}
+
+bool DepartureWatch::anyDeparted(PollIterator begin, PollIterator end) {
+    return std::any_of(begin, end, [](const pollfd& sign) {
+        return (sign.revents & (sign.events | POLLHUP | POLLERR)) != 0;
+    });
+}
+
+void DepartureWatch::waitUntilWritable(int output) {
+    auto set = pollSet(output, true);
+    auto deadline = SteadyClock::time_point::max();
+    for (;;) {
+        const int timeout_ms = abandoned_ ? 0 : millisecondsUntil(deadline);
+        if (::poll(set.data(), set.size(), timeout_ms) < 0) continue;
+        if (set.front().revents != 0) return;
+        if (abandoned_ || timeout_ms == 0) break;
+        if (deadline != SteadyClock::time_point::max() || !anyDeparted(set.begin() + first_sign, set.end()))
+            continue;
+        deadline = SteadyClock::now() + unread_output_grace;
+        set = pollSet(output, false);
+    }
+    abandoned_ = true;
+    throw OutputAbandoned();
+}
+
+OutputStream::OutputStream(int descriptor, DepartureWatch& watch) : descriptor_(descriptor), watch_(watch) {
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0) return;
+    if (S_ISSOCK(status.st_mode)) manner_ = Manner::socket;
+    if (!S_ISFIFO(status.st_mode)) return;
+    const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
+    reopened_ = Descriptor(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    if (reopened_.isOpen()) manner_ = Manner::nonblocking;
+}
+
+ssize_t OutputStream::writeSome(std::string_view bytes) {
+    switch (manner_) {
+        case Manner::nonblocking:
+            return ::write(reopened_.get(), bytes.data(), bytes.size());
+        case Manner::socket:
+            return ::send(descriptor_, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        case Manner::pieces:
+            break;
+    }
+    wait();
+    return ::write(descriptor_, bytes.data(), std::min<std::size_t>(bytes.size(), PIPE_BUF));
+}
+
+void OutputStream::write(std::string_view bytes) {
+    if (isCutOff_) throw OutputAbandoned();
+    while (!bytes.empty()) {
+        const auto written = writeSome(bytes);
+        if (written >= 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            wait();
+        } else if (errno != EINTR) {
+            throw FileSystemFailure("write to", streamName(descriptor_), errno);
+        }
+    }
+}
+
+void OutputStream::wait() {
+    // Until the wait has ended well, a text may stand half written at the stream's end.
+    isCutOff_ = true;
+    watch_.waitUntilWritable(descriptor_);
+    isCutOff_ = false;
+}
+
+}  // namespace brindle

@@ -1,0 +1,86 @@
+#include "system/Processes.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <malloc.h>
+#include <signal.h>
+
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "system/Pidfd.h"
+
+namespace brindle {
+namespace {
+
+sigset_t terminationSet() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGHUP);
+    return set;
+}
+
+}  // namespace
+
+bool processExists(pid_t process) {
+    errno = 0;
+    return ::kill(process, 0) == 0 || errno == EPERM;
+}
+
+bool isParentAlive(pid_t recordedParent) {
+    return recordedParent > 1 && ::getppid() == recordedParent && processExists(recordedParent);
+}
+
+Descriptor processEndDescriptor(pid_t process) {
+    return Descriptor(::pidfd_open(process, 0));
+}
+
+void reserveStandardDescriptors() {
+    for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
+        if (::fcntl(number, F_GETFD) != -1 || errno != EBADF) continue;
+        // open() takes the lowest free number, which is this one.
+        if (::open("/dev/null", number == STDIN_FILENO ? O_WRONLY : O_RDONLY) < 0) return;
+    }
+}
+
+void ignoreSignalsOfFailedWrites() {
+    ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGXFSZ, SIG_IGN);
+}
+
+void letTerminationSignalsThrough() {
+    const sigset_t set = terminationSet();
+    ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+void returnFreedMemory() {
+    ::malloc_trim(0);
+}
+
+TerminationSignals::TerminationSignals() {
+    const sigset_t set = terminationSet();
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    descriptor_ = Descriptor(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+int TerminationSignals::take() {
+    signalfd_siginfo information{};
+    const auto got = ::read(descriptor_.get(), &information, sizeof(information));
+    return got == sizeof(information) ? static_cast<int>(information.ssi_signo) : 0;
+}
+
+void endBySignal(int signal) {
+    ::signal(signal, SIG_DFL);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signal);
+    ::raise(signal);
+    ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    std::abort();
+}
+
+}  // namespace brindle

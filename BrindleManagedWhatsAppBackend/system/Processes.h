@@ -1,0 +1,51 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include "system/Descriptor.h"
+
+namespace brindle {
+
+/// True when a process of that id exists, whoever owns it (kill with signal 0 succeeds or fails with EPERM).
+bool processExists(pid_t process);
+
+/// The three-part rule by which both roles watch the process that started them: `recordedParent` is greater
+/// than 1, it still is this process's parent, and it exists.
+bool isParentAlive(pid_t recordedParent);
+
+/// A descriptor that becomes readable when the process ends (Linux pidfd); not open when there is none.
+Descriptor processEndDescriptor(pid_t process);
+
+/// Opens the null device in the wrong direction for each of the descriptors 0 to 2 that is closed, so that no
+/// later file takes its number and using it still fails.
+void reserveStandardDescriptors();
+
+/// Makes a write into a broken pipe or beyond the file size limit fail with an error instead of killing the
+/// process (ignores SIGPIPE and SIGXFSZ).
+void ignoreSignalsOfFailedWrites();
+
+/// Undoes a blocking of SIGTERM, SIGINT and SIGHUP that was inherited: they are how a process is asked to
+/// end.
+void letTerminationSignalsThrough();
+
+/// Hands freed memory back to the system.
+void returnFreedMemory();
+
+/// Takes SIGTERM, SIGINT and SIGHUP out of asynchronous delivery for this and every later thread. Whoever
+/// waits for input also waits for the descriptor and ends in order.
+class TerminationSignals {
+  public:
+    TerminationSignals();
+    /// Readable once one of the signals has come (signalfd).
+    int descriptor() const { return descriptor_.get(); }
+    /// The signal that came, taken off the queue; 0 when none did.
+    int take();
+
+  private:
+    Descriptor descriptor_;
+};
+
+/// Ends this process by the signal's default action, as if it had never been held back.
+[[noreturn]] void endBySignal(int signal);
+
+}  // namespace brindle

@@ -1,0 +1,132 @@
+#include "system/SerialQueue.h"
+
+#include <pthread.h>
+
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+#include <atomic>
+#include <future>
+#include <system_error>
+#include <thread>
+
+namespace brindle {
+
+struct SerialQueue::Implementation {
+    // One thread runs the context, so it needs no locks between its own handlers.
+    static constexpr int concurrency_hint = 1;
+
+    void runToTheEnd() {
+        while (!context.stopped()) {
+            try {
+                context.run();
+            } catch (const std::exception&) {
+                // Only want of memory gets here. The piece of work is lost, the queue is not.
+            }
+        }
+    }
+
+    asio::io_context context{concurrency_hint};
+    asio::executor_work_guard<asio::io_context::executor_type> work{context.get_executor()};
+    std::promise<void> ended;
+    std::future<void> end = ended.get_future();
+    std::thread thread;
+};
+
+SerialQueue::SerialQueue(std::string label)
+    : label_(std::move(label)), implementation_(std::make_unique<Implementation>()) {
+    implementation_->thread = std::thread([implementation = implementation_.get()] {
+        ::pthread_setname_np(::pthread_self(), "pollQueue");
+        implementation->runToTheEnd();
+        implementation->ended.set_value();
+    });
+}
+
+SerialQueue::~SerialQueue() {
+    implementation_->context.stop();
+    join();
+}
+
+void SerialQueue::post(std::function<void()> work) {
+    asio::post(implementation_->context, std::move(work));
+}
+
+bool SerialQueue::stop(std::chrono::milliseconds patience) {
+    implementation_->context.stop();
+    return implementation_->end.wait_for(patience) == std::future_status::ready;
+}
+
+void SerialQueue::join() {
+    if (implementation_->thread.joinable()) implementation_->thread.join();
+}
+
+struct RepeatingTimer::State {
+    State(asio::io_context& context, std::chrono::milliseconds every, std::function<void()> work)
+        : timer(context), interval(every), handler(std::move(work)) {}
+
+    asio::steady_timer timer;
+    std::chrono::milliseconds interval;
+    std::function<void()> handler;
+    std::atomic<bool> cancelled = false;
+};
+
+RepeatingTimer::RepeatingTimer(SerialQueue& queue, std::chrono::milliseconds first,
+                               std::chrono::milliseconds interval, std::function<void()> handler)
+    : state_(std::make_shared<State>(queue.implementation_->context, interval, std::move(handler))) {
+    state_->timer.expires_after(first);
+    queue.post([state = state_] { await(state); });
+}
+
+RepeatingTimer::~RepeatingTimer() {
+    state_->cancelled = true;
+    asio::post(state_->timer.get_executor(), [state = state_] { state->timer.cancel(); });
+}
+
+void RepeatingTimer::await(const std::shared_ptr<State>& state) {
+    if (state->cancelled) return;
+    state->timer.async_wait([state](const std::error_code& error) {
+        if (error || state->cancelled) return;
+        state->handler();
+        auto next = state->timer.expiry() + state->interval;
+        const auto now = asio::steady_timer::clock_type::now();
+        if (next < now) next += ((now - next) / state->interval + 1) * state->interval;
+        state->timer.expires_at(next);
+        await(state);
+    });
+}
+
+struct ReadinessWatch::State {
+    State(asio::io_context& context, int watched, std::function<bool()> work)
+        : descriptor(context, watched), handler(std::move(work)) {}
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+    // The number is only borrowed from its owner.
+    ~State() { descriptor.release(); }
+
+    asio::posix::stream_descriptor descriptor;
+    std::function<bool()> handler;
+    std::atomic<bool> cancelled = false;
+};
+
+ReadinessWatch::ReadinessWatch(SerialQueue& queue, int descriptor, std::function<bool()> handler)
+    : state_(std::make_shared<State>(queue.implementation_->context, descriptor, std::move(handler))) {
+    queue.post([state = state_] { await(state); });
+}
+
+ReadinessWatch::~ReadinessWatch() {
+    state_->cancelled = true;
+    asio::post(state_->descriptor.get_executor(), [state = state_] { state->descriptor.cancel(); });
+}
+
+void ReadinessWatch::await(const std::shared_ptr<State>& state) {
+    if (state->cancelled) return;
+    state->descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
+                                 [state](const std::error_code& error) {
+                                     if (error || state->cancelled) return;
+                                     if (state->handler()) await(state);
+                                 });
+}
+
+}  // namespace brindle

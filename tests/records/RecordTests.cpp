@@ -1,0 +1,403 @@
+#include "records/Record.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <string>
+
+#include "records/DecodingFailure.h"
+#include "records/RecordSchema.h"
+
+namespace brindle {
+namespace {
+
+struct Leaf {
+    std::string zeta;
+    std::optional<std::string> alpha;
+    bool middle = false;
+
+    static constexpr auto fields() {
+        return std::tuple{
+            field("zeta", &Leaf::zeta, "Declared first."),
+            field("alpha", &Leaf::alpha, "Sorted first."),
+            field("middle", &Leaf::middle, "A flag."),
+        };
+    }
+};
+
+struct Other {
+    std::optional<std::string> note;
+
+    static constexpr auto fields() { return std::tuple{field("note", &Other::note, "A note.")}; }
+};
+
+struct Empty {
+    static constexpr auto fields() { return std::tuple{}; }
+};
+
+/// An enumeration whose case object is the payload.
+struct Choice : std::variant<Leaf, Other, Empty> {
+    using Cases = variant;
+    using variant::variant;
+    static constexpr std::array<std::string_view, 3> case_names{"leaf", "other", "empty"};
+    static constexpr std::string_view payload_name{};
+};
+
+/// An enumeration whose case object wraps the payload.
+struct Wrapped : std::variant<Leaf, Other> {
+    using Cases = variant;
+    using variant::variant;
+    static constexpr std::array<std::string_view, 2> case_names{"leaf", "other"};
+    static constexpr std::string_view payload_name = "_0";
+};
+
+struct Tree {
+    std::vector<Leaf> leaves;
+    std::optional<std::vector<Leaf>> spareLeaves;
+    std::optional<Leaf> favourite;
+    Choice choice;
+
+    static constexpr auto fields() {
+        return std::tuple{
+            field("leaves", &Tree::leaves, "All."),
+            field("spareLeaves", &Tree::spareLeaves, "More."),
+            field("favourite", &Tree::favourite, "One."),
+            field("choice", &Tree::choice, "Another."),
+        };
+    }
+};
+
+struct Count {
+    std::int64_t visible = 0;
+    std::optional<std::int64_t> queued;
+
+    static constexpr auto fields() {
+        return std::tuple{
+            field("visible", &Count::visible, "In view."),
+            field("queued", &Count::queued, "Waiting."),
+        };
+    }
+};
+
+using Kind = DecodingFailure::Kind;
+
+template <class T>
+void expectFailure(std::string_view text, Kind kind, std::string_view description) {
+    try {
+        decodedRecord<T>(text);
+        ADD_FAILURE() << "accepted: " << text;
+    } catch (const DecodingFailure& failure) {
+        EXPECT_EQ(failure.kind(), kind) << text;
+        EXPECT_EQ(failure.what(), description) << text;
+    }
+}
+
+template <class T>
+void expectWrongType(std::string_view text, const std::string& path) {
+    expectFailure<T>(text, Kind::typeMismatch,
+                     "The data cannot be used because it is corrupt or has a value of the wrong type" +
+                         (path.empty() ? "" : " (at " + path + ")") + ".");
+}
+
+template <class T>
+void expectMissing(std::string_view text, Kind kind, const std::string& path) {
+    expectFailure<T>(text, kind,
+                     "The data cannot be used because a required value is missing" +
+                         (path.empty() ? "" : " (at " + path + ")") + ".");
+}
+
+template <class T>
+void expectWrongCaseCount(std::string_view text) {
+    try {
+        decodedRecord<T>(text);
+        ADD_FAILURE() << "accepted: " << text;
+    } catch (const DecodingFailure& failure) {
+        EXPECT_EQ(failure.kind(), Kind::typeMismatch) << text;
+        EXPECT_EQ(failure.detail(), "Invalid number of keys found, expected one.") << text;
+    }
+}
+
+TEST(RecordTests, WritesMembersInAscendingOrder) {
+    EXPECT_EQ(encodedRecord(Leaf{.zeta = "z", .alpha = "a", .middle = true}, JsonStyle::compact),
+              R"({"alpha":"a","middle":true,"zeta":"z"})");
+}
+
+TEST(RecordTests, LeavesAbsentOptionsOut) {
+    EXPECT_EQ(encodedRecord(Leaf{.zeta = "z", .alpha = {}, .middle = false}, JsonStyle::compact),
+              R"({"middle":false,"zeta":"z"})");
+}
+
+TEST(RecordTests, WritesEmptyStringOfPresentOption) {
+    EXPECT_EQ(encodedRecord(Other{.note = ""}, JsonStyle::compact), R"({"note":""})");
+}
+
+TEST(RecordTests, WritesRecordWithoutFieldsAsEmptyObject) {
+    EXPECT_EQ(encodedRecord(Empty{}, JsonStyle::compact), "{}");
+}
+
+TEST(RecordTests, WritesCaseWithoutPayloadName) {
+    EXPECT_EQ(encodedRecord(Choice{Other{.note = "n"}}, JsonStyle::compact), R"({"other":{"note":"n"}})");
+    EXPECT_EQ(encodedRecord(Choice{Empty{}}, JsonStyle::compact), R"({"empty":{}})");
+}
+
+TEST(RecordTests, WritesCaseWithPayloadName) {
+    EXPECT_EQ(encodedRecord(Wrapped{Other{.note = "n"}}, JsonStyle::compact),
+              R"({"other":{"_0":{"note":"n"}}})");
+}
+
+TEST(RecordTests, WritesPrettyForm) {
+    const Tree tree{.leaves = {Leaf{.zeta = "z/1", .alpha = {}, .middle = true}},
+                    .spareLeaves = std::vector<Leaf>{},
+                    .favourite = {},
+                    .choice = Other{}};
+    EXPECT_EQ(encodedRecord(tree, JsonStyle::pretty), R"({
+  "choice": {
+    "other": {}
+  },
+  "leaves": [
+    {
+      "middle": true,
+      "zeta": "z\/1"
+    }
+  ],
+  "spareLeaves": []
+}
+)");
+}
+
+TEST(RecordTests, ReadsWhatItWrote) {
+    const Tree tree{.leaves = {Leaf{.zeta = "1", .alpha = "a", .middle = true}, Leaf{}},
+                    .spareLeaves = std::vector<Leaf>{Leaf{.zeta = "2", .alpha = {}, .middle = false}},
+                    .favourite = Leaf{.zeta = "3", .alpha = "", .middle = true},
+                    .choice = Leaf{.zeta = "4", .alpha = {}, .middle = false}};
+    for (const auto style : {JsonStyle::compact, JsonStyle::pretty}) {
+        const auto text = encodedRecord(tree, style);
+        EXPECT_EQ(encodedRecord(decodedRecord<Tree>(text), style), text);
+    }
+}
+
+TEST(RecordTests, ReadsMembersInAnyOrder) {
+    const auto leaf = decodedRecord<Leaf>(R"({"middle":true,"zeta":"z","alpha":"a"})");
+    EXPECT_EQ(leaf.zeta, "z");
+    EXPECT_EQ(leaf.alpha, "a");
+    EXPECT_TRUE(leaf.middle);
+}
+
+TEST(RecordTests, TreatsNullOptionAsAbsent) {
+    EXPECT_EQ(decodedRecord<Leaf>(R"({"zeta":"z","alpha":null,"middle":true})").alpha, std::nullopt);
+    EXPECT_EQ(decodedRecord<Leaf>(R"({"zeta":"z","middle":true})").alpha, std::nullopt);
+}
+
+TEST(RecordTests, TreatsEmptyStringAsPresent) {
+    EXPECT_EQ(decodedRecord<Other>(R"({"note":""})").note, "");
+}
+
+TEST(RecordTests, IgnoresUnknownMembersOfAnyValue) {
+    const auto other = decodedRecord<Other>(
+        R"({"x":1e999,"y":[{"note":"inner"}],"Note":"case","note ":"space","z":null,"note":"n","":{}})");
+    EXPECT_EQ(other.note, "n");
+}
+
+TEST(RecordTests, FirstValueOfDoubledFieldCounts) {
+    EXPECT_EQ(decodedRecord<Other>(R"({"note":"first","note":"second"})").note, "first");
+    EXPECT_EQ(decodedRecord<Other>(R"({"note":null,"note":"second"})").note, std::nullopt);
+    expectWrongType<Other>(R"({"note":1,"note":"second"})", "note");
+}
+
+TEST(RecordTests, KeepsNullCharactersInStrings) {
+    EXPECT_EQ(decodedRecord<Other>(R"({"note":"a\u0000b"})").note, std::string("a\0b", 3));
+}
+
+TEST(RecordTests, NamesMissingField) {
+    expectMissing<Leaf>(R"({"zeta":"z"})", Kind::missingKey, "middle");
+}
+
+TEST(RecordTests, NamesRequiredFieldThatIsNull) {
+    expectMissing<Leaf>(R"({"zeta":null,"middle":true})", Kind::missingValue, "zeta");
+    expectMissing<Leaf>(R"({"zeta":"z","middle":null})", Kind::missingValue, "middle");
+}
+
+TEST(RecordTests, NamesFieldOfWrongType) {
+    for (const std::string value : {"1", "true", "[]", "{}", "1e999"}) {
+        expectWrongType<Leaf>(R"({"middle":true,"zeta":)" + value + "}", "zeta");
+        expectWrongType<Other>(R"({"note":)" + value + "}", "note");
+    }
+}
+
+TEST(RecordTests, TakesOnlyTrueAndFalseAsBoolean) {
+    for (const std::string value : {"1", "0", "\"true\"", "[]", "{}"}) {
+        expectWrongType<Leaf>(R"({"zeta":"z","middle":)" + value + "}", "middle");
+    }
+}
+
+TEST(RecordTests, WritesIntegers) {
+    EXPECT_EQ(encodedRecord(Count{.visible = -3, .queued = std::numeric_limits<std::int64_t>::max()},
+                            JsonStyle::compact),
+              R"({"queued":9223372036854775807,"visible":-3})");
+    EXPECT_EQ(encodedRecord(Count{}, JsonStyle::compact), R"({"visible":0})");
+}
+
+TEST(RecordTests, ReadsNumbersWithoutFractionAsIntegers) {
+    const auto count = decodedRecord<Count>(R"({"visible":3,"queued":-4.0})");
+    EXPECT_EQ(count.visible, 3);
+    EXPECT_EQ(count.queued, -4);
+    EXPECT_EQ(decodedRecord<Count>(R"({"visible":3,"queued":null})").queued, std::nullopt);
+    EXPECT_EQ(decodedRecord<Count>(R"({"other":1e999,"visible":3})").visible, 3);
+}
+
+TEST(RecordTests, TakesOnlyNumbersThatFitAsIntegers) {
+    for (const std::string value : {"3.5", "\"3\"", "true", "[]", "{}", "9223372036854775808", "1e999"}) {
+        expectWrongType<Count>(R"({"visible":)" + value + "}", "visible");
+        expectWrongType<Count>(R"({"visible":1,"queued":)" + value + "}", "queued");
+    }
+    expectMissing<Count>(R"({"visible":null})", Kind::missingValue, "visible");
+    expectMissing<Count>("{}", Kind::missingKey, "visible");
+}
+
+TEST(RecordTests, NamesPlaceInsideListsAndRecords) {
+    const std::string choice = R"("choice":{"empty":{}})";
+    expectMissing<Tree>(R"({"leaves":[{"zeta":"z","middle":true},{"middle":true}],)" + choice + "}",
+                        Kind::missingKey, "leaves[1].zeta");
+    expectWrongType<Tree>(R"({"leaves":[],"spareLeaves":[1],)" + choice + "}", "spareLeaves[0]");
+    expectWrongType<Tree>(R"({"leaves":[],"favourite":{"zeta":"z","middle":1},)" + choice + "}",
+                          "favourite.middle");
+    expectMissing<Tree>(R"({"leaves":[null],)" + choice + "}", Kind::missingValue, "leaves[0]");
+    expectWrongType<Tree>(R"({"leaves":{},)" + choice + "}", "leaves");
+}
+
+TEST(RecordTests, NamesPlaceInsideCases) {
+    expectMissing<Choice>(R"({"leaf":{"middle":true}})", Kind::missingKey, "leaf.zeta");
+    expectMissing<Wrapped>(R"({"leaf":{"_0":{"middle":true}}})", Kind::missingKey, "leaf._0.zeta");
+    expectMissing<Wrapped>(R"({"leaf":{"zeta":"z"}})", Kind::missingKey, "leaf._0");
+    expectMissing<Wrapped>(R"({"leaf":{"_0":null}})", Kind::missingValue, "leaf._0");
+    expectWrongType<Wrapped>(R"({"leaf":{"_0":[]}})", "leaf._0");
+    expectWrongType<Wrapped>(R"({"leaf":"text"})", "leaf");
+    expectMissing<Wrapped>(R"({"leaf":null})", Kind::missingValue, "leaf");
+}
+
+TEST(RecordTests, RejectsTopThatIsNoObject) {
+    for (const std::string_view text : {"[]", "\"leaf\"", "1", "true", "1e999"}) {
+        expectWrongType<Leaf>(text, "");
+        expectWrongType<Choice>(text, "");
+    }
+    expectMissing<Leaf>("null", Kind::missingValue, "");
+    expectMissing<Choice>("null", Kind::missingValue, "");
+}
+
+TEST(RecordTests, RejectsEnumerationWithoutRecognisedCase) {
+    expectWrongCaseCount<Choice>("{}");
+    expectWrongCaseCount<Choice>(R"({"Leaf":{},"unknown":{}})");
+}
+
+TEST(RecordTests, RejectsEnumerationWithSeveralCases) {
+    expectWrongCaseCount<Choice>(R"({"other":{},"empty":{}})");
+}
+
+TEST(RecordTests, RejectsDoubledCaseName) {
+    expectWrongCaseCount<Choice>(R"({"other":{},"other":{}})");
+    expectWrongCaseCount<Wrapped>(R"({"other":{"_0":{}},"other":{"_0":{}}})");
+}
+
+TEST(RecordTests, RecognisesCaseBesideUnknownMembers) {
+    const auto choice = decodedRecord<Choice>(R"({"x":1,"other":{"note":"n","_0":2},"y":{}})");
+    EXPECT_EQ(std::get<Other>(choice).note, "n");
+}
+
+TEST(RecordTests, RecognisesCaseByUnescapedName) {
+    EXPECT_TRUE(std::holds_alternative<Empty>(decodedRecord<Choice>(R"({"\u0065mpty":{}})")));
+}
+
+TEST(RecordTests, IgnoresMembersBesideThePayload) {
+    const auto wrapped = decodedRecord<Wrapped>(R"({"other":{"note":"outer","_0":{"note":"inner"}}})");
+    EXPECT_EQ(std::get<Other>(wrapped).note, "inner");
+}
+
+TEST(RecordTests, MalformedTextIsCorruptData) {
+    expectFailure<Leaf>("{", Kind::malformedData,
+                        "The data cannot be used because it is corrupt or has a value of the wrong type.");
+}
+
+TEST(RecordTests, DescriptionsHaveNoLineBreakWhateverTheInput) {
+    for (const std::string_view text : {"{\n", "\xFF\n", "{\"leaf\n\":1}", "[\n1\n]"}) {
+        try {
+            decodedRecord<Choice>(text);
+            ADD_FAILURE() << "accepted: " << text;
+        } catch (const DecodingFailure& failure) {
+            EXPECT_EQ(std::string_view(failure.what()).find('\n'), std::string_view::npos);
+        }
+    }
+}
+
+TEST(RecordTests, SeesThatAFieldWasForgotten) {
+    struct Forgetful {
+        std::string listed;
+        std::string forgotten;
+        static constexpr auto fields() {
+            return std::tuple{field("listed", &Forgetful::listed, "The only one.")};
+        }
+    };
+    static_assert(!record::listsEveryMember<Forgetful>());
+    static_assert(record::listsEveryMember<Leaf>());
+    static_assert(record::listsEveryMember<Empty>());
+    EXPECT_EQ(record::field_count<Forgetful>, 1U);
+}
+
+TEST(RecordSchemaTests, DescribesRecordWithItsRequiredMembers) {
+    EXPECT_EQ(schemaOf<Leaf>(), R"({
+  "properties": {
+    "alpha": {
+      "description": "Sorted first.",
+      "type": "string"
+    },
+    "middle": {
+      "description": "A flag.",
+      "type": "boolean"
+    },
+    "zeta": {
+      "description": "Declared first.",
+      "type": "string"
+    }
+  },
+  "required": [
+    "middle",
+    "zeta"
+  ],
+  "type": "object"
+}
+)");
+}
+
+TEST(RecordSchemaTests, DescribesEnumerationCaseByCase) {
+    JsonParser parser;
+    const auto text = schemaOf<Wrapped>();
+    const auto root = parser.parse(text);
+    std::vector<std::string> cases;
+    root.member("oneOf")->forEachElement([&](JsonValue each) {
+        each.member("required")->forEachElement([&](JsonValue name) { cases.emplace_back(name.string()); });
+        each.member("properties")->forEachMember([&](std::string_view, JsonValue inner) {
+            EXPECT_TRUE(inner.member("properties")->member("_0").has_value());
+        });
+    });
+    EXPECT_EQ(cases, (std::vector<std::string>{"leaf", "other"}));
+}
+
+TEST(RecordSchemaTests, NamesIntegers) {
+    JsonParser parser;
+    const auto text = schemaOf<Count>();
+    const auto properties = parser.parse(text).member("properties");
+    EXPECT_EQ(properties->member("visible")->member("type")->string(), "integer");
+    EXPECT_EQ(properties->member("queued")->member("type")->string(), "integer");
+}
+
+TEST(RecordSchemaTests, TableListsFieldsInOrderOfDeclaration) {
+    EXPECT_EQ(fieldTable<Leaf>(),
+              "| field | type | presence | meaning |\n"
+              "| --- | --- | --- | --- |\n"
+              "| `zeta` | string | always | Declared first. |\n"
+              "| `alpha` | string | optional | Sorted first. |\n"
+              "| `middle` | boolean | always | A flag. |\n");
+}
+
+}  // namespace
+}  // namespace brindle

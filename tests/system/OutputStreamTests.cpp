@@ -1,0 +1,344 @@
+#include "system/OutputStream.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "support/BackendProcess.h"
+#include "system/FileSystemFailure.h"
+
+namespace brindle {
+namespace {
+
+constexpr std::size_t more_than_any_buffer = std::size_t{3} << 20U;
+
+struct Ends {
+    Descriptor reading;
+    Descriptor writing;
+};
+
+Ends makePipe() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+Ends makeSocketPair() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+int flagsOf(const Descriptor& end) {
+    return ::fcntl(end.get(), F_GETFL);
+}
+
+/// Writes until no more is taken.
+std::size_t fill(const Descriptor& end) {
+    const int flags = flagsOf(end);
+    ::fcntl(end.get(), F_SETFL, flags | O_NONBLOCK);
+    std::size_t total = 0;
+    // A byte at a time at the end, so that really nothing more fits.
+    for (const std::size_t size : {std::size_t{65536}, std::size_t{1}}) {
+        const std::string bytes(size, '-');
+        for (ssize_t got = 0; (got = ::write(end.get(), bytes.data(), bytes.size())) > 0;) {
+            total += static_cast<std::size_t>(got);
+        }
+    }
+    ::fcntl(end.get(), F_SETFL, flags);
+    return total;
+}
+
+std::string readSome(const Descriptor& end) {
+    std::string bytes(65536, '\0');
+    const auto got = ::read(end.get(), bytes.data(), bytes.size());
+    bytes.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
+    return bytes;
+}
+
+/// Everything up to the end.
+std::string readAll(const Descriptor& end) {
+    std::string all;
+    for (std::string part; !(part = readSome(end)).empty();) all += part;
+    return all;
+}
+
+std::string numbered(std::size_t size) {
+    std::string text;
+    for (std::size_t i = 0; text.size() < size; ++i) text += std::to_string(i) + "\n";
+    return text;
+}
+
+class OutputStreamTests : public testing::Test {
+  protected:
+    void SetUp() override { handler_ = ::signal(SIGPIPE, SIG_IGN); }
+    void TearDown() override { ::signal(SIGPIPE, handler_); }
+
+    /// What arrives at the other end of a text that is larger than the stream's buffer.
+    std::string transmitted(Ends ends, const std::string& text) {
+        return transmitted(std::move(ends), text, watch_);
+    }
+    static std::string transmitted(Ends ends, const std::string& text, DepartureWatch& watch) {
+        std::string received;
+        {
+            const std::jthread reader(
+                [&received, end = std::move(ends.reading)] { received = readAll(end); });
+            // Closed before the reader is waited for, also when the write fails.
+            const Descriptor writing = std::move(ends.writing);
+            OutputStream(writing.get(), watch).write(text);
+        }
+        return received;
+    }
+
+    DepartureWatch watch_;
+
+  private:
+    sighandler_t handler_ = nullptr;
+};
+
+TEST_F(OutputStreamTests, WritesWholeTextToPipe) {
+    const auto text = numbered(more_than_any_buffer);
+    EXPECT_TRUE(transmitted(makePipe(), text) == text);
+}
+
+TEST_F(OutputStreamTests, WritesWholeTextToNonblockingPipe) {
+    const auto text = numbered(more_than_any_buffer);
+    auto ends = makePipe();
+    ::fcntl(ends.writing.get(), F_SETFL, flagsOf(ends.writing) | O_NONBLOCK);
+    EXPECT_TRUE(transmitted(std::move(ends), text) == text);
+}
+
+TEST_F(OutputStreamTests, WritesWholeTextToSocket) {
+    const auto text = numbered(more_than_any_buffer);
+    EXPECT_TRUE(transmitted(makeSocketPair(), text) == text);
+}
+
+TEST_F(OutputStreamTests, WritesWholeTextToNonblockingSocket) {
+    const auto text = numbered(more_than_any_buffer);
+    auto ends = makeSocketPair();
+    ::fcntl(ends.writing.get(), F_SETFL, flagsOf(ends.writing) | O_NONBLOCK);
+    EXPECT_TRUE(transmitted(std::move(ends), text) == text);
+}
+
+TEST_F(OutputStreamTests, WritesWholeTextToFile) {
+    const auto text = numbered(more_than_any_buffer);
+    const Descriptor file(::memfd_create("output", MFD_CLOEXEC));
+    OutputStream stream(file.get(), watch_);
+    stream.write(text);
+    stream.write("end");
+    ASSERT_EQ(::lseek(file.get(), 0, SEEK_SET), 0);
+    EXPECT_TRUE(readAll(file) == text + "end");
+}
+
+TEST_F(OutputStreamTests, WritesWholeTextToTerminal) {
+    Descriptor terminal(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_EQ(::grantpt(terminal.get()), 0);
+    ASSERT_EQ(::unlockpt(terminal.get()), 0);
+    std::array<char, 128> name{};
+    ASSERT_EQ(::ptsname_r(terminal.get(), name.data(), name.size()), 0);
+    Descriptor line(::open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_TRUE(line.isOpen());
+    termios settings{};
+    ASSERT_EQ(::tcgetattr(line.get(), &settings), 0);
+    ::cfmakeraw(&settings);
+    ASSERT_EQ(::tcsetattr(line.get(), TCSANOW, &settings), 0);
+    const auto text = numbered(100'000);
+    std::string received;
+    std::thread reader([&] {
+        while (received.size() < text.size()) received += readSome(terminal);
+    });
+    OutputStream(line.get(), watch_).write(text);
+    reader.join();
+    EXPECT_TRUE(received == text);
+}
+
+TEST_F(OutputStreamTests, LeavesTheSharedDescriptionAsItIs) {
+    for (auto* make : {&makePipe, &makeSocketPair}) {
+        for (const int nonblocking : {0, O_NONBLOCK}) {
+            const auto ends = make();
+            ::fcntl(ends.writing.get(), F_SETFL, flagsOf(ends.writing) | nonblocking);
+            const int before = flagsOf(ends.writing);
+            OutputStream(ends.writing.get(), watch_).write("text");
+            EXPECT_EQ(flagsOf(ends.writing), before);
+            EXPECT_EQ(readSome(ends.reading), "text");
+        }
+    }
+}
+
+TEST_F(OutputStreamTests, WritesNothingForEmptyText) {
+    const auto ends = makePipe();
+    fill(ends.writing);
+    EXPECT_NO_THROW(OutputStream(ends.writing.get(), watch_).write(""));
+}
+
+TEST_F(OutputStreamTests, WaitsWhileThePipeIsFull) {
+    auto ends = makePipe();
+    const auto filled = fill(ends.writing);
+    std::thread writer([&] {
+        OutputStream(ends.writing.get(), watch_).write("after");
+        ends.writing.reset();
+    });
+    const auto received = readAll(ends.reading);
+    writer.join();
+    EXPECT_EQ(received, std::string(filled, '-') + "after");
+}
+
+TEST_F(OutputStreamTests, BrokenPipeIsAFailure) {
+    auto ends = makePipe();
+    ends.reading.reset();
+    OutputStream stream(ends.writing.get(), watch_);
+    try {
+        stream.write("text");
+        ADD_FAILURE() << "written";
+    } catch (const FileSystemFailure& failure) {
+        EXPECT_EQ(failure.code(), EPIPE);
+        EXPECT_STREQ(failure.what(), "Cannot write to \"standard error\": Broken pipe.");
+    }
+}
+
+TEST_F(OutputStreamTests, BrokenPipeIsNoticedWhileWaiting) {
+    auto ends = makePipe();
+    fill(ends.writing);
+    std::thread closer([&] { ends.reading.reset(); });
+    EXPECT_THROW(OutputStream(ends.writing.get(), watch_).write("text"), FileSystemFailure);
+    closer.join();
+}
+
+TEST_F(OutputStreamTests, BrokenSocketIsAFailureWithoutASignal) {
+    ::signal(SIGPIPE, SIG_DFL);
+    auto ends = makeSocketPair();
+    ends.reading.reset();
+    EXPECT_THROW(OutputStream(ends.writing.get(), watch_).write("text"), FileSystemFailure);
+}
+
+TEST_F(OutputStreamTests, FullDeviceIsAFailure) {
+    const Descriptor device(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+    ASSERT_TRUE(device.isOpen());
+    try {
+        OutputStream(device.get(), watch_).write("text");
+        ADD_FAILURE() << "written";
+    } catch (const FileSystemFailure& failure) {
+        EXPECT_EQ(failure.code(), ENOSPC);
+    }
+}
+
+TEST_F(OutputStreamTests, DescriptorThatIsNotOpenForWritingIsAFailure) {
+    const Descriptor readOnly(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    EXPECT_THROW(OutputStream(readOnly.get(), watch_).write("text"), FileSystemFailure);
+    EXPECT_THROW(OutputStream(1'000'000, watch_).write("text"), FileSystemFailure);
+}
+
+TEST_F(OutputStreamTests, GivesUpWhenTheReaderHasClosedItsOtherEnd) {
+    auto output = makePipe();
+    auto sign = makePipe();
+    watch_.addSign(sign.reading.get(), false);
+    fill(output.writing);
+    sign.writing.reset();
+    EXPECT_THROW(OutputStream(output.writing.get(), watch_).write("text"), OutputAbandoned);
+}
+
+TEST_F(OutputStreamTests, GivesUpWhenASocketSignIsShutDown) {
+    auto output = makeSocketPair();
+    auto sign = makeSocketPair();
+    watch_.addSign(sign.reading.get(), false);
+    fill(output.writing);
+    ASSERT_EQ(::shutdown(sign.writing.get(), SHUT_WR), 0);
+    EXPECT_THROW(OutputStream(output.writing.get(), watch_).write("text"), OutputAbandoned);
+}
+
+TEST_F(OutputStreamTests, GivesUpWhenASignBecomesReadable) {
+    auto output = makePipe();
+    const Descriptor sign(::eventfd(0, EFD_CLOEXEC));
+    watch_.addSign(sign.get(), true);
+    fill(output.writing);
+    std::thread departure([&] { ::eventfd_write(sign.get(), 1); });
+    EXPECT_THROW(OutputStream(output.writing.get(), watch_).write("text"), OutputAbandoned);
+    departure.join();
+}
+
+TEST_F(OutputStreamTests, SignOfDepartureDoesNotMatterWhileTheReaderReads) {
+    const auto text = numbered(more_than_any_buffer);
+    // A reader that a busy machine lets wait for the whole grace does not read; hardly every time.
+    constexpr int attempts = 5;
+    std::optional<std::string> received;
+    for (int attempt = 0; attempt < attempts && !received; ++attempt) {
+        DepartureWatch watch;
+        auto sign = makePipe();
+        watch.addSign(sign.reading.get(), false);
+        sign.writing.reset();
+        try {
+            received = transmitted(makePipe(), text, watch);
+        } catch (const OutputAbandoned&) {
+        }
+    }
+    EXPECT_TRUE(received == text);
+}
+
+TEST_F(OutputStreamTests, AbandoningEndsAWaitingWriter) {
+    auto output = makePipe();
+    fill(output.writing);
+    std::thread abandoner([&] { watch_.abandonOutput(); });
+    EXPECT_THROW(OutputStream(output.writing.get(), watch_).write("text"), OutputAbandoned);
+    abandoner.join();
+}
+
+TEST_F(OutputStreamTests, AbandonedOutputIsStillWrittenWhereNobodyHasToWait) {
+    const auto ends = makePipe();
+    watch_.abandonOutput();
+    OutputStream(ends.writing.get(), watch_).write("goodbye");
+    EXPECT_EQ(readSome(ends.reading), "goodbye");
+}
+
+TEST_F(OutputStreamTests, NothingFollowsATextThatWasGivenUp) {
+    auto ends = makePipe();
+    watch_.abandonOutput();
+    {
+        OutputStream stream(ends.writing.get(), watch_);
+        EXPECT_THROW(stream.write(numbered(more_than_any_buffer)), OutputAbandoned);
+        readSome(ends.reading);
+        EXPECT_THROW(stream.write("next"), OutputAbandoned);
+    }
+    ends.writing.reset();
+    EXPECT_THAT(readAll(ends.reading), testing::Not(testing::HasSubstr("next")));
+}
+
+TEST_F(OutputStreamTests, EveryStreamOfAWatchIsAbandonedTogether) {
+    auto first = makePipe();
+    auto second = makePipe();
+    fill(first.writing);
+    fill(second.writing);
+    const Descriptor sign(::eventfd(1, EFD_CLOEXEC));
+    watch_.addSign(sign.get(), true);
+    EXPECT_THROW(OutputStream(first.writing.get(), watch_).write("text"), OutputAbandoned);
+    EXPECT_THROW(OutputStream(second.writing.get(), watch_).write("text"), OutputAbandoned);
+}
+
+TEST_F(OutputStreamTests, DepartureIsOverAfterItsGrace) {
+    auto sign = makePipe();
+    watch_.addSign(sign.reading.get(), false);
+    EXPECT_FALSE(watch_.isDepartureOver());
+    sign.writing.reset();
+    EXPECT_FALSE(watch_.isDepartureOver()) << "the grace has only begun";
+    test::waitUntil([&] { return watch_.isDepartureOver(); }, "the grace is over");
+}
+
+TEST_F(OutputStreamTests, AbandonedOutputIsDescribedForPeople) {
+    EXPECT_STREQ(OutputAbandoned().what(), "The parent has stopped reading and closed its end.");
+}
+
+}  // namespace
+}  // namespace brindle
