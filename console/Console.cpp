@@ -74,7 +74,7 @@ std::string statusTable(const ManagedWhatsAppRuntimeStatusRecord& status) {
 std::vector<std::pair<std::string, std::optional<std::string>>> statusFields(
     const ManagedWhatsAppRuntimeStatusRecord& status) {
     std::vector<std::pair<std::string, std::optional<std::string>>> result;
-    const auto add = [&](const auto& field) {
+    forEachField<ManagedWhatsAppRuntimeStatusRecord>([&](const auto& field) {
         const auto& value = status.*(field.member);
         std::optional<std::string> text;
         if constexpr (record::IsOptional<std::remove_cvref_t<decltype(value)>>::value) {
@@ -83,8 +83,7 @@ std::vector<std::pair<std::string, std::optional<std::string>>> statusFields(
             text = valueText(value);
         }
         result.emplace_back(field.name, std::move(text));
-    };
-    std::apply([&](const auto&... each) { (add(each), ...); }, ManagedWhatsAppRuntimeStatusRecord::fields());
+    });
     return result;
 }
 

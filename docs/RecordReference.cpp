@@ -1,12 +1,20 @@
 /// Writes the reference of every record, or checks that what is written is current:
 /// record_reference [--check] DIRECTORY
+#include <cxxabi.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <memory>
+#include <set>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <type_traits>
+#include <typeinfo>
+#include <utility>
 
 #include "bridge/BridgeMessages.h"
 #include "exchange/ExchangeRecords.h"
@@ -17,56 +25,82 @@ namespace {
 
 using Files = std::map<std::string, std::string>;
 
-constexpr auto bridge_page = "bridge-records.md";
-constexpr auto exchange_page = "exchange-records.md";
 constexpr auto page_notice =
     "<!-- Written by scripts/update-reference from the records' own lists of fields. -->\n\n";
 
-template <RecordType R>
-void addTable(Files& files, const std::string& page, const std::string& name) {
-    files[page] += "\n## " + name + "\n\n";
-    files[page] += std::tuple_size_v<decltype(R::fields())> == 0 ? "No fields.\n" : fieldTable<R>();
+/// The record's name as the sources have it.
+template <class T>
+std::string typeName() {
+    constexpr std::string_view our_namespace = "brindle::";
+    const std::unique_ptr<char, decltype(&std::free)> name(
+        abi::__cxa_demangle(typeid(T).name(), nullptr, nullptr, nullptr), &std::free);
+    return std::string(name.get()).substr(our_namespace.size());
 }
 
-template <RecordType R>
-void addExchangeRecord(Files& files, const std::string& name) {
-    addTable<R>(files, exchange_page, name);
-    files[name + ".schema.json"] = schemaOf<R>();
-}
+/// The tables of records. A record comes once, followed by the records that it holds; an enumeration that it
+/// holds comes at the end, case by case.
+class ReferenceTables {
+  public:
+    template <RecordType R>
+    void add() {
+        const auto name = typeName<R>();
+        if (!described_.insert(name).second) return;
+        records_ += table<R>(name);
+        forEachField<R>([this]<class Value>(const Field<R, Value>&) { addHeld<Value>(); });
+    }
+
+    template <EnumerationType E>
+    void addPayloads() {
+        E::forEachCase([this]<class EachCase>(EachCase) { add<typename EachCase::Payload>(); });
+    }
+
+    /// What was added since the last page, as a page.
+    std::string takePage(const std::string& title) {
+        return page_notice + ("# " + title + "\n") + std::exchange(records_, {}) + std::exchange(cases_, {});
+    }
+
+  private:
+    template <RecordType R>
+    static std::string table(const std::string& title) {
+        return "\n## " + title + "\n\n" + (record::field_count<R> == 0 ? "No fields.\n" : fieldTable<R>());
+    }
+
+    template <class Value>
+    void addHeld() {
+        if constexpr (record::IsOptional<Value>::value || record::IsVector<Value>::value) {
+            addHeld<typename Value::value_type>();
+        } else if constexpr (EnumerationType<Value>) {
+            addCases<Value>();
+        } else if constexpr (RecordType<Value>) {
+            add<Value>();
+        }
+    }
+
+    template <EnumerationType E>
+    void addCases() {
+        if (!described_.insert(typeName<E>()).second) return;
+        E::forEachCase([this]<class EachCase>(EachCase) {
+            cases_ += table<typename EachCase::Payload>(typeName<E>().append(": ").append(EachCase::name));
+        });
+    }
+
+    std::set<std::string> described_;
+    std::string records_;
+    std::string cases_;
+};
 
 Files reference() {
     Files files;
-    files[bridge_page] = std::string(page_notice) + "# Records of the bridge protocol\n";
-    addTable<BridgeHello>(files, bridge_page, "BridgeHello");
-    addTable<BridgeConnectRequest>(files, bridge_page, "BridgeConnectRequest");
-    addTable<BridgeDisconnectRequest>(files, bridge_page, "BridgeDisconnectRequest");
-    addTable<BridgeStartListeningRequest>(files, bridge_page, "BridgeStartListeningRequest");
-    addTable<BridgeStopListeningRequest>(files, bridge_page, "BridgeStopListeningRequest");
-    addTable<BridgeSendMessageRequest>(files, bridge_page, "BridgeSendMessageRequest");
-    addTable<BridgeOutboundMessage>(files, bridge_page, "BridgeOutboundMessage");
-    addTable<BridgeAttachment>(files, bridge_page, "BridgeAttachment");
-    addTable<BridgeInboundEvent>(files, bridge_page, "BridgeInboundEvent");
-    addTable<BridgeInboundMessageEvent>(files, bridge_page, "BridgeInboundMessageEvent");
-    addTable<BridgeStateChangedEvent>(files, bridge_page, "BridgeStateChangedEvent");
-    addTable<BridgeErrorEvent>(files, bridge_page, "BridgeErrorEvent");
-    addTable<BridgeConversationScope>(files, bridge_page, "BridgeScope: conversation");
-    addTable<BridgeChannelScope>(files, bridge_page, "BridgeScope: channel");
-    addTable<BridgeThreadScope>(files, bridge_page, "BridgeScope: thread");
-    addTable<BridgeTestOnlyScope>(files, bridge_page, "BridgeScope: testOnly");
-    addTable<BridgeDisconnectedState>(files, bridge_page, "BridgeConnectionState: disconnected");
-    addTable<BridgeConnectingState>(files, bridge_page, "BridgeConnectionState: connecting");
-    addTable<BridgeConnectedState>(files, bridge_page, "BridgeConnectionState: connected");
-    addTable<BridgeErrorState>(files, bridge_page, "BridgeConnectionState: error");
-    files["BridgeEnvelope.schema.json"] = schemaOf<BridgeEnvelope>();
-
-    files[exchange_page] = std::string(page_notice) + "# Records of the data directory\n";
-    addExchangeRecord<ManagedWhatsAppWorkerStatusRecord>(files, "ManagedWhatsAppWorkerStatusRecord");
-    addExchangeRecord<ManagedWhatsAppWorkerControlRecord>(files, "ManagedWhatsAppWorkerControlRecord");
-    addTable<ManagedWhatsAppWorkerControlScope>(files, exchange_page, "ManagedWhatsAppWorkerControlScope");
-    addExchangeRecord<ManagedWhatsAppOutboundRecord>(files, "ManagedWhatsAppOutboundRecord");
-    addExchangeRecord<ManagedWhatsAppWorkerInboundRecord>(files, "ManagedWhatsAppWorkerInboundRecord");
-    addExchangeRecord<ManagedWhatsAppInboundRecord>(files, "ManagedWhatsAppInboundRecord");
-    addExchangeRecord<ManagedWhatsAppRuntimeStatusRecord>(files, "ManagedWhatsAppRuntimeStatusRecord");
+    ReferenceTables tables;
+    tables.addPayloads<BridgeEnvelope>();
+    files["bridge-records.md"] = tables.takePage("Records of the bridge protocol");
+    files[typeName<BridgeEnvelope>() + ".schema.json"] = schemaOf<BridgeEnvelope>();
+    const auto addFileRecords = [&]<RecordType... R>(std::type_identity<std::tuple<R...>>) {
+        (tables.add<R>(), ...);
+        ((files[typeName<R>() + ".schema.json"] = schemaOf<R>()), ...);
+    };
+    addFileRecords(std::type_identity<DataDirectoryRecords>{});
+    files["exchange-records.md"] = tables.takePage("Records of the data directory");
     return files;
 }
 

@@ -1,10 +1,8 @@
 #pragma once
 
-#include <array>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 #include "records/Record.h"
@@ -95,12 +93,9 @@ struct BridgeTestOnlyScope {
 
 /// What the parent wants to listen to.
 struct BridgeScope
-    : std::variant<BridgeConversationScope, BridgeChannelScope, BridgeThreadScope, BridgeTestOnlyScope> {
-    using Cases = variant;
-    using variant::variant;
-
-    static constexpr std::array<std::string_view, 4> case_names{"conversation", "channel", "thread",
-                                                                "testOnly"};
+    : Enumeration<Case<"conversation", BridgeConversationScope>, Case<"channel", BridgeChannelScope>,
+                  Case<"thread", BridgeThreadScope>, Case<"testOnly", BridgeTestOnlyScope>> {
+    using Enumeration::Enumeration;
     static constexpr std::string_view payload_name{};
 };
 
@@ -247,12 +242,9 @@ struct BridgeErrorState {
 
 /// How the backend stands towards the parent.
 struct BridgeConnectionState
-    : std::variant<BridgeDisconnectedState, BridgeConnectingState, BridgeConnectedState, BridgeErrorState> {
-    using Cases = variant;
-    using variant::variant;
-
-    static constexpr std::array<std::string_view, 4> case_names{"disconnected", "connecting", "connected",
-                                                                "error"};
+    : Enumeration<Case<"disconnected", BridgeDisconnectedState>, Case<"connecting", BridgeConnectingState>,
+                  Case<"connected", BridgeConnectedState>, Case<"error", BridgeErrorState>> {
+    using Enumeration::Enumeration;
     static constexpr std::string_view payload_name{};
 };
 
@@ -276,15 +268,13 @@ struct BridgeErrorEvent {
 
 /// One message between parent and backend.
 struct BridgeEnvelope
-    : std::variant<BridgeHello, BridgeConnectRequest, BridgeDisconnectRequest, BridgeStartListeningRequest,
-                   BridgeStopListeningRequest, BridgeSendMessageRequest, BridgeInboundEvent,
-                   BridgeStateChangedEvent, BridgeErrorEvent> {
-    using Cases = variant;
-    using variant::variant;
-
-    static constexpr std::array<std::string_view, 9> case_names{
-        "hello",       "connect",      "disconnect",   "startListening", "stopListening",
-        "sendMessage", "inboundEvent", "stateChanged", "error"};
+    : Enumeration<Case<"hello", BridgeHello>, Case<"connect", BridgeConnectRequest>,
+                  Case<"disconnect", BridgeDisconnectRequest>,
+                  Case<"startListening", BridgeStartListeningRequest>,
+                  Case<"stopListening", BridgeStopListeningRequest>,
+                  Case<"sendMessage", BridgeSendMessageRequest>, Case<"inboundEvent", BridgeInboundEvent>,
+                  Case<"stateChanged", BridgeStateChangedEvent>, Case<"error", BridgeErrorEvent>> {
+    using Enumeration::Enumeration;
     static constexpr std::string_view payload_name = "_0";
 };
 

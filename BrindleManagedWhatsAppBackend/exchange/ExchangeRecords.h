@@ -196,6 +196,11 @@ struct ManagedWhatsAppRuntimeStatusRecord {
     }
 };
 
+/// Every record that is a file of its own; its reference and its schema come from this list.
+using DataDirectoryRecords = std::tuple<ManagedWhatsAppWorkerStatusRecord, ManagedWhatsAppWorkerControlRecord,
+                                        ManagedWhatsAppOutboundRecord, ManagedWhatsAppWorkerInboundRecord,
+                                        ManagedWhatsAppInboundRecord, ManagedWhatsAppRuntimeStatusRecord>;
+
 /// Reads and decodes a record file. Throws FileSystemFailure (its code tells a missing file from an
 /// unreadable one) or DecodingFailure.
 template <RecordType Record>

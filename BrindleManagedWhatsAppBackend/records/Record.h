@@ -20,8 +20,8 @@
 ///
 /// A record lists its fields once, in a static function `fields()`; reading, writing, the JSON Schema and the
 /// reference pages come from that list. A field is a string, a boolean, an integer (std::int64_t), another
-/// record, a list (std::vector) of these or an option (std::optional) of any. An enumeration with payloads is
-/// a variant with a list of case names.
+/// record, a list (std::vector) of these or an option (std::optional) of any. An enumeration with payloads
+/// lists its cases once, each with its name.
 namespace brindle {
 
 /// One field of a record: its JSON name, the member that holds it and its meaning for the reference.
@@ -42,8 +42,60 @@ concept RecordType = requires {
     T::fields();
 };
 
-/// A variant with `case_names` (one for each alternative) and `payload_name`: the member that holds the
-/// payload inside the case's object, or "" when that object is the payload.
+/// Calls `visit` with each field of the record, in the order of their declaration.
+template <RecordType R, class Visit>
+constexpr void forEachField(const Visit& visit) {
+    std::apply([&](const auto&... each) { (visit(each), ...); }, R::fields());
+}
+
+/// The text of a case's name, in a form that can be a template argument.
+template <std::size_t size_with_end>
+struct CaseName {
+    // Implicit, so that a list of cases shows plain literals.
+    consteval CaseName(const char (&literal)[size_with_end]) {
+        std::copy_n(literal, size_with_end, characters.begin());
+    }
+    std::array<char, size_with_end> characters{};
+};
+
+/// One case of an enumeration: its JSON name and the record that goes with it.
+template <CaseName case_name, class PayloadRecord>
+struct Case {
+    using Payload = PayloadRecord;
+    static constexpr std::string_view name{case_name.characters.data(), case_name.characters.size() - 1};
+};
+
+namespace record {
+
+/// True when every name tells its case apart from the others.
+template <std::size_t count>
+consteval bool areDistinctNames(std::array<std::string_view, count> names) {
+    std::sort(names.begin(), names.end());
+    return std::adjacent_find(names.begin(), names.end()) == names.end() &&
+           (names.empty() || !names.front().empty());
+}
+
+}  // namespace record
+
+/// An enumeration with payloads: a variant whose alternatives have names. The type derived from it says in
+/// `payload_name` which member holds the payload inside the case's object; "" when that object is the
+/// payload.
+template <class... Each>
+struct Enumeration : std::variant<typename Each::Payload...> {
+    using Cases = std::variant<typename Each::Payload...>;
+    using std::variant<typename Each::Payload...>::variant;
+
+    /// The names of the alternatives, in their order.
+    static constexpr std::array<std::string_view, sizeof...(Each)> case_names{Each::name...};
+    static_assert(record::areDistinctNames(case_names));
+
+    /// Calls `visit` with each case, in the order of the alternatives.
+    template <class Visit>
+    static constexpr void forEachCase(const Visit& visit) {
+        (visit(Each{}), ...);
+    }
+};
+
 template <class T>
 concept EnumerationType = requires {
     T::case_names;
@@ -106,16 +158,26 @@ consteval auto sortedOrder() {
     return order;
 }
 
+/// Calls `visit` with each field of the record, in the order of a JSON document: by ascending names.
+template <RecordType R, class Visit>
+constexpr void forEachFieldByName(const Visit& visit) {
+    constexpr auto order = sortedOrder<R>();
+    constexpr auto fields = R::fields();
+    [&]<std::size_t... place>(std::index_sequence<place...>) {
+        (visit(std::get<order[place]>(fields)), ...);
+    }
+    (std::make_index_sequence<order.size()>());
+}
+
 /// True when the listed fields account for the whole struct, so that no member can be forgotten in the list.
 template <RecordType R>
 consteval bool listsEveryMember() {
     std::size_t size = 0;
     std::size_t alignment = 1;
-    const auto add = [&]<class Value>(const Field<R, Value>&) {
+    forEachField<R>([&]<class Value>(const Field<R, Value>&) {
         size = (size + alignof(Value) - 1) / alignof(Value) * alignof(Value) + sizeof(Value);
         alignment = std::max(alignment, alignof(Value));
-    };
-    std::apply([&](const auto&... each) { (add(each), ...); }, R::fields());
+    });
     return field_count<R> == 0 || (size + alignment - 1) / alignment * alignment == sizeof(R);
 }
 
@@ -139,11 +201,9 @@ void encode(JsonWriter& writer, const T& value);
 
 template <RecordType R>
 void encodeFields(JsonWriter& writer, const R& value) {
-    constexpr auto order = sortedOrder<R>();
-    constexpr auto fields = R::fields();
-    const auto encodeField = [&](const auto& each) {
-        const auto& member = value.*(each.member);
-        if constexpr (IsOptional<std::remove_cvref_t<decltype(member)>>::value) {
+    forEachFieldByName<R>([&]<class Value>(const Field<R, Value>& each) {
+        const Value& member = value.*(each.member);
+        if constexpr (IsOptional<Value>::value) {
             if (!member) return;
             writer.name(each.name);
             encode(writer, *member);
@@ -151,11 +211,7 @@ void encodeFields(JsonWriter& writer, const R& value) {
             writer.name(each.name);
             encode(writer, member);
         }
-    };
-    [&]<std::size_t... I>(std::index_sequence<I...>) {
-        (encodeField(std::get<order[I]>(fields)), ...);
-    }
-    (std::make_index_sequence<order.size()>());
+    });
 }
 
 template <EnumerationType E>
@@ -213,23 +269,22 @@ template <RecordType R>
 R decodeRecord(JsonValue value, const JsonPath& path) {
     requireObject(value, path);
     R result{};
-    const auto decodeField = [&]<class Value>(const Field<R, Value>& each) {
+    forEachField<R>([&]<class Value>(const Field<R, Value>& each) {
         result.*(each.member) = decodeMember<Value>(value, each.name, path);
-    };
-    std::apply([&](const auto&... each) { (decodeField(each), ...); }, R::fields());
+    });
     return result;
 }
 
-/// Which case the object names, and the value behind the name.
+/// The name of the case that the object names, and the value behind it.
 template <EnumerationType E>
-std::pair<std::size_t, JsonValue> recognizedCase(JsonValue value, const JsonPath& path) {
+std::pair<std::string_view, JsonValue> recognizedCase(JsonValue value, const JsonPath& path) {
     std::size_t count = 0;
-    std::pair<std::size_t, JsonValue> found;
+    std::pair<std::string_view, JsonValue> found;
     value.forEachMember([&](std::string_view name, JsonValue member) {
         const auto known = std::find(E::case_names.begin(), E::case_names.end(), name);
         if (known == E::case_names.end()) return;
         ++count;
-        found = {static_cast<std::size_t>(known - E::case_names.begin()), member};
+        found = {*known, member};
     });
     if (count != 1) {
         path.fail(DecodingFailure::Kind::typeMismatch, "Invalid number of keys found, expected one.");
@@ -240,22 +295,19 @@ std::pair<std::size_t, JsonValue> recognizedCase(JsonValue value, const JsonPath
 template <EnumerationType E>
 E decodeCase(JsonValue value, const JsonPath& path) {
     requireObject(value, path);
-    const auto [index, caseValue] = recognizedCase<E>(value, path);
-    const JsonPath casePath(path, E::case_names[index]);
-    requireObject(caseValue, casePath);
+    const auto recognized = recognizedCase<E>(value, path);
+    const JsonPath casePath(path, recognized.first);
+    requireObject(recognized.second, casePath);
     std::optional<E> result;
-    const auto decodePayload = [&]<std::size_t I>(JsonValue inner) {
-        using Payload = std::variant_alternative_t<I, typename E::Cases>;
+    E::forEachCase([&]<class EachCase>(EachCase) {
+        using Payload = typename EachCase::Payload;
+        if (EachCase::name != recognized.first) return;
         if constexpr (E::payload_name.empty()) {
-            result = E{decode<Payload>(inner, casePath)};
+            result.emplace(decode<Payload>(recognized.second, casePath));
         } else {
-            result = E{decodeMember<Payload>(inner, E::payload_name, casePath)};
+            result.emplace(decodeMember<Payload>(recognized.second, E::payload_name, casePath));
         }
-    };
-    [&, i = index, inner = caseValue ]<std::size_t... I>(std::index_sequence<I...>) {
-        ((I == i ? decodePayload.template operator()<I>(inner) : void()), ...);
-    }
-    (std::make_index_sequence<E::case_names.size()>());
+    });
     return std::move(*result);
 }
 

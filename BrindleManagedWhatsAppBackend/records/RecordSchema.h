@@ -15,30 +15,23 @@ void writeSchema(JsonWriter& writer, std::string_view description);
 
 template <RecordType R>
 void writeProperties(JsonWriter& writer) {
-    constexpr auto order = sortedOrder<R>();
-    constexpr auto fields = R::fields();
-    const auto writeProperty = [&]<class Value>(const Field<R, Value>& each) {
+    writer.name("properties");
+    writer.beginObject();
+    forEachFieldByName<R>([&]<class Value>(const Field<R, Value>& each) {
         writer.name(each.name);
         if constexpr (IsOptional<Value>::value) {
             writeSchema<typename Value::value_type>(writer, each.meaning);
         } else {
             writeSchema<Value>(writer, each.meaning);
         }
-    };
-    const auto writeRequired = [&]<class Value>(const Field<R, Value>& each) {
+    });
+    writer.endObject();
+    writer.name("required");
+    writer.beginArray();
+    forEachFieldByName<R>([&]<class Value>(const Field<R, Value>& each) {
         if constexpr (!IsOptional<Value>::value) writer.string(each.name);
-    };
-    [&]<std::size_t... I>(std::index_sequence<I...>) {
-        writer.name("properties");
-        writer.beginObject();
-        (writeProperty(std::get<order[I]>(fields)), ...);
-        writer.endObject();
-        writer.name("required");
-        writer.beginArray();
-        (writeRequired(std::get<order[I]>(fields)), ...);
-        writer.endArray();
-    }
-    (std::make_index_sequence<order.size()>());
+    });
+    writer.endArray();
 }
 
 /// An object that must have the member `name`; `writeMember` gives the member's schema.
@@ -61,22 +54,18 @@ void writeObjectWithMember(JsonWriter& writer, std::string_view name, const Writ
 
 template <EnumerationType E>
 void writeCases(JsonWriter& writer) {
-    const auto writeOneCase = [&]<std::size_t I>() {
-        using Payload = std::variant_alternative_t<I, typename E::Cases>;
-        writeObjectWithMember(writer, E::case_names[I], [&] {
+    writer.name("oneOf");
+    writer.beginArray();
+    E::forEachCase([&]<class EachCase>(EachCase) {
+        using Payload = typename EachCase::Payload;
+        writeObjectWithMember(writer, EachCase::name, [&] {
             if constexpr (E::payload_name.empty()) {
                 writeSchema<Payload>(writer, "");
             } else {
                 writeObjectWithMember(writer, E::payload_name, [&] { writeSchema<Payload>(writer, ""); });
             }
         });
-    };
-    writer.name("oneOf");
-    writer.beginArray();
-    [&]<std::size_t... I>(std::index_sequence<I...>) {
-        (writeOneCase.template operator()<I>(), ...);
-    }
-    (std::make_index_sequence<E::case_names.size()>());
+    });
     writer.endArray();
 }
 
@@ -131,12 +120,11 @@ std::string schemaOf() {
 template <RecordType R>
 std::string fieldTable() {
     std::string table = "| field | type | presence | meaning |\n| --- | --- | --- | --- |\n";
-    const auto addRow = [&]<class Value>(const Field<R, Value>& each) {
+    forEachField<R>([&]<class Value>(const Field<R, Value>& each) {
         table.append("| `").append(each.name).append("` | ").append(record::jsonTypeName<Value>());
         table.append(record::IsOptional<Value>::value ? " | optional | " : " | always | ");
         table.append(each.meaning).append(" |\n");
-    };
-    std::apply([&](const auto&... each) { (addRow(each), ...); }, R::fields());
+    });
     return table;
 }
 

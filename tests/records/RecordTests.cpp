@@ -37,18 +37,14 @@ struct Empty {
 };
 
 /// An enumeration whose case object is the payload.
-struct Choice : std::variant<Leaf, Other, Empty> {
-    using Cases = variant;
-    using variant::variant;
-    static constexpr std::array<std::string_view, 3> case_names{"leaf", "other", "empty"};
+struct Choice : Enumeration<Case<"leaf", Leaf>, Case<"other", Other>, Case<"empty", Empty>> {
+    using Enumeration::Enumeration;
     static constexpr std::string_view payload_name{};
 };
 
 /// An enumeration whose case object wraps the payload.
-struct Wrapped : std::variant<Leaf, Other> {
-    using Cases = variant;
-    using variant::variant;
-    static constexpr std::array<std::string_view, 2> case_names{"leaf", "other"};
+struct Wrapped : Enumeration<Case<"leaf", Leaf>, Case<"other", Other>> {
+    using Enumeration::Enumeration;
     static constexpr std::string_view payload_name = "_0";
 };
 
@@ -341,6 +337,22 @@ TEST(RecordTests, SeesThatAFieldWasForgotten) {
     static_assert(record::listsEveryMember<Leaf>());
     static_assert(record::listsEveryMember<Empty>());
     EXPECT_EQ(record::field_count<Forgetful>, 1U);
+}
+
+TEST(RecordTests, SeesThatTwoCasesHaveOneName) {
+    static_assert(record::areDistinctNames(Choice::case_names));
+    static_assert(!record::areDistinctNames(std::array<std::string_view, 3>{"leaf", "other", "leaf"}));
+    static_assert(!record::areDistinctNames(std::array<std::string_view, 2>{"leaf", ""}));
+    EXPECT_EQ(Choice::case_names.size(), std::variant_size_v<Choice::Cases>);
+}
+
+TEST(RecordTests, VisitsFieldsAndCasesInOrderOfDeclaration) {
+    std::vector<std::string_view> fields;
+    forEachField<Leaf>([&](const auto& each) { fields.push_back(each.name); });
+    EXPECT_EQ(fields, (std::vector<std::string_view>{"zeta", "alpha", "middle"}));
+    std::vector<std::string_view> cases;
+    Choice::forEachCase([&](const auto& each) { cases.push_back(each.name); });
+    EXPECT_EQ(cases, (std::vector<std::string_view>{"leaf", "other", "empty"}));
 }
 
 TEST(RecordSchemaTests, DescribesRecordWithItsRequiredMembers) {
