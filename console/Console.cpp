@@ -14,6 +14,8 @@
 #include "console/Attachment.h"
 #include "console/Picture.h"
 #include "console/QRCode.h"
+#include "exchange/ExchangeWords.h"
+#include "exchange/PlatformArgument.h"
 #include "records/Json.h"
 #include "system/FileSystemFailure.h"
 #include "text/Failure.h"
@@ -32,7 +34,7 @@ std::string seconds(std::chrono::milliseconds duration) {
 
 /// The states in which a worker needs no login.
 bool isLinkedState(std::string_view workerState) {
-    return workerState == "linked" || workerState == "watching_chat";
+    return workerState == worker_state::linked || workerState == worker_state::watching_chat;
 }
 
 std::string jsonLine(std::string_view name, std::string_view value) {
@@ -103,7 +105,7 @@ Console::Console(const Options& options, Environment environment, CommandInput& 
 ChildProcess::Options Console::launch(const Options& options, Environment environment) {
     ticket_.addTo(environment);
     return {.executable = options.helper,
-            .arguments = {"--platform", platform_},
+            .arguments = {std::string(platform_argument), platform_},
             .environment = std::move(environment),
             .standardInput = ChildProcess::StandardInput::pipe,
             .processGroup = ChildProcess::ProcessGroup::own};

@@ -51,7 +51,7 @@ struct Parser {
         app.add_option("--helper", options.helper, "The helper to start.")
             ->type_name("PATH")
             ->capture_default_str();
-        app.add_option("--platform", options.platform, "The messaging platform.")
+        app.add_option(std::string(platform_argument), options.platform, "The messaging platform.")
             ->type_name("NAME")
             ->capture_default_str();
         app.add_option("--data-dir", options.dataDirectory, "The directory shared by helper and worker.")

@@ -5,6 +5,7 @@
 #include <variant>
 #include <vector>
 
+#include "exchange/PlatformArgument.h"
 #include "system/Environment.h"
 
 namespace brindle::console {
@@ -23,7 +24,7 @@ enum class WorkerChoice {
 
 struct Options {
     std::string helper;
-    std::string platform = "whatsapp";
+    std::string platform{default_platform};
     std::optional<std::string> dataDirectory;
     WorkerChoice worker = WorkerChoice::unchanged;
     std::string workerPath;

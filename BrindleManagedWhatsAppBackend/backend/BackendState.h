@@ -3,8 +3,10 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "bridge/BridgeMessages.h"
+#include "exchange/ExchangeWords.h"
 
 namespace brindle {
 
@@ -23,6 +25,9 @@ struct ManagedWhatsAppRuntimeStateSnapshot {
     std::optional<BridgeScope> activeScope;
     ManagedWhatsAppWorkerLaunchSnapshot workerLaunchSnapshot;
 };
+
+/// What people are told of the worker when none is configured.
+inline constexpr std::string_view no_worker_detail = "No managed WhatsApp worker configured.";
 
 /// The backend's connection, scope and worker state, touched only under its lock, which is never held across
 /// I/O. Every operation is callable from any thread.
@@ -43,8 +48,8 @@ class BackendState {
     std::optional<BridgeScope> activeScope_;
     std::optional<std::string> workerConfiguredExecutablePath_;
     bool workerProcessRunning_ = false;
-    std::string workerFallbackState_ = "not_configured";
-    std::optional<std::string> workerFallbackDetail_ = "No managed WhatsApp worker configured.";
+    std::string workerFallbackState_{worker_state::not_configured};
+    std::optional<std::string> workerFallbackDetail_{no_worker_detail};
 };
 
 }  // namespace brindle

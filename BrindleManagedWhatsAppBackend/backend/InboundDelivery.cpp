@@ -1,10 +1,8 @@
 #include "backend/InboundDelivery.h"
 
-#include <errno.h>
-
 #include <algorithm>
 
-#include "system/FileSystemFailure.h"
+#include "exchange/RecordFiles.h"
 #include "system/OutputStream.h"
 #include "system/Paths.h"
 #include "text/Identifier.h"
@@ -63,7 +61,7 @@ void InboundDelivery::drain() noexcept {
 
 std::vector<std::string> InboundDelivery::recordNames() {
     auto names = context_.fileManager.visibleEntries(context_.directory.inbound);
-    std::erase_if(names, [](const std::string& name) { return !name.ends_with(record_file_extension); });
+    std::erase_if(names, [](const std::string& name) { return !isRecordFileName(name); });
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -75,7 +73,7 @@ void InboundDelivery::deliverOrReject(const std::string& name, const BridgeScope
         throw;
     } catch (const std::exception& error) {
         context_.log("rejected inbound event at " + name + ": " + descriptionOf(error));
-        moveToDirectory(name, context_.directory.rejected);
+        fileAway(name, context_.directory.rejected);
     }
 }
 
@@ -85,7 +83,7 @@ void InboundDelivery::deliver(const std::string& name, const BridgeScope& scope)
     if (!belongsToScope(record, scope)) return;
     // Emitting comes first: should the process end in between, the message comes twice rather than never.
     context_.emitter.emit(BridgeInboundEvent{eventFor(std::move(record), name)});
-    moveToDirectory(name, context_.directory.processed);
+    fileAway(name, context_.directory.processed);
 }
 
 BridgeInboundMessageEvent InboundDelivery::eventFor(ManagedWhatsAppInboundRecord record,
@@ -104,14 +102,8 @@ BridgeInboundMessageEvent InboundDelivery::eventFor(ManagedWhatsAppInboundRecord
     return event;
 }
 
-void InboundDelivery::moveToDirectory(const std::string& name, const std::string& directory) {
-    const auto file = joinedPath(context_.directory.inbound, name);
-    try {
-        context_.fileManager.moveItem(file, joinedPath(directory, name));
-    } catch (const FileSystemFailure& error) {
-        if (error.code() != EEXIST) throw;
-        context_.fileManager.moveItem(file, joinedPath(directory, randomIdentifier() + "-" + name));
-    }
+void InboundDelivery::fileAway(const std::string& name, const std::string& directory) {
+    moveRecordFile(context_.fileManager, name, context_.directory.inbound, directory);
 }
 
 }  // namespace brindle

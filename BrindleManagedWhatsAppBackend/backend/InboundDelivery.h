@@ -33,7 +33,7 @@ class InboundDelivery {
     void deliverOrReject(const std::string& name, const BridgeScope& scope);
     void deliver(const std::string& name, const BridgeScope& scope);
     BridgeInboundMessageEvent eventFor(ManagedWhatsAppInboundRecord record, const std::string& name);
-    void moveToDirectory(const std::string& name, const std::string& directory);
+    void fileAway(const std::string& name, const std::string& directory);
 
     const BackendContext& context_;
     /// Two drains over one backlog would overtake each other and deliver messages out of order or twice.

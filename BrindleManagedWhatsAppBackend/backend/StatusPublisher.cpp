@@ -1,12 +1,10 @@
 #include "backend/StatusPublisher.h"
 
+#include "exchange/ExchangeWords.h"
 #include "system/FileSystemFailure.h"
 
 namespace brindle {
 namespace {
-
-constexpr auto connected_word = "connected";
-constexpr auto disconnected_word = "disconnected";
 
 std::string titled(std::string_view kind, std::string_view title, std::string_view id) {
     std::string text(kind);
@@ -97,7 +95,8 @@ ManagedWhatsAppRuntimeStatusRecord StatusPublisher::statusRecord(
     record.platform = context_.platform;
     record.backendVersion = backend_version;
     record.dataDirectoryPath = context_.directory.path;
-    record.connectionState = snapshot.isConnected ? connected_word : disconnected_word;
+    record.connectionState =
+        snapshot.isConnected ? connection_word::connected : connection_word::disconnected;
     if (snapshot.activeScope) record.activeScopeDescription = activeScopeDescription(*snapshot.activeScope);
     record.workerConfiguredExecutablePath = worker.configuredExecutablePath;
     record.workerProcessRunning = worker.processRunning;

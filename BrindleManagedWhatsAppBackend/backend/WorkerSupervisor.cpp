@@ -15,9 +15,6 @@
 namespace brindle {
 namespace {
 
-constexpr std::string_view not_configured_state = "not_configured";
-constexpr std::string_view stopped_state = "stopped";
-constexpr std::string_view not_configured_detail = "No managed WhatsApp worker configured.";
 constexpr std::string_view nothing_to_launch_detail =
     "No managed WhatsApp worker configured. Install the protocol worker dependencies or provide an explicit worker executable.";
 constexpr std::string_view stopped_detail = "Managed WhatsApp worker stopped.";
@@ -46,7 +43,7 @@ void WorkerSupervisor::launchWorkerIfConfigured() {
     const auto configuration = resolveLaunchConfiguration(context_, MainBundle::current());
     if (!configuration) {
         context_.fileManager.removeIfPresent(context_.directory.workerStatusFile);
-        setWorkerState(std::nullopt, std::string(not_configured_state), std::string(nothing_to_launch_detail),
+        setWorkerState(std::nullopt, worker_state::not_configured, std::string(nothing_to_launch_detail),
                        false);
         publisher_.writeRuntimeStatus();
         return;
@@ -56,23 +53,24 @@ void WorkerSupervisor::launchWorkerIfConfigured() {
     const auto& description = configuration->launchDescription;
     if (configuration->requiresExecutableBit &&
         !context_.fileManager.isExecutableFile(configuration->executableURL)) {
-        return fail(description, "misconfigured",
+        return fail(description, worker_state::misconfigured,
                     "Configured worker executable is not executable: " + description);
     }
     start(*configuration);
 }
 
-void WorkerSupervisor::setWorkerState(std::optional<std::string> path, std::string state, std::string detail,
-                                      bool running) {
+void WorkerSupervisor::setWorkerState(std::optional<std::string> path, std::string_view state,
+                                      std::string detail, bool running) {
     context_.state.setWorkerState({.configuredExecutablePath = std::move(path),
-                                   .state = std::move(state),
+                                   .state = std::string(state),
                                    .detail = std::move(detail),
                                    .processRunning = running});
 }
 
-void WorkerSupervisor::fail(const std::string& description, std::string state, const std::string& message) {
+void WorkerSupervisor::fail(const std::string& description, std::string_view state,
+                            const std::string& message) {
     context_.fileManager.removeIfPresent(context_.directory.workerStatusFile);
-    setWorkerState(description, std::move(state), message, false);
+    setWorkerState(description, state, message, false);
     context_.log(message);
     publisher_.writeRuntimeStatus();
 }
@@ -108,23 +106,23 @@ void WorkerSupervisor::terminateEarlierWorker(pid_t process) {
 void WorkerSupervisor::start(const ManagedWhatsAppWorkerLaunchConfiguration& configuration) {
     const auto& description = configuration.launchDescription;
     didRequestWorkerStop_ = false;
-    setWorkerState(description, "launching", "Launching managed WhatsApp worker at " + description + ".",
-                   false);
+    setWorkerState(description, worker_state::launching,
+                   "Launching managed WhatsApp worker at " + description + ".", false);
     std::shared_ptr<ChildProcess> process;
     try {
         process =
             std::make_shared<ChildProcess>(ChildProcess::Options{.executable = configuration.executableURL,
                                                                  .arguments = configuration.arguments,
                                                                  .environment = configuration.environment});
-        setWorkerState(description, "launching", "Managed WhatsApp worker launched at " + description + ".",
-                       true);
+        setWorkerState(description, worker_state::launching,
+                       "Managed WhatsApp worker launched at " + description + ".", true);
         publisher_.writeRuntimeStatus();
         // Only now: a worker that ended at once is seen to end after it was seen to be launched. Its pipes
         // and its end descriptor keep what happened meanwhile.
         watch(process);
     } catch (const std::exception& error) {
         if (process) abandon(*process);
-        fail(description, "launch_failed",
+        fail(description, worker_state::launch_failed,
              "Failed to launch managed WhatsApp worker at " + description + ": " + descriptionOf(error));
     }
 }
@@ -207,13 +205,13 @@ void WorkerSupervisor::workerEnded(const ChildProcess& process) {
     const int status = process.waitForEnd();
     auto path = context_.state.workerConfiguredExecutablePath();
     if (didRequestWorkerStop_) {
-        const auto state = path ? stopped_state : not_configured_state;
-        setWorkerState(std::move(path), std::string(state), std::string(stopped_detail), false);
+        const auto state = path ? worker_state::stopped : worker_state::not_configured;
+        setWorkerState(std::move(path), state, std::string(stopped_detail), false);
     } else {
         const auto message =
             "Managed WhatsApp worker exited unexpectedly with status " + std::to_string(status) + ".";
         context_.log(message);
-        setWorkerState(std::move(path), "exited", message, false);
+        setWorkerState(std::move(path), worker_state::exited, message, false);
     }
     publisher_.writeRuntimeStatus();
 }
@@ -232,8 +230,8 @@ void WorkerSupervisor::stopWorker() noexcept {
     }
     auto path = context_.state.workerConfiguredExecutablePath();
     const bool configured = path.has_value();
-    setWorkerState(std::move(path), std::string(configured ? stopped_state : not_configured_state),
-                   std::string(configured ? stopped_detail : not_configured_detail), false);
+    setWorkerState(std::move(path), configured ? worker_state::stopped : worker_state::not_configured,
+                   std::string(configured ? stopped_detail : no_worker_detail), false);
     context_.fileManager.removeIfPresent(context_.directory.workerStatusFile);
     context_.fileManager.removeIfPresent(context_.directory.workerPIDFile);
 }

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "backend/BackendContext.h"
 #include "backend/ManagedWhatsAppWorkerLaunchConfiguration.h"
@@ -31,8 +32,9 @@ class WorkerSupervisor {
     using Handle = std::shared_ptr<const Descriptor>;
     enum class Stream { output, error };
 
-    void setWorkerState(std::optional<std::string> path, std::string state, std::string detail, bool running);
-    void fail(const std::string& description, std::string state, const std::string& message);
+    void setWorkerState(std::optional<std::string> path, std::string_view state, std::string detail,
+                        bool running);
+    void fail(const std::string& description, std::string_view state, const std::string& message);
     void removeWorkerFiles();
     void clearUpAfterEarlierWorker();
     void terminateEarlierWorker(pid_t process);

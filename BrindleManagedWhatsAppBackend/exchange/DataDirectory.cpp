@@ -6,6 +6,7 @@
 #include <array>
 
 #include "exchange/EnvironmentKeys.h"
+#include "exchange/RecordFiles.h"
 #include "system/FileSystemFailure.h"
 #include "system/Paths.h"
 #include "text/Failure.h"

@@ -46,7 +46,4 @@ struct DataDirectory {
     std::string sharedBase_;
 };
 
-/// The extension of record files; matched exactly.
-inline constexpr std::string_view record_file_extension = ".json";
-
 }  // namespace brindle

@@ -89,6 +89,15 @@ struct Enumeration : std::variant<typename Each::Payload...> {
     static constexpr std::array<std::string_view, sizeof...(Each)> case_names{Each::name...};
     static_assert(record::areDistinctNames(case_names));
 
+    /// The name of the case that carries such a record.
+    template <class PayloadRecord>
+    static consteval std::string_view caseName() {
+        static_assert((std::same_as<PayloadRecord, typename Each::Payload> + ...) == 1);
+        std::size_t index = 0;
+        static_cast<void>(((std::same_as<PayloadRecord, typename Each::Payload> || ++index == 0) || ...));
+        return case_names[index];
+    }
+
     /// Calls `visit` with each case, in the order of the alternatives.
     template <class Visit>
     static constexpr void forEachCase(const Visit& visit) {

@@ -2,14 +2,11 @@
 
 #include <utility>
 
+#include "exchange/ExchangeWords.h"
 #include "text/Text.h"
 
 namespace brindle {
 namespace {
-
-bool selectsChat(std::string_view kind) {
-    return kind == "conversation" || kind == "channel" || kind == "thread";
-}
 
 std::optional<std::string> trimmedOption(const std::optional<std::string>& text) {
     if (!text) return std::nullopt;
@@ -55,7 +52,7 @@ bool WorkerControl::takeRecord() {
 void WorkerControl::takeScope(const ManagedWhatsAppWorkerControlScope& scope) {
     WorkerState& state = context_.state;
     state.currentScopeKind = scope.kind;
-    if (!selectsChat(scope.kind)) {
+    if (!scope_kind::isChat(scope.kind)) {
         forgetWatchedChat();
         state.lastSeenMessageFingerprint.reset();
         return;

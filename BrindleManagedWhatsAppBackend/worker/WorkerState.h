@@ -3,33 +3,10 @@
 #include <chrono>
 #include <optional>
 #include <string>
-#include <string_view>
+
+#include "exchange/ExchangeWords.h"
 
 namespace brindle {
-
-/// The words by which the worker publishes how it is doing.
-namespace worker_state {
-
-/// The page is being loaded or has not shown yet whether an account is linked.
-inline constexpr std::string_view starting = "starting";
-/// The page shows a code to scan.
-inline constexpr std::string_view waiting_for_qr = "waiting_for_qr";
-/// An account is linked.
-inline constexpr std::string_view linked = "linked";
-/// The watched chat is being opened.
-inline constexpr std::string_view activating_chat = "activating_chat";
-/// The watched chat is open and its messages are captured.
-inline constexpr std::string_view watching_chat = "watching_chat";
-/// Another chat is open than the watched one.
-inline constexpr std::string_view wrong_chat = "wrong_chat";
-/// No chat is open.
-inline constexpr std::string_view no_active_chat = "no_active_chat";
-/// A load, a script or a write failed.
-inline constexpr std::string_view error = "error";
-/// The worker ends because its backend is gone.
-inline constexpr std::string_view stopped = "stopped";
-
-}  // namespace worker_state
 
 /// What the worker knows. Only its one thread touches it, but whatever a task read here before it waited may
 /// have changed when it goes on.

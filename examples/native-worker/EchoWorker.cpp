@@ -8,12 +8,13 @@
 #include <tuple>
 #include <utility>
 
+#include "exchange/ExchangeWords.h"
+#include "exchange/RecordFiles.h"
 #include "records/DecodingFailure.h"
 #include "system/Clock.h"
 #include "system/FileSystemFailure.h"
 #include "system/Paths.h"
 #include "text/Failure.h"
-#include "text/Identifier.h"
 #include "text/Text.h"
 
 using namespace brindle;
@@ -28,13 +29,9 @@ std::string now() {
     return iso8601(SystemClock().now());
 }
 
-bool isRecordName(std::string_view name) {
-    return name.size() > record_file_extension.size() && name.ends_with(record_file_extension);
-}
-
-/// Only these scopes are chats; the backend answers a self-test itself.
+/// A chat without an identifier is none that an echo could be sent to.
 bool isChat(const ManagedWhatsAppWorkerControlScope& scope) {
-    return scope.id && (scope.kind == "conversation" || scope.kind == "channel" || scope.kind == "thread");
+    return scope.id && scope_kind::isChat(scope.kind);
 }
 
 }  // namespace
@@ -88,7 +85,7 @@ void EchoWorker::handleOutbound() {
     for (const auto& outgoing : readOutbound()) {
         deliver(outgoing);
         // Last of all: a worker that dies before this line finds the record again.
-        moveTo(settings_.directory.workerProcessedOutbound, outgoing.fileName);
+        fileAway(outgoing.fileName, settings_.directory.workerProcessedOutbound);
     }
 }
 
@@ -96,7 +93,7 @@ void EchoWorker::handleOutbound() {
 std::vector<EchoWorker::Outgoing> EchoWorker::readOutbound() {
     std::vector<Outgoing> waiting;
     for (const auto& name : fileManager_.visibleEntries(settings_.directory.outbound)) {
-        if (!isRecordName(name)) continue;
+        if (!isRecordFileName(name)) continue;
         if (auto outgoing = readOutgoing(name)) waiting.push_back(std::move(*outgoing));
     }
     std::sort(waiting.begin(), waiting.end(), [](const Outgoing& left, const Outgoing& right) {
@@ -128,7 +125,7 @@ std::optional<EchoWorker::Outgoing> EchoWorker::readOutgoing(const std::string& 
 
 std::nullopt_t EchoWorker::reject(const std::string& fileName, const Failure& failure) {
     std::cerr << "Rejected outbound record " + singleLine(fileName) + ": " + failure.what() + "\n";
-    moveTo(settings_.directory.workerRejectedOutbound, fileName);
+    fileAway(fileName, settings_.directory.workerRejectedOutbound);
     return std::nullopt;
 }
 
@@ -160,27 +157,21 @@ void EchoWorker::writeEcho(const std::string& messageId, const ManagedWhatsAppOu
         .senderDisplayName = std::string(account_name),
         .text = "Echo: " + record.text,
         .timestampISO8601 = now(),
-        .isDirectMessage = !watched_ || watched_->kind == "conversation",
+        .isDirectMessage = !watched_ || watched_->kind == scope_kind::conversation,
         .rawReference = record.messageId,
     };
     writeRecord(fileManager_, DataDirectory::recordFile(settings_.directory.inbound, messageId), echo,
                 Durability::disk);
 }
 
-void EchoWorker::moveTo(const std::string& directory, const std::string& fileName) {
-    const auto from = joinedPath(settings_.directory.outbound, fileName);
-    try {
-        fileManager_.moveItem(from, joinedPath(directory, fileName));
-    } catch (const FileSystemFailure& failure) {
-        if (failure.code() != EEXIST) throw;
-        fileManager_.moveItem(from, joinedPath(directory, randomIdentifier() + "-" + fileName));
-    }
+void EchoWorker::fileAway(const std::string& fileName, const std::string& directory) {
+    moveRecordFile(fileManager_, fileName, settings_.directory.outbound, directory);
 }
 
 void EchoWorker::publishStatus() {
     const auto title = watched_ ? watched_->title.value_or(*watched_->id) : std::string();
     const ManagedWhatsAppWorkerStatusRecord status{
-        .state = watched_ ? "watching_chat" : "linked",
+        .state = std::string(watched_ ? worker_state::watching_chat : worker_state::linked),
         .displayName = std::string(account_name),
         .detail = watched_ ? "Watching " + title + "." : "Linked; no chat is being watched.",
         .lastHeartbeatISO8601 = now(),

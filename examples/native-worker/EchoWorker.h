@@ -50,7 +50,7 @@ class EchoWorker {
     void deliver(const Outgoing& outgoing);
     bool hasEcho(const std::string& messageId);
     void writeEcho(const std::string& messageId, const brindle::ManagedWhatsAppOutboundRecord& record);
-    void moveTo(const std::string& directory, const std::string& fileName);
+    void fileAway(const std::string& fileName, const std::string& directory);
     void publishStatus();
     void removeOwnFiles() noexcept;
 

@@ -281,6 +281,12 @@ TEST(RecordTests, RejectsTopThatIsNoObject) {
     expectMissing<Choice>("null", Kind::missingValue, "");
 }
 
+TEST(RecordTests, KnowsACasesNameByItsRecord) {
+    EXPECT_EQ(Choice::caseName<Leaf>(), "leaf");
+    EXPECT_EQ(Choice::caseName<Other>(), "other");
+    EXPECT_EQ(Choice::caseName<Empty>(), "empty");
+}
+
 TEST(RecordTests, RejectsEnumerationWithoutRecognisedCase) {
     expectWrongCaseCount<Choice>("{}");
     expectWrongCaseCount<Choice>(R"({"Leaf":{},"unknown":{}})");

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "system/FileManager.h"
+
+namespace brindle {
+
+/// The extension of record files; matched exactly.
+inline constexpr std::string_view record_file_extension = ".json";
+
+/// Whether a visible file of that name is a record; others are nobody's business here.
+bool isRecordFileName(std::string_view name);
+
+/// Files a record away: moves it from one directory to another under its own name or, when that is taken
+/// there, under a fresh one with its own at the end, so that nothing is ever replaced. Throws
+/// FileSystemFailure.
+void moveRecordFile(FileManager& fileManager, std::string_view name, const std::string& fromDirectory,
+                    const std::string& toDirectory);
+
+}  // namespace brindle
