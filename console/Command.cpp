@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "console/Words.h"
+#include "console/CommandWords.h"
 #include "exchange/ExchangeRecords.h"
 #include "text/Failure.h"
 #include "text/Text.h"

@@ -1,23 +1,16 @@
 #include "console/Console.h"
 
-#include <errno.h>
 #include <poll.h>
-#include <signal.h>
 #include <sysexits.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "console/Attachment.h"
-#include "console/Picture.h"
-#include "console/QRCode.h"
-#include "exchange/ExchangeWords.h"
+#include "console/HelperEnding.h"
+#include "console/LoginCodeDisplay.h"
+#include "console/RuntimeStatus.h"
 #include "exchange/PlatformArgument.h"
-#include "records/Json.h"
-#include "system/FileSystemFailure.h"
 #include "text/Failure.h"
 #include "text/Text.h"
 
@@ -26,68 +19,7 @@ namespace {
 
 constexpr int failure_status = 1;
 
-std::string seconds(std::chrono::milliseconds duration) {
-    char text[32];
-    std::snprintf(text, sizeof(text), "%g s", static_cast<double>(duration.count()) / 1000);
-    return text;
-}
-
-/// The states in which a worker needs no login.
-bool isLinkedState(std::string_view workerState) {
-    return workerState == worker_state::linked || workerState == worker_state::watching_chat;
-}
-
-std::string jsonLine(std::string_view name, std::string_view value) {
-    JsonWriter writer(JsonStyle::compact);
-    writer.beginObject();
-    writer.name(name);
-    writer.string(value);
-    writer.endObject();
-    return writer.finish() + "\n";
-}
-
-std::string valueText(bool value) {
-    return value ? "true" : "false";
-}
-std::string valueText(const std::string& value) {
-    return value;
-}
-
-std::optional<std::string> statusValue(const ManagedWhatsAppRuntimeStatusRecord& status,
-                                       std::string_view name) {
-    for (const auto& [field, value] : statusFields(status)) {
-        if (field == name) return value;
-    }
-    return std::nullopt;
-}
-
-std::string statusTable(const ManagedWhatsAppRuntimeStatusRecord& status) {
-    constexpr std::size_t name_columns = 32;
-    std::string table;
-    for (const auto& [name, value] : statusFields(status)) {
-        table.append("  ").append(name).append(name_columns - name.size(), ' ');
-        table.append(value ? singleLine(*value) : "-").append("\n");
-    }
-    return table;
-}
-
 }  // namespace
-
-std::vector<std::pair<std::string, std::optional<std::string>>> statusFields(
-    const ManagedWhatsAppRuntimeStatusRecord& status) {
-    std::vector<std::pair<std::string, std::optional<std::string>>> result;
-    forEachField<ManagedWhatsAppRuntimeStatusRecord>([&](const auto& field) {
-        const auto& value = status.*(field.member);
-        std::optional<std::string> text;
-        if constexpr (record::IsOptional<std::remove_cvref_t<decltype(value)>>::value) {
-            if (value) text = valueText(*value);
-        } else {
-            text = valueText(value);
-        }
-        result.emplace_back(field.name, std::move(text));
-    });
-    return result;
-}
 
 Console::Console(const Options& options, Environment environment, CommandInput& input, Display& display,
                  TerminationSignals& signals)
@@ -146,11 +78,10 @@ void Console::showSummary() {
 /// Before the greeting, the runtime status may still be that of an earlier helper.
 void Console::awaitGreeting() {
     begin({.text = "hello", .place = ""});
-    wait_ = Wait{.isFulfilled = [this] { return hasGreeted_; },
-                 .subject = "the helper's hello",
-                 .observation = [] { return "did not come within " + seconds(greeting_patience); },
-                 .deadline = std::chrono::steady_clock::now() + greeting_patience,
-                 .needsPolling = false};
+    wait_.emplace(
+        Wait::Condition{
+            .isFulfilled = [this] { return hasGreeted_; }, .subject = "the helper's hello", .remark = {}},
+        greeting_patience);
 }
 
 void Console::runReadyCommands() {
@@ -211,72 +142,26 @@ void Console::perform(const StatusCommand&) {
     const auto status =
         readRecord<ManagedWhatsAppRuntimeStatusRecord>(fileManager_, directory_.runtimeStatusFile);
     if (display_.isJson()) return display_.answer(encodedRecord(status, JsonStyle::compact) + "\n");
-    display_.answer(statusTable(status));
+    display_.answer(statusTable(statusFields(status)));
 }
 
 void Console::perform(const QRCommand& command) {
-    wait_ = Wait{.isFulfilled =
-                     [this, command, shown = std::string()]() mutable {
-                         return showNextQRCode(shown, command.untilLinked);
-                     },
-                 .subject = command.untilLinked ? "a login by the QR code in " + directory_.workerQRCodeFile
-                                                : "a QR code in " + directory_.workerQRCodeFile,
-                 .observation =
-                     [this, patience = command.patience] {
-                         const auto status = readStatus();
-                         return "did not come within " + seconds(patience) +
-                                (status ? "; the worker's state is \"" + status->workerState + "\"" : "");
-                     },
-                 .deadline = std::chrono::steady_clock::now() + command.patience,
-                 .needsPolling = true};
-}
-
-/// Shows the code that is there, unless it is the one last shown. True when no more is to come.
-bool Console::showNextQRCode(std::string& shown, bool untilLinked) {
-    const auto status = readStatus();
-    if (status && isLinkedState(status->workerState)) {
-        display_.answer(display_.isJson() ? jsonLine("workerState", status->workerState)
-                                          : "The worker is linked; there is no QR code to scan.\n");
-        return true;
-    }
-    std::string png;
-    if (!readIfPresent(directory_.workerQRCodeFile, png) || png == shown) return false;
-    // Two codes that touch would keep a phone guessing.
-    if (!shown.empty() && !display_.isJson()) display_.answer("A new code takes its place:\n");
-    showQRCode(png);
-    shown = std::move(png);
-    return !untilLinked;
-}
-
-/// False when there is no such file (any more).
-bool Console::readIfPresent(const std::string& file, std::string& content) {
-    try {
-        content = fileManager_.readFile(file);
-        return true;
-    } catch (const FileSystemFailure& failure) {
-        if (failure.code() != ENOENT) throw;
-        return false;
-    }
-}
-
-void Console::showQRCode(const std::string& png) {
     const auto& file = directory_.workerQRCodeFile;
-    const auto code = [&] {
-        try {
-            return QRCode::in(pictureFromPng(png));
-        } catch (const Failure& failure) {
-            throw Failure(file + " " + failure.what() + ".");
-        }
-    }();
-    if (!code)
-        throw Failure(file + " is a picture without a QR code that fills it; look at it with a viewer.");
-    if (display_.isJson()) return display_.answer(jsonLine("workerQRCodeFile", file));
-    const auto columns = Display::terminalColumns();
-    if (columns && *columns < textColumns(*code)) {
-        throw Failure("The QR code takes " + std::to_string(textColumns(*code)) +
-                      " columns, the terminal has " + std::to_string(*columns) + "; make it wider.");
-    }
-    display_.answer(textOf(*code, display_.colorsOutput()));
+    const auto isFulfilled = [codes = LoginCodeDisplay(fileManager_, directory_, display_),
+                              untilLinked = command.untilLinked]() mutable {
+        return codes.showNext(untilLinked);
+    };
+    const auto remark = [this]() -> std::string {
+        const auto status = readStatus();
+        return status ? "; the worker's state is \"" + status->workerState + "\"" : "";
+    };
+    wait_.emplace(
+        Wait::Condition{
+            .isFulfilled = isFulfilled,
+            .subject = (command.untilLinked ? "a login by the QR code in " : "a QR code in ") + file,
+            .remark = remark,
+            .needsPolling = true},
+        command.patience);
 }
 
 void Console::perform(const RawCommand& command) {
@@ -292,12 +177,12 @@ void Console::perform(const QuitCommand&) {
 }
 
 void Console::perform(const ExpectCommand& command) {
-    wait_ = Wait{
-        .isFulfilled = [this, expected = command.expectation] { return envelopes_.consume(expected); },
-        .subject = command.expectation.description(),
-        .observation = [patience = command.patience] { return "did not come within " + seconds(patience); },
-        .deadline = std::chrono::steady_clock::now() + command.patience,
-        .needsPolling = false};
+    wait_.emplace(
+        Wait::Condition{
+            .isFulfilled = [this, expected = command.expectation] { return envelopes_.consume(expected); },
+            .subject = command.expectation.description(),
+            .remark = {}},
+        command.patience);
 }
 
 void Console::perform(const WaitStatusCommand& command) {
@@ -305,16 +190,16 @@ void Console::perform(const WaitStatusCommand& command) {
         const auto status = readStatus();
         return status ? statusValue(*status, field) : std::nullopt;
     };
-    wait_ = Wait{.isFulfilled = [current, value = command.value] { return current() == value; },
-                 .subject = command.field + " \"" + command.value + "\"",
-                 .observation =
-                     [current, patience = command.patience] {
-                         const auto value = current();
-                         return "did not come within " + seconds(patience) + "; it is " +
-                                (value ? "\"" + *value + "\"" : "absent");
-                     },
-                 .deadline = std::chrono::steady_clock::now() + command.patience,
-                 .needsPolling = true};
+    const auto remark = [current] {
+        const auto value = current();
+        return "; it is " + (value ? "\"" + *value + "\"" : "absent");
+    };
+    wait_.emplace(
+        Wait::Condition{.isFulfilled = [current, value = command.value] { return current() == value; },
+                        .subject = command.field + " \"" + command.value + "\"",
+                        .remark = remark,
+                        .needsPolling = true},
+        command.patience);
 }
 
 void Console::submit(const BridgeEnvelope& envelope) {
@@ -336,13 +221,8 @@ void Console::received(std::string_view line) {
     envelopes_.add(std::move(envelope));
 }
 
-/// Nothing while there is no status that can be read.
 std::optional<ManagedWhatsAppRuntimeStatusRecord> Console::readStatus() {
-    try {
-        return readRecord<ManagedWhatsAppRuntimeStatusRecord>(fileManager_, directory_.runtimeStatusFile);
-    } catch (const Failure&) {
-        return std::nullopt;
-    }
+    return readableStatus(fileManager_, directory_.runtimeStatusFile);
 }
 
 void Console::waitForEvents() {
@@ -351,18 +231,10 @@ void Console::waitForEvents() {
     const bool takesCommands = !wait_ && !helper_.isCongested();
     entries.push_back({.fd = takesCommands ? input_.descriptor() : -1, .events = POLLIN, .revents = 0});
     helper_.addPollEntries(entries);
-    if (::poll(entries.data(), entries.size(), pollTimeout()) < 0) return;
+    if (::poll(entries.data(), entries.size(), wait_ ? wait_->pollTimeout() : -1) < 0) return;
     helper_.pump();
     if (entries[1].revents != 0) input_.receive();
     if (signals_.take() != 0) isDone_ = true;
-}
-
-int Console::pollTimeout() const {
-    if (!wait_) return -1;
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(wait_->deadline - std::chrono::steady_clock::now());
-    const auto longest = wait_->needsPolling ? status_interval : std::max(left, status_interval);
-    return static_cast<int>(std::clamp(left, std::chrono::milliseconds(0), longest).count());
 }
 
 void Console::checkWait() {
@@ -376,9 +248,9 @@ void Console::checkWait() {
         wait_.reset();
         return fail(failure.what());
     }
-    if (std::chrono::steady_clock::now() < wait_->deadline) return;
+    if (!wait_->isOver()) return;
     const auto wait = *std::exchange(wait_, std::nullopt);
-    fail("Expected " + wait.subject + ", which " + wait.observation() + ".");
+    fail(wait.failure());
 }
 
 void Console::checkHelper() {
@@ -390,7 +262,7 @@ void Console::checkHelper() {
     std::string sentence = "The helper " + end.description();
     if (!end.bySignal && end.number == EX_USAGE) sentence += ": it refused the launch";
     if (wait_) {
-        sentence += " while the console waited for " + wait_->subject;
+        sentence += " while the console waited for " + wait_->subject();
         finish(true);
     }
     display_.problem((wait_ && !current_.place.empty() ? current_.place + ": " : "") + sentence + ".");
@@ -415,39 +287,10 @@ void Console::fail(const std::string& sentence) {
 }
 
 void Console::endHelper() {
-    helper_.closeInputWhenWritten();
-    if (!helperEndsWithin(end_of_input_grace)) {
-        reportForcedEnd("terminated");
-        helper_.signal(SIGTERM);
-        if (!helperEndsWithin(termination_grace)) {
-            reportForcedEnd("killed");
-            helper_.killGroup();
-            helperEndsWithin(termination_grace);
-        }
-    }
+    if (!console::endHelper(helper_, display_)) status_ = failure_status;
     const auto end = helper_.finish();
     if (status_ != 0 || (!end.bySignal && end.number == 0)) return;
     display_.problem("The helper " + end.description() + ".");
-    status_ = failure_status;
-}
-
-bool Console::helperEndsWithin(std::chrono::milliseconds patience) {
-    auto deadline = std::chrono::steady_clock::now() + patience;
-    while (!helper_.hasEnded()) {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
-        std::vector<pollfd> entries;
-        helper_.addPollEntries(entries);
-        ::poll(entries.data(), entries.size(), static_cast<int>(left.count()));
-        // A helper that still takes and answers what was sent is busy, not stuck.
-        if (helper_.pump()) deadline = std::chrono::steady_clock::now() + patience;
-    }
-    return true;
-}
-
-void Console::reportForcedEnd(std::string_view means) {
-    display_.problem("The helper does not end by itself and is being " + std::string(means) + ".");
     status_ = failure_status;
 }
 

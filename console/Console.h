@@ -1,8 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -14,6 +12,7 @@
 #include "console/LaunchTicket.h"
 #include "console/Options.h"
 #include "console/Summary.h"
+#include "console/Wait.h"
 #include "exchange/DataDirectory.h"
 #include "exchange/ExchangeRecords.h"
 #include "system/FileManager.h"
@@ -26,11 +25,6 @@ class Console {
   public:
     /// How long the helper has to greet before a script gives it up.
     static constexpr std::chrono::milliseconds greeting_patience{10000};
-    /// How long the helper may take to end once its input has ended, and once it was asked to.
-    static constexpr std::chrono::milliseconds end_of_input_grace{10000};
-    static constexpr std::chrono::milliseconds termination_grace{2000};
-    /// How often wait-status looks.
-    static constexpr std::chrono::milliseconds status_interval{50};
 
     /// Starts the helper in `environment`. Throws Failure.
     Console(const Options& options, Environment environment, CommandInput& input, Display& display,
@@ -42,20 +36,6 @@ class Console {
     int run();
 
   private:
-    using TimePoint = std::chrono::steady_clock::time_point;
-
-    /// Something that must come true before the next command runs.
-    struct Wait {
-        /// May throw Failure when it can never come true.
-        std::function<bool()> isFulfilled;
-        /// What is being waited for, and what happened instead; for the message.
-        std::string subject;
-        std::function<std::string()> observation;
-        TimePoint deadline;
-        /// Not told by an envelope, so it has to be looked at again and again.
-        bool needsPolling = false;
-    };
-
     ChildProcess::Options launch(const Options& options, Environment environment);
 
     void execute(const InputLine& line);
@@ -83,18 +63,11 @@ class Console {
     void showSummary();
     void runReadyCommands();
     void waitForEvents();
-    int pollTimeout() const;
     void checkWait();
     void checkHelper();
     void checkOutput();
     void fail(const std::string& sentence);
-    bool showNextQRCode(std::string& shown, bool untilLinked);
-    bool readIfPresent(const std::string& file, std::string& content);
-    void showQRCode(const std::string& png);
-
     void endHelper();
-    bool helperEndsWithin(std::chrono::milliseconds patience);
-    void reportForcedEnd(std::string_view means);
 
     std::string platform_;
     CommandInput& input_;
@@ -116,9 +89,5 @@ class Console {
     bool helperHasEnded_ = false;
     int status_ = 0;
 };
-
-/// The fields of a runtime status with their values; an absent one has none.
-std::vector<std::pair<std::string, std::optional<std::string>>> statusFields(
-    const ManagedWhatsAppRuntimeStatusRecord& status);
 
 }  // namespace brindle::console

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "console/Columns.h"
 #include "text/Text.h"
 
 namespace brindle::console {
@@ -17,10 +18,6 @@ std::string inSeconds(std::chrono::steady_clock::duration duration) {
 
 std::string counted(std::size_t count, std::string_view noun) {
     return std::to_string(count).append(" ").append(noun).append(count == 1 ? "" : "s");
-}
-
-std::string alignedRight(const std::string& text, std::size_t columns) {
-    return std::string(columns - std::min(columns, text.size()), ' ') + text;
 }
 
 }  // namespace
@@ -50,7 +47,7 @@ std::string Summary::text() const {
     std::string lines;
     for (const auto& step : steps_) {
         total += step.duration;
-        lines.append(alignedRight(inSeconds(step.duration), duration_columns)).append("  ").append(step.name);
+        lines.append(rightAligned(inSeconds(step.duration), duration_columns)).append("  ").append(step.name);
         lines.append(step.hasFailed ? " (failed)\n" : "\n");
     }
     return counted(steps_.size() - failedCount, "step") + " done, " + std::to_string(failedCount) +

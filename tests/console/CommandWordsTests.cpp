@@ -1,4 +1,4 @@
-#include "console/Words.h"
+#include "console/CommandWords.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,52 +11,52 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(Words, AreSeparatedByAnyAmountOfWhiteSpace) {
+TEST(CommandWords, AreSeparatedByAnyAmountOfWhiteSpace) {
     EXPECT_THAT(splitWords("  send \t team-room  hello "), ElementsAre("send", "team-room", "hello"));
 }
 
-TEST(Words, OfABlankLineAreNone) {
+TEST(CommandWords, OfABlankLineAreNone) {
     EXPECT_THAT(splitWords(" \t "), IsEmpty());
 }
 
-TEST(Words, KeepWhiteSpaceInEitherQuotes) {
+TEST(CommandWords, KeepWhiteSpaceInEitherQuotes) {
     EXPECT_THAT(splitWords(R"("On my way" 'Team  Room')"), ElementsAre("On my way", "Team  Room"));
 }
 
-TEST(Words, KeepOneKindOfQuoteInsideTheOther) {
+TEST(CommandWords, KeepOneKindOfQuoteInsideTheOther) {
     EXPECT_THAT(splitWords(R"("it's" 'say "hi"')"), ElementsAre("it's", R"(say "hi")"));
 }
 
-TEST(Words, CanBeEmptyInQuotes) {
+TEST(CommandWords, CanBeEmptyInQuotes) {
     EXPECT_THAT(splitWords(R"(a "" '')"), ElementsAre("a", "", ""));
 }
 
-TEST(Words, JoinQuotedAndUnquotedParts) {
+TEST(CommandWords, JoinQuotedAndUnquotedParts) {
     EXPECT_THAT(splitWords(R"(a" b "c)"), ElementsAre("a b c"));
 }
 
-TEST(Words, TakeACharacterAfterABackslashAsItIs) {
+TEST(CommandWords, TakeACharacterAfterABackslashAsItIs) {
     EXPECT_THAT(splitWords(R"(a\ b \"c\" "d\"e" \\)"), ElementsAre("a b", "\"c\"", "d\"e", "\\"));
 }
 
-TEST(Words, KnowLineFeedAndTabByName) {
+TEST(CommandWords, KnowLineFeedAndTabByName) {
     EXPECT_THAT(splitWords(R"("a\nb" c\td)"), ElementsAre("a\nb", "c\td"));
 }
 
-TEST(Words, KeepABackslashInSingleQuotes) {
+TEST(CommandWords, KeepABackslashInSingleQuotes) {
     EXPECT_THAT(splitWords(R"('a\nb')"), ElementsAre(R"(a\nb)"));
 }
 
-TEST(Words, KeepBytesBeyondAscii) {
+TEST(CommandWords, KeepBytesBeyondAscii) {
     EXPECT_THAT(splitWords("Zoë 家族"), ElementsAre("Zoë", "家族"));
 }
 
-TEST(Words, RefuseAnOpenQuote) {
+TEST(CommandWords, RefuseAnOpenQuote) {
     EXPECT_THROW(splitWords("send \"a b"), Failure);
     EXPECT_THROW(splitWords("send 'a b"), Failure);
 }
 
-TEST(Words, RefuseABackslashAtTheEnd) {
+TEST(CommandWords, RefuseABackslashAtTheEnd) {
     EXPECT_THROW(splitWords("send a\\"), Failure);
 }
 

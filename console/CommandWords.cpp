@@ -1,4 +1,4 @@
-#include "console/Words.h"
+#include "console/CommandWords.h"
 
 #include <utility>
 
