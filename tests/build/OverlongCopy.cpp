@@ -1,0 +1,10 @@
+#include <cstdio>
+#include <cstring>
+
+/// Copies its argument into a buffer of eight bytes without looking.
+int main(int argumentCount, char** arguments) {
+    char buffer[8];
+    std::strcpy(buffer, argumentCount > 1 ? arguments[1] : "");
+    std::puts(buffer);
+    return 0;
+}
