@@ -12,7 +12,7 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-std::string refusal(std::string_view bytes) {
+std::string refusalOfPicture(std::string_view bytes) {
     try {
         pictureFromPng(bytes);
     } catch (const Failure& failure) {
@@ -45,9 +45,9 @@ TEST(Picture, LiesOnWhiteWhereItIsTransparent) {
 }
 
 TEST(Picture, RefusesWhatIsNoPng) {
-    EXPECT_EQ(refusal(""), "is not a PNG picture");
-    EXPECT_EQ(refusal("GIF89a"), "is not a PNG picture");
-    EXPECT_EQ(refusal("\x89PNG"), "is not a PNG picture");
+    EXPECT_EQ(refusalOfPicture(""), "is not a PNG picture");
+    EXPECT_EQ(refusalOfPicture("GIF89a"), "is not a PNG picture");
+    EXPECT_EQ(refusalOfPicture("\x89PNG"), "is not a PNG picture");
 }
 
 TEST(Picture, RefusesEveryPartOfAPng) {
@@ -56,26 +56,29 @@ TEST(Picture, RefusesEveryPartOfAPng) {
     // What follows the pixels may be missing.
     const auto pixelsEnd = png.rfind("IEND") - 8;
     for (std::size_t length = signature_length; length < pixelsEnd; ++length) {
-        EXPECT_THAT(refusal(png.substr(0, length)), StartsWith("is not a whole PNG picture (")) << length;
+        EXPECT_THAT(refusalOfPicture(png.substr(0, length)), StartsWith("is not a whole PNG picture ("))
+            << length;
     }
 }
 
 TEST(Picture, RefusesDamage) {
     const auto png = test::pngOf(test::smallQRCode());
-    EXPECT_THAT(refusal(withWidth(png, 1)), StartsWith("is not a whole PNG picture ("));
-    EXPECT_THAT(refusal(withWidth(png, 0x7FFFFFFF)), StartsWith("is not a whole PNG picture ("));
+    EXPECT_THAT(refusalOfPicture(withWidth(png, 1)), StartsWith("is not a whole PNG picture ("));
+    EXPECT_THAT(refusalOfPicture(withWidth(png, 0x7FFFFFFF)), StartsWith("is not a whole PNG picture ("));
 }
 
 TEST(Picture, RefusesToTakeTheMemoryOfAHugeOne) {
-    EXPECT_EQ(refusal(test::blankPng(longest_picture_side + 1, 1)), "is too large a picture to be a QR code");
-    EXPECT_EQ(refusal(test::blankPng(1, longest_picture_side + 1)), "is too large a picture to be a QR code");
-    EXPECT_EQ(refusal(test::blankPng(longest_picture_side, 1)), "(accepted)");
+    EXPECT_EQ(refusalOfPicture(test::blankPng(longest_picture_side + 1, 1)),
+              "is too large a picture to be a QR code");
+    EXPECT_EQ(refusalOfPicture(test::blankPng(1, longest_picture_side + 1)),
+              "is too large a picture to be a QR code");
+    EXPECT_EQ(refusalOfPicture(test::blankPng(longest_picture_side, 1)), "(accepted)");
 }
 
 TEST(Picture, RefusesALongFile) {
     auto png = test::pngOf(test::smallQRCode());
     png.resize(longest_picture_bytes + 1);
-    EXPECT_EQ(refusal(png), "is too long to be a QR code");
+    EXPECT_EQ(refusalOfPicture(png), "is too long to be a QR code");
 }
 
 }  // namespace

@@ -40,10 +40,6 @@ std::string errorMessageOf(const json& envelope) {
     return envelope.at("error").at("_0").at("message");
 }
 
-json message(const std::string& text) {
-    return {{"conversationId", "team-room"}, {"text", text}};
-}
-
 TEST(BackendService, GreetsWithHelloAndDisconnectedBeforeAnyRequest) {
     BackendProcess backend;
     EXPECT_EQ(
@@ -142,7 +138,7 @@ TEST(BackendService, RequestsForAnotherPlatformChangeNoStateAndNoFile) {
     backend.send(startListeningRequest(conversationScope("elsewhere", "Elsewhere"), "other"));
     backend.send(startListeningRequest(testOnlyScope("Elsewhere"), "other"));
     backend.send(stopListeningRequest("other"));
-    backend.send(sendMessageRequest(message("hi"), "other"));
+    backend.send(sendMessageRequest(teamRoomMessage("hi"), "other"));
     EXPECT_TRUE(envelopesUpToHere(backend).empty());
     backend.waitForStatusWrites(2);
     const json status = backend.readJson("runtime/runtime-status.json");
@@ -323,7 +319,7 @@ TEST(BackendService, SelfTestScopeIsPublished) {
 TEST(BackendService, SendMessageWritesOneRecordAndAnswersNothing) {
     BackendProcess backend;
     backend.greet();
-    backend.send(sendMessageRequest(message("On my way")));
+    backend.send(sendMessageRequest(teamRoomMessage("On my way")));
     EXPECT_TRUE(envelopesUpToHere(backend).empty());
     EXPECT_EQ(namesIn(backend.path("outbound")).size(), 1U);
 }
@@ -332,7 +328,7 @@ TEST(BackendService, SendMessageNeedsNoConnectionAndNoScope) {
     BackendProcess backend;
     backend.connectAndListen();
     backend.send(disconnectRequest());
-    backend.send(sendMessageRequest(message("while disconnected")));
+    backend.send(sendMessageRequest(teamRoomMessage("while disconnected")));
     EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{disconnected}));
     EXPECT_EQ(namesIn(backend.path("outbound")).size(), 1U);
 }
@@ -340,8 +336,8 @@ TEST(BackendService, SendMessageNeedsNoConnectionAndNoScope) {
 TEST(BackendService, SameTextSentTwiceMakesTwoRecordsWithIdsOfTheirOwn) {
     BackendProcess backend;
     backend.greet();
-    backend.send(sendMessageRequest(message("again")));
-    backend.send(sendMessageRequest(message("again")));
+    backend.send(sendMessageRequest(teamRoomMessage("again")));
+    backend.send(sendMessageRequest(teamRoomMessage("again")));
     envelopesUpToHere(backend);
     const std::vector<std::string> names = namesIn(backend.path("outbound"));
     ASSERT_EQ(names.size(), 2U);
@@ -356,7 +352,7 @@ TEST(BackendService, SameTextSentTwiceMakesTwoRecordsWithIdsOfTheirOwn) {
 TEST(BackendService, MessageIdInARequestIsNeverUsed) {
     BackendProcess backend;
     backend.greet();
-    json request = message("hi");
+    json request = teamRoomMessage("hi");
     request["messageId"] = "chosen-by-the-parent";
     backend.send(sendMessageRequest(request));
     envelopesUpToHere(backend);
@@ -369,7 +365,7 @@ TEST(BackendService, OutboundRecordsAreNeverReadOrRemoved) {
     BackendProcess backend;
     backend.connectAndListen();
     writeFileAtomically(backend.path("outbound/foreign.json"), "{ not a record");
-    backend.send(sendMessageRequest(message("stays")));
+    backend.send(sendMessageRequest(teamRoomMessage("stays")));
     envelopesUpToHere(backend);
     backend.waitForStatusWrites(3);
     EXPECT_EQ(namesIn(backend.path("outbound")).size(), 2U);
@@ -382,7 +378,7 @@ TEST(BackendService, FailedOutboundWriteIsAnsweredByAnErrorNamingPathAndReason) 
     BackendProcess backend;
     backend.connectAndListen();
     makeVanish(backend.path("outbound"));
-    backend.send(sendMessageRequest(message("lost")));
+    backend.send(sendMessageRequest(teamRoomMessage("lost")));
     const std::string description = errorMessageOf(backend.nextEnvelope());
     EXPECT_NE(description.find(backend.path("outbound").string()), std::string::npos) << description;
     EXPECT_NE(description.find("No such file or directory"), std::string::npos) << description;
@@ -393,7 +389,7 @@ TEST(BackendService, VanishedOutboundDirectoryIsNotMadeAgain) {
     BackendProcess backend;
     backend.greet();
     makeVanish(backend.path("outbound"));
-    backend.send(sendMessageRequest(message("lost")));
+    backend.send(sendMessageRequest(teamRoomMessage("lost")));
     EXPECT_NE(errorMessageOf(backend.nextEnvelope()), "");
     EXPECT_FALSE(fs::exists(backend.path("outbound")));
     EXPECT_TRUE(backend.finishAndTakeRest().empty());
@@ -404,7 +400,7 @@ TEST(BackendService, FailedOutboundWriteLeavesConnectionAndScopeUnchanged) {
     BackendProcess backend;
     backend.connectAndListen();
     makeVanish(backend.path("outbound"));
-    backend.send(sendMessageRequest(message("lost")));
+    backend.send(sendMessageRequest(teamRoomMessage("lost")));
     EXPECT_NE(errorMessageOf(backend.nextEnvelope()), "");
     backend.waitForStatusWrites(2);
     const json status = backend.readJson("runtime/runtime-status.json");
@@ -416,10 +412,10 @@ TEST(BackendService, SendingWorksAgainOnceTheOutboundDirectoryIsBack) {
     BackendProcess backend;
     backend.greet();
     makeVanish(backend.path("outbound"));
-    backend.send(sendMessageRequest(message("lost")));
+    backend.send(sendMessageRequest(teamRoomMessage("lost")));
     EXPECT_NE(errorMessageOf(backend.nextEnvelope()), "");
     fs::create_directory(backend.path("outbound"));
-    backend.send(sendMessageRequest(message("arrives")));
+    backend.send(sendMessageRequest(teamRoomMessage("arrives")));
     EXPECT_TRUE(envelopesUpToHere(backend).empty());
     EXPECT_EQ(namesIn(backend.path("outbound")).size(), 1U);
 }
@@ -469,7 +465,7 @@ TEST(BackendService, RequestsAreAnsweredWhileNothingIsKnownOfTheWorker) {
     backend.waitForStandardError("exited unexpectedly");
     backend.greet();
     backend.send(connectRequest());
-    backend.send(sendMessageRequest(message("no worker takes it")));
+    backend.send(sendMessageRequest(teamRoomMessage("no worker takes it")));
     EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{connecting, connected}));
     EXPECT_EQ(namesIn(backend.path("outbound")).size(), 1U);
 }

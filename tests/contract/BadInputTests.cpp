@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Replies.h"
+#include "support/Units.h"
 
 namespace brindle::test {
 namespace {
@@ -15,7 +17,6 @@ namespace {
 using nlohmann::json;
 using Lines = std::vector<std::string>;
 
-constexpr std::size_t mebibyte = std::size_t{1} << 20U;
 constexpr std::size_t large_bytes = 64 * mebibyte;
 /// What a backend may keep of the memory that a large line took.
 constexpr std::size_t kept_memory_bytes = 16 * mebibyte;
@@ -41,29 +42,8 @@ std::string withInnerUnknownValue(std::string_view value) {
     return R"({"connect":{"_0":{"note":{"inner":[1,)" + std::string(value) + R"(]},"platform":"whatsapp"}}})";
 }
 
-/// What a backend answers to this line, seen to be all of it by the self-test that follows.
-Lines repliesTo(std::string_view line) {
-    BackendProcess process;
-    process.greet();
-    process.send(line);
-    process.send(selfTestLine("after"));
-    auto replies = process.finishAndTakeRest();
-    if (process.waitForExit() != exitedWith(0)) throw TestFailure("the backend did not end normally");
-    if (replies.empty() || selfTestTitleOf(replies.back()) != "after") {
-        throw TestFailure("the request after the line was not served");
-    }
-    replies.pop_back();
-    return replies;
-}
-
-void expectOneError(std::string_view line) {
-    const auto replies = repliesTo(line);
-    ASSERT_EQ(replies.size(), 1U);
-    EXPECT_NO_THROW(errorMessageOf(replies.front()));
-}
-
 void expectConnected(std::string_view line) {
-    EXPECT_EQ(repliesTo(line), (Lines{connecting_line, connected_line}));
+    EXPECT_EQ(repliesToLine(line), (Lines{connecting_line, connected_line}));
 }
 
 /// Texts with zero bytes inside would end early as plain literals.
@@ -258,7 +238,7 @@ TEST(UnusualInput, ZeroCharacterInAMessageIsKept) {
 }
 
 TEST(UnusualInput, ZeroCharacterMakesAnotherPlatform) {
-    EXPECT_EQ(repliesTo(R"({"connect":{"_0":{"platform":"whatsapp\u0000"}}})"), Lines{});
+    EXPECT_EQ(repliesToLine(R"({"connect":{"_0":{"platform":"whatsapp\u0000"}}})"), Lines{});
 }
 
 TEST(UnusualInput, ZeroCharacterMakesAnotherName) {

@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Diagnostics.h"
+#include "support/WorkerScript.h"
 
 namespace brindle::test {
 namespace {
@@ -22,16 +24,10 @@ namespace {
 using nlohmann::json;
 using Lines = std::vector<std::string>;
 
-constexpr const char* fatal_prefix = "[ManagedWhatsAppBackend] fatal: ";
 constexpr const char* status_file = "runtime/runtime-status.json";
 constexpr const char* control_file = "runtime/worker-control.json";
-constexpr int software_failure = 70;
 constexpr int small_pipe_bytes = 4096;
 constexpr std::size_t nearly_full_bytes = 3500;
-
-json message(const std::string& text) {
-    return {{"conversationId", "team-room"}, {"text", text}};
-}
 
 /// What a backend answers to these bytes, which are all of its input.
 Lines repliesToBytes(std::string_view bytes) {
@@ -103,18 +99,6 @@ int statusWritesFor(const json& request, int count) {
     return counter.count();
 }
 
-/// A worker that records that it was asked to stop.
-BackendOptions optionsWithPoliteWorker() {
-    BackendOptions options;
-    options.environment.erase("BRINDLE_MANAGED_BRIDGE_DISABLE_WORKER");
-    options.environment["BRINDLE_MANAGED_BRIDGE_WORKER_PATH"] =
-        writeScript(options.dataDirectory->path() / "worker.sh",
-                    "trap 'echo asked >\"$BRINDLE_MANAGED_BRIDGE_DATA_DIR/worker-was-asked\"; exit 0' TERM\n"
-                    "echo ready >\"$BRINDLE_MANAGED_BRIDGE_DATA_DIR/worker-ready\"\n"
-                    "while :; do sleep 0.05; done");
-    return options;
-}
-
 BackendOptions optionsWithUnreadOutput() {
     BackendOptions options;
     options.stdoutPipeBytes = small_pipe_bytes;
@@ -177,7 +161,7 @@ TEST(BridgeChannel, EndOfInputRecordsTheStateOfTheConnection) {
 
 TEST(BridgeChannel, RequestsAreServedWhileTheWorkerIsNotUpYet) {
     auto options = optionsWithPoliteWorker();
-    writeScript(options.dataDirectory->path() / "worker.sh", "exec sleep 1000");
+    writeScript(politeWorker(options), "exec sleep 1000");
     BackendProcess process(options);
     process.greet();
     process.send(connectRequest());
@@ -228,7 +212,7 @@ TEST(BridgeChannel, LastLineWithOnlyACarriageReturnIsServed) {
 
 TEST(BridgeChannel, MessageInTheUnterminatedLastLineIsRecorded) {
     BackendProcess process;
-    process.sendRaw(sendMessageRequest(message("last words")).dump());
+    process.sendRaw(sendMessageRequest(teamRoomMessage("last words")).dump());
     process.finish();
     const auto names = namesIn(process.path("outbound"));
     ASSERT_EQ(names.size(), 1U);
@@ -403,7 +387,7 @@ TEST(BridgeChannel, StopListeningEndsTheScopeWithoutReply) {
 TEST(BridgeChannel, SendMessageRecordsTheMessageWithoutReply) {
     BackendProcess process;
     process.greet();
-    process.send(sendMessageRequest(message("On my way")));
+    process.send(sendMessageRequest(teamRoomMessage("On my way")));
     const auto name = process.waitForEntries("outbound", 1).front();
     EXPECT_EQ(process.readJson("outbound/" + name)["text"], "On my way");
     EXPECT_EQ(process.finishAndTakeRest(), Lines{});
@@ -413,7 +397,7 @@ TEST(BridgeChannel, EveryRequestWritesTheStatus) {
     for (const auto& request :
          {connectRequest(), disconnectRequest(), startListeningRequest(conversationScope()),
           startListeningRequest(testOnlyScope("t")), stopListeningRequest(),
-          sendMessageRequest(message("hi"))}) {
+          sendMessageRequest(teamRoomMessage("hi"))}) {
         EXPECT_GE(statusWritesFor(request, 100), 100) << request;
     }
 }
@@ -430,7 +414,8 @@ TEST(BridgeChannel, CasesOfTheOtherDirectionWriteNoStatus) {
 TEST(BridgeChannel, RequestForAnotherPlatformWritesNoStatus) {
     for (const auto& request :
          {connectRequest("other"), disconnectRequest("other"), stopListeningRequest("other"),
-          startListeningRequest(conversationScope(), "other"), sendMessageRequest(message("hi"), "other")}) {
+          startListeningRequest(conversationScope(), "other"),
+          sendMessageRequest(teamRoomMessage("hi"), "other")}) {
         EXPECT_LT(statusWritesFor(request, 1000), 500) << request;
     }
 }
@@ -447,7 +432,8 @@ TEST(BridgeChannel, RequestForAnotherPlatformIsIgnored) {
     for (const auto& request :
          {connectRequest("other"), disconnectRequest("other"), stopListeningRequest("other"),
           startListeningRequest(channelScope("news", "News"), "other"),
-          startListeningRequest(testOnlyScope("t"), "other"), sendMessageRequest(message("hi"), "other")}) {
+          startListeningRequest(testOnlyScope("t"), "other"),
+          sendMessageRequest(teamRoomMessage("hi"), "other")}) {
         process.send(request);
     }
     EXPECT_EQ(process.finishAndTakeRest(), Lines{});
@@ -681,7 +667,7 @@ TEST(BridgeOutputLoss, ServesNoFurtherRequest) {
     BackendProcess process;
     process.greet();
     process.closeOutputReader();
-    process.sendRaw(connectLine() + "\n" + sendMessageRequest(message("too late")).dump() + "\n");
+    process.sendRaw(connectLine() + "\n" + sendMessageRequest(teamRoomMessage("too late")).dump() + "\n");
     EXPECT_EQ(process.waitForExit(), exitedWith(software_failure));
     EXPECT_EQ(namesIn(process.path("outbound")), Lines{});
 }
@@ -700,7 +686,7 @@ TEST(BridgeOutputLoss, DoesNotMatterToRequestsWithoutReply) {
     process.greet();
     process.closeOutputReader();
     process.send(startListeningRequest(conversationScope()));
-    process.send(sendMessageRequest(message("hi")));
+    process.send(sendMessageRequest(teamRoomMessage("hi")));
     process.waitForEntries("outbound", 1);
     process.closeInput();
     EXPECT_EQ(process.waitForExit(), exitedWith(0));
@@ -723,7 +709,7 @@ TEST(BridgeFailedRequest, ErrorNamesThePathAndTheReason) {
     BackendProcess process;
     process.greet();
     std::filesystem::remove(process.path("outbound"));
-    process.send(sendMessageRequest(message("hi")));
+    process.send(sendMessageRequest(teamRoomMessage("hi")));
     const auto text = errorMessageOf(process.nextLine());
     EXPECT_NE(text.find(process.path("outbound").string()), std::string::npos) << text;
     EXPECT_NE(text.find("No such file or directory"), std::string::npos) << text;
@@ -733,7 +719,7 @@ TEST(BridgeFailedRequest, IsOneErrorAndTheNextRequestIsServed) {
     BackendProcess process;
     process.greet();
     std::filesystem::remove(process.path("outbound"));
-    process.send(sendMessageRequest(message("hi")));
+    process.send(sendMessageRequest(teamRoomMessage("hi")));
     process.send(connectRequest());
     const auto replies = process.finishAndTakeRest();
     ASSERT_EQ(replies.size(), 3U);
@@ -746,7 +732,7 @@ TEST(BridgeFailedRequest, LeavesConnectionAndScopeAsTheyWere) {
     BackendProcess process;
     process.connectAndListen();
     std::filesystem::remove(process.path("outbound"));
-    process.send(sendMessageRequest(message("hi")));
+    process.send(sendMessageRequest(teamRoomMessage("hi")));
     process.finish();
     EXPECT_EQ(process.readJson(status_file)["connectionState"], "connected");
     EXPECT_EQ(process.readJson(control_file)["activeScope"]["id"], "team-room");
@@ -756,7 +742,7 @@ TEST(BridgeFailedRequest, IsNotLogged) {
     BackendProcess process;
     process.greet();
     std::filesystem::remove(process.path("outbound"));
-    process.send(sendMessageRequest(message("hi")));
+    process.send(sendMessageRequest(teamRoomMessage("hi")));
     process.finish();
     EXPECT_EQ(process.standardError(), "");
 }
@@ -767,7 +753,7 @@ TEST(BridgeFailedRequest, WritesNoStatus) {
     process.waitForFile(control_file);
     std::filesystem::remove(process.path("outbound"));
     ReplacementCounter counter(process.path("runtime"), "runtime-status.json");
-    for (int sent = 0; sent < 1000; ++sent) process.send(sendMessageRequest(message("hi")));
+    for (int sent = 0; sent < 1000; ++sent) process.send(sendMessageRequest(teamRoomMessage("hi")));
     EXPECT_EQ(process.finishAndTakeRest().size(), 1000U);
     EXPECT_LT(counter.count(), 500);
 }
@@ -776,10 +762,10 @@ TEST(BridgeFailedRequest, SucceedsWhenTheDirectoryIsBack) {
     BackendProcess process;
     process.greet();
     std::filesystem::remove(process.path("outbound"));
-    process.send(sendMessageRequest(message("lost")));
+    process.send(sendMessageRequest(teamRoomMessage("lost")));
     errorMessageOf(process.nextLine());
     std::filesystem::create_directory(process.path("outbound"));
-    process.send(sendMessageRequest(message("kept")));
+    process.send(sendMessageRequest(teamRoomMessage("kept")));
     EXPECT_EQ(process.finishAndTakeRest(), Lines{});
     EXPECT_EQ(namesIn(process.path("outbound")).size(), 1U);
 }
@@ -852,7 +838,7 @@ TEST(BridgeUnreadOutput, LosesNoMessageThatWasSentBeforeTheEndOfInput) {
     Lines expected;
     for (int number = 100; number < 130; ++number) {
         expected.push_back("message " + std::to_string(number));
-        process.send(sendMessageRequest(message(expected.back())));
+        process.send(sendMessageRequest(teamRoomMessage(expected.back())));
     }
     process.closeInput();
     EXPECT_EQ(process.waitForExit(), exitedWith(0));

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Replies.h"
 
 namespace brindle::test {
 namespace {
@@ -48,42 +49,6 @@ json completeHello() {
 
 json errorEnvelope() {
     return {{"error", {{"_0", {{"message", "example failure text"}}}}}};
-}
-
-/// Titles the self-test event that shows that every line before it was dealt with.
-constexpr const char* marker_title = "marker";
-
-/// What a backend answers to these lines.
-Lines repliesTo(const Lines& lines) {
-    BackendProcess process;
-    process.greet();
-    for (const auto& line : lines) process.send(line);
-    process.send(startListeningRequest(testOnlyScope(marker_title)));
-    auto replies = process.finishAndTakeRest();
-    if (process.waitForExit() != exitedWith(0)) throw TestFailure("the backend did not end normally");
-    if (replies.empty() || selfTestTitleOf(replies.back()) != marker_title) {
-        throw TestFailure("the marker is missing");
-    }
-    replies.pop_back();
-    return replies;
-}
-
-Lines repliesTo(const json& envelope) {
-    return repliesTo(Lines{envelope.dump()});
-}
-
-/// Expects that each line yields one error and nothing else.
-void expectOneErrorEach(const Lines& lines) {
-    ASSERT_FALSE(lines.empty());
-    const auto replies = repliesTo(lines);
-    ASSERT_EQ(replies.size(), lines.size());
-    for (std::size_t index = 0; index < lines.size(); ++index) {
-        EXPECT_NO_THROW(errorMessageOf(replies[index])) << lines[index];
-    }
-}
-
-void expectOneError(const std::string& line) {
-    expectOneErrorEach({line});
 }
 
 /// The outbound record that the backend writes for a message.
@@ -477,7 +442,7 @@ Lines mistyped(const FieldCase& field) {
 class BridgeRequiredField : public testing::TestWithParam<FieldCase> {};
 
 TEST_P(BridgeRequiredField, PresentInTheRightTypeIsAccepted) {
-    for (const auto& reply : repliesTo(GetParam().envelope)) {
+    for (const auto& reply : repliesToEnvelope(GetParam().envelope)) {
         EXPECT_THROW(errorMessageOf(reply), TestFailure) << reply;
     }
 }
@@ -499,15 +464,15 @@ INSTANTIATE_TEST_SUITE_P(Field, BridgeRequiredField, testing::ValuesIn(requiredF
 class BridgeOptionalField : public testing::TestWithParam<FieldCase> {};
 
 TEST_P(BridgeOptionalField, PresentIsAccepted) {
-    EXPECT_EQ(repliesTo(GetParam().envelope), Lines{});
+    EXPECT_EQ(repliesToEnvelope(GetParam().envelope), Lines{});
 }
 
 TEST_P(BridgeOptionalField, AbsentIsAccepted) {
-    EXPECT_EQ(repliesTo(without(GetParam())), Lines{});
+    EXPECT_EQ(repliesToEnvelope(without(GetParam())), Lines{});
 }
 
 TEST_P(BridgeOptionalField, NullIsAccepted) {
-    EXPECT_EQ(repliesTo(with(GetParam(), nullptr)), Lines{});
+    EXPECT_EQ(repliesToEnvelope(with(GetParam(), nullptr)), Lines{});
 }
 
 TEST_P(BridgeOptionalField, OtherTypeIsAnError) {
@@ -529,8 +494,8 @@ class BridgeEnvelopeCase : public testing::TestWithParam<json> {};
 TEST_P(BridgeEnvelopeCase, UnknownMembersAnywhereChangeNothing) {
     json widened = GetParam();
     addUnknownMembers(widened);
-    EXPECT_EQ(repliesTo(widened).size(), repliesTo(GetParam()).size());
-    for (const auto& reply : repliesTo(widened)) {
+    EXPECT_EQ(repliesToEnvelope(widened).size(), repliesToEnvelope(GetParam()).size());
+    for (const auto& reply : repliesToEnvelope(widened)) {
         EXPECT_THROW(errorMessageOf(reply), TestFailure) << reply;
     }
 }

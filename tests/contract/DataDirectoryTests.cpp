@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Diagnostics.h"
+#include "support/Users.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
@@ -21,9 +23,6 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using namespace std::string_literals;
-
-constexpr uid_t another_user = 65534;
-constexpr int fatal_exit_status = 70;
 
 /// The directories of a data directory in the order in which they are made.
 const std::vector<std::string> directories_in_order = {"inbound",
@@ -38,11 +37,6 @@ unsigned modeOf(const fs::path& path) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) throw TestFailure("cannot stat " + path.string());
     return status.st_mode & 07777U;
-}
-
-void giveTo(uid_t user, const fs::path& path) {
-    if (lchown(path.c_str(), user, static_cast<gid_t>(-1)) != 0)
-        throw TestFailure("cannot chown " + path.string());
 }
 
 BackendOptions optionsWithDataDirectory(const std::string& value) {
@@ -80,7 +74,7 @@ std::vector<std::string> keysInFile(const fs::path& file) {
 }
 
 void expectFatalEnd(BackendProcess& backend, const std::string& path) {
-    EXPECT_EQ(backend.waitForExit(), exitedWith(fatal_exit_status));
+    EXPECT_EQ(backend.waitForExit(), exitedWith(software_failure));
     EXPECT_EQ(backend.rawOutput(), "");
     const std::vector<std::string> lines = backend.standardErrorLines();
     ASSERT_EQ(lines.size(), 1U) << backend.standardError();
@@ -206,7 +200,7 @@ TEST(DataDirectory, RuntimeDirectoryThatIsAFileIsPassedOver) {
 TEST(DataDirectory, RuntimeDirectoryOfAnotherUserIsPassedOver) {
     const TemporaryDirectory place;
     fs::path foreign = "/root";  // For a user other than root: a directory that certainly is not his.
-    if (geteuid() == 0) {
+    if (isRoot()) {
         foreign = makeDirectory(place.path() / "run", fs::perms::owner_all);
         giveTo(another_user, foreign);
     }
@@ -215,7 +209,7 @@ TEST(DataDirectory, RuntimeDirectoryOfAnotherUserIsPassedOver) {
     BackendProcess backend(options);
     greetAndFinish(backend);
     EXPECT_TRUE(fs::exists(place.path() / "Brindle/ManagedBridge/whatsapp"));
-    EXPECT_FALSE(geteuid() == 0 && fs::exists(foreign / "Brindle"));
+    EXPECT_FALSE(isRoot() && fs::exists(foreign / "Brindle"));
 }
 
 TEST(DataDirectory, BlankRuntimeDirectoryCountsAsAbsent) {
@@ -357,7 +351,7 @@ TEST_P(ForeignDirectoryBelowTheTemporaryDirectory, IsRefused) {
     const TemporaryDirectory place;
     const fs::path foreign = place.path() / GetParam();
     fs::create_directories(foreign.parent_path());
-    if (geteuid() == 0) {
+    if (isRoot()) {
         makeDirectory(foreign, fs::perms::all);
         giveTo(another_user, foreign);
     } else {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Diagnostics.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
@@ -23,8 +24,6 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-const std::string status_failure_prefix = "[ManagedWhatsAppBackend] failed to write runtime status: ";
-const std::string control_failure_prefix = "[ManagedWhatsAppBackend] failed to write worker control: ";
 const std::string no_space = "No space left on device";
 
 /// Set for the run of a test inside a namespace in which it may mount.

@@ -7,12 +7,11 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Diagnostics.h"
+#include "support/WorkerScript.h"
 
 namespace brindle::test {
 namespace {
-
-constexpr const char* fatal_prefix = "[ManagedWhatsAppBackend] fatal: ";
-constexpr int software_failure = 70;
 
 BackendOptions optionsWith(std::vector<std::string> arguments) {
     BackendOptions options;
@@ -35,22 +34,6 @@ std::string fatalDescription(const BackendProcess& process) {
         throw TestFailure("not one fatal line: " + process.standardError());
     }
     return lines.front().substr(std::string(fatal_prefix).size());
-}
-
-/// A worker that records that it was asked to stop.
-std::filesystem::path politeWorker(const BackendOptions& options) {
-    return writeScript(
-        options.dataDirectory->path() / "worker.sh",
-        "trap 'echo asked >\"$BRINDLE_MANAGED_BRIDGE_DATA_DIR/worker-was-asked\"; exit 0' TERM\n"
-        "echo ready >\"$BRINDLE_MANAGED_BRIDGE_DATA_DIR/worker-ready\"\n"
-        "while :; do sleep 0.05; done");
-}
-
-BackendOptions optionsWithPoliteWorker() {
-    BackendOptions options;
-    options.environment.erase("BRINDLE_MANAGED_BRIDGE_DISABLE_WORKER");
-    options.environment["BRINDLE_MANAGED_BRIDGE_WORKER_PATH"] = politeWorker(options);
-    return options;
 }
 
 TEST(Entry, WithoutArgumentsThePlatformIsWhatsapp) {

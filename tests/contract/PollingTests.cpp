@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Diagnostics.h"
+#include "support/Users.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
@@ -25,8 +27,6 @@ using nlohmann::json;
 const std::string rejected_prefix = "[ManagedWhatsAppBackend] rejected inbound event at ";
 const std::string drain_failure_prefix = "[ManagedWhatsAppBackend] failed to drain inbound directory: ";
 const std::string worker_status_failure_prefix = "[ManagedWhatsAppBackend] failed to decode worker status: ";
-const std::string status_failure_prefix = "[ManagedWhatsAppBackend] failed to write runtime status: ";
-const std::string control_failure_prefix = "[ManagedWhatsAppBackend] failed to write worker control: ";
 const std::string parent_gone_line =
     "[ManagedWhatsAppBackend] bridge service parent is no longer alive; stopping the managed backend and worker.\n";
 
@@ -1003,17 +1003,16 @@ TEST(ParentMonitor, ParentOfAnotherUserIsAlive) {
     // Only root can start a process as somebody else; everybody else's parent may at least be signalled.
     const TemporaryDirectory place;
     BackendOptions options;
-    if (geteuid() == 0) {
+    if (isRoot()) {
         const fs::path executable = place.path() / "backend";
         fs::copy_file(BACKEND_EXECUTABLE, executable);
         const fs::path wrapper = place.path() / "wrapper";
         writeScript(wrapper, "exec setpriv --reuid=65534 --clear-groups '" + executable.string() + "'");
         options.executable = wrapper.string();
-        constexpr uid_t another_user = 65534;
         for (const fs::path& path :
              {place.path(), executable, wrapper, options.dataDirectory->path(),
               options.launchToken->file().parent_path(), options.launchToken->file()}) {
-            ASSERT_EQ(chown(path.c_str(), another_user, static_cast<gid_t>(-1)), 0) << path;
+            giveTo(another_user, path);
         }
     }
     BackendProcess backend(options);
@@ -1030,7 +1029,7 @@ TEST(ParentMonitor, BackendWithoutAnyParentEnds) {
     const TemporaryDirectory place;
     BackendOptions options;
     const fs::path wrapper = place.path() / "wrapper";
-    const std::string user_namespace = geteuid() == 0 ? "" : "--map-root-user ";
+    const std::string user_namespace = isRoot() ? "" : "--map-root-user ";
     writeScript(wrapper, "exec unshare " + user_namespace + "--pid --fork --kill-child '" +
                              std::string(BACKEND_EXECUTABLE) + "'");
     options.executable = wrapper.string();

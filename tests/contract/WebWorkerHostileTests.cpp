@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "support/DrivenPage.h"
+#include "support/Units.h"
 #include "support/WebWorkerProcess.h"
 
 namespace brindle::test {
@@ -15,8 +16,6 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using testing::ElementsAre;
-
-constexpr std::size_t mebibyte = 1024 * 1024;
 
 /// Everything below the worker's place but what the engine keeps for itself, as relative paths.
 std::vector<std::string> filesOf(const WebWorkerProcess& worker) {

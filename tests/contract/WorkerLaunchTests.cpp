@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Diagnostics.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
@@ -16,8 +17,6 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-const std::string no_worker_detail =
-    "No managed WhatsApp worker configured. Install the protocol worker dependencies or provide an explicit worker executable.";
 const std::string native_worker_name = "BrindleManagedWhatsAppNativeWorker";
 
 /// A copy of the backend's executable with nothing beside it, and an empty working directory.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Diagnostics.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
@@ -22,8 +23,6 @@ using nlohmann::json;
 const std::string log_prefix = "[ManagedWhatsAppBackend] ";
 const std::string relay_prefix = "[ManagedWhatsAppWorker] ";
 const std::string error_relay_prefix = "[ManagedWhatsAppWorker][stderr] ";
-const std::string no_worker_detail =
-    "No managed WhatsApp worker configured. Install the protocol worker dependencies or provide an explicit worker executable.";
 
 json runtimeStatusOf(const BackendProcess& backend) {
     return backend.readJson("runtime/runtime-status.json");

@@ -6,8 +6,6 @@ namespace {
 
 using testing::SizeIs;
 
-const std::string state_name = "window.__brindleWhatsAppWorkerCaptureState";
-
 /// Pages that are broken, wicked or just very large. A script may fail on them, or answer nonsense that the
 /// worker rejects; the page must live on, and no text of the page may run.
 class HostilePage : public PageScriptTest {

@@ -3,8 +3,6 @@
 namespace brindle::test {
 namespace {
 
-const std::string state_name = "window.__brindleWhatsAppWorkerCaptureState";
-
 class InboundCaptureScript : public PageScriptTest {
   protected:
     /// Shows an open chat with these messages, and functions for the tests that change it.

@@ -18,6 +18,11 @@ namespace brindle::test {
 
 using Json = nlohmann::ordered_json;
 
+/// Where the capture script keeps its state in the page.
+inline const std::string state_name = "window.__brindleWhatsAppWorkerCaptureState";
+/// How a picture of the page begins that is handed out as an address.
+inline constexpr std::string_view png_prefix = "data:image/png;base64,";
+
 /// What every test of a page script has: one page in the real engine, shared by the tests of a suite.
 class PageScriptTest : public testing::Test {
   protected:

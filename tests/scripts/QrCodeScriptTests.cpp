@@ -6,7 +6,6 @@ namespace {
 
 using testing::StartsWith;
 
-constexpr std::string_view png_prefix = "data:image/png;base64,";
 constexpr std::string_view png_signature = "\x89PNG\r\n\x1A\n";
 constexpr std::size_t png_width_offset = 16;
 

@@ -16,7 +16,6 @@ using testing::StartsWith;
 
 const std::filesystem::path sample_directory =
     std::filesystem::path(SOURCE_DIRECTORY) / "examples" / "web-client";
-constexpr std::string_view png_prefix = "data:image/png;base64,";
 /// At once on the login page, and nothing happens there unasked.
 const std::string quiet = "loading=0&scan=never&renew=3600&traffic=none";
 

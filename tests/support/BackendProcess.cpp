@@ -877,6 +877,10 @@ nlohmann::json sendMessageRequest(const nlohmann::json& message, const std::stri
     return requestFor("sendMessage", {{"message", message}}, platform);
 }
 
+nlohmann::json teamRoomMessage(const std::string& text) {
+    return {{"conversationId", "team-room"}, {"text", text}};
+}
+
 nlohmann::json conversationScope(const std::string& id, const std::string& title) {
     return {{"conversation", {{"id", id}, {"title", title}}}};
 }

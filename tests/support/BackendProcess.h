@@ -299,6 +299,8 @@ nlohmann::json disconnectRequest(const std::string& platform = "whatsapp");
 nlohmann::json startListeningRequest(const nlohmann::json& scope, const std::string& platform = "whatsapp");
 nlohmann::json stopListeningRequest(const std::string& platform = "whatsapp");
 nlohmann::json sendMessageRequest(const nlohmann::json& message, const std::string& platform = "whatsapp");
+/// A message to the chat that conversationScope() names.
+nlohmann::json teamRoomMessage(const std::string& text);
 nlohmann::json conversationScope(const std::string& id = "team-room", const std::string& title = "Team Room");
 nlohmann::json channelScope(const std::string& id, const std::string& title);
 nlohmann::json threadScope(const std::string& id);

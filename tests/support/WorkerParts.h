@@ -20,6 +20,12 @@
 
 namespace brindle::test {
 
+/// How a page answers that has an account, and one that has none.
+inline constexpr auto linked_answer = R"({"linked":true,"account":"Ann"})";
+inline constexpr auto not_linked_answer = R"({"linked":false,"account":null})";
+/// What the host is asked for when the web client is loaded.
+inline constexpr auto load_web_client = "loadAddress https://web.whatsapp.com/ 60";
+
 /// Hears nothing.
 class DeafDelegate final : public WebPageDelegate {
   public:

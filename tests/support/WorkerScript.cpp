@@ -90,6 +90,22 @@ BackendOptions optionsWithWorker(const fs::path& worker) {
     return options;
 }
 
+fs::path politeWorker(const BackendOptions& options) {
+    return options.dataDirectory->path() / "worker.sh";
+}
+
+BackendOptions optionsWithPoliteWorker() {
+    BackendOptions options;
+    const auto worker =
+        writeScript(politeWorker(options),
+                    "trap 'echo asked >\"$BRINDLE_MANAGED_BRIDGE_DATA_DIR/worker-was-asked\"; exit 0' TERM\n"
+                    "echo ready >\"$BRINDLE_MANAGED_BRIDGE_DATA_DIR/worker-ready\"\n"
+                    "while :; do sleep 0.05; done");
+    options.environment.erase("BRINDLE_MANAGED_BRIDGE_DISABLE_WORKER");
+    options.environment["BRINDLE_MANAGED_BRIDGE_WORKER_PATH"] = worker;
+    return options;
+}
+
 fs::path writePlainWorker(const fs::path& file) {
     writeFileAtomically(file, "#!/usr/bin/tail -f\n");
     fs::permissions(file, fs::perms::owner_all);

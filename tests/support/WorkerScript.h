@@ -43,6 +43,12 @@ class WorkerScript {
 /// Options of a backend that starts `worker` as its explicit worker.
 BackendOptions optionsWithWorker(const std::filesystem::path& worker);
 
+/// Options of a backend with a worker in its data directory that leaves "worker-ready" there once it is up,
+/// and "worker-was-asked" when it was asked to stop.
+BackendOptions optionsWithPoliteWorker();
+/// Where that worker lies.
+std::filesystem::path politeWorker(const BackendOptions& options);
+
 /// A program file that the system starts with exactly the given interpreter and argument: unlike a shell, it
 /// adds nothing to its environment and its descriptors. It does nothing until a signal ends it.
 std::filesystem::path writePlainWorker(const std::filesystem::path& file);

@@ -12,24 +12,13 @@
 #include <filesystem>
 
 #include "support/BackendProcess.h"
+#include "support/Pipes.h"
 #include "text/Failure.h"
 
 namespace brindle {
 namespace {
 
-/// Everything up to the end of a descriptor that may be nonblocking.
-std::string readAll(const Descriptor& end) {
-    std::string all;
-    for (;;) {
-        pollfd ready{.fd = end.get(), .events = POLLIN, .revents = 0};
-        ::poll(&ready, 1, -1);
-        std::string bytes(4096, '\0');
-        const auto got = ::read(end.get(), bytes.data(), bytes.size());
-        if (got < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-        if (got <= 0) return all;
-        all.append(bytes, 0, static_cast<std::size_t>(got));
-    }
-}
+using test::readAll;
 
 ChildProcess::Options shell(const std::string& script) {
     return {.executable = "/bin/sh", .arguments = {"-c", script}, .environment = {{"PATH", "/usr/bin:/bin"}}};

@@ -14,11 +14,14 @@
 #include <thread>
 #include <vector>
 
-#include "system/Descriptor.h"
+#include "support/Pipes.h"
 
 namespace brindle {
 namespace {
 
+using test::makeNonBlockingPipe;
+using test::makePieceByPieceConnection;
+using test::makePipe;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -32,24 +35,6 @@ Descriptor fileWith(std::string_view content) {
     }
     EXPECT_EQ(::lseek(file.get(), 0, SEEK_SET), 0);
     return file;
-}
-
-struct Ends {
-    Descriptor reading;
-    Descriptor writing;
-};
-
-Ends makePipe(int flags = 0) {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC | flags), 0);
-    return {Descriptor(ends[0]), Descriptor(ends[1])};
-}
-
-/// A connection of which every read gets exactly one of the pieces that were written.
-Ends makePieceByPieceConnection() {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
-    return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
 void put(const Descriptor& end, std::string_view bytes) {
@@ -164,7 +149,7 @@ TEST(LineReaderTests, DeliversLineBeforeMoreInputComes) {
 }
 
 TEST(LineReaderTests, WaitsForInputOfNonblockingDescriptor) {
-    auto [reading, writing] = makePipe(O_NONBLOCK);
+    auto [reading, writing] = makeNonBlockingPipe();
     std::thread writer([end = std::move(writing)] {
         for (int i = 0; i < 100; ++i) put(end, i % 2 == 0 ? "ha" : "lf\n");
     });

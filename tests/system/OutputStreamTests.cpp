@@ -19,29 +19,19 @@
 #include <thread>
 
 #include "support/BackendProcess.h"
+#include "support/Pipes.h"
 #include "system/FileSystemFailure.h"
 
 namespace brindle {
 namespace {
 
+using test::makePipe;
+using test::makeStreamConnection;
+using test::readAll;
+using test::readSome;
+using Ends = test::PipeEnds;
+
 constexpr std::size_t more_than_any_buffer = std::size_t{3} << 20U;
-
-struct Ends {
-    Descriptor reading;
-    Descriptor writing;
-};
-
-Ends makePipe() {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-    return {Descriptor(ends[0]), Descriptor(ends[1])};
-}
-
-Ends makeSocketPair() {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
-    return {Descriptor(ends[0]), Descriptor(ends[1])};
-}
 
 int flagsOf(const Descriptor& end) {
     return ::fcntl(end.get(), F_GETFL);
@@ -61,20 +51,6 @@ std::size_t fill(const Descriptor& end) {
     }
     ::fcntl(end.get(), F_SETFL, flags);
     return total;
-}
-
-std::string readSome(const Descriptor& end) {
-    std::string bytes(65536, '\0');
-    const auto got = ::read(end.get(), bytes.data(), bytes.size());
-    bytes.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
-    return bytes;
-}
-
-/// Everything up to the end.
-std::string readAll(const Descriptor& end) {
-    std::string all;
-    for (std::string part; !(part = readSome(end)).empty();) all += part;
-    return all;
 }
 
 std::string numbered(std::size_t size) {
@@ -124,12 +100,12 @@ TEST_F(OutputStreamTests, WritesWholeTextToNonblockingPipe) {
 
 TEST_F(OutputStreamTests, WritesWholeTextToSocket) {
     const auto text = numbered(more_than_any_buffer);
-    EXPECT_TRUE(transmitted(makeSocketPair(), text) == text);
+    EXPECT_TRUE(transmitted(makeStreamConnection(), text) == text);
 }
 
 TEST_F(OutputStreamTests, WritesWholeTextToNonblockingSocket) {
     const auto text = numbered(more_than_any_buffer);
-    auto ends = makeSocketPair();
+    auto ends = makeStreamConnection();
     ::fcntl(ends.writing.get(), F_SETFL, flagsOf(ends.writing) | O_NONBLOCK);
     EXPECT_TRUE(transmitted(std::move(ends), text) == text);
 }
@@ -167,7 +143,7 @@ TEST_F(OutputStreamTests, WritesWholeTextToTerminal) {
 }
 
 TEST_F(OutputStreamTests, LeavesTheSharedDescriptionAsItIs) {
-    for (auto* make : {&makePipe, &makeSocketPair}) {
+    for (auto* make : {&makePipe, &makeStreamConnection}) {
         for (const int nonblocking : {0, O_NONBLOCK}) {
             const auto ends = make();
             ::fcntl(ends.writing.get(), F_SETFL, flagsOf(ends.writing) | nonblocking);
@@ -220,7 +196,7 @@ TEST_F(OutputStreamTests, BrokenPipeIsNoticedWhileWaiting) {
 
 TEST_F(OutputStreamTests, BrokenSocketIsAFailureWithoutASignal) {
     ::signal(SIGPIPE, SIG_DFL);
-    auto ends = makeSocketPair();
+    auto ends = makeStreamConnection();
     ends.reading.reset();
     EXPECT_THROW(OutputStream(ends.writing.get(), watch_).write("text"), FileSystemFailure);
 }
@@ -252,8 +228,8 @@ TEST_F(OutputStreamTests, GivesUpWhenTheReaderHasClosedItsOtherEnd) {
 }
 
 TEST_F(OutputStreamTests, GivesUpWhenASocketSignIsShutDown) {
-    auto output = makeSocketPair();
-    auto sign = makeSocketPair();
+    auto output = makeStreamConnection();
+    auto sign = makeStreamConnection();
     watch_.addSign(sign.reading.get(), false);
     fill(output.writing);
     ASSERT_EQ(::shutdown(sign.writing.get(), SHUT_WR), 0);

@@ -14,10 +14,12 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
-#include "system/Descriptor.h"
+#include "support/Pipes.h"
 
 namespace brindle {
 namespace {
+
+using test::makePipe;
 
 using std::chrono::milliseconds;
 using test::waitUntil;
@@ -217,17 +219,6 @@ TEST(RepeatingTimerTests, MayOutliveTheWorkOfAStoppedQueue) {
         queue.join();
     }
     EXPECT_GE(beats, 1);
-}
-
-struct Ends {
-    Descriptor reading;
-    Descriptor writing;
-};
-
-Ends makePipe() {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(::pipe(ends.data()), 0);
-    return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
 TEST(ReadinessWatchTests, CallsWheneverThereIsSomethingToRead) {

@@ -21,8 +21,6 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using Fault = test::FaultInjectingFileManager::Fault;
 
-constexpr auto linked = R"({"linked":true,"account":"Ann"})";
-constexpr auto not_linked = R"({"linked":false,"account":null})";
 constexpr auto scan_status = "waiting_for_qr: Scan the QR code with WhatsApp on your phone.";
 constexpr auto waiting_status = "starting: Waiting for WhatsApp Web to render login state.";
 
@@ -180,7 +178,7 @@ TEST_F(QRCodeTests, WithoutAPageNothingHappens) {
 class LinkStateTests : public LinkStateMonitorTests {};
 
 TEST_F(LinkStateTests, LinkedPageIsPublishedWithItsAccount) {
-    EXPECT_TRUE(refreshLinkState(test::result(linked)));
+    EXPECT_TRUE(refreshLinkState(test::result(test::linked_answer)));
     EXPECT_TRUE(state_.isLinked);
     EXPECT_THAT(
         parts_.published(),
@@ -199,14 +197,14 @@ TEST_F(LinkStateTests, AccountWithoutLabelHasADefaultOne) {
 
 TEST_F(LinkStateTests, WatchedChatIsNamedInTheSentence) {
     state_.currentWatchedTitle = "Family";
-    refreshLinkState(test::result(linked));
+    refreshLinkState(test::result(test::linked_answer));
     EXPECT_EQ(state_.workerDetail,
               "Linked to WhatsApp Web. Managed live listening is configured for 'Family'.");
 }
 
 TEST_F(LinkStateTests, EmptyWatchedTitleCountsAsNone) {
     state_.currentWatchedTitle = "";
-    refreshLinkState(test::result(linked));
+    refreshLinkState(test::result(test::linked_answer));
     EXPECT_EQ(state_.workerDetail,
               "Linked to WhatsApp Web. Select a watched chat title to start live listening.");
 }
@@ -217,14 +215,14 @@ TEST_F(LinkStateTests, WatchedTitleIsReadAfterTheScript) {
     auto task = refresh(isLinked);
     task.start();
     state_.currentWatchedTitle = "New";
-    parts_.host.answerOnly(test::result(linked));
+    parts_.host.answerOnly(test::result(test::linked_answer));
     EXPECT_EQ(state_.workerDetail, "Linked to WhatsApp Web. Managed live listening is configured for 'New'.");
 }
 
 TEST_F(LinkStateTests, LinkedPageTakesTheStateBackFromTheChat) {
     for (const std::string word : {"activating_chat", "watching_chat", "wrong_chat", "no_active_chat"}) {
         state_.workerState = word;
-        refreshLinkState(test::result(linked));
+        refreshLinkState(test::result(test::linked_answer));
         EXPECT_EQ(state_.workerState, "linked");
     }
 }
@@ -233,7 +231,7 @@ TEST_F(LinkStateTests, PageWithACodeWaitsForTheScan) {
     putQRFile();
     state_.displayName = "Ann";
     state_.isLinked = true;
-    EXPECT_FALSE(refreshLinkState(test::result(not_linked)));
+    EXPECT_FALSE(refreshLinkState(test::result(test::not_linked_answer)));
     EXPECT_FALSE(state_.isLinked);
     EXPECT_EQ(state_.displayName, std::nullopt);
     EXPECT_THAT(parts_.published(), ElementsAre(scan_status));
@@ -243,7 +241,7 @@ TEST_F(LinkStateTests, PageWithACodeWaitsForTheScan) {
 TEST_F(LinkStateTests, PageWithNeitherIsStillStarting) {
     state_.displayName = "Ann";
     state_.isLinked = true;
-    EXPECT_FALSE(refreshLinkState(test::result(not_linked)));
+    EXPECT_FALSE(refreshLinkState(test::result(test::not_linked_answer)));
     EXPECT_FALSE(state_.isLinked);
     EXPECT_EQ(state_.displayName, std::nullopt);
     EXPECT_THAT(parts_.published(), ElementsAre(waiting_status));
@@ -278,7 +276,7 @@ TEST_F(LinkStateTests, UndecodableResultIsPublished) {
 
 TEST_F(LinkStateTests, NextSuccessReplacesTheError) {
     refreshLinkState(test::failure("No."));
-    refreshLinkState(test::result(linked));
+    refreshLinkState(test::result(test::linked_answer));
     EXPECT_EQ(state_.workerState, "linked");
 }
 
@@ -305,7 +303,7 @@ TEST_F(LinkStateTests, WithoutAPageNothingHappens) {
 
 TEST_F(LinkStateTests, FailedStatusWriteStopsNothing) {
     parts_.faults.set(Fault{.operation = 1, .code = EIO});
-    EXPECT_TRUE(refreshLinkState(test::result(linked)));
+    EXPECT_TRUE(refreshLinkState(test::result(test::linked_answer)));
     EXPECT_TRUE(state_.isLinked);
     EXPECT_THAT(parts_.host.log, SizeIs(1));
     EXPECT_THAT(parts_.host.calls, ElementsAre("orderOut"));
@@ -317,7 +315,7 @@ class LoadRecoveryTests : public LinkStateMonitorTests {
     void lookAt(milliseconds time) {
         parts_.clock.turnTo(test::TestClock::start + time);
         parts_.files.forget();
-        refreshLinkState(test::result(not_linked));
+        refreshLinkState(test::result(test::not_linked_answer));
     }
     std::size_t reloads() const { return parts_.host.count("reload"); }
 };
@@ -370,7 +368,7 @@ TEST_F(LoadRecoveryTests, PageWithACodeIsNotReloaded) {
 
 TEST_F(LoadRecoveryTests, LinkedPageIsNotReloaded) {
     parts_.clock.turnTo(test::TestClock::start + seconds(60));
-    refreshLinkState(test::result(linked));
+    refreshLinkState(test::result(test::linked_answer));
     EXPECT_EQ(reloads(), 0U);
 }
 

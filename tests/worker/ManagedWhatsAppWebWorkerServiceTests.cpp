@@ -37,12 +37,12 @@ using testing::SizeIs;
 using testing::StartsWith;
 using Fault = test::FaultInjectingFileManager::Fault;
 
+using test::load_web_client;
+
 constexpr auto launching = "starting: Launching managed WhatsApp Web worker.";
 constexpr auto loading = "starting: Loading WhatsApp Web in the managed runtime worker.";
 constexpr auto page_loaded = "starting: WhatsApp worker page loaded. Detecting QR and link state.";
 constexpr auto stopping = "stopped: Managed WhatsApp worker is stopping because the managed backend exited.";
-constexpr auto load_web_client = "loadAddress https://web.whatsapp.com/ 60";
-constexpr auto linked = R"({"linked":true,"account":"Ann"})";
 
 enum class Script { qrCode, linkState, activation, capture };
 
@@ -103,7 +103,7 @@ class WebWorkerServiceTests : public testing::Test {
                 case Script::qrCode:
                     return test::noResult();
                 case Script::linkState:
-                    return test::result(linked);
+                    return test::result(test::linked_answer);
                 case Script::activation:
                     return test::result(R"({"state":"active"})");
                 case Script::capture:
@@ -370,7 +370,7 @@ TEST_F(WebWorkerServiceTests, LinkStateFollowsTheQRCodeOfTheSameTick) {
         EXPECT_THAT(pendingScripts(), ElementsAre(Script::qrCode));
         host_.answerOnly(test::noResult());
         EXPECT_THAT(pendingScripts(), ElementsAre(Script::linkState));
-        host_.answerOnly(test::result(linked));
+        host_.answerOnly(test::result(test::linked_answer));
         EXPECT_THAT(pendingScripts(), IsEmpty());
         EXPECT_TRUE(service_->state().isLinked);
     });
@@ -483,7 +483,7 @@ TEST_F(WebWorkerServiceTests, AnswersAfterTheServiceIsGoneDoNothing) {
         EXPECT_THAT(host_.pending, SizeIs(2));
     });
     const auto before = files_.writes().size();
-    while (!host_.pending.empty()) host_.answer(0, test::result(linked));
+    while (!host_.pending.empty()) host_.answer(0, test::result(test::linked_answer));
     host_.advance(seconds(60));
     EXPECT_EQ(files_.writes().size(), before);
     EXPECT_EQ(host_.runningTimers(), 0U);
@@ -666,7 +666,7 @@ TEST_F(WebWorkerServiceTests, NothingIsPublishedAfterTheStop) {
             host_.advance(seconds(1));
             EXPECT_THAT(pendingScripts(), ElementsAre(Script::activation));
             const auto before = files_.writes().size();
-            while (!host_.pending.empty()) host_.answer(0, test::result(linked));
+            while (!host_.pending.empty()) host_.answer(0, test::result(test::linked_answer));
             EXPECT_FALSE(host_.hasPage);
             EXPECT_EQ(files_.writes().size(), before);
         },
@@ -686,7 +686,7 @@ class FaultyDayTests : public WebWorkerServiceTests,
                 case Script::qrCode:
                     return isScanned ? test::noResult() : test::result("data:image/png;base64,AAAA");
                 case Script::linkState:
-                    return test::result(isScanned ? linked : R"({"linked":false})");
+                    return test::result(isScanned ? test::linked_answer : R"({"linked":false})");
                 case Script::activation:
                     return test::result(R"({"state":"active"})");
                 case Script::capture:

@@ -15,12 +15,11 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using test::load_web_client;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
-
-constexpr auto load_web_client = "loadAddress https://web.whatsapp.com/ 60";
 
 class PageLoaderTests : public testing::Test {
   protected:
