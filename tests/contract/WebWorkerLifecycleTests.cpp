@@ -43,9 +43,7 @@ TEST(WebWorkerLifecycle, PIDFileHoldsTheDigitsOfTheProcessIdAndNothingElse) {
 
 TEST(WebWorkerLifecycle, StatusesLeadFromTheLaunchToALinkedPage) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page));
-    if (!worker.journal().isExact()) {
-        GTEST_SKIP() << "Only root may watch so closely that no status is missed (fanotify).";
-    }
+    if (!worker.journal().isExact()) GTEST_SKIP() << exact_watch_needs_root;
     const auto linked = worker.waitForState("linked");
     auto details = worker.journal().details();
     details.resize(linked + 1);
@@ -155,6 +153,7 @@ TEST(WebWorkerLifecycle, ItsKillingEndsAPageThatHangs) {
 
 TEST(WebWorkerLifecycle, TheEndOfItsParentEndsItWithALastStatus) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page), true);
+    if (!worker.journal().isExact()) GTEST_SKIP() << exact_watch_needs_root;
     const auto linked = worker.waitForState("linked");
     const auto tree = worker.tree();
     worker.process().killIntermediateParent();

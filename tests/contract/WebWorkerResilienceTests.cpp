@@ -104,6 +104,7 @@ TEST(WebWorkerResilience, APageThatHangsHoldsUpNothingButItsOwnScripts) {
 TEST(WebWorkerResilience, TheEndOfTheParentIsNoticedWhileThePageHangs) {
     DrivenPage page("client.login()");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()), true);
+    if (!worker.journal().isExact()) GTEST_SKIP() << exact_watch_needs_root;
     worker.waitForState("waiting_for_qr");
     page.post("for (;;);");
     const pid_t web = worker.waitForWebProcess();

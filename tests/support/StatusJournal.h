@@ -14,6 +14,10 @@
 
 namespace brindle::test {
 
+/// Why a test is skipped that must see a status which is replaced or removed at once.
+inline constexpr const char* exact_watch_needs_root =
+    "Only root may watch so closely that no status is missed (fanotify).";
+
 /// Collects every worker status that is written into a runtime directory, in order, so that a test can tell
 /// what came after what without looking at a clock.
 ///
