@@ -338,7 +338,7 @@ std::vector<std::filesystem::path> pathsBelow(const std::filesystem::path& direc
     return paths;
 }
 
-class Denials : public EngineTest {
+class PageDenials : public EngineTest {
   protected:
     /// Loads `body` from a server that also has a page on another site.
     void visit(const std::string& body) {
@@ -368,12 +368,12 @@ class Denials : public EngineTest {
     std::unique_ptr<LoopbackServer> server_;
 };
 
-TEST_F(Denials, DialogsAreAnsweredSilently) {
+TEST_F(PageDenials, DialogsAreAnsweredSilently) {
     visit("<title>home</title>");
     EXPECT_EQ(page().evaluate("alert('a'); confirm('b') + ' ' + prompt('c', 'd')"), "false null");
 }
 
-TEST_F(Denials, APageThatAsksBeforeItIsLeftIsReloadedAllTheSame) {
+TEST_F(PageDenials, APageThatAsksBeforeItIsLeftIsReloadedAllTheSame) {
     visit(
         "<title>home</title><body><script>onbeforeunload = (event) => { event.preventDefault(); event.returnValue = 'stay'; return 'stay'; };</script>");
     page().evaluate("document.title = 'old'");
@@ -383,7 +383,7 @@ TEST_F(Denials, APageThatAsksBeforeItIsLeftIsReloadedAllTheSame) {
     EXPECT_EQ(page().evaluate("document.title"), "home");
 }
 
-TEST_F(Denials, WindowsAreNotOpened) {
+TEST_F(PageDenials, WindowsAreNotOpened) {
     visit("<title>home</title><a id=link target=_blank href=/other>x</a>");
     EXPECT_EQ(page().evaluate("String(window.open('/other'))"), "null");
     page().evaluate("link.click()");
@@ -393,7 +393,7 @@ TEST_F(Denials, WindowsAreNotOpened) {
     expectStillThere();
 }
 
-TEST_F(Denials, AnotherSiteIsNotNavigatedTo) {
+TEST_F(PageDenials, AnotherSiteIsNotNavigatedTo) {
     visit("<title>home</title>");
     page().evaluate("location.href = '" + server().otherSiteUrl("/other") + "'; ''");
     waitForRequest(server(), "/other");
@@ -402,7 +402,7 @@ TEST_F(Denials, AnotherSiteIsNotNavigatedTo) {
     expectStillThere();
 }
 
-TEST_F(Denials, ARedirectionToAnotherSiteIsNotFollowed) {
+TEST_F(PageDenials, ARedirectionToAnotherSiteIsNotFollowed) {
     visit("<title>home</title>");
     page().evaluate("location.href = '/away'; ''");
     waitForRequest(server(), "/other");
@@ -410,20 +410,20 @@ TEST_F(Denials, ARedirectionToAnotherSiteIsNotFollowed) {
     expectStillThere();
 }
 
-TEST_F(Denials, ThePageMayMoveWithinItsSite) {
+TEST_F(PageDenials, ThePageMayMoveWithinItsSite) {
     visit("<title>home</title>");
     page().evaluate("location.href = '/inside'; ''");
     page().waitUntil("location.pathname === '/inside' && document.body.textContent === 'elsewhere'");
 }
 
-TEST_F(Denials, AnEmptyTopLevelIsReportedAsLeavingTheSite) {
+TEST_F(PageDenials, AnEmptyTopLevelIsReportedAsLeavingTheSite) {
     visit("<title>home</title>");
     page().evaluate("location.href = 'about:blank'; ''");
     page().runUntil([&] { return !page().events().processEnds.empty(); }, "the departure is reported");
     EXPECT_EQ(page().events().processEnds[0], "The page left its site for about:blank.");
 }
 
-TEST_F(Denials, DocumentsThatTheSiteMakesUpAreNotNavigatedTo) {
+TEST_F(PageDenials, DocumentsThatTheSiteMakesUpAreNotNavigatedTo) {
     visit("<title>home</title>");
     for (const char* address :
          {"'data:text/html,made up'", "URL.createObjectURL(new Blob(['made up'], {type: 'text/html'}))",
@@ -435,7 +435,7 @@ TEST_F(Denials, DocumentsThatTheSiteMakesUpAreNotNavigatedTo) {
     }
 }
 
-TEST_F(Denials, FramesOfOtherSitesAreLeftAlone) {
+TEST_F(PageDenials, FramesOfOtherSitesAreLeftAlone) {
     visit("<title>home</title><body></body>");
     page().evaluate(
         "const frame = document.createElement('iframe'); frame.onload = () => { window.framed = true; };"
@@ -445,7 +445,7 @@ TEST_F(Denials, FramesOfOtherSitesAreLeftAlone) {
     expectStillThere();
 }
 
-TEST_F(Denials, FilesAreNotDownloaded) {
+TEST_F(PageDenials, FilesAreNotDownloaded) {
     visit("<title>home</title><a id=link download href=/file.zip>x</a>");
     page().evaluate("link.click(); location.href = '/file.zip'; ''");
     waitForRequest(server(), "/file.zip");
@@ -456,7 +456,7 @@ TEST_F(Denials, FilesAreNotDownloaded) {
     }
 }
 
-TEST_F(Denials, CameraAndMicrophoneAreOutOfReach) {
+TEST_F(PageDenials, CameraAndMicrophoneAreOutOfReach) {
     visit("<title>home</title>");
     EXPECT_EQ(
         page().evaluate(
@@ -464,7 +464,7 @@ TEST_F(Denials, CameraAndMicrophoneAreOutOfReach) {
         "true");
 }
 
-TEST_F(Denials, LocationIsDenied) {
+TEST_F(PageDenials, LocationIsDenied) {
     visit("<title>home</title>");
     page().evaluate(
         "navigator.geolocation.getCurrentPosition(() => { window.outcome = 'given'; }, (error) => { window.outcome = 'code ' + error.code; }); ''");
@@ -472,14 +472,14 @@ TEST_F(Denials, LocationIsDenied) {
     EXPECT_EQ(page().evaluate("window.outcome"), "code 1");
 }
 
-TEST_F(Denials, NotificationsAreDenied) {
+TEST_F(PageDenials, NotificationsAreDenied) {
     visit("<title>home</title>");
     page().evaluate("Notification.requestPermission().then((answer) => { window.answer = answer; }); ''");
     page().waitUntil("window.answer !== undefined");
     EXPECT_EQ(page().evaluate("window.answer"), "denied");
 }
 
-TEST_F(Denials, TheClipboardIsOutOfReach) {
+TEST_F(PageDenials, TheClipboardIsOutOfReach) {
     visit("<title>home</title><textarea id=box>secret</textarea>");
     EXPECT_EQ(page().evaluate("box.select(); String(document.execCommand('paste'))"), "false");
     page().evaluate(

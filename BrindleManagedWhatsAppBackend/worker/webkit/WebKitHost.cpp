@@ -8,9 +8,10 @@
 #include <utility>
 
 #include "text/Failure.h"
-#include "worker/webkit/Denials.h"
+#include "worker/webkit/EngineEnvironment.h"
+#include "worker/webkit/InteractionDenial.h"
 #include "worker/webkit/MainLoopTimer.h"
-#include "worker/webkit/Requirements.h"
+#include "worker/webkit/SandboxCheck.h"
 #include "worker/webkit/WebKitPage.h"
 
 namespace brindle {
@@ -86,7 +87,7 @@ gboolean endHost(gpointer host) {
 
 WebKitHost::WebKitHost(const WebWorkerHostOptions& options)
     : options_(options), log_(options.logSubsystem, options.logCategory) {
-    prepareEnvironment();
+    prepareEngineEnvironment();
     requireDisplay();
     requireSandbox();
     g_set_prgname(options.applicationName.c_str());

@@ -2,8 +2,9 @@
 
 #include <utility>
 
-#include "worker/webkit/Denials.h"
+#include "worker/webkit/InteractionDenial.h"
 #include "worker/webkit/OneLine.h"
+#include "worker/webkit/Urls.h"
 
 namespace brindle {
 namespace {
@@ -230,7 +231,7 @@ void WebKitPage::connectSignals() {
 }
 
 void WebKitPage::load() {
-    site_ = Site(source_.address);
+    site_ = PageSite(source_.address);
     progress_ = Progress::provisional;
     if (source_.text && source_.text->empty()) {
         webkit_web_view_load_html(view_, "", source_.address.c_str());

@@ -9,7 +9,7 @@
 #include "worker/WebWorkerHost.h"
 #include "worker/webkit/GObjectPointer.h"
 #include "worker/webkit/MainLoopTimer.h"
-#include "worker/webkit/Site.h"
+#include "worker/webkit/PageSite.h"
 #include "worker/webkit/SystemLog.h"
 
 namespace brindle {
@@ -69,7 +69,7 @@ class WebKitPage final : public WebPage {
     std::unique_ptr<GtkWidget, WidgetDestroy> window_;
     WebKitWebView* view_;
     Source source_;
-    std::optional<Site> site_;
+    std::optional<PageSite> site_;
     Progress progress_ = Progress::idle;
     std::unique_ptr<MainLoopTimer> stallTimer_;
     std::unique_ptr<MainLoopTimer> endTimer_;

@@ -1,9 +1,8 @@
-#include "worker/webkit/Site.h"
+#include "worker/webkit/PageSite.h"
 
 #include <glib.h>
 #include <libsoup/soup.h>
 
-#include <algorithm>
 #include <memory>
 
 #include "worker/webkit/GObjectPointer.h"
@@ -32,22 +31,7 @@ std::string directoryOf(const std::string& path) {
 
 }  // namespace
 
-bool isAbsoluteUrl(std::string_view text) {
-    // The library lets some of what RFC 3986 excludes pass.
-    const bool hasExcluded = std::any_of(text.begin(), text.end(), [](char c) {
-        return (c >= 0 && c <= ' ') || std::string_view("\x7f<>\"{}|\\^`").find(c) != std::string_view::npos;
-    });
-    return !hasExcluded && g_uri_is_valid(std::string(text).c_str(), G_URI_FLAGS_NONE, nullptr) != FALSE;
-}
-
-std::string directoryUrl(const std::string& directory) {
-    const GText url(g_filename_to_uri(directory.c_str(), nullptr, nullptr));
-    std::string text = textOf(url.get());
-    if (!text.ends_with('/')) text += '/';
-    return text;
-}
-
-Site::Site(const std::string& url) {
+PageSite::PageSite(const std::string& url) {
     const auto uri = parsed(url);
     if (!uri) return;
     scheme_ = textOf(g_uri_get_scheme(uri.get()));
@@ -55,7 +39,7 @@ Site::Site(const std::string& url) {
                                : registrableDomain(textOf(g_uri_get_host(uri.get())));
 }
 
-bool Site::contains(const std::string& url) const {
+bool PageSite::contains(const std::string& url) const {
     const auto uri = parsed(url);
     if (!uri) return false;
     const std::string scheme = textOf(g_uri_get_scheme(uri.get()));

@@ -1,4 +1,4 @@
-#include "worker/webkit/Denials.h"
+#include "worker/webkit/InteractionDenial.h"
 
 namespace brindle {
 namespace {

@@ -4,13 +4,9 @@ namespace brindle {
 
 /// Leaves out of the environment what harms the engine or switches its sandbox off, and keeps it from asking
 /// for desktop services that a hidden page does not need. Comes before anything else.
-void prepareEnvironment();
+void prepareEngineEnvironment();
 
 /// Connects to the display. Throws Failure, saying how to provide one, when there is none.
 void requireDisplay();
-
-/// Makes sure that the processes which run foreign code will be sandboxed. Throws Failure, saying what stands
-/// in the way, when they cannot be.
-void requireSandbox();
 
 }  // namespace brindle
