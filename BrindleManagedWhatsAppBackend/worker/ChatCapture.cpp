@@ -1,9 +1,14 @@
 #include "worker/ChatCapture.h"
 
 #include <algorithm>
+#include <chrono>
+#include <memory>
 #include <optional>
 #include <utility>
+#include <variant>
 
+#include "exchange/DataDirectory.h"
+#include "text/Failure.h"
 #include "text/Identifier.h"
 #include "text/Text.h"
 #include "worker/PageScripts.h"
@@ -48,13 +53,22 @@ std::string senderIdentifier(std::string_view sender) {
     return identifier;
 }
 
+/// Lets everything else that is due go first.
+Task<> nextTurn(WebWorkerHost& host) {
+    Answer<std::monostate> turn;
+    const auto deliver = turn.callback();
+    const std::unique_ptr<HostTimer> timer =
+        host.once(std::chrono::milliseconds(0), [deliver] { deliver(std::monostate()); });
+    co_await turn;
+}
+
 }  // namespace
 
 Task<> ChatCapture::pollInboundMessages() {
     // Taken once: while the page is awaited, the backend may ask for another chat.
-    const WatchedChat watched{.title = context_.state.currentWatchedTitle.value_or(""),
-                              .conversationID = context_.state.currentConversationID};
-    if (watched.title.empty() || !context_.webView) co_return;
+    const WatchedChat watched{.title = state_.currentWatchedTitle.value_or(""),
+                              .conversationID = state_.currentConversationID};
+    if (watched.title.empty()) co_return;
     const auto activation = co_await probeChatActivation(watched.title);
     if (auto detail = activationDetail(activation, watched.title)) {
         publisher_.publish(worker_state::activating_chat, std::move(*detail));
@@ -74,7 +88,7 @@ Task<ManagedWhatsAppChatActivationPayload> ChatCapture::probeChatActivation(std:
         const auto result = co_await scripts_.evaluateJavaScriptStringAsync(std::move(script));
         if (result) co_return decodedPageResult<ManagedWhatsAppChatActivationPayload>(*result);
     } catch (const std::exception& error) {
-        context_.logError("Chat activation probe failed: " + descriptionOf(error));
+        log_.failure("Chat activation probe failed", error);
     }
     ManagedWhatsAppChatActivationPayload notFound;
     notFound.state = activation_state::chat_not_found;
@@ -86,9 +100,9 @@ Task<> ChatCapture::captureInboundMessages(WatchedChat watched) {
     auto script = scriptWithWatchedTitle(page_script::inbound_capture, watched.title);
     const auto result = co_await scripts_.evaluateJavaScriptStringAsync(std::move(script));
     if (!result) co_return;
-    const auto drain = decodedPageResult<ManagedWhatsAppObservedInboundDrainPayload>(*result);
+    auto drain = decodedPageResult<ManagedWhatsAppObservedInboundDrainPayload>(*result);
     if (drain.state == capture_state::ok) {
-        co_await takeMessages(drain, watched);
+        co_await takeMessages(std::move(drain), std::move(watched));
     } else {
         publishNoMessages(drain, watched);
     }
@@ -118,9 +132,9 @@ Task<> ChatCapture::takeMessages(ManagedWhatsAppObservedInboundDrainPayload drai
     const Conversation conversation{.id = watched.conversationID.value_or(*drain.activeChatTitle),
                                     .title = *drain.activeChatTitle};
     std::size_t taken = 0;
-    for (const auto& message : *drain.messages) {
-        if (++taken > longest_queue_of_a_page) co_await context_.nextTurn();
-        takeMessage(message, conversation);
+    for (auto& message : *drain.messages) {
+        if (++taken > longest_queue_of_a_page) co_await nextTurn(host_);
+        takeMessage(std::move(message), conversation);
     }
     publisher_.publish(worker_state::watching_chat, "Watching chat " + quoted(*drain.activeChatTitle) +
                                                         " through the managed WhatsApp worker. Captured " +
@@ -128,34 +142,34 @@ Task<> ChatCapture::takeMessages(ManagedWhatsAppObservedInboundDrainPayload drai
                                                         " inbound message(s).");
 }
 
-void ChatCapture::takeMessage(const ManagedWhatsAppObservedInboundMessage& message,
+void ChatCapture::takeMessage(ManagedWhatsAppObservedInboundMessage message,
                               const Conversation& conversation) {
     if (!message.text || !message.fingerprint || trimmed(*message.text).empty()) return;
-    context_.state.lastSeenMessageFingerprint = message.fingerprint;
-    writeInboundRecord(recordFor(message, conversation));
+    state_.lastSeenMessageFingerprint = message.fingerprint;
+    writeInboundRecord(recordFor(std::move(message), conversation));
 }
 
-ManagedWhatsAppWorkerInboundRecord ChatCapture::recordFor(
-    const ManagedWhatsAppObservedInboundMessage& message, const Conversation& conversation) const {
-    const auto sender = message.senderDisplayName.value_or(std::string(default_sender));
+ManagedWhatsAppWorkerInboundRecord ChatCapture::recordFor(ManagedWhatsAppObservedInboundMessage message,
+                                                          const Conversation& conversation) const {
+    auto sender = std::move(message.senderDisplayName).value_or(std::string(default_sender));
     ManagedWhatsAppWorkerInboundRecord record;
     record.messageId = randomIdentifier();
     record.conversationId = conversation.id;
     record.conversationTitle = conversation.title;
     record.senderId = senderIdentifier(sender);
-    record.senderDisplayName = sender;
-    record.text = *message.text;
-    record.timestampISO8601 = iso8601(context_.clock.now());
+    record.senderDisplayName = std::move(sender);
+    record.text = std::move(*message.text);
+    record.timestampISO8601 = iso8601(clock_.now());
     // The page does not tell groups apart reliably, so neither does the worker.
     record.isDirectMessage = true;
-    record.rawReference = message.rawReference ? message.rawReference : message.fingerprint;
+    record.rawReference = std::move(message.rawReference ? message.rawReference : message.fingerprint);
     return record;
 }
 
 void ChatCapture::writeInboundRecord(const ManagedWhatsAppWorkerInboundRecord& record) {
-    const auto file = DataDirectory::recordFile(context_.directory.inbound, record.messageId);
+    const auto file = DataDirectory::recordFile(inboundDirectory_, record.messageId);
     // The page has given the message away: from here on this file is the only copy.
-    writeRecord(context_.fileManager, file, record, Durability::disk);
+    writeRecord(fileManager_, file, record, Durability::disk);
 }
 
 }  // namespace brindle

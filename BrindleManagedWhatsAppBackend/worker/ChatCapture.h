@@ -2,12 +2,17 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "exchange/ExchangeRecords.h"
+#include "system/Clock.h"
+#include "system/FileManager.h"
 #include "worker/PagePayloads.h"
 #include "worker/PageScriptRunner.h"
 #include "worker/Task.h"
-#include "worker/WorkerContext.h"
+#include "worker/WebWorkerHost.h"
+#include "worker/WorkerLog.h"
+#include "worker/WorkerState.h"
 #include "worker/WorkerStatusPublisher.h"
 
 namespace brindle {
@@ -15,9 +20,18 @@ namespace brindle {
 /// Keeps the watched chat open in the page and makes a record of every message that arrives in it.
 class ChatCapture {
   public:
-    ChatCapture(const WorkerContext& context, const WorkerStatusPublisher& publisher,
-                PageScriptRunner& scripts)
-        : context_(context), publisher_(publisher), scripts_(scripts) {}
+    /// Records go into `inboundDirectory`. Everything handed in outlives it.
+    ChatCapture(PageScriptRunner& scripts, WebWorkerHost& host, FileManager& fileManager,
+                std::string inboundDirectory, const Clock& clock, WorkerState& state,
+                const WorkerStatusPublisher& publisher, const WorkerLog& log)
+        : scripts_(scripts),
+          host_(host),
+          fileManager_(fileManager),
+          inboundDirectory_(std::move(inboundDirectory)),
+          clock_(clock),
+          state_(state),
+          publisher_(publisher),
+          log_(log) {}
 
     /// One step: opens the watched chat when it is not the open one, else takes the messages that the page
     /// has captured since the last step. Does nothing while no chat is watched. Never fails outward.
@@ -43,13 +57,18 @@ class ChatCapture {
     void publishNoMessages(const ManagedWhatsAppObservedInboundDrainPayload& drain,
                            const WatchedChat& watched);
     Task<> takeMessages(ManagedWhatsAppObservedInboundDrainPayload drain, WatchedChat watched);
-    void takeMessage(const ManagedWhatsAppObservedInboundMessage& message, const Conversation& conversation);
-    ManagedWhatsAppWorkerInboundRecord recordFor(const ManagedWhatsAppObservedInboundMessage& message,
+    void takeMessage(ManagedWhatsAppObservedInboundMessage message, const Conversation& conversation);
+    ManagedWhatsAppWorkerInboundRecord recordFor(ManagedWhatsAppObservedInboundMessage message,
                                                  const Conversation& conversation) const;
 
-    const WorkerContext& context_;
-    const WorkerStatusPublisher& publisher_;
     PageScriptRunner& scripts_;
+    WebWorkerHost& host_;
+    FileManager& fileManager_;
+    std::string inboundDirectory_;
+    const Clock& clock_;
+    WorkerState& state_;
+    const WorkerStatusPublisher& publisher_;
+    const WorkerLog& log_;
 };
 
 }  // namespace brindle

@@ -5,20 +5,19 @@
 namespace brindle {
 
 Task<> FreshLinkReset::resetForFreshLinkIfRequested() {
-    const auto& request = context_.directory.freshLinkRequestFile;
-    if (!context_.fileManager.fileExists(request)) co_return;
+    if (!fileManager_.fileExists(requestFile_)) co_return;
     publisher_.publishWithoutAccount(worker_state::starting,
                                      "Resetting the managed WhatsApp Web session for a fresh link request.");
-    context_.fileManager.removeIfPresent(context_.directory.workerQRCodeFile);
+    qrCode_.removeIfPresent();
     Answer<bool> removal;
-    context_.webView->removeAllWebsiteData(removal.callback());
+    page_.removeAllWebsiteData(removal.callback());
     const bool isGone = co_await removal;
     if (!isGone) {
         throw Failure(
             "The linked account cannot be forgotten: website data are left after their removal; start the worker again or remove them by hand.");
     }
     // Only now, so that a crash in between repeats the reset at the next start.
-    context_.fileManager.removeIfPresent(request);
+    fileManager_.removeIfPresent(requestFile_);
     publisher_.publishWithoutAccount(
         worker_state::starting,
         "Managed WhatsApp worker cleared its local session. Loading a fresh WhatsApp Web login page.");

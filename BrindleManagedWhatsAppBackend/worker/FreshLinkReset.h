@@ -1,7 +1,12 @@
 #pragma once
 
+#include <string>
+#include <utility>
+
+#include "system/FileManager.h"
+#include "worker/QRCodeFile.h"
 #include "worker/Task.h"
-#include "worker/WorkerContext.h"
+#include "worker/WebWorkerHost.h"
 #include "worker/WorkerStatusPublisher.h"
 
 namespace brindle {
@@ -10,14 +15,23 @@ namespace brindle {
 /// "fresh-link-request.flag".
 class FreshLinkReset {
   public:
-    FreshLinkReset(const WorkerContext& context, const WorkerStatusPublisher& publisher)
-        : context_(context), publisher_(publisher) {}
+    /// `requestFile` is the request. Everything handed in outlives it.
+    FreshLinkReset(WebPage& page, FileManager& fileManager, std::string requestFile, const QRCodeFile& qrCode,
+                   const WorkerStatusPublisher& publisher)
+        : page_(page),
+          fileManager_(fileManager),
+          requestFile_(std::move(requestFile)),
+          qrCode_(qrCode),
+          publisher_(publisher) {}
 
     /// Removes everything that pages have stored, and then the request. Never fails outward.
     Task<> resetForFreshLinkIfRequested();
 
   private:
-    const WorkerContext& context_;
+    WebPage& page_;
+    FileManager& fileManager_;
+    std::string requestFile_;
+    const QRCodeFile& qrCode_;
     const WorkerStatusPublisher& publisher_;
 };
 

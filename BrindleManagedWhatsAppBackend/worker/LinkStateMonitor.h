@@ -3,10 +3,14 @@
 #include <optional>
 #include <string>
 
+#include "worker/LoadRecovery.h"
 #include "worker/PagePayloads.h"
 #include "worker/PageScriptRunner.h"
+#include "worker/QRCodeFile.h"
 #include "worker/Task.h"
-#include "worker/WorkerContext.h"
+#include "worker/WebWorkerHost.h"
+#include "worker/WorkerLog.h"
+#include "worker/WorkerState.h"
 #include "worker/WorkerStatusPublisher.h"
 
 namespace brindle {
@@ -15,9 +19,17 @@ namespace brindle {
 /// a page that renders neither. Nothing here fails outward.
 class LinkStateMonitor {
   public:
-    LinkStateMonitor(const WorkerContext& context, const WorkerStatusPublisher& publisher,
-                     PageScriptRunner& scripts)
-        : context_(context), publisher_(publisher), scripts_(scripts) {}
+    /// Everything handed in outlives it.
+    LinkStateMonitor(WebPage& page, PageScriptRunner& scripts, LoadRecovery& recovery,
+                     const QRCodeFile& qrCode, WorkerState& state, const WorkerStatusPublisher& publisher,
+                     const WorkerLog& log)
+        : page_(page),
+          scripts_(scripts),
+          recovery_(recovery),
+          qrCode_(qrCode),
+          state_(state),
+          publisher_(publisher),
+          log_(log) {}
 
     /// Makes "worker-qr.png" what the page shows: written while there is a code, removed when there is none.
     Task<> refreshQRCode();
@@ -31,11 +43,14 @@ class LinkStateMonitor {
     bool takeLinkState(const ManagedWhatsAppLinkedStatePayload& payload);
     void publishLinked(const ManagedWhatsAppLinkedStatePayload& payload);
     void publishNotLinked();
-    bool isReloadDue() const;
 
-    const WorkerContext& context_;
-    const WorkerStatusPublisher& publisher_;
+    WebPage& page_;
     PageScriptRunner& scripts_;
+    LoadRecovery& recovery_;
+    const QRCodeFile& qrCode_;
+    WorkerState& state_;
+    const WorkerStatusPublisher& publisher_;
+    const WorkerLog& log_;
 };
 
 }  // namespace brindle

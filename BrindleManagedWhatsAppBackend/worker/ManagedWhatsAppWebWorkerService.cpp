@@ -3,9 +3,17 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <optional>
 #include <utility>
 
 #include "system/Processes.h"
+#include "worker/ChatCapture.h"
+#include "worker/FreshLinkReset.h"
+#include "worker/LinkStateMonitor.h"
+#include "worker/PageLoader.h"
+#include "worker/PageScriptRunner.h"
+#include "worker/RepeatingTask.h"
+#include "worker/WorkerControl.h"
 
 namespace brindle {
 namespace {
@@ -20,6 +28,48 @@ constexpr milliseconds timer_tolerance{200};
 
 }  // namespace
 
+/// The page, the parts that work on it and the timers that drive them: none of them is there without it.
+struct ManagedWhatsAppWebWorkerService::OpenPage {
+    /// Opens the page. Throws Failure.
+    explicit OpenPage(ManagedWhatsAppWebWorkerService& service)
+        : page(service.host_.openPage(service)),
+          scripts(*page, service.host_),
+          control(*page, service.platform_, service.fileManager_, service.directory_.workerControlFile,
+                  service.state_, service.log_),
+          loader(*page, service.source_, service.recovery_, service.host_, service.qrCode_, service.state_,
+                 service.publisher_, service.log_),
+          linkStateMonitor(*page, scripts, service.recovery_, service.qrCode_, service.state_,
+                           service.publisher_, service.log_),
+          chatCapture(scripts, service.host_, service.fileManager_, service.directory_.inbound,
+                      service.clock_, service.state_, service.publisher_, service.log_),
+          freshLinkReset(*page, service.fileManager_, service.directory_.freshLinkRequestFile,
+                         service.qrCode_, service.publisher_) {}
+
+    Task<> refreshLoginState() {
+        if (loader.isReloadPending()) co_return;
+        co_await linkStateMonitor.refreshQRCode();
+        co_await linkStateMonitor.refreshLinkState();
+    }
+    Task<> pollInboundMessages() {
+        if (loader.isReloadPending()) co_return;
+        co_await chatCapture.pollInboundMessages();
+    }
+
+    std::unique_ptr<WebPage> page;
+    PageScriptRunner scripts;
+    WorkerControl control;
+    PageLoader loader;
+    LinkStateMonitor linkStateMonitor;
+    ChatCapture chatCapture;
+    FreshLinkReset freshLinkReset;
+    // Last, so that waiting tasks are given up before anything they use is gone.
+    std::optional<Task<>> firstLoad;
+    std::unique_ptr<RepeatingTask> stateTimer;
+    std::unique_ptr<HostTimer> controlTimer;
+    std::unique_ptr<RepeatingTask> inboundTimer;
+    std::unique_ptr<HostTimer> parentTimer;
+};
+
 ManagedWhatsAppWebWorkerService::ManagedWhatsAppWebWorkerService(std::string platform,
                                                                  Environment environment,
                                                                  FileManager& fileManager, const Clock& clock,
@@ -32,44 +82,35 @@ ManagedWhatsAppWebWorkerService::ManagedWhatsAppWebWorkerService(std::string pla
       host_(host),
       parentProcessIdentifier_(parentProcessIdentifier),
       directory_(environment_, fileManager_, platform_),
-      context_{.platform = platform_,
-               .environment = environment_,
-               .directory = directory_,
-               .fileManager = fileManager_,
-               .clock = clock_,
-               .host = host_,
-               .webView = webView_,
-               .state = state_},
-      publisher_(context_),
-      control_(context_),
-      scripts_(context_),
-      loader_(context_, publisher_),
-      linkStateMonitor_(context_, publisher_, scripts_),
-      chatCapture_(context_, publisher_, scripts_),
-      freshLinkReset_(context_, publisher_) {
-    state_.pageLoadIssuedAt = clock_.now();
+      recovery_(clock_),
+      log_(host_),
+      publisher_(state_, fileManager_, directory_.workerStatusFile, clock_, log_),
+      qrCode_(fileManager_, directory_.workerQRCodeFile),
+      source_(environment_, fileManager_) {
     directory_.createForWorker(fileManager_);
 }
 
+ManagedWhatsAppWebWorkerService::~ManagedWhatsAppWebWorkerService() = default;
+
 void ManagedWhatsAppWebWorkerService::start() {
-    webView_ = host_.openPage(*this);
-    context_.hideWindow();
+    page_ = std::make_unique<OpenPage>(*this);
+    page_->page->orderOut();
     fileManager_.writeFileAtomically(directory_.workerPIDFile, std::to_string(::getpid()),
                                      Durability::process);
     publisher_.writeStatus();
     startPolling();
-    firstLoad_.emplace(loadFirstPage());
-    firstLoad_->start();
+    page_->firstLoad.emplace(loadFirstPage());
+    page_->firstLoad->start();
     host_.run();
-    stopPolling();
     removeOwnFiles();
+    page_.reset();
     if (firstLoadFailure_) std::rethrow_exception(firstLoadFailure_);
 }
 
 Task<> ManagedWhatsAppWebWorkerService::loadFirstPage() {
     try {
-        co_await freshLinkReset_.resetForFreshLinkIfRequested();
-        loader_.loadPage();
+        co_await page_->freshLinkReset.resetForFreshLinkIfRequested();
+        page_->loader.loadPage();
     } catch (const std::exception&) {
         firstLoadFailure_ = std::current_exception();
         host_.end();
@@ -77,44 +118,26 @@ Task<> ManagedWhatsAppWebWorkerService::loadFirstPage() {
 }
 
 void ManagedWhatsAppWebWorkerService::startPolling() {
-    if (std::exchange(hasStartedPolling_, true)) return;
-    stateTimer_ = std::make_unique<RepeatingTask>(
+    if (!page_ || std::exchange(hasStartedPolling_, true)) return;
+    OpenPage& open = *page_;
+    open.stateTimer = std::make_unique<RepeatingTask>(
         host_, TickSchedule{.interval = state_interval, .tolerance = timer_tolerance},
-        [this] { return refreshLoginState(); });
-    controlTimer_ = host_.repeat(control_interval, timer_tolerance, [this] { control_.refreshControl(); });
-    inboundTimer_ = std::make_unique<RepeatingTask>(
+        [&open] { return open.refreshLoginState(); });
+    open.controlTimer =
+        host_.repeat(control_interval, timer_tolerance, [&open] { open.control.refreshControl(); });
+    open.inboundTimer = std::make_unique<RepeatingTask>(
         host_, TickSchedule{.interval = inbound_interval, .tolerance = timer_tolerance},
-        [this] { return pollInboundMessages(); });
-    parentTimer_ = host_.repeat(parent_interval, timer_tolerance, [this] { checkParent(); });
-}
-
-void ManagedWhatsAppWebWorkerService::stopPolling() {
-    stateTimer_.reset();
-    controlTimer_.reset();
-    inboundTimer_.reset();
-    parentTimer_.reset();
-    firstLoad_.reset();
-}
-
-Task<> ManagedWhatsAppWebWorkerService::refreshLoginState() {
-    if (loader_.isReloadPending()) co_return;
-    co_await linkStateMonitor_.refreshQRCode();
-    co_await linkStateMonitor_.refreshLinkState();
-}
-
-Task<> ManagedWhatsAppWebWorkerService::pollInboundMessages() {
-    if (loader_.isReloadPending()) co_return;
-    co_await chatCapture_.pollInboundMessages();
+        [&open] { return open.pollInboundMessages(); });
+    open.parentTimer = host_.repeat(parent_interval, timer_tolerance, [this] { checkParent(); });
 }
 
 void ManagedWhatsAppWebWorkerService::checkParent() {
     if (isParentAlive(parentProcessIdentifier_)) return;
-    stopPolling();
     publisher_.publish(worker_state::stopped,
                        "Managed WhatsApp worker is stopping because the managed backend exited.");
     removeOwnFiles();
-    // Nothing may publish again before the loop has ended.
-    webView_.reset();
+    // With the page goes everything that could publish again before the loop has ended.
+    page_.reset();
     host_.end();
 }
 
@@ -124,22 +147,23 @@ void ManagedWhatsAppWebWorkerService::removeOwnFiles() {
 }
 
 void ManagedWhatsAppWebWorkerService::pageFinished() {
+    if (!page_) return;
     publisher_.publishWithoutAccount(worker_state::starting,
                                      "WhatsApp worker page loaded. Detecting QR and link state.");
     startPolling();
-    loader_.pageFinished();
+    page_->loader.pageFinished();
 }
 
 void ManagedWhatsAppWebWorkerService::navigationFailed(const std::string& error) {
-    loader_.navigationFailed(error);
+    if (page_) page_->loader.navigationFailed(error);
 }
 
 void ManagedWhatsAppWebWorkerService::provisionalNavigationFailed(const std::string& error) {
-    loader_.provisionalNavigationFailed(error);
+    if (page_) page_->loader.provisionalNavigationFailed(error);
 }
 
 void ManagedWhatsAppWebWorkerService::pageLost(const std::string& error) {
-    loader_.pageLost(error);
+    if (page_) page_->loader.pageLost(error);
 }
 
 }  // namespace brindle

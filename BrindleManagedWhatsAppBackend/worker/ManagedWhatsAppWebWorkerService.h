@@ -4,23 +4,18 @@
 
 #include <exception>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "exchange/DataDirectory.h"
 #include "system/Clock.h"
 #include "system/Environment.h"
 #include "system/FileManager.h"
-#include "worker/ChatCapture.h"
-#include "worker/FreshLinkReset.h"
-#include "worker/LinkStateMonitor.h"
-#include "worker/PageLoader.h"
-#include "worker/PageScriptRunner.h"
-#include "worker/RepeatingTask.h"
+#include "worker/LoadRecovery.h"
+#include "worker/PageSource.h"
+#include "worker/QRCodeFile.h"
 #include "worker/Task.h"
 #include "worker/WebWorkerHost.h"
-#include "worker/WorkerContext.h"
-#include "worker/WorkerControl.h"
+#include "worker/WorkerLog.h"
 #include "worker/WorkerState.h"
 #include "worker/WorkerStatusPublisher.h"
 
@@ -37,6 +32,7 @@ class ManagedWhatsAppWebWorkerService final : public WebPageDelegate {
     /// `parentProcessIdentifier`, its parent.
     ManagedWhatsAppWebWorkerService(std::string platform, Environment environment, FileManager& fileManager,
                                     const Clock& clock, WebWorkerHost& host, pid_t parentProcessIdentifier);
+    ~ManagedWhatsAppWebWorkerService() override;
     ManagedWhatsAppWebWorkerService(const ManagedWhatsAppWebWorkerService&) = delete;
     ManagedWhatsAppWebWorkerService& operator=(const ManagedWhatsAppWebWorkerService&) = delete;
 
@@ -44,7 +40,7 @@ class ManagedWhatsAppWebWorkerService final : public WebPageDelegate {
     /// once. Throws FileSystemFailure when the process identifier cannot be written, Failure when a requested
     /// fresh link cannot be prepared, and what the host throws.
     void start();
-    /// Starts the timers, unless they have been started before.
+    /// Starts the timers, unless there is no page or they have been started before.
     void startPolling();
     /// Ends the worker when its parent is gone.
     void checkParent();
@@ -56,12 +52,13 @@ class ManagedWhatsAppWebWorkerService final : public WebPageDelegate {
 
     /// What the worker knows at the moment.
     const WorkerState& state() const { return state_; }
+    /// When the page was last loaded, and how often it has been reloaded since.
+    const LoadRecovery& recovery() const { return recovery_; }
 
   private:
+    struct OpenPage;
+
     Task<> loadFirstPage();
-    Task<> refreshLoginState();
-    Task<> pollInboundMessages();
-    void stopPolling();
     void removeOwnFiles();
 
     std::string platform_;
@@ -72,23 +69,15 @@ class ManagedWhatsAppWebWorkerService final : public WebPageDelegate {
     pid_t parentProcessIdentifier_;
     DataDirectory directory_;
     WorkerState state_;
-    std::unique_ptr<WebPage> webView_;
-    WorkerContext context_;
+    LoadRecovery recovery_;
+    WorkerLog log_;
     WorkerStatusPublisher publisher_;
-    WorkerControl control_;
-    PageScriptRunner scripts_;
-    PageLoader loader_;
-    LinkStateMonitor linkStateMonitor_;
-    ChatCapture chatCapture_;
-    FreshLinkReset freshLinkReset_;
+    QRCodeFile qrCode_;
+    PageSource source_;
     bool hasStartedPolling_ = false;
     std::exception_ptr firstLoadFailure_;
-    // Last, so that waiting tasks are given up before anything they use is gone.
-    std::optional<Task<>> firstLoad_;
-    std::unique_ptr<RepeatingTask> stateTimer_;
-    std::unique_ptr<HostTimer> controlTimer_;
-    std::unique_ptr<RepeatingTask> inboundTimer_;
-    std::unique_ptr<HostTimer> parentTimer_;
+    /// From the start to the end. Last, since it works with everything above.
+    std::unique_ptr<OpenPage> page_;
 };
 
 }  // namespace brindle

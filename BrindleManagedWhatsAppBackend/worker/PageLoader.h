@@ -3,19 +3,33 @@
 #include <chrono>
 #include <memory>
 #include <string>
-#include <string_view>
 
-#include "worker/WorkerContext.h"
+#include "worker/LoadRecovery.h"
+#include "worker/PageSource.h"
+#include "worker/QRCodeFile.h"
+#include "worker/WebWorkerHost.h"
+#include "worker/WorkerLog.h"
+#include "worker/WorkerState.h"
 #include "worker/WorkerStatusPublisher.h"
 
 namespace brindle {
 
-/// Loads the messaging service's web client, or a page for tests in its place, and loads it again when it is
-/// lost or the network has not let it come. Nothing here fails outward.
+/// Loads the page, and loads it again when it is lost or the network has not let it come. Nothing here fails
+/// outward.
 class PageLoader {
   public:
-    PageLoader(const WorkerContext& context, const WorkerStatusPublisher& publisher)
-        : context_(context), publisher_(publisher) {}
+    /// Everything handed in outlives it.
+    PageLoader(WebPage& page, const PageSource& source, LoadRecovery& recovery, WebWorkerHost& host,
+               const QRCodeFile& qrCode, WorkerState& state, const WorkerStatusPublisher& publisher,
+               const WorkerLog& log)
+        : page_(page),
+          source_(source),
+          recovery_(recovery),
+          host_(host),
+          qrCode_(qrCode),
+          state_(state),
+          publisher_(publisher),
+          log_(log) {}
 
     /// Issues the page load and publishes which page it is.
     void loadPage();
@@ -32,21 +46,19 @@ class PageLoader {
     bool isReloadPending() const { return reloadTimer_ != nullptr; }
 
   private:
-    /// What there is to publish about a load.
-    struct Outcome {
-        bool isIssued;
-        std::string detail;
-    };
-
-    Outcome issueLoad();
-    Outcome loadTestHTML(const std::string& path);
-    Outcome loadAddress(const std::string& address, std::string detail);
+    PageLoadOutcome issueLoad();
     void loadFailed(std::string detail);
     void reloadAfterLoss();
     void loadAnewUnlessInUse();
 
-    const WorkerContext& context_;
+    WebPage& page_;
+    const PageSource& source_;
+    LoadRecovery& recovery_;
+    WebWorkerHost& host_;
+    const QRCodeFile& qrCode_;
+    WorkerState& state_;
     const WorkerStatusPublisher& publisher_;
+    const WorkerLog& log_;
     bool hasIssuedLoad_ = false;
     /// The pause before the next reload should the page be lost.
     std::chrono::seconds reloadPause_{0};

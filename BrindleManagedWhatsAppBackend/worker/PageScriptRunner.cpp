@@ -34,13 +34,12 @@ std::string scriptWithWatchedTitle(std::string_view script, std::string_view wat
 }
 
 Task<std::optional<std::string>> PageScriptRunner::evaluateJavaScriptStringAsync(std::string script) {
-    if (!context_.webView) co_return std::nullopt;
     // Nothing stands for the end of the patience.
     Answer<std::optional<EvaluationOutcome>> answer;
     const auto deliver = answer.callback();
     const std::unique_ptr<HostTimer> limit =
-        context_.host.once(script_time_limit, [deliver] { deliver(std::nullopt); });
-    context_.webView->evaluate(script, deliver);
+        host_.once(script_time_limit, [deliver] { deliver(std::nullopt); });
+    page_.evaluate(script, deliver);
     std::optional<EvaluationOutcome> outcome = co_await answer;
     if (!outcome) {
         noteSilence();
@@ -55,7 +54,7 @@ Task<std::optional<std::string>> PageScriptRunner::evaluateJavaScriptStringAsync
 void PageScriptRunner::noteSilence() {
     if (++unansweredScripts_ < unanswered_scripts_of_a_dead_page) return;
     unansweredScripts_ = 0;
-    if (context_.webView) context_.webView->endProcess();
+    page_.endProcess();
 }
 
 }  // namespace brindle

@@ -7,7 +7,7 @@
 #include "records/Json.h"
 #include "records/Record.h"
 #include "worker/Task.h"
-#include "worker/WorkerContext.h"
+#include "worker/WebWorkerHost.h"
 
 namespace brindle {
 
@@ -24,17 +24,19 @@ Payload decodedPageResult(std::string_view result) {
 /// Runs scripts in the page.
 class PageScriptRunner {
   public:
-    explicit PageScriptRunner(const WorkerContext& context) : context_(context) {}
+    /// Both outlive it and every script that it runs.
+    PageScriptRunner(WebPage& page, WebWorkerHost& host) : page_(page), host_(host) {}
 
-    /// The string that the script results in; nothing for every other result and without a page. Throws
-    /// Failure when the evaluation fails or the page does not answer in time; a later answer is ignored. A
-    /// page that leaves several scripts in a row without an answer is given up, and its process ended.
+    /// The string that the script results in; nothing for every other result. Throws Failure when the
+    /// evaluation fails or the page does not answer in time; a later answer is ignored. A page that leaves
+    /// several scripts in a row without an answer is given up, and its process ended.
     Task<std::optional<std::string>> evaluateJavaScriptStringAsync(std::string script);
 
   private:
     void noteSilence();
 
-    const WorkerContext& context_;
+    WebPage& page_;
+    WebWorkerHost& host_;
     int unansweredScripts_ = 0;
 };
 

@@ -19,56 +19,53 @@ void WorkerControl::refreshControl() noexcept {
     try {
         if (!takeRecord()) return;
     } catch (const std::exception& error) {
-        context_.logError("Failed to decode worker control: " + descriptionOf(error));
-        context_.state.hasReceivedControlSnapshot = false;
-        context_.state.currentScopeKind.reset();
+        log_.failure("Failed to decode worker control", error);
+        state_.hasReceivedControlSnapshot = false;
+        state_.currentScopeKind.reset();
         forgetWatchedChat();
     }
-    context_.hideWindow();
+    page_.orderOut();
 }
 
 bool WorkerControl::takeRecord() {
-    WorkerState& state = context_.state;
-    if (!context_.fileManager.fileExists(context_.directory.workerControlFile)) {
-        state.hasReceivedControlSnapshot = false;
-        state.currentScopeKind.reset();
+    if (!fileManager_.fileExists(controlFile_)) {
+        state_.hasReceivedControlSnapshot = false;
+        state_.currentScopeKind.reset();
         forgetWatchedChat();
         return true;
     }
-    const auto record = readRecord<ManagedWhatsAppWorkerControlRecord>(context_.fileManager,
-                                                                       context_.directory.workerControlFile);
-    if (record.platform != context_.platform) return false;
-    state.hasReceivedControlSnapshot = true;
+    const auto record = readRecord<ManagedWhatsAppWorkerControlRecord>(fileManager_, controlFile_);
+    if (record.platform != platform_) return false;
+    state_.hasReceivedControlSnapshot = true;
     if (record.activeScope) {
         takeScope(*record.activeScope);
     } else {
-        state.currentScopeKind.reset();
+        state_.currentScopeKind.reset();
         forgetWatchedChat();
-        state.lastSeenMessageFingerprint.reset();
+        state_.lastSeenMessageFingerprint.reset();
     }
     return true;
 }
 
 void WorkerControl::takeScope(const ManagedWhatsAppWorkerControlScope& scope) {
-    WorkerState& state = context_.state;
-    state.currentScopeKind = scope.kind;
+    state_.currentScopeKind = scope.kind;
     if (!scope_kind::isChat(scope.kind)) {
         forgetWatchedChat();
-        state.lastSeenMessageFingerprint.reset();
+        state_.lastSeenMessageFingerprint.reset();
         return;
     }
     auto title = trimmedOption(scope.title);
     auto conversationID = trimmedOption(scope.id);
-    if (title != state.currentWatchedTitle || conversationID != state.currentConversationID) {
-        state.lastSeenMessageFingerprint.reset();
+    if (title != state_.currentWatchedTitle || conversationID != state_.currentConversationID) {
+        state_.lastSeenMessageFingerprint.reset();
     }
-    state.currentWatchedTitle = std::move(title);
-    state.currentConversationID = std::move(conversationID);
+    state_.currentWatchedTitle = std::move(title);
+    state_.currentConversationID = std::move(conversationID);
 }
 
 void WorkerControl::forgetWatchedChat() {
-    context_.state.currentWatchedTitle.reset();
-    context_.state.currentConversationID.reset();
+    state_.currentWatchedTitle.reset();
+    state_.currentConversationID.reset();
 }
 
 }  // namespace brindle

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <optional>
 #include <string>
 
@@ -25,11 +24,6 @@ struct WorkerState {
 
     /// The message that was last made a record, while the watched chat stays the same.
     std::optional<std::string> lastSeenMessageFingerprint;
-
-    /// When the current page load was issued, and the reloads since then.
-    std::chrono::system_clock::time_point pageLoadIssuedAt;
-    int launchRecoveryAttemptCount = 0;
-    std::optional<std::chrono::system_clock::time_point> lastRecoveryAttemptAt;
 };
 
 }  // namespace brindle

@@ -2,8 +2,12 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 
-#include "worker/WorkerContext.h"
+#include "system/Clock.h"
+#include "system/FileManager.h"
+#include "worker/WorkerLog.h"
+#include "worker/WorkerState.h"
 
 namespace brindle {
 
@@ -11,7 +15,14 @@ namespace brindle {
 /// cannot be written is logged, and the next change writes again.
 class WorkerStatusPublisher {
   public:
-    explicit WorkerStatusPublisher(const WorkerContext& context) : context_(context) {}
+    /// Publishes `state` in `statusFile`. Everything handed in outlives it.
+    WorkerStatusPublisher(WorkerState& state, FileManager& fileManager, std::string statusFile,
+                          const Clock& clock, const WorkerLog& log)
+        : state_(state),
+          fileManager_(fileManager),
+          statusFile_(std::move(statusFile)),
+          clock_(clock),
+          log_(log) {}
 
     /// Writes the state as it is, with the present time as heartbeat.
     void writeStatus() const noexcept;
@@ -21,7 +32,11 @@ class WorkerStatusPublisher {
     void publishWithoutAccount(std::string_view workerState, std::string workerDetail) const noexcept;
 
   private:
-    const WorkerContext& context_;
+    WorkerState& state_;
+    FileManager& fileManager_;
+    std::string statusFile_;
+    const Clock& clock_;
+    const WorkerLog& log_;
 };
 
 }  // namespace brindle

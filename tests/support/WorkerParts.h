@@ -6,16 +6,21 @@
 #include <utility>
 #include <vector>
 
+#include "exchange/DataDirectory.h"
 #include "exchange/EnvironmentKeys.h"
 #include "support/BackendProcess.h"
 #include "support/FaultInjectingFileManager.h"
 #include "support/RecordingFileManager.h"
 #include "support/ScriptedHost.h"
 #include "support/TestClock.h"
+#include "system/Environment.h"
+#include "worker/LoadRecovery.h"
 #include "worker/PageScriptRunner.h"
 #include "worker/PageScripts.h"
+#include "worker/QRCodeFile.h"
 #include "worker/Task.h"
-#include "worker/WorkerContext.h"
+#include "worker/WorkerLog.h"
+#include "worker/WorkerState.h"
 #include "worker/WorkerStatusPublisher.h"
 
 namespace brindle::test {
@@ -48,9 +53,7 @@ inline std::string summaryOf(const std::string& statusDocument) {
 struct WorkerParts {
     explicit WorkerParts(brindle::Environment settings = {}) : environment(std::move(settings)) {
         directory.createForWorker(files);
-        webView = host.openPage(delegate);
         host.calls.clear();
-        state.pageLoadIssuedAt = clock.now();
     }
 
     /// Every status that was published, in order and in short.
@@ -73,17 +76,13 @@ struct WorkerParts {
     ScriptedHost host{clock};
     DeafDelegate delegate;
     WorkerState state;
-    std::unique_ptr<WebPage> webView;
-    WorkerContext context{.platform = platform,
-                          .environment = environment,
-                          .directory = directory,
-                          .fileManager = files,
-                          .clock = clock,
-                          .host = host,
-                          .webView = webView,
-                          .state = state};
-    WorkerStatusPublisher publisher{context};
-    PageScriptRunner scripts{context};
+    LoadRecovery recovery{clock};
+    WorkerLog log{host};
+    WorkerStatusPublisher publisher{state, files, directory.workerStatusFile, clock, log};
+    QRCodeFile qrCode{files, directory.workerQRCodeFile};
+    std::unique_ptr<WebPage> openPage = host.openPage(delegate);
+    WebPage& page = *openPage;
+    PageScriptRunner scripts{page, host};
 };
 
 /// Runs a task that is expected to end without waiting, or with what the host answers at once.

@@ -35,7 +35,8 @@ class FreshLinkResetTests : public testing::Test {
     bool isRequested() const { return parts_.exists(parts_.directory.freshLinkRequestFile); }
 
     test::WorkerParts parts_;
-    FreshLinkReset reset_{parts_.context, parts_.publisher};
+    FreshLinkReset reset_{parts_.page, parts_.files, parts_.directory.freshLinkRequestFile, parts_.qrCode,
+                          parts_.publisher};
 };
 
 TEST_F(FreshLinkResetTests, WithoutARequestNothingHappens) {

@@ -165,9 +165,37 @@ TEST_F(WebWorkerServiceTests, FreshServiceKnowsNothing) {
     EXPECT_EQ(state.currentWatchedTitle, std::nullopt);
     EXPECT_EQ(state.currentConversationID, std::nullopt);
     EXPECT_EQ(state.lastSeenMessageFingerprint, std::nullopt);
-    EXPECT_EQ(state.pageLoadIssuedAt, test::TestClock::start + seconds(7));
-    EXPECT_EQ(state.launchRecoveryAttemptCount, 0);
-    EXPECT_EQ(state.lastRecoveryAttemptAt, std::nullopt);
+    EXPECT_EQ(service.recovery().pageLoadIssuedAt(), test::TestClock::start + seconds(7));
+    EXPECT_EQ(service.recovery().launchRecoveryAttemptCount(), 0);
+    EXPECT_EQ(service.recovery().lastRecoveryAttemptAt(), std::nullopt);
+}
+
+TEST_F(WebWorkerServiceTests, WithoutAPageNothingHappens) {
+    fs::create_directories(directory_.runtime);
+    watch("Family", "id");
+    test::writeFileAtomically(directory_.workerQRCodeFile, "code");
+    ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_, ::getppid());
+    service.startPolling();
+    service.pageFinished();
+    service.navigationFailed("The connection was lost.");
+    service.provisionalNavigationFailed("The server was not found.");
+    service.pageLost("The page's process crashed.");
+    host_.advance(seconds(120));
+    EXPECT_THAT(host_.calls, IsEmpty());
+    EXPECT_THAT(host_.pending, IsEmpty());
+    EXPECT_THAT(host_.log, IsEmpty());
+    EXPECT_THAT(files_.writes(), IsEmpty());
+    EXPECT_EQ(service.state().workerState, "starting");
+    EXPECT_EQ(service.state().currentWatchedTitle, std::nullopt);
+    EXPECT_EQ(service.recovery().launchRecoveryAttemptCount(), 0);
+    EXPECT_TRUE(fs::exists(directory_.workerQRCodeFile));
+}
+
+TEST_F(WebWorkerServiceTests, TimersStartWithThePageAllTheSameWhenTheyWereAskedForBefore) {
+    ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_, ::getppid());
+    service.startPolling();
+    service.start();
+    EXPECT_THAT(host_.repeatingTimers, SizeIs(4));
 }
 
 TEST_F(WebWorkerServiceTests, StartOpensHidesAndLoadsThePage) {
@@ -672,6 +700,46 @@ TEST_F(WebWorkerServiceTests, NothingIsPublishedAfterTheStop) {
         },
         1);
     EXPECT_EQ(published().back(), stopping);
+}
+
+TEST_F(WebWorkerServiceTests, StopGivesUpTheReloadOfALostPage) {
+    run(
+        [this] {
+            service_->pageLost("The page's process crashed.");
+            service_->checkParent();
+            EXPECT_EQ(host_.runningTimers(), 0U);
+        },
+        1);
+    EXPECT_EQ(host_.count(load_web_client), 1U);
+}
+
+TEST_F(WebWorkerServiceTests, StopGivesUpTheNewLoadOfAPageThatDidNotCome) {
+    run(
+        [this] {
+            service_->provisionalNavigationFailed("The server was not found.");
+            service_->checkParent();
+            EXPECT_EQ(host_.runningTimers(), 0U);
+        },
+        1);
+    EXPECT_EQ(host_.count(load_web_client), 1U);
+}
+
+TEST_F(WebWorkerServiceTests, NothingIsHeardOfAPageThatIsClosed) {
+    run(
+        [this] {
+            service_->checkParent();
+            const auto before = files_.writes().size();
+            service_->pageFinished();
+            service_->navigationFailed("The connection was lost.");
+            service_->provisionalNavigationFailed("The server was not found.");
+            service_->pageLost("The page's process crashed.");
+            service_->startPolling();
+            EXPECT_EQ(files_.writes().size(), before);
+            EXPECT_EQ(host_.runningTimers(), 0U);
+        },
+        1);
+    EXPECT_EQ(published().back(), stopping);
+    EXPECT_THAT(host_.log, IsEmpty());
 }
 
 /// A whole working day in short, with a fault in it.

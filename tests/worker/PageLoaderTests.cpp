@@ -5,7 +5,9 @@
 
 #include <chrono>
 #include <filesystem>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/WorkerParts.h"
@@ -33,16 +35,28 @@ class PageLoaderTests : public testing::Test {
         test::writeFileAtomically(path, content);
         return path;
     }
+    void countTwoReloads() {
+        parts_.recovery.countReload();
+        parts_.recovery.countReload();
+    }
+    /// The page goes, and what works on it goes first.
+    void closePage() {
+        loader_.reset();
+        parts_.openPage.reset();
+    }
     std::string home() const { return parts_.home.path().string(); }
 
     test::WorkerParts parts_;
     WorkerState& state_ = parts_.state;
-    PageLoader loader_{parts_.context, parts_.publisher};
+    PageSource source_{parts_.environment, parts_.files};
+    std::optional<PageLoader> loader_{std::in_place,   parts_.page,      source_,
+                                      parts_.recovery, parts_.host,      parts_.qrCode,
+                                      state_,          parts_.publisher, parts_.log};
 };
 
 TEST_F(PageLoaderTests, LoadsTheWebClient) {
     state_.displayName = "Ann";
-    loader_.loadPage();
+    loader_->loadPage();
     EXPECT_THAT(parts_.host.calls, ElementsAre(load_web_client));
     EXPECT_THAT(parts_.published(),
                 ElementsAre("starting: Loading WhatsApp Web in the managed runtime worker."));
@@ -50,27 +64,18 @@ TEST_F(PageLoaderTests, LoadsTheWebClient) {
 }
 
 TEST_F(PageLoaderTests, LoadBeginsTheRecoveryAnew) {
-    state_.launchRecoveryAttemptCount = 2;
-    state_.lastRecoveryAttemptAt = test::TestClock::start;
+    countTwoReloads();
     parts_.clock.turnTo(test::TestClock::start + seconds(99));
-    loader_.loadPage();
-    EXPECT_EQ(state_.pageLoadIssuedAt, test::TestClock::start + seconds(99));
-    EXPECT_EQ(state_.launchRecoveryAttemptCount, 0);
-    EXPECT_EQ(state_.lastRecoveryAttemptAt, std::nullopt);
-}
-
-TEST_F(PageLoaderTests, WithoutAPageNothingIsLoaded) {
-    parts_.webView.reset();
-    state_.launchRecoveryAttemptCount = 2;
-    loader_.loadPage();
-    EXPECT_EQ(state_.launchRecoveryAttemptCount, 2);
-    EXPECT_THAT(parts_.published(), IsEmpty());
+    loader_->loadPage();
+    EXPECT_EQ(parts_.recovery.pageLoadIssuedAt(), test::TestClock::start + seconds(99));
+    EXPECT_EQ(parts_.recovery.launchRecoveryAttemptCount(), 0);
+    EXPECT_EQ(parts_.recovery.lastRecoveryAttemptAt(), std::nullopt);
 }
 
 TEST_F(PageLoaderTests, LoadsTestHTMLWithItsDirectoryAsBase) {
     setTestHTML(" \n" + put("page one.html", "<p>é</p>") + " ");
     state_.displayName = "Ann";
-    loader_.loadPage();
+    loader_->loadPage();
     EXPECT_THAT(parts_.host.calls, ElementsAre("loadText " + home() + " <p>é</p>"));
     EXPECT_THAT(parts_.published(),
                 ElementsAre("starting: Loading managed WhatsApp worker test HTML from page one.html."));
@@ -79,21 +84,21 @@ TEST_F(PageLoaderTests, LoadsTestHTMLWithItsDirectoryAsBase) {
 TEST_F(PageLoaderTests, TestHTMLPathIsStandardized) {
     put("page.html", "x");
     setTestHTML(home() + "/missing/.././/page.html");
-    loader_.loadPage();
+    loader_->loadPage();
     EXPECT_THAT(parts_.host.calls, ElementsAre("loadText " + home() + " x"));
 }
 
 TEST_F(PageLoaderTests, TestHTMLComesBeforeTestURL) {
     setTestHTML(put("page.html", "x"));
     setTestURL("https://example.com/");
-    loader_.loadPage();
+    loader_->loadPage();
     EXPECT_THAT(parts_.host.calls, ElementsAre("loadText " + home() + " x"));
 }
 
 TEST_F(PageLoaderTests, UnreadableTestHTMLIsPublishedAndNothingElseIsTried) {
     setTestHTML(home() + "/missing.html");
     setTestURL("https://example.com/");
-    loader_.loadPage();
+    loader_->loadPage();
     EXPECT_THAT(parts_.host.calls, IsEmpty());
     EXPECT_THAT(parts_.published(),
                 ElementsAre("error: Failed to load managed WhatsApp worker test HTML: Cannot read \"" +
@@ -102,7 +107,7 @@ TEST_F(PageLoaderTests, UnreadableTestHTMLIsPublishedAndNothingElseIsTried) {
 
 TEST_F(PageLoaderTests, TestHTMLMustBeUtf8) {
     setTestHTML(put("page.html", "<p>\xFF</p>"));
-    loader_.loadPage();
+    loader_->loadPage();
     EXPECT_THAT(parts_.host.calls, IsEmpty());
     EXPECT_THAT(parts_.published(),
                 ElementsAre("error: Failed to load managed WhatsApp worker test HTML: The file \"" + home() +
@@ -111,7 +116,7 @@ TEST_F(PageLoaderTests, TestHTMLMustBeUtf8) {
 
 TEST_F(PageLoaderTests, DirectoryIsNoTestHTML) {
     setTestHTML(home());
-    loader_.loadPage();
+    loader_->loadPage();
     EXPECT_THAT(state_.workerDetail, HasSubstr("Not a regular file"));
     EXPECT_EQ(state_.workerState, "error");
 }
@@ -119,14 +124,14 @@ TEST_F(PageLoaderTests, DirectoryIsNoTestHTML) {
 TEST_F(PageLoaderTests, BlankTestHTMLPathFallsThrough) {
     setTestHTML(" \n\t");
     setTestURL("https://example.com/");
-    loader_.loadPage();
+    loader_->loadPage();
     EXPECT_THAT(parts_.host.calls, ElementsAre("loadAddress https://example.com/ 60"));
 }
 
 TEST_F(PageLoaderTests, LoadsTheTestURL) {
     setTestURL(" https://example.com/a?b=c#d\n");
     state_.displayName = "Ann";
-    loader_.loadPage();
+    loader_->loadPage();
     EXPECT_THAT(parts_.host.calls, ElementsAre("loadAddress https://example.com/a?b=c#d 60"));
     EXPECT_THAT(
         parts_.published(),
@@ -137,7 +142,7 @@ TEST_F(PageLoaderTests, TestURLThatIsNoneFallsThrough) {
     for (const std::string text : {"", "  ", "not a url", "::"}) {
         parts_.host.calls.clear();
         setTestURL(text);
-        loader_.loadPage();
+        loader_->loadPage();
         EXPECT_THAT(parts_.host.calls, ElementsAre(load_web_client)) << text;
     }
 }
@@ -146,12 +151,12 @@ TEST_F(PageLoaderTests, TestURLThatIsNoneFallsThrough) {
 class CrashRecoveryTests : public PageLoaderTests {
   protected:
     CrashRecoveryTests() {
-        loader_.loadPage();
+        loader_->loadPage();
         parts_.host.calls.clear();
         parts_.files.forget();
     }
 
-    void end() { loader_.pageLost("The page's process crashed."); }
+    void end() { loader_->pageLost("The page's process crashed."); }
     std::size_t loads() const { return parts_.host.count(load_web_client); }
     /// Ends the process and expects the reload exactly after `pause`.
     void expectReloadAfter(milliseconds pause) {
@@ -184,15 +189,15 @@ TEST_F(CrashRecoveryTests, FirstReloadComesAtOnceButNotFromWithinTheReport) {
 }
 
 TEST_F(CrashRecoveryTests, ReloadIsPendingFromTheLossToTheLoad) {
-    EXPECT_FALSE(loader_.isReloadPending());
+    EXPECT_FALSE(loader_->isReloadPending());
     expectReloadAfter(seconds(0));
-    EXPECT_FALSE(loader_.isReloadPending());
+    EXPECT_FALSE(loader_->isReloadPending());
     end();
-    EXPECT_TRUE(loader_.isReloadPending());
+    EXPECT_TRUE(loader_->isReloadPending());
     parts_.host.advance(milliseconds(999));
-    EXPECT_TRUE(loader_.isReloadPending());
+    EXPECT_TRUE(loader_->isReloadPending());
     parts_.host.advance(milliseconds(1));
-    EXPECT_FALSE(loader_.isReloadPending());
+    EXPECT_FALSE(loader_->isReloadPending());
 }
 
 TEST_F(CrashRecoveryTests, ErrorStaysReadableAfterTheReload) {
@@ -204,14 +209,13 @@ TEST_F(CrashRecoveryTests, ErrorStaysReadableAfterTheReload) {
 }
 
 TEST_F(CrashRecoveryTests, ReloadBeginsTheRecoveryAnew) {
-    state_.launchRecoveryAttemptCount = 2;
-    state_.lastRecoveryAttemptAt = test::TestClock::start;
+    countTwoReloads();
     parts_.clock.turnTo(test::TestClock::start + seconds(5));
     end();
     parts_.host.advance(seconds(0));
-    EXPECT_EQ(state_.pageLoadIssuedAt, test::TestClock::start + seconds(5));
-    EXPECT_EQ(state_.launchRecoveryAttemptCount, 0);
-    EXPECT_EQ(state_.lastRecoveryAttemptAt, std::nullopt);
+    EXPECT_EQ(parts_.recovery.pageLoadIssuedAt(), test::TestClock::start + seconds(5));
+    EXPECT_EQ(parts_.recovery.launchRecoveryAttemptCount(), 0);
+    EXPECT_EQ(parts_.recovery.lastRecoveryAttemptAt(), std::nullopt);
 }
 
 TEST_F(CrashRecoveryTests, PausesGrowUpToAMinute) {
@@ -221,7 +225,7 @@ TEST_F(CrashRecoveryTests, PausesGrowUpToAMinute) {
 TEST_F(CrashRecoveryTests, PageThatFinishesBeforeItDiesDoesNotResetThePause) {
     for (const int pause : {0, 1, 2, 4}) {
         expectReloadAfter(seconds(pause));
-        loader_.pageFinished();
+        loader_->pageFinished();
         parts_.host.advance(milliseconds(59'999));
     }
     expectReloadAfter(seconds(8));
@@ -229,7 +233,7 @@ TEST_F(CrashRecoveryTests, PageThatFinishesBeforeItDiesDoesNotResetThePause) {
 
 TEST_F(CrashRecoveryTests, PageThatStaysUpForAMinuteResetsThePause) {
     for (const int pause : {0, 1, 2, 4}) expectReloadAfter(seconds(pause));
-    loader_.pageFinished();
+    loader_->pageFinished();
     parts_.host.advance(seconds(60));
     for (const int pause : {0, 1, 2}) expectReloadAfter(seconds(pause));
 }
@@ -238,9 +242,9 @@ TEST_F(CrashRecoveryTests, MinuteCountsFromTheEndOfTheLoading) {
     expectReloadAfter(seconds(0));
     parts_.host.advance(seconds(600));
     expectReloadAfter(seconds(1));
-    loader_.pageFinished();
+    loader_->pageFinished();
     parts_.host.advance(seconds(30));
-    loader_.pageFinished();
+    loader_->pageFinished();
     parts_.host.advance(milliseconds(59'999));
     expectReloadAfter(seconds(2));
 }
@@ -274,14 +278,14 @@ TEST_F(CrashRecoveryTests, ReloadChoosesTheSourceAgain) {
 
 TEST_F(CrashRecoveryTests, LoadByHandReplacesTheReload) {
     end();
-    loader_.loadPage();
+    loader_->loadPage();
     parts_.host.advance(seconds(120));
     EXPECT_EQ(loads(), 1U);
 }
 
 TEST_F(CrashRecoveryTests, PageThatIsClosedIsNotReloaded) {
     end();
-    parts_.webView.reset();
+    closePage();
     parts_.host.advance(seconds(120));
     EXPECT_EQ(loads(), 0U);
 }
@@ -290,18 +294,18 @@ TEST_F(CrashRecoveryTests, PageThatIsClosedIsNotReloaded) {
 class FailedLoadTests : public PageLoaderTests {
   protected:
     FailedLoadTests() {
-        loader_.loadPage();
+        loader_->loadPage();
         parts_.host.calls.clear();
         parts_.files.forget();
     }
 
     std::size_t loads() const { return parts_.host.count(load_web_client); }
-    void fail() { loader_.provisionalNavigationFailed("The server was not found."); }
+    void fail() { loader_->provisionalNavigationFailed("The server was not found."); }
 };
 
 TEST_F(FailedLoadTests, IsPublishedWithoutTheAccount) {
     state_.displayName = "Ann";
-    loader_.navigationFailed("The connection was lost.");
+    loader_->navigationFailed("The connection was lost.");
     EXPECT_EQ(state_.displayName, std::nullopt);
     fail();
     EXPECT_THAT(
@@ -312,7 +316,7 @@ TEST_F(FailedLoadTests, IsPublishedWithoutTheAccount) {
 }
 
 TEST_F(FailedLoadTests, LossWhileLoadingIsOneToo) {
-    loader_.navigationFailed("The connection was lost.");
+    loader_->navigationFailed("The connection was lost.");
     parts_.host.advance(seconds(30));
     EXPECT_EQ(loads(), 1U);
 }
@@ -324,7 +328,7 @@ TEST_F(FailedLoadTests, PageIsLoadedAnewHalfAMinuteLater) {
     parts_.host.advance(milliseconds(1));
     EXPECT_EQ(loads(), 1U);
     EXPECT_EQ(state_.workerDetail, "Loading WhatsApp Web in the managed runtime worker.");
-    EXPECT_EQ(state_.pageLoadIssuedAt, test::TestClock::start + seconds(30));
+    EXPECT_EQ(parts_.recovery.pageLoadIssuedAt(), test::TestClock::start + seconds(30));
 }
 
 TEST_F(FailedLoadTests, HalfAMinuteCountsFromTheLastFailure) {
@@ -349,7 +353,7 @@ TEST_F(FailedLoadTests, PageIsLoadedAnewForAsLongAsItFails) {
 
 TEST_F(FailedLoadTests, PageThatHasBeenLoadedSinceIsLeftAlone) {
     fail();
-    loader_.pageFinished();
+    loader_->pageFinished();
     parts_.host.advance(seconds(600));
     EXPECT_EQ(loads(), 0U);
 }
@@ -370,7 +374,7 @@ TEST_F(FailedLoadTests, PageWithACodeIsLeftAlone) {
 
 TEST_F(FailedLoadTests, EndOfTheProcessGoesFirst) {
     fail();
-    loader_.pageLost("The page's process crashed.");
+    loader_->pageLost("The page's process crashed.");
     fail();
     parts_.host.advance(milliseconds(0));
     EXPECT_EQ(loads(), 1U);
@@ -380,13 +384,13 @@ TEST_F(FailedLoadTests, EndOfTheProcessGoesFirst) {
 
 TEST_F(FailedLoadTests, PageThatIsClosedIsNotLoadedAnew) {
     fail();
-    parts_.webView.reset();
+    closePage();
     parts_.host.advance(seconds(600));
     EXPECT_EQ(loads(), 0U);
 }
 
 TEST_F(PageLoaderTests, EndBeforeTheFirstLoadLoadsNothing) {
-    loader_.pageLost("The page's process crashed.");
+    loader_->pageLost("The page's process crashed.");
     parts_.host.advance(seconds(120));
     EXPECT_THAT(parts_.host.calls, IsEmpty());
     EXPECT_EQ(state_.workerState, "error");

@@ -77,14 +77,6 @@ TEST_F(PageScriptRunnerTests, FailureCountsEvenWithAResult) {
     EXPECT_THAT(log_, ElementsAre("failure: It failed."));
 }
 
-TEST_F(PageScriptRunnerTests, RunsNothingWithoutAPage) {
-    parts_.webView.reset();
-    auto task = runScript("s");
-    task.start();
-    EXPECT_THAT(log_, ElementsAre("no result"));
-    EXPECT_THAT(parts_.host.pending, IsEmpty());
-}
-
 TEST_F(PageScriptRunnerTests, ScriptWithoutAnswerFailsAfterThirtySeconds) {
     auto task = runScript("s");
     task.start();

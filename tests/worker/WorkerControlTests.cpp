@@ -43,7 +43,8 @@ class WorkerControlTests : public testing::Test {
 
     test::WorkerParts parts_;
     WorkerState& state_ = parts_.state;
-    WorkerControl control_{parts_.context};
+    WorkerControl control_{parts_.page, parts_.platform, parts_.files, parts_.directory.workerControlFile,
+                           state_,      parts_.log};
 };
 
 TEST_F(WorkerControlTests, FollowsEveryKindThatNamesAChat) {
@@ -208,13 +209,6 @@ TEST_F(WorkerControlTests, HidesTheWindowOnEveryTick) {
     control_.refreshControl();
     control_.refreshControl();
     EXPECT_THAT(parts_.host.calls, ElementsAre("orderOut", "orderOut"));
-}
-
-TEST_F(WorkerControlTests, FollowsWithoutAWindow) {
-    parts_.webView.reset();
-    watchFamily();
-    EXPECT_EQ(state_.currentWatchedTitle, "Family");
-    EXPECT_THAT(parts_.host.calls, IsEmpty());
 }
 
 TEST_F(WorkerControlTests, WritesNoStatus) {
