@@ -22,7 +22,7 @@ constexpr int failure_status = 1;
 }  // namespace
 
 Console::Console(const Options& options, Environment environment, CommandInput& input, Display& display,
-                 TerminationSignals& signals)
+                 const TerminationSignals& signals)
     : platform_(options.platform),
       input_(input),
       display_(display),
@@ -86,6 +86,10 @@ void Console::awaitGreeting() {
 
 void Console::runReadyCommands() {
     while (!wait_ && !isDone_) {
+        if (isAskedToEnd()) {
+            isDone_ = true;
+            return;
+        }
         const auto line = input_.next();
         if (line) {
             execute(*line);
@@ -234,7 +238,13 @@ void Console::waitForEvents() {
     if (::poll(entries.data(), entries.size(), wait_ ? wait_->pollTimeout() : -1) < 0) return;
     helper_.pump();
     if (entries[1].revents != 0) input_.receive();
-    if (signals_.take() != 0) isDone_ = true;
+    isDone_ = isDone_ || isAskedToEnd();
+}
+
+/// The signal stays where it is: it also keeps output from waiting for a reader any longer.
+bool Console::isAskedToEnd() const {
+    pollfd signal{.fd = signals_.descriptor(), .events = POLLIN, .revents = 0};
+    return ::poll(&signal, 1, 0) > 0;
 }
 
 void Console::checkWait() {

@@ -28,7 +28,7 @@ class Console {
 
     /// Starts the helper in `environment`. Throws Failure.
     Console(const Options& options, Environment environment, CommandInput& input, Display& display,
-            TerminationSignals& signals);
+            const TerminationSignals& signals);
     Console(const Console&) = delete;
     Console& operator=(const Console&) = delete;
 
@@ -63,6 +63,7 @@ class Console {
     void showSummary();
     void runReadyCommands();
     void waitForEvents();
+    bool isAskedToEnd() const;
     void checkWait();
     void checkHelper();
     void checkOutput();
@@ -72,7 +73,7 @@ class Console {
     std::string platform_;
     CommandInput& input_;
     Display& display_;
-    TerminationSignals& signals_;
+    const TerminationSignals& signals_;
     PosixFileManager fileManager_;
     DataDirectory directory_;
     LaunchTicket ticket_;

@@ -1,7 +1,5 @@
 #include "console/Display.h"
 
-#include <errno.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <time.h>
 #include <unistd.h>
@@ -13,6 +11,7 @@
 
 #include "bridge/BridgeMessages.h"
 #include "records/DecodingFailure.h"
+#include "text/Failure.h"
 #include "text/Text.h"
 
 namespace brindle::console {
@@ -119,30 +118,29 @@ std::string readableEnvelope(std::string_view line, bool inColor) {
 }
 
 void Display::envelope(Direction direction, std::string_view line) {
-    if (style_.json) return write(STDOUT_FILENO, std::string(line).append("\n"));
+    if (style_.json) return write(output_, std::string(line).append("\n"));
     const bool isOutgoing = direction == Direction::toHelper;
     const bool inColor = style_.colorsOutput;
-    write(STDOUT_FILENO,
-          colored(timeOfDay(), dim_color, inColor) + " " +
-              colored(isOutgoing ? "-->" : "<--", isOutgoing ? cyan_color : green_color, inColor) + " " +
-              readableEnvelope(line, inColor) + "\n");
+    write(output_, colored(timeOfDay(), dim_color, inColor) + " " +
+                       colored(isOutgoing ? "-->" : "<--", isOutgoing ? cyan_color : green_color, inColor) +
+                       " " + readableEnvelope(line, inColor) + "\n");
 }
 
 void Display::helperDiagnostic(std::string_view line) {
-    write(STDERR_FILENO, colored("helper| " + terminalSafe(line), dim_color, style_.colorsError) + "\n");
+    write(error_, colored("helper| " + terminalSafe(line), dim_color, style_.colorsError) + "\n");
 }
 
 void Display::command(std::string_view text) {
     if (style_.json) return;
-    write(STDOUT_FILENO, colored("> " + terminalSafe(trimmed(text)), bold_color, style_.colorsOutput) + "\n");
+    write(output_, colored("> " + terminalSafe(trimmed(text)), bold_color, style_.colorsOutput) + "\n");
 }
 
 void Display::answer(std::string_view text) {
-    write(STDOUT_FILENO, text);
+    write(output_, text);
 }
 
 void Display::problem(std::string_view sentence) {
-    write(STDERR_FILENO, colored(terminalSafe(sentence), red_color, style_.colorsError) + "\n");
+    write(error_, colored(terminalSafe(sentence), red_color, style_.colorsError) + "\n");
 }
 
 std::optional<std::size_t> Display::terminalColumns() {
@@ -151,20 +149,12 @@ std::optional<std::size_t> Display::terminalColumns() {
     return size.ws_col;
 }
 
-void Display::write(int descriptor, std::string_view text) {
+void Display::write(OutputStream& stream, std::string_view text) {
     if (editedLine_ != nullptr) editedLine_->hide();
-    while (!text.empty()) {
-        const auto count = ::write(descriptor, text.data(), text.size());
-        if (count >= 0) {
-            text.remove_prefix(static_cast<std::size_t>(count));
-        } else if (errno == EAGAIN) {
-            // Whoever shares the stream with us has set it up so.
-            pollfd set{.fd = descriptor, .events = POLLOUT, .revents = 0};
-            ::poll(&set, 1, -1);
-        } else if (errno != EINTR) {
-            hasLostOutput_ = hasLostOutput_ || descriptor == STDOUT_FILENO;
-            break;
-        }
+    try {
+        stream.write(text);
+    } catch (const Failure&) {
+        hasLostOutput_ = hasLostOutput_ || &stream == &output_;
     }
     if (editedLine_ != nullptr) editedLine_->show();
 }

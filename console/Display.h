@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "console/Options.h"
+#include "system/OutputStream.h"
 
 namespace brindle::console {
 
@@ -37,10 +38,11 @@ class EditedLine {
 std::string readableEnvelope(std::string_view line, bool inColor);
 
 /// Everything that the console shows. Envelopes and answers go to standard output; the helper's standard
-/// error and problems go to standard error.
+/// error and problems go to standard error. Whatever a stream does not take is passed over.
 class Display {
   public:
-    explicit Display(DisplayStyle style) : style_(style) {}
+    Display(DisplayStyle style, OutputStream& output, OutputStream& error)
+        : style_(style), output_(output), error_(error) {}
     Display(const Display&) = delete;
     Display& operator=(const Display&) = delete;
 
@@ -65,9 +67,11 @@ class Display {
     bool hasLostOutput() const { return hasLostOutput_; }
 
   private:
-    void write(int descriptor, std::string_view text);
+    void write(OutputStream& stream, std::string_view text);
 
     DisplayStyle style_;
+    OutputStream& output_;
+    OutputStream& error_;
     EditedLine* editedLine_ = nullptr;
     bool hasLostOutput_ = false;
 };

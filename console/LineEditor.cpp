@@ -60,6 +60,20 @@ int readCharacter(EditLine*, wchar_t* character) {
     return 0;
 }
 
+/// Writes for libedit, which knows only FILE: what the terminal does not take is passed over.
+ssize_t writeToStream(void* stream, const char* bytes, std::size_t count) {
+    try {
+        static_cast<OutputStream*>(stream)->write({bytes, count});
+        return static_cast<ssize_t>(count);
+    } catch (const Failure&) {
+        return 0;
+    }
+}
+
+struct CloseFile {
+    void operator()(FILE* file) const { std::fclose(file); }
+};
+
 struct EndEditLine {
     void operator()(EditLine* editor) const { ::el_end(editor); }
 };
@@ -71,9 +85,18 @@ struct EndHistory {
 }  // namespace
 
 struct LineEditor::Implementation {
+    explicit Implementation(OutputStream& terminal)
+        : output(::fopencookie(
+              &terminal, "w", {.read = nullptr, .write = writeToStream, .seek = nullptr, .close = nullptr})) {
+        if (!output) return;
+        editor.reset(::el_init_fd(program_name, stdin, output.get(), stderr, STDIN_FILENO, STDOUT_FILENO,
+                                  STDERR_FILENO));
+    }
+
     std::string historyFile;
     std::unique_ptr<History, EndHistory> past{::history_init()};
-    std::unique_ptr<EditLine, EndEditLine> editor{::el_init(program_name, stdin, stdout, stderr)};
+    std::unique_ptr<FILE, CloseFile> output;
+    std::unique_ptr<EditLine, EndEditLine> editor;
     std::deque<std::string> lines;
     bool isEditing = false;
     bool isAtEnd = false;
@@ -149,7 +172,8 @@ struct LineEditor::Implementation {
     }
 };
 
-LineEditor::LineEditor(std::string historyFile) : implementation_(std::make_unique<Implementation>()) {
+LineEditor::LineEditor(std::string historyFile, OutputStream& terminal)
+    : implementation_(std::make_unique<Implementation>(terminal)) {
     if (!implementation_->editor) throw Failure("The terminal cannot be used for editing.");
     implementation_->historyFile = std::move(historyFile);
     implementation_->setUpHistory();
@@ -159,8 +183,9 @@ LineEditor::LineEditor(std::string historyFile) : implementation_(std::make_uniq
 LineEditor::~LineEditor() {
     const bool leavesLine = implementation_->isEditing;
     implementation_->end();
-    if (leavesLine) std::fputs("\n", stdout);
-    std::fflush(stdout);
+    auto* output = implementation_->output.get();
+    if (leavesLine) std::fputs("\n", output);
+    std::fflush(output);
 }
 
 std::string LineEditor::historyFile(const Environment& environment) {
@@ -219,9 +244,10 @@ bool LineEditor::isAtEnd() const {
 void LineEditor::hide() {
     if (!implementation_->isEditing) return;
     const int row = implementation_->cursorRow();
-    if (row > 0) std::fprintf(stdout, "\033[%dA", row);
-    std::fputs("\r\033[J", stdout);
-    std::fflush(stdout);
+    auto* output = implementation_->output.get();
+    if (row > 0) std::fprintf(output, "\033[%dA", row);
+    std::fputs("\r\033[J", output);
+    std::fflush(output);
 }
 
 void LineEditor::show() {

@@ -7,6 +7,7 @@
 #include "console/CommandInput.h"
 #include "console/Display.h"
 #include "system/Environment.h"
+#include "system/OutputStream.h"
 
 namespace brindle::console {
 
@@ -18,8 +19,8 @@ class LineEditor final : public CommandInput, public EditedLine {
     static constexpr int kept_history_lines = 1000;
 
     /// `historyFile` is read now and written after every line; a session without history is better than none,
-    /// so that failing is no error.
-    explicit LineEditor(std::string historyFile);
+    /// so that failing is no error. What it shows goes to `terminal`, which is standard output.
+    LineEditor(std::string historyFile, OutputStream& terminal);
     /// Gives the terminal back as it was.
     ~LineEditor() override;
     LineEditor(const LineEditor&) = delete;

@@ -13,6 +13,7 @@
 #include "console/LineEditor.h"
 #include "console/Options.h"
 #include "system/Environment.h"
+#include "system/OutputStream.h"
 #include "system/Paths.h"
 #include "system/Processes.h"
 #include "text/Failure.h"
@@ -37,23 +38,28 @@ struct Input {
     LineEditor* editor = nullptr;
 };
 
-Input chooseInput(const Options& options, const Environment& environment) {
+Input chooseInput(const Options& options, const Environment& environment, OutputStream& output) {
     if (options.script) return {.commands = std::make_unique<ScriptInput>(*options.script)};
     const bool isTerminal = ::isatty(STDIN_FILENO) == 1;
     if (!isTerminal || ::isatty(STDOUT_FILENO) != 1) {
         return {.commands = std::make_unique<StreamInput>(STDIN_FILENO, "standard input", isTerminal)};
     }
-    auto editor = std::make_unique<LineEditor>(LineEditor::historyFile(environment));
+    auto editor = std::make_unique<LineEditor>(LineEditor::historyFile(environment), output);
     auto* raw = editor.get();
     return {.commands = std::move(editor), .editor = raw};
 }
 
 int runSession(const Options& options) {
     TerminationSignals signals;
+    // Whoever ends the console need not wait for a reader that does not read.
+    DepartureWatch watch;
+    watch.addSign(signals.descriptor(), true);
+    OutputStream output(STDOUT_FILENO, watch);
+    OutputStream error(STDERR_FILENO, watch);
     const auto environment = currentEnvironment();
-    Display display(DisplayStyle::from(options, environment));
+    Display display(DisplayStyle::from(options, environment), output, error);
     try {
-        const auto input = chooseInput(options, environment);
+        const auto input = chooseInput(options, environment, output);
         display.stepAside(input.editor);
         Console console(options, helperEnvironment(options, environment), *input.commands, display, signals);
         const int status = console.run();

@@ -89,7 +89,7 @@ OutputStream::OutputStream(int descriptor, DepartureWatch& watch) : descriptor_(
     struct stat status {};
     if (::fstat(descriptor, &status) != 0) return;
     if (S_ISSOCK(status.st_mode)) manner_ = Manner::socket;
-    if (!S_ISFIFO(status.st_mode)) return;
+    if (!S_ISFIFO(status.st_mode) && ::isatty(descriptor) == 0) return;
     const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
     reopened_ = Descriptor(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
     if (reopened_.isOpen()) manner_ = Manner::nonblocking;

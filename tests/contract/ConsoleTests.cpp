@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -5,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -209,6 +211,46 @@ TEST_P(ConsoleSignalTest, EndsTheHelperAndThenItself) {
     console.signal(GetParam());
     EXPECT_EQ(console.waitForExit(), exitedWith(0));
     EXPECT_FALSE(processIsRunning(helper));
+}
+
+TEST_P(ConsoleSignalTest, EndsEvenThoughNobodyReadsWhatItShows) {
+    constexpr int pipe_bytes = 4096;
+    constexpr std::size_t line_bytes = std::size_t{16} * pipe_bytes;
+    auto options = optionsFor({});
+    options.stdoutPipeBytes = pipe_bytes;
+    auto& console = startWith(std::move(options));
+    waitForGreeting(console);
+    const auto helper = waitForOnlyChild(console.pid());
+    console.pauseReadingOutput();
+    console.send("raw " + std::string(line_bytes, 'x'));
+    // A pipe never parts with less than a page of room.
+    console.waitUntil([&] { return console.unreadOutputBytes() == pipe_bytes; }, "a full output pipe");
+    console.signal(GetParam());
+    console.waitUntil([&] { return !console.isRunning(); }, "the end of the console");
+    EXPECT_FALSE(processIsRunning(helper));
+    console.resumeReadingOutput();
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+}
+
+TEST_P(ConsoleSignalTest, EndsEvenThoughNobodyReadsTheHelpersLog) {
+    constexpr std::size_t pipe_bytes = 4096;
+    constexpr std::size_t line_bytes = 100;
+    auto options =
+        optionsFor(helperThat("while :; do echo 'a line of the log' >&2; done &\n"
+                              "cat >/dev/null\nkill $!\n"));
+    options.stderrPipeBytes = pipe_bytes;
+    auto& console = startWith(std::move(options));
+    console.waitForStandardError("a line of the log");
+    const auto helper = childrenOf(console.pid());
+    ASSERT_EQ(helper.size(), 1U);
+    console.pauseReadingError();
+    console.waitUntil([&] { return console.unreadErrorBytes() > pipe_bytes - line_bytes; },
+                      "a full error pipe");
+    console.signal(GetParam());
+    console.waitUntil([&] { return !console.isRunning(); }, "the end of the console");
+    EXPECT_FALSE(processIsRunning(helper.front()));
+    console.resumeReadingError();
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, ConsoleSignalTest, testing::Values(SIGINT, SIGTERM, SIGHUP));
@@ -632,6 +674,24 @@ TEST_F(TerminalTest, InterruptKeyEndsTheSession) {
     type("half a command\x03");
     EXPECT_EQ(waitForEnd(), exitedWith(0));
     EXPECT_FALSE(processIsRunning(helper));
+}
+
+TEST_F(TerminalTest, TerminationEndsTheSessionOfAStoppedTerminal) {
+    waitForScreen("stateChanged.disconnected");
+    waitForScreen("brindle> ");
+    const auto helper = waitForOnlyChild(session_->process);
+    const int screen = ::open(::ptsname(session_->terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(screen, 0);
+    ASSERT_EQ(::tcflow(screen, TCOOFF), 0);
+    type("c");
+    // The key has been taken; showing it is what the console is at now.
+    int unreadKeys = 1;
+    waitUntil([&] { return ::ioctl(screen, TIOCINQ, &unreadKeys) == 0 && unreadKeys == 0; },
+              "the key to be read");
+    ASSERT_EQ(::kill(session_->process, SIGTERM), 0);
+    EXPECT_EQ(waitForEnd(), exitedWith(0));
+    EXPECT_FALSE(processIsRunning(helper));
+    ::close(screen);
 }
 
 TEST_F(TerminalTest, EscapeKeyAloneDoesNotStopTheSession) {
