@@ -270,7 +270,7 @@ void Console::checkHelper() {
     // Its last words may have been what was waited for.
     checkWait();
     std::string sentence = "The helper " + end.description();
-    if (!end.bySignal && end.number == EX_USAGE) sentence += ": it refused the launch";
+    if (end == ProcessEnd::exit(EX_USAGE)) sentence += ": it refused the launch";
     if (wait_) {
         sentence += " while the console waited for " + wait_->subject();
         finish(true);
@@ -299,7 +299,7 @@ void Console::fail(const std::string& sentence) {
 void Console::endHelper() {
     if (!console::endHelper(helper_, display_)) status_ = failure_status;
     const auto end = helper_.finish();
-    if (status_ != 0 || (!end.bySignal && end.number == 0)) return;
+    if (status_ != 0 || end == ProcessEnd::exit(0)) return;
     display_.problem("The helper " + end.description() + ".");
     status_ = failure_status;
 }

@@ -38,7 +38,7 @@ bool endHelper(HelperProcess& helper, Display& display) {
     helper.signal(SIGTERM);
     if (helperEndsWithin(helper, termination_grace)) return false;
     reportForcedEnd(display, "killed");
-    helper.killGroup();
+    helper.kill();
     helperEndsWithin(helper, termination_grace);
     return false;
 }

@@ -2,9 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <signal.h>
-#include <string.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -29,25 +26,12 @@ ChildProcess start(const ChildProcess::Options& options) {
 
 }  // namespace
 
-std::string HelperProcess::End::description() const {
-    if (!bySignal) return "ended with exit status " + std::to_string(number);
-    const char* name = ::sigdescr_np(number);
-    return "was ended by signal " + std::to_string(number) + " (" + (name != nullptr ? name : "unknown") +
-           ")";
-}
-
 HelperProcess::HelperProcess(const ChildProcess::Options& options, LineHandler onOutput, LineHandler onError)
     : process_(start(options)),
       input_(process_.standardInput()),
       output_{process_.standardOutput(), std::move(onOutput), {}},
       error_{process_.standardError(), std::move(onError), {}} {
     ::fcntl(input_.get(), F_SETFL, ::fcntl(input_.get(), F_GETFL) | O_NONBLOCK);
-}
-
-HelperProcess::~HelperProcess() {
-    if (isReaped_) return;
-    killGroup();
-    process_.waitForEnd();
 }
 
 void HelperProcess::send(std::string_view line) {
@@ -58,10 +42,6 @@ void HelperProcess::send(std::string_view line) {
 void HelperProcess::closeInputWhenWritten() {
     closesInput_ = true;
     writePending();
-}
-
-void HelperProcess::killGroup() const {
-    ::kill(-process_.processIdentifier(), SIGKILL);
 }
 
 void HelperProcess::addPollEntries(std::vector<pollfd>& entries) const {
@@ -80,12 +60,7 @@ bool HelperProcess::pump() {
     return wrote || readOutput || readError;
 }
 
-bool HelperProcess::hasEnded() const {
-    pollfd end{.fd = process_.endDescriptor(), .events = POLLIN, .revents = 0};
-    return ::poll(&end, 1, 0) > 0;
-}
-
-HelperProcess::End HelperProcess::finish() {
+ProcessEnd HelperProcess::finish() {
     while (readSome(output_)) {
     }
     while (readSome(error_)) {
@@ -93,12 +68,8 @@ HelperProcess::End HelperProcess::finish() {
     for (auto* source : {&output_, &error_}) {
         if (const auto rest = source->lines.takeRest()) source->handler(*rest);
     }
-    siginfo_t information{};
-    ::waitid(P_PID, static_cast<id_t>(process_.processIdentifier()), &information, WEXITED | WNOWAIT);
-    const End end{.bySignal = information.si_code != CLD_EXITED, .number = information.si_status};
-    if (end.bySignal) killGroup();
-    process_.waitForEnd();
-    isReaped_ = true;
+    const auto end = process_.waitForEnd();
+    if (end.cause == ProcessEnd::Cause::signal) kill();
     return end;
 }
 

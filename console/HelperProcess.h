@@ -21,22 +21,8 @@ class HelperProcess {
 
     static constexpr std::size_t congestion_bytes = std::size_t{1} << 20U;
 
-    /// How the process ended.
-    struct End {
-        bool bySignal = false;
-        /// The exit status, or the signal.
-        int number = 0;
-
-        /// "ended with exit status 1" or "was ended by signal 9 (Killed)".
-        std::string description() const;
-    };
-
     /// Starts the helper. Throws Failure.
     HelperProcess(const ChildProcess::Options& options, LineHandler onOutput, LineHandler onError);
-    /// Kills what still runs.
-    ~HelperProcess();
-    HelperProcess(const HelperProcess&) = delete;
-    HelperProcess& operator=(const HelperProcess&) = delete;
 
     /// Queues a line for the helper's standard input; the line feed is added.
     void send(std::string_view line);
@@ -46,7 +32,7 @@ class HelperProcess {
     void closeInputWhenWritten();
     void signal(int number) const { process_.signal(number); }
     /// Kills the helper and everything in its process group: a killed helper cannot end its worker itself.
-    void killGroup() const;
+    void kill() const { process_.kill(); }
 
     /// What to wait for before pump() has something to do.
     void addPollEntries(std::vector<pollfd>& entries) const;
@@ -54,9 +40,9 @@ class HelperProcess {
     /// True when something was exchanged.
     bool pump();
     /// Whether the process has ended (it may still have output to pump).
-    bool hasEnded() const;
+    bool hasEnded() const { return process_.hasEnded(); }
     /// Takes the last output and the status. Precondition: hasEnded().
-    End finish();
+    ProcessEnd finish();
 
   private:
     /// A stream of lines from the helper.
@@ -76,7 +62,6 @@ class HelperProcess {
     std::string pending_;
     std::size_t written_ = 0;
     bool closesInput_ = false;
-    bool isReaped_ = false;
 };
 
 }  // namespace brindle::console

@@ -110,10 +110,12 @@ void WorkerSupervisor::start(const ManagedWhatsAppWorkerLaunchConfiguration& con
                    "Launching managed WhatsApp worker at " + description + ".", false);
     std::shared_ptr<ChildProcess> process;
     try {
-        process =
-            std::make_shared<ChildProcess>(ChildProcess::Options{.executable = configuration.executableURL,
-                                                                 .arguments = configuration.arguments,
-                                                                 .environment = configuration.environment});
+        process = std::make_shared<ChildProcess>(
+            ChildProcess::Options{.executable = configuration.executableURL,
+                                  .arguments = configuration.arguments,
+                                  .environment = configuration.environment,
+                                  // It is asked to end and may take its time.
+                                  .leftRunning = ChildProcess::LeftRunning::staysAlive});
         setWorkerState(description, worker_state::launching,
                        "Managed WhatsApp worker launched at " + description + ".", true);
         publisher_.writeRuntimeStatus();
@@ -198,18 +200,20 @@ void WorkerSupervisor::workerEnded(const ChildProcess& process) {
         error = std::move(workerStderrHandle_);
         outputWatch_.reset();
         errorWatch_.reset();
+        // The last user of the process, which is reaped once this handler has returned.
+        endWatch_.reset();
         workerProcess_.reset();
     }
     relayRemaining(output, Stream::output);
     relayRemaining(error, Stream::error);
-    const int status = process.waitForEnd();
+    const auto end = process.waitForEnd();
     auto path = context_.state.workerConfiguredExecutablePath();
     if (didRequestWorkerStop_) {
         const auto state = path ? worker_state::stopped : worker_state::not_configured;
         setWorkerState(std::move(path), state, std::string(stopped_detail), false);
     } else {
         const auto message =
-            "Managed WhatsApp worker exited unexpectedly with status " + std::to_string(status) + ".";
+            "Managed WhatsApp worker exited unexpectedly with status " + std::to_string(end.number) + ".";
         context_.log(message);
         setWorkerState(std::move(path), worker_state::exited, message, false);
     }

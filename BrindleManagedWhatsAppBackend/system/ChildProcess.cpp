@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 
@@ -122,7 +123,8 @@ void makeNonblocking(const Descriptor& descriptor) {
 
 }  // namespace
 
-ChildProcess::ChildProcess(const Options& options) {
+ChildProcess::ChildProcess(const Options& options)
+    : leadsGroup_(options.processGroup == ProcessGroup::own), leftRunning_(options.leftRunning) {
     Pipe output;
     Pipe error;
     SpawnActions actions;
@@ -145,16 +147,39 @@ ChildProcess::ChildProcess(const Options& options) {
     makeNonblocking(error_);
 }
 
+ChildProcess::~ChildProcess() {
+    if (leftRunning_ == LeftRunning::staysAlive) {
+        ::waitpid(process_, nullptr, WNOHANG);
+        return;
+    }
+    // What a killed process has started may still run.
+    if (!hasEnded() || waitForEnd().cause == ProcessEnd::Cause::signal) kill();
+    while (::waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
 void ChildProcess::signal(int number) const {
     ::pidfd_send_signal(end_.get(), number, nullptr, 0);
 }
 
-int ChildProcess::waitForEnd() const {
+void ChildProcess::kill() const {
+    signal(SIGKILL);
+    if (leadsGroup_) ::kill(-process_, SIGKILL);
+}
+
+bool ChildProcess::hasEnded() const {
+    pollfd end{.fd = end_.get(), .events = POLLIN, .revents = 0};
+    return ::poll(&end, 1, 0) > 0;
+}
+
+ProcessEnd ChildProcess::waitForEnd() const {
     siginfo_t information{};
-    while (::waitid(P_PID, static_cast<id_t>(process_), &information, WEXITED) != 0) {
-        if (errno != EINTR) return unknown_status;
+    // The zombie stays, and with it the number and the answer.
+    while (::waitid(P_PID, static_cast<id_t>(process_), &information, WEXITED | WNOWAIT) != 0) {
+        if (errno != EINTR) return {};
     }
-    return information.si_status;
+    return information.si_code == CLD_EXITED ? ProcessEnd::exit(information.si_status)
+                                             : ProcessEnd::signal(information.si_status);
 }
 
 }  // namespace brindle

@@ -7,17 +7,20 @@
 
 #include "system/Descriptor.h"
 #include "system/Environment.h"
+#include "system/ProcessEnd.h"
 
 namespace brindle {
 
 /// A process started by this one. It gets default signal dispositions, an empty signal mask and no
 /// descriptors but 0 to 2; its standard output and standard error are pipes of its own.
+///
+/// Until this object goes, the process's number is nobody else's, even when it has ended.
 class ChildProcess {
   public:
-    static constexpr int unknown_status = -1;
-
     enum class StandardInput { inherited, pipe };
     enum class ProcessGroup { inherited, own };
+    /// What becomes of a process that still runs when its owner goes.
+    enum class LeftRunning { isKilled, staysAlive };
 
     struct Options {
         std::string executable;
@@ -27,10 +30,16 @@ class ChildProcess {
         Environment environment = {};
         StandardInput standardInput = StandardInput::inherited;
         ProcessGroup processGroup = ProcessGroup::inherited;
+        LeftRunning leftRunning = LeftRunning::isKilled;
     };
 
     /// Starts the process. Throws Failure with the system's reason.
     explicit ChildProcess(const Options& options);
+    /// Removes the zombie. What still runs is killed before, or left to end by itself, as the options say;
+    /// there is no waiting for the latter.
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
 
     pid_t processIdentifier() const { return process_; }
     /// Readable once the process has ended (Linux pidfd).
@@ -44,11 +53,16 @@ class ChildProcess {
     /// Sends a signal, never to another process that has got the same id. A process that has ended is no
     /// error.
     void signal(int number) const;
-    /// Waits for the end and removes the zombie. The status is the exit status, or the number of the signal
-    /// that ended the process; unknown_status when the system has forgotten it.
-    int waitForEnd() const;
+    /// Kills the process and, when it has a process group of its own, everything in it: a killed process
+    /// cannot end what it has started.
+    void kill() const;
+    bool hasEnded() const;
+    /// Waits for the end. May be asked again.
+    ProcessEnd waitForEnd() const;
 
   private:
+    bool leadsGroup_;
+    LeftRunning leftRunning_;
     pid_t process_ = -1;
     Descriptor end_;
     Descriptor input_;

@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 
 #include "support/BackendProcess.h"
 #include "support/Pipes.h"
@@ -24,8 +26,13 @@ ChildProcess::Options shell(const std::string& script) {
     return {.executable = "/bin/sh", .arguments = {"-c", script}, .environment = {{"PATH", "/usr/bin:/bin"}}};
 }
 
-int statusOf(const std::string& script) {
+ProcessEnd endOf(const std::string& script) {
     return ChildProcess(shell(script)).waitForEnd();
+}
+
+/// Whether the process runs or is a zombie.
+bool isKnown(pid_t process) {
+    return ::kill(process, 0) == 0;
 }
 
 /// What the process writes to its standard output.
@@ -58,7 +65,7 @@ TEST(ChildProcessTests, HasPipesOfItsOwn) {
     ChildProcess child(shell("echo out; echo error >&2"));
     EXPECT_EQ(readAll(child.standardOutput()), "out\n");
     EXPECT_EQ(readAll(child.standardError()), "error\n");
-    EXPECT_EQ(child.waitForEnd(), 0);
+    EXPECT_EQ(child.waitForEnd(), ProcessEnd::exit(0));
 }
 
 TEST(ChildProcessTests, ReadEndsDoNotBlock) {
@@ -133,7 +140,7 @@ TEST(ChildProcessTests, StandardInputMayBeAPipe) {
     EXPECT_EQ(::write(child.standardInput().get(), "text", 4), 4);
     child.standardInput().reset();
     EXPECT_EQ(readAll(child.standardOutput()), "text");
-    EXPECT_EQ(child.waitForEnd(), 0);
+    EXPECT_EQ(child.waitForEnd(), ProcessEnd::exit(0));
 }
 
 TEST(ChildProcessTests, InheritsOrHasItsOwnProcessGroup) {
@@ -148,22 +155,30 @@ TEST(ChildProcessTests, InheritsOrHasItsOwnProcessGroup) {
     }
 }
 
-TEST(ChildProcessTests, StatusIsTheExitStatus) {
-    EXPECT_EQ(statusOf("exit 0"), 0);
-    EXPECT_EQ(statusOf("exit 3"), 3);
-    EXPECT_EQ(statusOf("exit 255"), 255);
+TEST(ChildProcessTests, ExitIsToldWithItsStatus) {
+    EXPECT_EQ(endOf("exit 0"), ProcessEnd::exit(0));
+    EXPECT_EQ(endOf("exit 3"), ProcessEnd::exit(3));
+    EXPECT_EQ(endOf("exit 255"), ProcessEnd::exit(255));
 }
 
-TEST(ChildProcessTests, StatusOfADeathBySignalIsTheSignal) {
-    EXPECT_EQ(statusOf("kill -KILL $$"), SIGKILL);
-    EXPECT_EQ(statusOf("kill -TERM $$"), SIGTERM);
-    EXPECT_EQ(statusOf("kill -PIPE $$"), SIGPIPE);
+TEST(ChildProcessTests, DeathBySignalIsNotTakenForAnExit) {
+    EXPECT_EQ(endOf("kill -KILL $$"), ProcessEnd::signal(SIGKILL));
+    EXPECT_EQ(endOf("kill -TERM $$"), ProcessEnd::signal(SIGTERM));
+    EXPECT_EQ(endOf("kill -PIPE $$"), ProcessEnd::signal(SIGPIPE));
+    EXPECT_NE(endOf("exit 9"), ProcessEnd::signal(SIGKILL));
+}
+
+TEST(ChildProcessTests, EndThatSomebodyElseTookIsUnknown) {
+    const ChildProcess child(shell("exit 3"));
+    ::waitpid(child.processIdentifier(), nullptr, 0);
+    EXPECT_EQ(child.waitForEnd(), ProcessEnd());
+    EXPECT_EQ(child.waitForEnd().number, -1);
 }
 
 TEST(ChildProcessTests, SignalReachesTheProcess) {
     const ChildProcess child(shell("exec sleep 1000"));
     child.signal(SIGTERM);
-    EXPECT_EQ(child.waitForEnd(), SIGTERM);
+    EXPECT_EQ(child.waitForEnd(), ProcessEnd::signal(SIGTERM));
 }
 
 TEST(ChildProcessTests, SignalToAnEndedProcessIsNoError) {
@@ -171,7 +186,7 @@ TEST(ChildProcessTests, SignalToAnEndedProcessIsNoError) {
     pollfd end{.fd = child.endDescriptor(), .events = POLLIN, .revents = 0};
     EXPECT_EQ(::poll(&end, 1, -1), 1);
     EXPECT_NO_THROW(child.signal(SIGTERM));
-    EXPECT_EQ(child.waitForEnd(), 4);
+    EXPECT_EQ(child.waitForEnd(), ProcessEnd::exit(4));
     EXPECT_NO_THROW(child.signal(SIGTERM));
 }
 
@@ -184,10 +199,67 @@ TEST(ChildProcessTests, EndDescriptorIsReadableOnceTheProcessHasEnded) {
     child.waitForEnd();
 }
 
-TEST(ChildProcessTests, WaitingRemovesTheZombie) {
-    const ChildProcess child(shell("exit 0"));
-    child.waitForEnd();
-    EXPECT_NE(::kill(child.processIdentifier(), 0), 0);
+TEST(ChildProcessTests, EndMayBeAskedForAgainAndKeepsTheNumber) {
+    const ChildProcess child(shell("exit 3"));
+    EXPECT_EQ(child.waitForEnd(), ProcessEnd::exit(3));
+    EXPECT_TRUE(child.hasEnded());
+    EXPECT_TRUE(isKnown(child.processIdentifier()));
+    EXPECT_EQ(child.waitForEnd(), ProcessEnd::exit(3));
+}
+
+TEST(ChildProcessTests, OwnerThatGoesRemovesTheZombie) {
+    for (const auto leftRunning :
+         {ChildProcess::LeftRunning::isKilled, ChildProcess::LeftRunning::staysAlive}) {
+        auto options = shell("exit 0");
+        options.leftRunning = leftRunning;
+        auto child = std::make_unique<ChildProcess>(options);
+        const auto process = child->processIdentifier();
+        child->waitForEnd();
+        child.reset();
+        EXPECT_FALSE(isKnown(process));
+    }
+}
+
+TEST(ChildProcessTests, OwnerThatGoesKillsAndReapsWhatStillRuns) {
+    auto child = std::make_unique<ChildProcess>(shell("trap '' TERM; echo ready; exec sleep 1000"));
+    test::waitUntil(
+        [&] {
+            char byte = 0;
+            return ::read(child->standardOutput().get(), &byte, 1) == 1;
+        },
+        "the process to be ready");
+    const auto process = child->processIdentifier();
+    EXPECT_FALSE(child->hasEnded());
+    child.reset();
+    EXPECT_FALSE(isKnown(process));
+}
+
+TEST(ChildProcessTests, OwnerOfAProcessGroupKillsAllOfIt) {
+    auto options = shell("sleep 1000 & echo $!; exec sleep 1000");
+    options.processGroup = ChildProcess::ProcessGroup::own;
+    auto child = std::make_unique<ChildProcess>(options);
+    std::string number;
+    test::waitUntil(
+        [&] {
+            char byte = 0;
+            if (::read(child->standardOutput().get(), &byte, 1) == 1) number += byte;
+            return number.ends_with('\n');
+        },
+        "the number of the process's own child");
+    child.reset();
+    test::waitUntil([&] { return !test::processIsRunning(static_cast<pid_t>(std::stol(number))); },
+                    "the end of the whole group");
+}
+
+TEST(ChildProcessTests, OwnerThatGoesMayLeaveAProcessAloneWithoutWaiting) {
+    auto options = shell("exec sleep 1000");
+    options.leftRunning = ChildProcess::LeftRunning::staysAlive;
+    auto child = std::make_unique<ChildProcess>(options);
+    const auto process = child->processIdentifier();
+    child.reset();
+    EXPECT_EQ(::waitpid(process, nullptr, WNOHANG), 0);
+    ::kill(process, SIGKILL);
+    EXPECT_EQ(::waitpid(process, nullptr, 0), process);
 }
 
 TEST(ChildProcessTests, FailureToStartGivesTheSystemsReason) {
@@ -206,7 +278,7 @@ TEST(ChildProcessTests, FailureToStartGivesTheSystemsReason) {
 TEST(ChildProcessTests, LeavesNoDescriptorOpen) {
     const auto countOpen = [] { return test::namesIn("/proc/self/fd").size(); };
     const auto before = countOpen();
-    statusOf("exit 0");
+    endOf("exit 0");
     reasonFor("/missing");
     outputOf({.executable = "/bin/true", .standardInput = ChildProcess::StandardInput::pipe});
     EXPECT_EQ(countOpen(), before);
