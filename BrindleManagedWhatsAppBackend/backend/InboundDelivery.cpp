@@ -7,6 +7,7 @@
 #include "system/Paths.h"
 #include "text/Identifier.h"
 #include "text/Text.h"
+#include "text/WithoutFailing.h"
 
 namespace brindle {
 namespace {
@@ -43,10 +44,17 @@ void InboundDelivery::drainUnlessUnderWay() noexcept {
 }
 
 void InboundDelivery::drain() noexcept {
+    withoutFailing([this] { deliverAll(); },
+                   [this](const std::exception& error) {
+                       context_.log("failed to drain inbound directory: " + descriptionOf(error));
+                   });
+}
+
+void InboundDelivery::deliverAll() {
+    const auto scope = context_.state.activeScope();
+    if (!scope || !context_.state.isConnected()) return;
+    if (std::holds_alternative<BridgeTestOnlyScope>(*scope)) return;
     try {
-        const auto scope = context_.state.activeScope();
-        if (!scope || !context_.state.isConnected()) return;
-        if (std::holds_alternative<BridgeTestOnlyScope>(*scope)) return;
         for (const auto& name : recordNames()) {
             // What is not delivered by the end of the process stays for the next backend.
             if (isStopped_ || context_.departureWatch.isDepartureOver()) return;
@@ -54,8 +62,6 @@ void InboundDelivery::drain() noexcept {
         }
     } catch (const OutputAbandoned&) {
         // As above.
-    } catch (const std::exception& error) {
-        context_.log("failed to drain inbound directory: " + descriptionOf(error));
     }
 }
 
@@ -72,7 +78,8 @@ void InboundDelivery::deliverOrReject(const std::string& name, const BridgeScope
     } catch (const OutputAbandoned&) {
         throw;
     } catch (const std::exception& error) {
-        context_.log("rejected inbound event at " + name + ": " + descriptionOf(error));
+        withoutFailing(
+            [&] { context_.log("rejected inbound event at " + name + ": " + descriptionOf(error)); });
         fileAway(name, context_.directory.rejected);
     }
 }

@@ -29,6 +29,7 @@ class InboundDelivery {
 
   private:
     void drain() noexcept;
+    void deliverAll();
     std::vector<std::string> recordNames();
     void deliverOrReject(const std::string& name, const BridgeScope& scope);
     void deliver(const std::string& name, const BridgeScope& scope);

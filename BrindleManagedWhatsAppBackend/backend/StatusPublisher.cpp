@@ -2,6 +2,7 @@
 
 #include "exchange/ExchangeWords.h"
 #include "system/FileSystemFailure.h"
+#include "text/WithoutFailing.h"
 
 namespace brindle {
 namespace {
@@ -42,17 +43,17 @@ std::string activeScopeDescription(const BridgeScope& scope) {
 
 void StatusPublisher::writeRuntimeStatus() noexcept {
     std::string workerProblem;
-    try {
-        writeStatus(workerProblem);
-    } catch (const std::exception& error) {
-        context_.log("failed to write runtime status: " + descriptionOf(error));
-    }
-    if (!workerProblem.empty()) context_.log("failed to decode worker status: " + workerProblem);
-    try {
-        writeWorkerControl();
-    } catch (const std::exception& error) {
-        context_.log("failed to write worker control: " + descriptionOf(error));
-    }
+    withoutFailing([&] { writeStatus(workerProblem); },
+                   [this](const std::exception& error) {
+                       context_.log("failed to write runtime status: " + descriptionOf(error));
+                   });
+    withoutFailing([&] {
+        if (!workerProblem.empty()) context_.log("failed to decode worker status: " + workerProblem);
+    });
+    withoutFailing([this] { writeWorkerControl(); },
+                   [this](const std::exception& error) {
+                       context_.log("failed to write worker control: " + descriptionOf(error));
+                   });
 }
 
 void StatusPublisher::writeStatus(std::string& workerProblem) {

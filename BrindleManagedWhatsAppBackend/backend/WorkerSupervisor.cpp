@@ -11,6 +11,7 @@
 
 #include "system/Processes.h"
 #include "text/Text.h"
+#include "text/WithoutFailing.h"
 
 namespace brindle {
 namespace {
@@ -165,7 +166,8 @@ bool WorkerSupervisor::relayAvailable(const Handle& handle, Stream stream) {
     std::array<char, relay_chunk_bytes> data{};
     const auto got = ::read(handle->get(), data.data(), data.size());
     if (got < 0) return errno == EAGAIN || errno == EINTR;
-    relay(std::string_view(data.data(), static_cast<std::size_t>(got)), stream);
+    // Text that is lost for want of memory must not keep what follows from being read.
+    withoutFailing([&] { relay(std::string_view(data.data(), static_cast<std::size_t>(got)), stream); });
     return got > 0;
 }
 
@@ -204,8 +206,8 @@ void WorkerSupervisor::workerEnded(const ChildProcess& process) {
         endWatch_.reset();
         workerProcess_.reset();
     }
-    relayRemaining(output, Stream::output);
-    relayRemaining(error, Stream::error);
+    withoutFailing([&] { relayRemaining(output, Stream::output); });
+    withoutFailing([&] { relayRemaining(error, Stream::error); });
     const auto end = process.waitForEnd();
     auto path = context_.state.workerConfiguredExecutablePath();
     if (didRequestWorkerStop_) {
@@ -232,10 +234,12 @@ void WorkerSupervisor::stopWorker() noexcept {
         if (workerProcess_) workerProcess_->signal(SIGTERM);
         workerProcess_.reset();
     }
-    auto path = context_.state.workerConfiguredExecutablePath();
-    const bool configured = path.has_value();
-    setWorkerState(std::move(path), configured ? worker_state::stopped : worker_state::not_configured,
-                   std::string(configured ? stopped_detail : no_worker_detail), false);
+    withoutFailing([this] {
+        auto path = context_.state.workerConfiguredExecutablePath();
+        const bool configured = path.has_value();
+        setWorkerState(std::move(path), configured ? worker_state::stopped : worker_state::not_configured,
+                       std::string(configured ? stopped_detail : no_worker_detail), false);
+    });
     context_.fileManager.removeIfPresent(context_.directory.workerStatusFile);
     context_.fileManager.removeIfPresent(context_.directory.workerPIDFile);
 }

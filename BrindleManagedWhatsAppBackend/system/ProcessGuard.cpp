@@ -18,6 +18,7 @@
 #include "system/Descriptor.h"
 #include "system/Processes.h"
 #include "text/Failure.h"
+#include "text/WithoutFailing.h"
 
 namespace brindle {
 namespace {
@@ -52,8 +53,7 @@ void waitForEndOfParent(pid_t parent) {
 /// The processes that this one has started (Linux procfs), `except` one.
 std::vector<pid_t> children(pid_t except) {
     std::vector<pid_t> found;
-    std::error_code error;
-    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task", error)) {
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
         std::ifstream list(thread.path() / "children");
         for (pid_t child = 0; list >> child;) {
             if (child != except) found.push_back(child);
@@ -64,8 +64,7 @@ std::vector<pid_t> children(pid_t except) {
 
 /// Kills what is in this process's own group, but for itself (Linux procfs).
 void killOthersOfOwnGroup() {
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         const auto process = static_cast<pid_t>(std::atoi(entry.path().filename().c_str()));
         if (process <= 0 || process == ::getpid()) continue;
         if (::getpgid(process) == ::getpgrp()) ::kill(process, SIGKILL);
@@ -100,9 +99,15 @@ ProcessGuard::ProcessGuard() : leadsSession_(::getsid(0) == ::getpid()) {
 }
 
 ProcessGuard::~ProcessGuard() {
-    waitForEnd(children(guard_));
+    withoutFailing([this] { waitForEnd(children(guard_)); });
     if (leadsSession_) {
-        killOthersOfOwnGroup();
+        bool isKilled = false;
+        withoutFailing([&] {
+            killOthersOfOwnGroup();
+            isKilled = true;
+        });
+        // The guard is still there then, and kills what is left once this process has ended.
+        if (!isKilled) return;
     } else {
         // Out of the group that is about to be killed.
         ::setpgid(0, 0);

@@ -12,6 +12,8 @@
 #include <system_error>
 #include <thread>
 
+#include "text/WithoutFailing.h"
+
 namespace brindle {
 
 struct SerialQueue::Implementation {
@@ -81,7 +83,9 @@ RepeatingTimer::RepeatingTimer(SerialQueue& queue, std::chrono::milliseconds fir
 
 RepeatingTimer::~RepeatingTimer() {
     state_->cancelled = true;
-    asio::post(state_->timer.get_executor(), [state = state_] { state->timer.cancel(); });
+    // Without the memory to hurry it up, what is cancelled does nothing when it is due.
+    withoutFailing(
+        [this] { asio::post(state_->timer.get_executor(), [state = state_] { state->timer.cancel(); }); });
 }
 
 void RepeatingTimer::await(const std::shared_ptr<State>& state) {
@@ -117,7 +121,9 @@ ReadinessWatch::ReadinessWatch(SerialQueue& queue, int descriptor, std::function
 
 ReadinessWatch::~ReadinessWatch() {
     state_->cancelled = true;
-    asio::post(state_->descriptor.get_executor(), [state = state_] { state->descriptor.cancel(); });
+    withoutFailing([this] {
+        asio::post(state_->descriptor.get_executor(), [state = state_] { state->descriptor.cancel(); });
+    });
 }
 
 void ReadinessWatch::await(const std::shared_ptr<State>& state) {

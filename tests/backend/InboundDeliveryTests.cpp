@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "support/BackendParts.h"
+#include "support/WantOfMemory.h"
 
 namespace brindle {
 namespace {
@@ -21,6 +22,7 @@ using test::BackendParts;
 using test::inboundEventsIn;
 using test::inboundRecord;
 using test::namesIn;
+using test::WantOfMemory;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -398,6 +400,33 @@ TEST_F(InboundDeliveryTests, NothingIsDeliveredAfterStop) {
     drainOnce();
     EXPECT_THAT(delivered_, IsEmpty());
     EXPECT_THAT(inbound(), ElementsAre("a.json"));
+}
+
+/// Delivers two records while the Nth piece of memory is refused; false when so many were not asked for.
+bool deliverWithout(int allocation, WantOfMemory::Persistence persistence) {
+    BackendParts parts;
+    parts.state.setConnected(true);
+    parts.state.setActiveScope(BridgeConversationScope{"room", "Room"});
+    parts.putInbound("good.json", inboundRecord("1").dump());
+    parts.putInbound("wrong.json", "no record");
+    InboundDelivery delivery(parts.context);
+    WantOfMemory want(allocation, persistence);
+    delivery.drainInboundDirectory();
+    const bool wasMet = want.end();
+    parts.streams.take();
+    const auto& directory = parts.directory;
+    EXPECT_EQ(namesIn(directory.inbound).size() + namesIn(directory.processed).size() +
+                  namesIn(directory.rejected).size(),
+              2U);
+    return wasMet;
+}
+
+TEST(InboundDeliveryMemoryTests, WantOfMemoryLosesNoRecord) {
+    for (const auto persistence : {WantOfMemory::Persistence::once, WantOfMemory::Persistence::fromThenOn}) {
+        int allocation = 1;
+        while (deliverWithout(allocation, persistence)) ++allocation;
+        EXPECT_GT(allocation, 10);
+    }
 }
 
 }  // namespace

@@ -7,12 +7,14 @@
 #include <thread>
 
 #include "support/BackendParts.h"
+#include "support/WantOfMemory.h"
 
 namespace brindle {
 namespace {
 
 using nlohmann::json;
 using test::BackendParts;
+using test::WantOfMemory;
 using testing::StartsWith;
 
 TEST(ActiveScopeDescriptionTests, NamesTheScopeForPeople) {
@@ -158,6 +160,26 @@ TEST_F(StatusPublisherTests, LastOfSeveralWritersPublishesTheLastState) {
     other.join();
     parts_.streams.take();
     EXPECT_EQ(parts_.runtimeStatus()["connectionState"], "connected");
+}
+
+TEST_F(StatusPublisherTests, WantOfMemoryCostsNoMoreThanTheWrite) {
+    parts_.state.setActiveScope(
+        BridgeConversationScope{"an identifier of some length", "a title of some length"});
+    setWorkerRunning(true);
+    putWorkerStatus("not even JSON");
+    for (const auto persistence : {WantOfMemory::Persistence::once, WantOfMemory::Persistence::fromThenOn}) {
+        int allocation = 0;
+        bool wasMet = true;
+        while (wasMet) {
+            WantOfMemory want(++allocation, persistence);
+            publisher_.writeRuntimeStatus();
+            wasMet = want.end();
+        }
+        EXPECT_GT(allocation, 10);
+    }
+    parts_.streams.take();
+    EXPECT_EQ(parts_.runtimeStatus()["workerDetail"], "Own words.");
+    EXPECT_EQ(parts_.workerControl()["activeScope"]["title"], "a title of some length");
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "support/BackendParts.h"
+#include "support/WantOfMemory.h"
 
 namespace brindle {
 namespace {
@@ -19,6 +20,7 @@ namespace key = environment_key;
 using test::BackendParts;
 using test::linesOf;
 using test::waitUntil;
+using test::WantOfMemory;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -58,6 +60,16 @@ class WorkerSupervisorTests : public testing::Test {
     }
     void waitForState(const std::string& state) {
         waitUntil([&] { return worker().state == state; }, state);
+    }
+    /// Launches a worker that does nothing, and answers its number once it runs.
+    pid_t launchReadyWorker() {
+        const auto marker = (parts_.home.path() / "ready").string();
+        fs::remove(marker);
+        configure(script("echo $$ > '" + marker + ".part' && mv '" + marker + ".part' '" + marker +
+                         "'; exec sleep 1000"));
+        supervisor_.launchWorkerIfConfigured();
+        waitUntil([&] { return fs::exists(marker); }, "the worker is ready");
+        return static_cast<pid_t>(std::stol(test::readFile(marker)));
     }
     std::string runtimeFile(const std::string& name) const { return parts_.directory.runtime + "/" + name; }
     /// Ends the queue, so that no log line comes after it.
@@ -167,12 +179,7 @@ TEST_F(WorkerSupervisorTests, EverythingWrittenIsRelayedBeforeTheEndIsRecorded) 
 }
 
 TEST_F(WorkerSupervisorTests, StoppedWorkerIsNotUnexpected) {
-    const auto marker = (parts_.home.path() / "ready").string();
-    configure(script("echo $$ > '" + marker + ".part' && mv '" + marker + ".part' '" + marker +
-                     "'; exec sleep 1000"));
-    supervisor_.launchWorkerIfConfigured();
-    waitUntil([&] { return fs::exists(marker); }, "the worker is ready");
-    const auto process = static_cast<pid_t>(std::stol(test::readFile(marker)));
+    const auto process = launchReadyWorker();
     supervisor_.stopWorker();
     waitUntil([&] { return ::kill(process, 0) != 0; }, "the worker has ended and was reaped");
     waitForState("stopped");
@@ -193,6 +200,22 @@ TEST_F(WorkerSupervisorTests, StopRemovesTheWorkersFiles) {
     EXPECT_FALSE(fs::exists(runtimeFile("worker-status.json")));
     EXPECT_FALSE(fs::exists(runtimeFile("worker.pid")));
     EXPECT_TRUE(fs::exists(runtimeFile("worker-qr.png")));
+}
+
+TEST_F(WorkerSupervisorTests, WantOfMemoryDoesNotKeepAWorkerFromBeingStopped) {
+    for (const auto persistence : {WantOfMemory::Persistence::once, WantOfMemory::Persistence::fromThenOn}) {
+        int allocation = 0;
+        bool wasMet = true;
+        while (wasMet) {
+            const auto process = launchReadyWorker();
+            WantOfMemory want(++allocation, persistence);
+            supervisor_.stopWorker();
+            wasMet = want.end();
+            waitUntil([&] { return ::kill(process, 0) != 0; }, "the worker has ended and was reaped");
+            waitForState("stopped");
+        }
+        EXPECT_GT(allocation, 1);
+    }
 }
 
 TEST_F(WorkerSupervisorTests, LaunchRemovesTheFilesOfAnEarlierWorker) {

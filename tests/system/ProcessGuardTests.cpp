@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <array>
+#include <optional>
 
 #include "support/BackendProcess.h"
+#include "support/WantOfMemory.h"
 
 namespace brindle {
 namespace {
@@ -16,7 +18,7 @@ namespace {
 /// A guarded process that starts another one, which ignores every signal that can be ignored.
 class GuardedProcess {
   public:
-    enum class End { itself, onSignal };
+    enum class End { itself, withoutMemory, onSignal };
 
     GuardedProcess(bool leadsSession, End end) {
         // Whoever loses its parent comes to this process, which tells its end from the outside.
@@ -50,12 +52,14 @@ class GuardedProcess {
   private:
     [[noreturn]] void live(bool leadsSession, End end) const {
         if (leadsSession) ::setsid();
+        std::optional<test::WantOfMemory> want;
         {
             const ProcessGuard guard;
             const pid_t started = ::fork();
             if (started == 0) endure();
             if (::write(ends_[1], &started, sizeof started) < 0) ::_exit(1);
             if (end == End::onSignal) ::pause();
+            if (end == End::withoutMemory) want.emplace(1, test::WantOfMemory::Persistence::fromThenOn);
         }
         ::_exit(0);
     }
@@ -81,6 +85,14 @@ TEST_P(ProcessGuardTests, NothingOutlivesAKilledProcess) {
 
 TEST_P(ProcessGuardTests, NothingOutlivesAProcessThatEndsByItself) {
     const GuardedProcess guarded(GetParam(), GuardedProcess::End::itself);
+    const int status = guarded.waitForStatus();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    test::waitUntil([&] { return !test::processIsRunning(guarded.started()); },
+                    "the end of what was started");
+}
+
+TEST_P(ProcessGuardTests, NothingOutlivesAProcessThatEndsForWantOfMemory) {
+    const GuardedProcess guarded(GetParam(), GuardedProcess::End::withoutMemory);
     const int status = guarded.waitForStatus();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     test::waitUntil([&] { return !test::processIsRunning(guarded.started()); },

@@ -1,0 +1,21 @@
+#pragma once
+
+namespace brindle::test {
+
+/// While it lives, the Nth piece of memory that this thread asks for is refused, once or from then on. Other
+/// threads get all they want.
+class WantOfMemory {
+  public:
+    enum class Persistence { once, fromThenOn };
+
+    /// Counted from 1.
+    explicit WantOfMemory(int allocation, Persistence persistence = Persistence::once);
+    ~WantOfMemory();
+    WantOfMemory(const WantOfMemory&) = delete;
+    WantOfMemory& operator=(const WantOfMemory&) = delete;
+
+    /// Ends the want; whether anything was refused.
+    bool end();
+};
+
+}  // namespace brindle::test
