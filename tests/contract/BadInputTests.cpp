@@ -9,6 +9,7 @@
 
 #include "support/BackendProcess.h"
 #include "support/Replies.h"
+#include "support/Sanitizers.h"
 #include "support/Units.h"
 
 namespace brindle::test {
@@ -369,6 +370,7 @@ void expectMemoryGivenBack(const BackendProcess& process, std::size_t before) {
 }
 
 TEST(LargeInput, AttachmentOf64MebibytesArrivesIntact) {
+    if (sanitizerOfExecutables() == Sanitizer::thread) GTEST_SKIP() << large_messages_take_long;
     const auto data = largeBase64(large_bytes);
     BackendProcess process;
     process.greet();
@@ -392,6 +394,7 @@ TEST(LargeInput, SlashesOfTheAttachmentAreEscapedInTheFile) {
 }
 
 TEST(LargeInput, MemoryOfALargeAttachmentIsGivenBack) {
+    if (sanitizerOfExecutables() != Sanitizer::none) GTEST_SKIP() << memory_is_kept;
     BackendProcess process;
     process.greet();
     const auto before = process.residentBytes();
@@ -404,6 +407,7 @@ TEST(LargeInput, MemoryOfALargeAttachmentIsGivenBack) {
 }
 
 TEST(LargeInput, MemoryOfALargeBrokenLineIsGivenBack) {
+    if (sanitizerOfExecutables() != Sanitizer::none) GTEST_SKIP() << memory_is_kept;
     BackendProcess process;
     process.greet();
     const auto before = process.residentBytes();
@@ -413,6 +417,7 @@ TEST(LargeInput, MemoryOfALargeBrokenLineIsGivenBack) {
 }
 
 TEST(LargeInput, MemoryOfALineOfManyTokensIsGivenBack) {
+    if (sanitizerOfExecutables() != Sanitizer::none) GTEST_SKIP() << memory_is_kept;
     BackendProcess process;
     process.greet();
     const auto before = process.residentBytes();
@@ -423,6 +428,7 @@ TEST(LargeInput, MemoryOfALineOfManyTokensIsGivenBack) {
 }
 
 TEST(LargeInput, MemoryDoesNotGrowFromLargeLineToLargeLine) {
+    if (sanitizerOfExecutables() != Sanitizer::none) GTEST_SKIP() << memory_is_kept;
     BackendProcess process;
     process.greet();
     const auto before = process.residentBytes();
@@ -455,6 +461,7 @@ TEST(LargeInput, UnterminatedLineOf64MebibytesIsOneErrorAndTheEnd) {
 }
 
 TEST(LargeInput, UnterminatedMessageOf64MebibytesIsRecorded) {
+    if (sanitizerOfExecutables() == Sanitizer::thread) GTEST_SKIP() << large_messages_take_long;
     const auto data = largeBase64(large_bytes);
     BackendProcess process;
     process.greet();

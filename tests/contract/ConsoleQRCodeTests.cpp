@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Executables.h"
 #include "support/QRPictures.h"
 #include "support/WorkerScript.h"
 
@@ -54,7 +55,7 @@ class ConsoleQRCodeTest : public testing::Test {
     BackendProcess& start(std::string_view script, std::vector<std::string> arguments = {}) {
         writeFileAtomically(files_.path() / "check.console", script);
         BackendOptions options;
-        options.executable = CONSOLE_EXECUTABLE;
+        options.executable = consoleExecutable();
         options.arguments = {"--worker", worker_.path().string(), "--script",
                              (files_.path() / "check.console").string()};
         options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());

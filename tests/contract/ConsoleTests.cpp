@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Executables.h"
 #include "support/QRPictures.h"
 #include "support/WorkerScript.h"
 
@@ -51,7 +52,7 @@ class ConsoleTest : public testing::Test {
 
     BackendOptions optionsFor(std::vector<std::string> arguments) const {
         BackendOptions options;
-        options.executable = CONSOLE_EXECUTABLE;
+        options.executable = consoleExecutable();
         options.arguments = std::move(arguments);
         options.environment["TMPDIR"] = temporary_.path();
         options.dataDirectory = data_;
@@ -498,7 +499,7 @@ TEST_F(ConsoleTest, ThePlatformOptionCountsForHelperAndRequests) {
 }
 
 TEST_F(ConsoleTest, TheDemonstrationRuns) {
-    auto& console = start({"--native-worker", NATIVE_WORKER_EXECUTABLE, "--script",
+    auto& console = start({"--native-worker", nativeWorkerExecutable(), "--script",
                            SOURCE_DIRECTORY "/examples/native-demo.console"});
     EXPECT_EQ(console.waitForExit(), exitedWith(0)) << console.rawOutput() << console.standardError();
     EXPECT_THAT(console.rawOutput(), HasSubstr("Echo: On my way"));
@@ -526,6 +527,7 @@ class TerminalTest : public testing::Test {
     void startSession() {
         winsize size{.ws_row = 24, .ws_col = 80, .ws_xpixel = 0, .ws_ypixel = 0};
         session_ = std::make_unique<Session>();
+        const auto console = consoleExecutable();
         const auto state = "XDG_STATE_HOME=" + state_.path().string();
         const auto data = "BRINDLE_MANAGED_BRIDGE_DATA_DIR=" + data_.path().string();
         session_->process = ::forkpty(&session_->terminal, nullptr, nullptr, &size);
@@ -533,8 +535,8 @@ class TerminalTest : public testing::Test {
         if (session_->process > 0) return;
         const std::array<const char*, 6> environment{state.c_str(),    data.c_str(),         "TERM=xterm",
                                                      "LC_ALL=C.UTF-8", "PATH=/usr/bin:/bin", nullptr};
-        const std::array<const char*, 3> arguments{CONSOLE_EXECUTABLE, "--no-worker", nullptr};
-        ::execve(CONSOLE_EXECUTABLE, const_cast<char* const*>(arguments.data()),
+        const std::array<const char*, 3> arguments{console.c_str(), "--no-worker", nullptr};
+        ::execve(console.c_str(), const_cast<char* const*>(arguments.data()),
                  const_cast<char* const*>(environment.data()));
         ::_exit(127);
     }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/WorkerScript.h"
 
 namespace brindle::test {
 namespace {
@@ -353,11 +354,14 @@ TEST(LaunchToken, NeverAppearsInOutputOrFiles) {
     process.waitForFile("rejected/broken.json");
     process.writeInbound("fine.json", inboundRecord("m-1", "hello"));
     process.waitForFile("processed/fine.json");
-    process.send(sendMessageRequest({{"conversationId", "team-room"}, {"text", "hi"}}));
+    process.send(sendMessageRequest(teamRoomMessage("written")));
+    const auto record = process.path("outbound") / process.waitForEntries("outbound", 1).front();
+    EXPECT_EQ(readFile(record).find(token), std::string::npos);
     process.send("{");
-    std::filesystem::remove_all(process.path("outbound"));
-    process.send(sendMessageRequest({{"conversationId", "team-room"}, {"text", "hi"}}));
-    process.finish();
+    makeVanish(process.path("outbound"));
+    process.send(sendMessageRequest(teamRoomMessage("cannot be written")));
+    const auto lines = process.finish();
+    EXPECT_NE(errorMessageOf(lines.back()).find("outbound"), std::string::npos) << lines.back();
     EXPECT_EQ(process.rawOutput().find(token), std::string::npos);
     EXPECT_EQ(process.standardError().find(token), std::string::npos);
     int files = 0;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Executables.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
@@ -39,7 +40,7 @@ json watchedChat() {
 BackendOptions optionsWithNativeWorker() {
     BackendOptions options;
     options.environment.erase("BRINDLE_MANAGED_BRIDGE_DISABLE_WORKER");
-    options.environment["BRINDLE_MANAGED_BRIDGE_NATIVE_WORKER_PATH"] = NATIVE_WORKER_EXECUTABLE;
+    options.environment["BRINDLE_MANAGED_BRIDGE_NATIVE_WORKER_PATH"] = nativeWorkerExecutable();
     return options;
 }
 
@@ -149,7 +150,7 @@ class NativeWorkerTest : public testing::Test {
 
     BackendOptions options() const {
         BackendOptions options;
-        options.executable = NATIVE_WORKER_EXECUTABLE;
+        options.executable = nativeWorkerExecutable();
         options.dataDirectory = data_;
         options.environment["BRINDLE_MANAGED_BRIDGE_DATA_DIR"] = data_->path();
         options.environment["BRINDLE_MANAGED_BRIDGE_PLATFORM"] = "whatsapp";
@@ -310,7 +311,7 @@ TEST_F(NativeWorkerTest, KilledInTheMiddleLosesAndDoublesNothing) {
 TEST_F(NativeWorkerTest, KeepsAMessageWhoseEchoCannotBeWrittenAndTriesAgain) {
     auto& worker = start();
     worker.waitForFile("runtime/worker-status.json");
-    fs::remove_all(path("inbound"));
+    makeVanish(path("inbound"));
     leaveOutbound("A", "hi");
     worker.waitForStandardError("Cannot write ");
     EXPECT_TRUE(fs::exists(path("outbound/A.json")));

@@ -15,6 +15,7 @@
 
 #include "support/BackendProcess.h"
 #include "support/Diagnostics.h"
+#include "support/Executables.h"
 #include "support/Users.h"
 #include "support/WorkerScript.h"
 
@@ -1005,7 +1006,7 @@ TEST(ParentMonitor, ParentOfAnotherUserIsAlive) {
     BackendOptions options;
     if (isRoot()) {
         const fs::path executable = place.path() / "backend";
-        fs::copy_file(BACKEND_EXECUTABLE, executable);
+        fs::copy_file(backendExecutable(), executable);
         const fs::path wrapper = place.path() / "wrapper";
         writeScript(wrapper, "exec setpriv --reuid=65534 --clear-groups '" + executable.string() + "'");
         options.executable = wrapper.string();
@@ -1030,8 +1031,8 @@ TEST(ParentMonitor, BackendWithoutAnyParentEnds) {
     BackendOptions options;
     const fs::path wrapper = place.path() / "wrapper";
     const std::string user_namespace = isRoot() ? "" : "--map-root-user ";
-    writeScript(wrapper, "exec unshare " + user_namespace + "--pid --fork --kill-child '" +
-                             std::string(BACKEND_EXECUTABLE) + "'");
+    writeScript(wrapper,
+                "exec unshare " + user_namespace + "--pid --fork --kill-child '" + backendExecutable() + "'");
     options.executable = wrapper.string();
     BackendProcess backend(options);
     EXPECT_EQ(backend.waitForExit(), exitedWith(0)) << backend.standardError();

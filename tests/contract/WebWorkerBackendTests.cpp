@@ -4,14 +4,17 @@
 #include <array>
 #include <csignal>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "support/DrivenPage.h"
+#include "support/Executables.h"
 #include "support/Processes.h"
 #include "support/TestDisplay.h"
 #include "support/WebWorkerProcess.h"
+#include "support/WebWorkerTest.h"
 
 namespace brindle::test {
 namespace {
@@ -36,38 +39,43 @@ BackendOptions withBuiltInWorker(const std::string& url) {
 }
 
 /// A backend whose built-in worker shows a page of the test.
-class WebWorkerRoad : public testing::Test {
+class WebWorkerRoad : public WebWorkerTest {
   protected:
-    WebWorkerRoad()
-        : page_("client.chats(['Family', 'Team Room'])"), backend_(withBuiltInWorker(page_.url())) {}
-    ~WebWorkerRoad() override {
-        const auto left = processTree(backend_.pid());
-        if (backend_.isRunning()) backend_.closeInput();
+    void SetUp() override {
+        WebWorkerTest::SetUp();
+        if (IsSkipped()) return;
+        page_.emplace("client.chats(['Family', 'Team Room'])");
+        backend_.emplace(withBuiltInWorker(page_->url()));
+    }
+    void TearDown() override {
+        if (!backend_) return;
+        const auto left = processTree(backend_->pid());
+        if (backend_->isRunning()) backend_->closeInput();
         EXPECT_NO_THROW(waitForEnds(left));
         endAll(left);
     }
 
-    DrivenPage& page() { return page_; }
-    BackendProcess& backend() { return backend_; }
+    DrivenPage& page() { return *page_; }
+    BackendProcess& backend() { return *backend_; }
 
     json waitForWorkerState(const std::string& state) {
-        return backend_.waitForRuntimeStatus(
+        return backend_->waitForRuntimeStatus(
             [&](const json& status) { return status["workerState"] == state; });
     }
     /// The backend, its worker and the engine, once the page runs.
     std::vector<pid_t> tree() {
-        backend_.waitUntil([&] { return !processesNamed(backend_.pid(), web_process_name).empty(); },
-                           "the page's process");
-        return processTree(backend_.pid());
+        backend_->waitUntil([&] { return !processesNamed(backend_->pid(), web_process_name).empty(); },
+                            "the page's process");
+        return processTree(backend_->pid());
     }
     void listen(const std::string& id, const std::string& title) {
-        backend_.connectAndListen(conversationScope(id, title));
+        backend_->connectAndListen(conversationScope(id, title));
         waitForWorkerState("watching_chat");
     }
 
   private:
-    DrivenPage page_;
-    BackendProcess backend_;
+    std::optional<DrivenPage> page_;
+    std::optional<BackendProcess> backend_;
 };
 
 TEST_F(WebWorkerRoad, AMessageOfThePageBecomesAnInboundEvent) {
@@ -98,7 +106,7 @@ TEST_F(WebWorkerRoad, TheRuntimeStatusShowsTheWorkers) {
               "Linked to WhatsApp Web. Select a watched chat title to start live listening.");
     EXPECT_EQ(status["workerSupportsLiveCapture"], true);
     EXPECT_EQ(status["workerSupportsOutbound"], false);
-    EXPECT_THAT(status["workerConfiguredExecutablePath"].get<std::string>(), HasSubstr(BACKEND_EXECUTABLE));
+    EXPECT_THAT(status["workerConfiguredExecutablePath"].get<std::string>(), HasSubstr(backendExecutable()));
 }
 
 TEST_F(WebWorkerRoad, TheParentsChangeOfScopeMovesTheWatch) {
@@ -171,7 +179,9 @@ TEST_F(WebWorkerRoad, NoToolkitIsMappedInTheBackend) {
     EXPECT_THAT(readFile("/proc/" + std::to_string(worker) + "/maps"), HasSubstr("webkit"));
 }
 
-TEST(WebWorkerTrouble, AMissingDisplayIsShownAsAnExitWithTheReason) {
+class WebWorkerTrouble : public WebWorkerTest {};
+
+TEST_F(WebWorkerTrouble, AMissingDisplayIsShownAsAnExitWithTheReason) {
     auto options = withBuiltInWorker("http://127.0.0.1:1/");
     options.environment.erase("DISPLAY");
     BackendProcess backend(std::move(options));

@@ -3,11 +3,13 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "support/DrivenPage.h"
 #include "support/WebWorkerProcess.h"
+#include "support/WebWorkerTest.h"
 
 namespace brindle::test {
 namespace {
@@ -20,23 +22,26 @@ using testing::Not;
 constexpr const char* three_chats = "client.chats(['Family', 'Team Room', 'Ann Lee'])";
 
 /// A linked page with some chats and a worker that has found it.
-class WebWorkerCapture : public testing::Test {
+class WebWorkerCapture : public WebWorkerTest {
   protected:
-    explicit WebWorkerCapture(const std::string& atLoad = three_chats)
-        : page_(atLoad), worker_(WebWorkerOptions().withUrl(page_.url())) {
-        worker_.waitForState("linked");
+    void SetUp() override {
+        WebWorkerTest::SetUp();
+        if (IsSkipped()) return;
+        page_.emplace(three_chats);
+        worker_.emplace(WebWorkerOptions().withUrl(page_->url()));
+        worker_->waitForState("linked");
     }
 
-    DrivenPage& page() { return page_; }
-    WebWorkerProcess& worker() { return worker_; }
+    DrivenPage& page() { return *page_; }
+    WebWorkerProcess& worker() { return *worker_; }
     /// Lets a message arrive in a chat of the page.
     void receive(const std::string& title, const json& message) {
-        page_.run("client.receive(" + scriptString(title) + ", " + message.dump() + ")");
+        page_->run("client.receive(" + scriptString(title) + ", " + message.dump() + ")");
     }
 
   private:
-    DrivenPage page_;
-    WebWorkerProcess worker_;
+    std::optional<DrivenPage> page_;
+    std::optional<WebWorkerProcess> worker_;
 };
 
 TEST_F(WebWorkerCapture, AMessageBecomesARecordWithTheseFieldsAndNoOthers) {
@@ -238,7 +243,9 @@ TEST_F(WebWorkerCapture, ARecordForAnotherPlatformChangesNothing) {
     for (const auto& detail : worker().journal().details()) EXPECT_THAT(detail, Not(HasSubstr("Family")));
 }
 
-TEST(WebWorkerInbound, ARecordThatCannotBeWrittenIsAnErrorAndTheNextOneIsDelivered) {
+class WebWorkerInbound : public WebWorkerTest {};
+
+TEST_F(WebWorkerInbound, ARecordThatCannotBeWrittenIsAnErrorAndTheNextOneIsDelivered) {
     DrivenPage page(three_chats);
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.waitForState("linked");

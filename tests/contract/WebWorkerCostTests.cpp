@@ -5,12 +5,22 @@
 #include <vector>
 
 #include "support/Processes.h"
+#include "support/Sanitizers.h"
+#include "support/WebWorkerTest.h"
 #include "support/WorkerCost.h"
 
 namespace brindle::test {
 namespace {
 
-TEST(WebWorkerCost, AnIdleTreeStaysWithinItsMemory) {
+class WebWorkerCost : public WebWorkerTest {
+  protected:
+    void SetUp() override {
+        WebWorkerTest::SetUp();
+        if (sanitizerOfExecutables() == Sanitizer::address) GTEST_SKIP() << memory_is_kept;
+    }
+};
+
+TEST_F(WebWorkerCost, AnIdleTreeStaysWithinItsMemory) {
     constexpr std::chrono::seconds some_ticks{3};
     IdleWorker idle;
     const auto costs = idle.measure(some_ticks);
@@ -21,7 +31,7 @@ TEST(WebWorkerCost, AnIdleTreeStaysWithinItsMemory) {
     EXPECT_LT(total(costs).memory_mebibytes, most_memory_mebibytes);
 }
 
-TEST(WebWorkerCost, AnIdleTreeLeavesTheProcessorAlone) {
+TEST_F(WebWorkerCost, AnIdleTreeLeavesTheProcessorAlone) {
     // What a busy machine adds to a share is hard to tell: worker_bench holds it to most_processor_percent on
     // a quiet one. Here only something that never comes to rest is too much.
     constexpr double restless_percent = 25;

@@ -3,12 +3,14 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "support/DrivenPage.h"
 #include "support/Units.h"
 #include "support/WebWorkerProcess.h"
+#include "support/WebWorkerTest.h"
 
 namespace brindle::test {
 namespace {
@@ -35,23 +37,26 @@ std::vector<std::string> filesOf(const WebWorkerProcess& worker) {
 }
 
 /// A worker on a page that is up to no good, beside the traces that the page may leave.
-class WebWorkerHostile : public testing::Test {
+class WebWorkerHostile : public WebWorkerTest {
   protected:
-    WebWorkerHostile()
-        : page_("client.chats(['Team Room', 'Family'])"), worker_(WebWorkerOptions().withUrl(page_.url())) {
-        worker_.waitForState("linked");
-        filesBefore_ = filesOf(worker_);
+    void SetUp() override {
+        WebWorkerTest::SetUp();
+        if (IsSkipped()) return;
+        page_.emplace("client.chats(['Team Room', 'Family'])");
+        worker_.emplace(WebWorkerOptions().withUrl(page_->url()));
+        worker_->waitForState("linked");
+        filesBefore_ = filesOf(*worker_);
     }
 
-    DrivenPage& page() { return page_; }
-    WebWorkerProcess& worker() { return worker_; }
+    DrivenPage& page() { return *page_; }
+    WebWorkerProcess& worker() { return *worker_; }
 
     /// The worker lives, has written nowhere but where it should, and nothing of the page's was run as a
     /// script.
     void expectNoHarm() {
-        EXPECT_TRUE(worker_.process().isRunning());
-        EXPECT_EQ(page_.run("typeof window.injected"), "undefined");
-        for (const auto& file : filesOf(worker_)) {
+        EXPECT_TRUE(worker_->process().isRunning());
+        EXPECT_EQ(page_->run("typeof window.injected"), "undefined");
+        for (const auto& file : filesOf(worker())) {
             const fs::path path(file);
             const bool isRecord = path.parent_path() == "data/inbound" && path.extension() == ".json" &&
                                   isCanonicalUuid(path.stem().string());
@@ -69,9 +74,9 @@ class WebWorkerHostile : public testing::Test {
 
     /// Once the page is sane again the worker does what it should.
     void expectCapture(const std::string& chat = "Family") {
-        worker_.watchUntilOpen(chat, "sane");
-        page_.run("client.receive(" + scriptString(chat) +
-                  ", { id: 'sane', sender: 'Ann', text: 'sane again' })");
+        worker_->watchUntilOpen(chat, "sane");
+        page_->run("client.receive(" + scriptString(chat) +
+                   ", { id: 'sane', sender: 'Ann', text: 'sane again' })");
         waitUntil(
             [&] {
                 const auto all = records();
@@ -84,15 +89,15 @@ class WebWorkerHostile : public testing::Test {
     /// The records that have come so far.
     std::vector<json> records() {
         std::vector<json> records;
-        for (const auto& name : namesIn(worker_.path("inbound"))) {
-            if (!name.starts_with(".")) records.push_back(readJsonFile(worker_.path("inbound") / name));
+        for (const auto& name : namesIn(worker_->path("inbound"))) {
+            if (!name.starts_with(".")) records.push_back(readJsonFile(worker_->path("inbound") / name));
         }
         return records;
     }
 
   private:
-    DrivenPage page_;
-    WebWorkerProcess worker_;
+    std::optional<DrivenPage> page_;
+    std::optional<WebWorkerProcess> worker_;
     std::vector<std::string> filesBefore_;
 };
 

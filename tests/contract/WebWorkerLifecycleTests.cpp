@@ -16,8 +16,10 @@
 #include <vector>
 
 #include "support/DrivenPage.h"
+#include "support/Executables.h"
 #include "support/Processes.h"
 #include "support/WebWorkerProcess.h"
+#include "support/WebWorkerTest.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
@@ -35,13 +37,15 @@ std::vector<std::string> runtimeFiles(const WebWorkerProcess& worker) {
     return namesIn(worker.path("runtime"));
 }
 
-TEST(WebWorkerLifecycle, PIDFileHoldsTheDigitsOfTheProcessIdAndNothingElse) {
+class WebWorkerLifecycle : public WebWorkerTest {};
+
+TEST_F(WebWorkerLifecycle, PIDFileHoldsTheDigitsOfTheProcessIdAndNothingElse) {
     WebWorkerProcess worker;
     worker.waitForState("starting");
     EXPECT_EQ(readFile(worker.path("runtime/worker.pid")), std::to_string(worker.pid()));
 }
 
-TEST(WebWorkerLifecycle, StatusesLeadFromTheLaunchToALinkedPage) {
+TEST_F(WebWorkerLifecycle, StatusesLeadFromTheLaunchToALinkedPage) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page));
     if (!worker.journal().isExact()) GTEST_SKIP() << exact_watch_needs_root;
     const auto linked = worker.waitForState("linked");
@@ -57,7 +61,7 @@ TEST(WebWorkerLifecycle, StatusesLeadFromTheLaunchToALinkedPage) {
     EXPECT_EQ(details, expected);
 }
 
-TEST(WebWorkerLifecycle, EveryStatusSaysWhatTheWorkerCanAndWhenItWasWritten) {
+TEST_F(WebWorkerLifecycle, EveryStatusSaysWhatTheWorkerCanAndWhenItWasWritten) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page));
     const auto linked = worker.waitForState("linked");
     const auto statuses = worker.journal().statuses();
@@ -71,7 +75,7 @@ TEST(WebWorkerLifecycle, EveryStatusSaysWhatTheWorkerCanAndWhenItWasWritten) {
     EXPECT_EQ(statuses[linked]["displayName"], "WhatsApp Web");
 }
 
-TEST(WebWorkerLifecycle, MakesItsOwnDirectoriesAndNoOthers) {
+TEST_F(WebWorkerLifecycle, MakesItsOwnDirectoriesAndNoOthers) {
     WebWorkerOptions options;
     options.on(TestDisplay::shared());
     const fs::path deep = options.dataDirectory() / "deep" / "down";
@@ -86,7 +90,7 @@ TEST(WebWorkerLifecycle, MakesItsOwnDirectoriesAndNoOthers) {
     waitForEnds(tree);
 }
 
-TEST(WebWorkerLifecycle, ADirectoryThatCannotBeMadeEndsItWithOneLine) {
+TEST_F(WebWorkerLifecycle, ADirectoryThatCannotBeMadeEndsItWithOneLine) {
     WebWorkerOptions options;
     options.on(TestDisplay::shared());
     writeFileAtomically(options.dataDirectory(), "a file");
@@ -96,14 +100,14 @@ TEST(WebWorkerLifecycle, ADirectoryThatCannotBeMadeEndsItWithOneLine) {
     EXPECT_THAT(worker.standardError(), HasSubstr(options.dataDirectory().string()));
 }
 
-TEST(WebWorkerLifecycle, WritesNothingToStandardOutput) {
+TEST_F(WebWorkerLifecycle, WritesNothingToStandardOutput) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page));
     worker.waitForState("linked");
     worker.terminate();
     EXPECT_EQ(worker.process().rawOutput(), "");
 }
 
-class WebWorkerSignal : public testing::TestWithParam<int> {};
+class WebWorkerSignal : public WebWorkerTest, public testing::WithParamInterface<int> {};
 
 TEST_P(WebWorkerSignal, EndsItCleanlyWithItsFilesAndEveryProcessOfTheEngine) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page));
@@ -118,7 +122,7 @@ TEST_P(WebWorkerSignal, EndsItCleanlyWithItsFilesAndEveryProcessOfTheEngine) {
 
 INSTANTIATE_TEST_SUITE_P(WebWorkerLifecycle, WebWorkerSignal, testing::Values(SIGTERM, SIGINT, SIGHUP));
 
-TEST(WebWorkerLifecycle, ASignalDuringTheStartEndsItToo) {
+TEST_F(WebWorkerLifecycle, ASignalDuringTheStartEndsItToo) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page));
     worker.waitForState("starting");
     const auto tree = worker.tree();
@@ -128,7 +132,7 @@ TEST(WebWorkerLifecycle, ASignalDuringTheStartEndsItToo) {
     waitForEnds(tree);
 }
 
-TEST(WebWorkerLifecycle, ItsKillingEndsEveryProcessOfTheEngine) {
+TEST_F(WebWorkerLifecycle, ItsKillingEndsEveryProcessOfTheEngine) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page));
     worker.waitForState("linked");
     const auto tree = worker.tree();
@@ -138,7 +142,7 @@ TEST(WebWorkerLifecycle, ItsKillingEndsEveryProcessOfTheEngine) {
     waitForEnds(tree);
 }
 
-TEST(WebWorkerLifecycle, ItsKillingEndsAPageThatHangs) {
+TEST_F(WebWorkerLifecycle, ItsKillingEndsAPageThatHangs) {
     DrivenPage page("client.chats(['Team Room'])");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.waitForState("linked");
@@ -151,7 +155,7 @@ TEST(WebWorkerLifecycle, ItsKillingEndsAPageThatHangs) {
     waitForEnds(tree);
 }
 
-TEST(WebWorkerLifecycle, TheEndOfItsParentEndsItWithALastStatus) {
+TEST_F(WebWorkerLifecycle, TheEndOfItsParentEndsItWithALastStatus) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page), true);
     if (!worker.journal().isExact()) GTEST_SKIP() << exact_watch_needs_root;
     const auto linked = worker.waitForState("linked");
@@ -167,7 +171,7 @@ TEST(WebWorkerLifecycle, TheEndOfItsParentEndsItWithALastStatus) {
     waitForEnds(tree);
 }
 
-TEST(WebWorkerLifecycle, TheEndOfItsParentDuringTheStartEndsItToo) {
+TEST_F(WebWorkerLifecycle, TheEndOfItsParentDuringTheStartEndsItToo) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page), true);
     // The guard comes first of all, the engine long after it.
     waitUntil([&] { return !processesNamed(worker.pid(), guard_name).empty(); }, "the guard");
@@ -176,7 +180,7 @@ TEST(WebWorkerLifecycle, TheEndOfItsParentDuringTheStartEndsItToo) {
     EXPECT_THAT(runtimeFiles(worker), IsEmpty());
 }
 
-TEST(WebWorkerLifecycle, ASecondSignalDoesNotCutTheEndShort) {
+TEST_F(WebWorkerLifecycle, ASecondSignalDoesNotCutTheEndShort) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page));
     worker.waitForState("linked");
     const auto tree = worker.tree();
@@ -187,7 +191,7 @@ TEST(WebWorkerLifecycle, ASecondSignalDoesNotCutTheEndShort) {
     waitForEnds(tree);
 }
 
-TEST(WebWorkerLifecycle, NoProcessOfTheEngineKnowsTheLaunchToken) {
+TEST_F(WebWorkerLifecycle, NoProcessOfTheEngineKnowsTheLaunchToken) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page));
     worker.waitForState("linked");
     const auto token = worker.options().process.launchToken;
@@ -207,7 +211,7 @@ TEST(WebWorkerLifecycle, NoProcessOfTheEngineKnowsTheLaunchToken) {
     EXPECT_GE(checked, 3);
 }
 
-TEST(WebWorkerLifecycle, WithoutALaunchTokenNothingIsTouched) {
+TEST_F(WebWorkerLifecycle, WithoutALaunchTokenNothingIsTouched) {
     WebWorkerOptions options;
     options.process.environment.erase("BRINDLE_HELPER_LAUNCH_TOKEN");
     BackendProcess worker(options.process);
@@ -228,12 +232,14 @@ std::string fatalLineOf(const WebWorkerOptions& options) {
     return lines[0];
 }
 
-TEST(WebWorkerNeeds, ADisplayAndSaysSo) {
+class WebWorkerNeeds : public WebWorkerTest {};
+
+TEST_F(WebWorkerNeeds, ADisplayAndSaysSo) {
     EXPECT_THAT(fatalLineOf(WebWorkerOptions()),
                 AllOf(HasSubstr("needs a display"), HasSubstr("DISPLAY"), HasSubstr("Xvfb")));
 }
 
-TEST(WebWorkerNeeds, ADisplayThatAnswers) {
+TEST_F(WebWorkerNeeds, ADisplayThatAnswers) {
     WebWorkerOptions options;
     options.process.environment["DISPLAY"] = ":65000";
     EXPECT_THAT(fatalLineOf(options), HasSubstr("needs a display"));
@@ -253,7 +259,7 @@ WebWorkerOptions optionsWithModule(const std::string& module) {
     return options;
 }
 
-TEST(WebWorkerNeeds, ItsModuleAndSaysWhereItBelongs) {
+TEST_F(WebWorkerNeeds, ItsModuleAndSaysWhereItBelongs) {
     const auto options = optionsWithModule("");
     const auto directory = fs::path(options.process.executable).parent_path();
     EXPECT_THAT(fatalLineOf(options),
@@ -261,13 +267,13 @@ TEST(WebWorkerNeeds, ItsModuleAndSaysWhereItBelongs) {
                       HasSubstr("install the program again")));
 }
 
-TEST(WebWorkerNeeds, AModuleThatIsOne) {
+TEST_F(WebWorkerNeeds, AModuleThatIsOne) {
     EXPECT_THAT(fatalLineOf(optionsWithModule("no module")),
                 AllOf(HasSubstr("cannot be loaded"), HasSubstr("BrindleWebHost.so")));
 }
 
-TEST(WebWorkerNeeds, TheEnginesLibrariesAndNamesTheirPackage) {
-    auto module = readFile(fs::path(BACKEND_EXECUTABLE).parent_path() / "BrindleWebHost.so");
+TEST_F(WebWorkerNeeds, TheEnginesLibrariesAndNamesTheirPackage) {
+    auto module = readFile(webHostModule());
     const std::string library = "libwebkit2gtk-4.1.so.0";
     const auto place = module.find(library);
     ASSERT_NE(place, std::string::npos);
@@ -277,7 +283,7 @@ TEST(WebWorkerNeeds, TheEnginesLibrariesAndNamesTheirPackage) {
         AllOf(HasSubstr("libwebkit2gtk-4.1.so.X"), HasSubstr("install the package libwebkit2gtk-4.1-0")));
 }
 
-TEST(WebWorkerNeeds, TheSandboxProgramAndNamesItsPackage) {
+TEST_F(WebWorkerNeeds, TheSandboxProgramAndNamesItsPackage) {
     WebWorkerOptions options;
     options.on(TestDisplay::shared());
     options.process.environment["PATH"] = options.place->path();
@@ -285,7 +291,7 @@ TEST(WebWorkerNeeds, TheSandboxProgramAndNamesItsPackage) {
                                             HasSubstr("install the packages bubblewrap")));
 }
 
-TEST(WebWorkerNeeds, NamespacesForTheSandboxAndSaysHowToProvideThem) {
+TEST_F(WebWorkerNeeds, NamespacesForTheSandboxAndSaysHowToProvideThem) {
     WebWorkerOptions options;
     options.on(TestDisplay::shared());
     // Limits of a user namespace hold for those within it alone.
@@ -294,7 +300,9 @@ TEST(WebWorkerNeeds, NamespacesForTheSandboxAndSaysHowToProvideThem) {
                 AllOf(HasSubstr("cannot sandbox"), HasSubstr("let this user create user namespaces")));
 }
 
-TEST(WebWorkerLog, GoesToStandardErrorWithItsCategoryWhereThereIsNoJournal) {
+class WebWorkerLog : public WebWorkerTest {};
+
+TEST_F(WebWorkerLog, GoesToStandardErrorWithItsCategoryWhereThereIsNoJournal) {
     WebWorkerProcess worker(WebWorkerOptions().withoutJournal());
     worker.waitForState("starting");
     writeFileAtomically(worker.path("runtime/worker-control.json"), "garbage");
@@ -351,7 +359,7 @@ class JournalSocket {
     int socket_;
 };
 
-TEST(WebWorkerLog, GoesToTheJournalWithItsFieldsWhereThereIsOne) {
+TEST_F(WebWorkerLog, GoesToTheJournalWithItsFieldsWhereThereIsOne) {
     const TemporaryDirectory directory;
     const JournalSocket journal(directory.path() / "socket");
     WebWorkerOptions options;

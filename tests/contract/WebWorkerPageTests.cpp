@@ -10,6 +10,7 @@
 
 #include "support/DrivenPage.h"
 #include "support/WebWorkerProcess.h"
+#include "support/WebWorkerTest.h"
 
 namespace brindle::test {
 namespace {
@@ -29,7 +30,9 @@ WebWorkerOptions withoutNetwork(WebWorkerOptions options = {}) {
     return options.unshared("--net", "true");
 }
 
-TEST(WebWorkerPage, AnHTMLFileGoesBeforeAnAddress) {
+class WebWorkerPage : public WebWorkerTest {};
+
+TEST_F(WebWorkerPage, AnHTMLFileGoesBeforeAnAddress) {
     DrivenPage page("client.login()");
     auto options = WebWorkerOptions().withHtml("<body><div id=side></div></body>");
     options.process.environment[url_variable] = page.url();
@@ -39,7 +42,7 @@ TEST(WebWorkerPage, AnHTMLFileGoesBeforeAnAddress) {
     EXPECT_EQ(page.loads(), 0U);
 }
 
-TEST(WebWorkerPage, ABlankHTMLPathCountsAsNone) {
+TEST_F(WebWorkerPage, ABlankHTMLPathCountsAsNone) {
     DrivenPage page("client.login()");
     auto options = WebWorkerOptions().withUrl("\t " + page.url() + "\n");
     options.process.environment[html_variable] = " \n\t";
@@ -49,7 +52,7 @@ TEST(WebWorkerPage, ABlankHTMLPathCountsAsNone) {
     EXPECT_EQ(page.loads(), 1U);
 }
 
-class WebWorkerNoAddress : public testing::TestWithParam<const char*> {};
+class WebWorkerNoAddress : public WebWorkerTest, public testing::WithParamInterface<const char*> {};
 
 TEST_P(WebWorkerNoAddress, LeadsToTheService) {
     WebWorkerProcess worker(withoutNetwork(WebWorkerOptions().withUrl(GetParam())));
@@ -62,7 +65,7 @@ TEST_P(WebWorkerNoAddress, LeadsToTheService) {
 INSTANTIATE_TEST_SUITE_P(WebWorkerPage, WebWorkerNoAddress,
                          testing::Values("", "  \n", "not a url", "/tmp/a.html"));
 
-TEST(WebWorkerPage, AFailedLoadIsAnErrorThatPeopleCanRead) {
+TEST_F(WebWorkerPage, AFailedLoadIsAnErrorThatPeopleCanRead) {
     WebWorkerProcess worker(withoutNetwork(WebWorkerOptions().withUrl("https://client.invalid/")));
     const auto failed = worker.waitForState("error");
     const auto status = worker.journal().statuses()[failed];
@@ -73,7 +76,7 @@ TEST(WebWorkerPage, AFailedLoadIsAnErrorThatPeopleCanRead) {
     EXPECT_TRUE(worker.process().isRunning());
 }
 
-TEST(WebWorkerPage, AnHTMLFileThatIsNotThereIsAnErrorAndNothingElseIsTried) {
+TEST_F(WebWorkerPage, AnHTMLFileThatIsNotThereIsAnErrorAndNothingElseIsTried) {
     DrivenPage page("client.login()");
     WebWorkerOptions options;
     const auto file = options.place->path() / "missing.html";
@@ -87,14 +90,14 @@ TEST(WebWorkerPage, AnHTMLFileThatIsNotThereIsAnErrorAndNothingElseIsTried) {
     EXPECT_EQ(page.loads(), 0U);
 }
 
-TEST(WebWorkerPage, AnHTMLFileThatIsNoTextIsAnError) {
+TEST_F(WebWorkerPage, AnHTMLFileThatIsNoTextIsAnError) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml("<body>\xff\xfe</body>"));
     const auto failed = worker.waitForDetail("Failed to load managed WhatsApp worker test HTML: ");
     EXPECT_EQ(worker.journal().statuses()[failed]["state"], "error");
     EXPECT_THAT(worker.journal().details()[failed], HasSubstr("is not UTF-8 text."));
 }
 
-TEST(WebWorkerPage, AnHTMLFileFindsItsNeighbours) {
+TEST_F(WebWorkerPage, AnHTMLFileFindsItsNeighbours) {
     const auto options = WebWorkerOptions().withHtml("<body><script src=neighbour.js></script></body>");
     writeFileAtomically(options.place->path() / "neighbour.js",
                         "document.body.innerHTML = '<div id=side></div>'");
@@ -113,7 +116,7 @@ long secondsBetween(const nlohmann::json& earlier, const nlohmann::json& later) 
     return timeOf(later) - timeOf(earlier);
 }
 
-TEST(WebWorkerPage, ThatFinishesAgainStartsNoSecondTimers) {
+TEST_F(WebWorkerPage, ThatFinishesAgainStartsNoSecondTimers) {
     DrivenPage page("client.login()");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.waitForState("waiting_for_qr");
@@ -154,7 +157,9 @@ std::string pictureIn(const WebWorkerProcess& worker) {
     return fs::exists(file) ? hexadecimal(readFile(file)) : "none";
 }
 
-TEST(WebWorkerQRCode, IsTheCanvasOfThePageByteForByteAndFollowsIt) {
+class WebWorkerQRCode : public WebWorkerTest {};
+
+TEST_F(WebWorkerQRCode, IsTheCanvasOfThePageByteForByteAndFollowsIt) {
     DrivenPage page("client.login(1)");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     const auto waiting = worker.waitForState("waiting_for_qr");
@@ -168,7 +173,7 @@ TEST(WebWorkerQRCode, IsTheCanvasOfThePageByteForByteAndFollowsIt) {
     waitUntil([&] { return pictureIn(worker) == second; }, "the renewed picture");
 }
 
-TEST(WebWorkerQRCode, GoesWithTheCanvasAndTheStateWithIt) {
+TEST_F(WebWorkerQRCode, GoesWithTheCanvasAndTheStateWithIt) {
     DrivenPage page("client.login()");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.waitForState("waiting_for_qr");
@@ -186,7 +191,7 @@ TEST(WebWorkerQRCode, GoesWithTheCanvasAndTheStateWithIt) {
     waitUntil([&] { return pictureIn(worker) == "none"; }, "the end of the second picture");
 }
 
-class WebWorkerNoPicture : public testing::TestWithParam<const char*> {};
+class WebWorkerNoPicture : public WebWorkerTest, public testing::WithParamInterface<const char*> {};
 
 TEST_P(WebWorkerNoPicture, TakesAStalePictureAway) {
     DrivenPage page("client.login()");
@@ -200,7 +205,7 @@ TEST_P(WebWorkerNoPicture, TakesAStalePictureAway) {
 INSTANTIATE_TEST_SUITE_P(WebWorkerQRCode, WebWorkerNoPicture,
                          testing::Values("'data:image/jpeg;base64,/9j/4AAQ'", "'data:,'", "null", "17"));
 
-TEST(WebWorkerQRCode, IsKeptWhenItsTextIsNoBase64) {
+TEST_F(WebWorkerQRCode, IsKeptWhenItsTextIsNoBase64) {
     DrivenPage page("client.login()");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.waitForState("waiting_for_qr");
@@ -212,7 +217,9 @@ TEST(WebWorkerQRCode, IsKeptWhenItsTextIsNoBase64) {
     EXPECT_EQ(worker.journal().statuses()[from + 1]["state"], "waiting_for_qr");
 }
 
-TEST(WebWorkerLink, ARequestToScanCountsForMoreThanASidePane) {
+class WebWorkerLink : public WebWorkerTest {};
+
+TEST_F(WebWorkerLink, ARequestToScanCountsForMoreThanASidePane) {
     DrivenPage page("client.login(); client.element(document.body, 'div', { id: 'side' })");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.waitForState("waiting_for_qr");
@@ -220,7 +227,7 @@ TEST(WebWorkerLink, ARequestToScanCountsForMoreThanASidePane) {
     for (const auto& status : worker.journal().statuses()) EXPECT_NE(status["state"], "linked");
 }
 
-TEST(WebWorkerLink, ACanvasDoesNotUndoALink) {
+TEST_F(WebWorkerLink, ACanvasDoesNotUndoALink) {
     DrivenPage page("client.chats(['Team Room'])");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.waitForState("linked");
@@ -232,7 +239,7 @@ TEST(WebWorkerLink, ACanvasDoesNotUndoALink) {
     for (auto index = from; index < statuses.size(); ++index) EXPECT_EQ(statuses[index]["state"], "linked");
 }
 
-TEST(WebWorkerLink, AFailingPageIsAnErrorUntilItAnswersAgain) {
+TEST_F(WebWorkerLink, AFailingPageIsAnErrorUntilItAnswersAgain) {
     DrivenPage page("client.chats(['Team Room'])");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     const auto linked = worker.waitForState("linked");
@@ -246,7 +253,9 @@ TEST(WebWorkerLink, AFailingPageIsAnErrorUntilItAnswersAgain) {
     worker.waitForState("linked", failed);
 }
 
-TEST(WebWorkerRecovery, APageThatShowsNoLoginIsReloadedTwiceAndNoMore) {
+class WebWorkerRecovery : public WebWorkerTest {};
+
+TEST_F(WebWorkerRecovery, APageThatShowsNoLoginIsReloadedTwiceAndNoMore) {
     DrivenPage page("client.clear()");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     const std::string text =
@@ -322,7 +331,9 @@ WebWorkerOptions optionsWithLogin(DrivenPage& page) {
     return options;
 }
 
-TEST(WebWorkerLogin, SurvivesARestartOfTheWorker) {
+class WebWorkerLogin : public WebWorkerTest {};
+
+TEST_F(WebWorkerLogin, SurvivesARestartOfTheWorker) {
     DrivenPage page(login_page, storage);
     WebWorkerProcess worker(optionsWithLogin(page));
     worker.waitForDetail("page loaded");
@@ -331,7 +342,7 @@ TEST(WebWorkerLogin, SurvivesARestartOfTheWorker) {
     EXPECT_TRUE(lastLoadSentCookie(page));
 }
 
-TEST(WebWorkerLogin, IsForgottenWhenAFreshLinkWasRequestedBeforeTheStart) {
+TEST_F(WebWorkerLogin, IsForgottenWhenAFreshLinkWasRequestedBeforeTheStart) {
     DrivenPage page(login_page, storage);
     const auto options = optionsWithLogin(page);
     writeFileAtomically(options.path("runtime/fresh-link-request.flag"), "");
@@ -365,7 +376,7 @@ TEST(WebWorkerLogin, IsForgottenWhenAFreshLinkWasRequestedBeforeTheStart) {
     for (std::size_t index = 0; index <= waiting; ++index) EXPECT_NE(statuses[index]["state"], "linked");
 }
 
-TEST(WebWorkerLogin, AFreshLinkRequestedLaterWaitsForTheNextStart) {
+TEST_F(WebWorkerLogin, AFreshLinkRequestedLaterWaitsForTheNextStart) {
     DrivenPage page(login_page, storage);
     WebWorkerProcess worker(optionsWithLogin(page));
     worker.waitForState("linked");
@@ -377,7 +388,9 @@ TEST(WebWorkerLogin, AFreshLinkRequestedLaterWaitsForTheNextStart) {
         EXPECT_THAT(detail, testing::Not(HasSubstr("Resetting")));
 }
 
-TEST(WebWorkerWayland, ShowsTheCodeLinksAndCapturesAsUnderX11) {
+class WebWorkerWayland : public WebWorkerTest {};
+
+TEST_F(WebWorkerWayland, ShowsTheCodeLinksAndCapturesAsUnderX11) {
     const TestDisplay display(TestDisplay::Kind::wayland);
     DrivenPage page("client.login()");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()).on(display));
@@ -390,7 +403,7 @@ TEST(WebWorkerWayland, ShowsTheCodeLinksAndCapturesAsUnderX11) {
     EXPECT_EQ(worker.waitForTexts(1), std::vector<std::string>{"under Wayland"});
 }
 
-TEST(WebWorkerWayland, IsFoundByThePathOfItsSocketToo) {
+TEST_F(WebWorkerWayland, IsFoundByThePathOfItsSocketToo) {
     const TestDisplay display(TestDisplay::Kind::wayland);
     auto options = WebWorkerOptions().withHtml("<body><div id=side></div></body>").on(display);
     auto& environment = options.process.environment;

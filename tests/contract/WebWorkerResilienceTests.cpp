@@ -11,6 +11,7 @@
 #include "support/LoopbackServer.h"
 #include "support/Processes.h"
 #include "support/WebWorkerProcess.h"
+#include "support/WebWorkerTest.h"
 
 namespace brindle::test {
 namespace {
@@ -24,7 +25,9 @@ std::size_t linesWith(const std::vector<std::string>& lines, const std::string& 
         lines.begin(), lines.end(), [&](const auto& line) { return line.find(text) != std::string::npos; }));
 }
 
-TEST(WebWorkerResilience, APageWhoseProcessIsKilledComesBackAndIsCapturedAgain) {
+class WebWorkerResilience : public WebWorkerTest {};
+
+TEST_F(WebWorkerResilience, APageWhoseProcessIsKilledComesBackAndIsCapturedAgain) {
     DrivenPage page(chats);
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.watchUntilOpen("Team Room");
@@ -43,7 +46,7 @@ TEST(WebWorkerResilience, APageWhoseProcessIsKilledComesBackAndIsCapturedAgain) 
     EXPECT_THAT(worker.waitForTexts(1), ElementsAre("after the crash"));
 }
 
-TEST(WebWorkerResilience, APageThatKeepsDyingIsTakenUpAgainEachTime) {
+TEST_F(WebWorkerResilience, APageThatKeepsDyingIsTakenUpAgainEachTime) {
     DrivenPage page(chats);
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.watchUntilOpen("Team Room");
@@ -61,7 +64,7 @@ TEST(WebWorkerResilience, APageThatKeepsDyingIsTakenUpAgainEachTime) {
     EXPECT_THAT(worker.waitForTexts(1), ElementsAre("still here"));
 }
 
-TEST(WebWorkerResilience, TheNetworksProcessMayDieToo) {
+TEST_F(WebWorkerResilience, TheNetworksProcessMayDieToo) {
     DrivenPage page(chats);
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.watchUntilOpen("Team Room");
@@ -77,7 +80,7 @@ TEST(WebWorkerResilience, TheNetworksProcessMayDieToo) {
     EXPECT_THAT(worker.waitForTexts(1), ElementsAre("without a break"));
 }
 
-TEST(WebWorkerResilience, APageThatHangsHoldsUpNothingButItsOwnScripts) {
+TEST_F(WebWorkerResilience, APageThatHangsHoldsUpNothingButItsOwnScripts) {
     // Twice, when the page begins to hang between the two scripts of a tick.
     constexpr std::chrono::seconds longer_than_the_limit{180};
     DrivenPage page("client.login()");
@@ -101,7 +104,7 @@ TEST(WebWorkerResilience, APageThatHangsHoldsUpNothingButItsOwnScripts) {
     waitForEnds(tree);
 }
 
-TEST(WebWorkerResilience, TheEndOfTheParentIsNoticedWhileThePageHangs) {
+TEST_F(WebWorkerResilience, TheEndOfTheParentIsNoticedWhileThePageHangs) {
     DrivenPage page("client.login()");
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()), true);
     if (!worker.journal().isExact()) GTEST_SKIP() << exact_watch_needs_root;
@@ -117,7 +120,7 @@ TEST(WebWorkerResilience, TheEndOfTheParentIsNoticedWhileThePageHangs) {
     waitForEnds(tree);
 }
 
-TEST(WebWorkerResilience, APageThatClosesItselfComesBackAndIsCapturedAgain) {
+TEST_F(WebWorkerResilience, APageThatClosesItselfComesBackAndIsCapturedAgain) {
     DrivenPage page(chats);
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.watchUntilOpen("Team Room");
@@ -136,7 +139,7 @@ struct Nuisance {
     std::string script;
 };
 
-class WebWorkerNuisance : public testing::TestWithParam<Nuisance> {};
+class WebWorkerNuisance : public WebWorkerTest, public testing::WithParamInterface<Nuisance> {};
 
 TEST_P(WebWorkerNuisance, DoesNotDisturbTheCapture) {
     DrivenPage page(chats);
@@ -168,7 +171,7 @@ INSTANTIATE_TEST_SUITE_P(
                  "document.body.append(a); a.click(); a.remove()"}),
     [](const auto& instance) { return instance.param.name; });
 
-TEST(WebWorkerResilience, APageThatTheNetworkWithheldIsLoadedOnceThereIsANetwork) {
+TEST_F(WebWorkerResilience, APageThatTheNetworkWithheldIsLoadedOnceThereIsANetwork) {
     constexpr std::chrono::seconds longer_than_the_pause{180};
     std::atomic<bool> isBack = false;
     const LoopbackServer server([&](const LoopbackServer::Request&) {
@@ -187,7 +190,7 @@ TEST(WebWorkerResilience, APageThatTheNetworkWithheldIsLoadedOnceThereIsANetwork
     worker.waitForState("linked", loading);
 }
 
-TEST(WebWorkerResilience, APageThatAsksBeforeItIsLeftIsReloadedAllTheSame) {
+TEST_F(WebWorkerResilience, APageThatAsksBeforeItIsLeftIsReloadedAllTheSame) {
     DrivenPage page(
         std::string(
             "addEventListener('beforeunload', (event) => { event.preventDefault(); event.returnValue = 'stay'; });") +

@@ -9,6 +9,7 @@
 
 #include "support/BackendProcess.h"
 #include "support/Diagnostics.h"
+#include "support/Executables.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
@@ -25,7 +26,7 @@ class WorkerChoice : public testing::Test {
     WorkerChoice() {
         fs::create_directory(bin());
         fs::create_directory(workingDirectory());
-        fs::copy_file(BACKEND_EXECUTABLE, executable());
+        fs::copy_file(backendExecutable(), executable());
         options_.environment.erase("BRINDLE_MANAGED_BRIDGE_DISABLE_WORKER");
         options_.executable = executable().string();
         options_.workingDirectory = workingDirectory().string();

@@ -23,6 +23,8 @@
 #include <sstream>
 #include <utility>
 
+#include "support/Executables.h"
+
 namespace brindle::test {
 
 namespace {
@@ -345,7 +347,9 @@ std::ostream& operator<<(std::ostream& stream, const ExitStatus& status) {
 }
 
 BackendOptions::BackendOptions()
-    : dataDirectory(std::make_shared<TemporaryDirectory>()), launchToken(std::make_shared<LaunchToken>()) {
+    : executable(backendExecutable()),
+      dataDirectory(std::make_shared<TemporaryDirectory>()),
+      launchToken(std::make_shared<LaunchToken>()) {
     launchToken->addTo(environment);
     environment["BRINDLE_MANAGED_BRIDGE_DATA_DIR"] = dataDirectory->path();
     environment["BRINDLE_MANAGED_BRIDGE_DISABLE_WORKER"] = "1";

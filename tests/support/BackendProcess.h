@@ -107,7 +107,7 @@ struct BackendOptions {
     std::vector<std::string> arguments;
     /// The complete environment of the process.
     Environment environment;
-    std::string executable = BACKEND_EXECUTABLE;
+    std::string executable;
     std::string workingDirectory;  ///< Empty: the directory of the test.
     bool closeStdin = false;       ///< Start the process with descriptor 0 closed.
     bool closeStdout = false;      ///< Start the process with descriptor 1 closed.

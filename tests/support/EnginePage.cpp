@@ -2,18 +2,32 @@
 
 #include <dlfcn.h>
 #include <glib.h>
+#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <stdexcept>
 #include <utility>
 
+#include "support/Executables.h"
+#include "support/Sanitizers.h"
 #include "support/TestDisplay.h"
 
 namespace brindle::test {
 namespace {
 
+/// Skips every test of the program where the engine cannot be run.
+class EngineEnvironment final : public testing::Environment {
+  public:
+    void SetUp() override {
+        if (sanitizerOfExecutables() == Sanitizer::thread) GTEST_SKIP() << engine_is_not_instrumented;
+    }
+};
+
+// GoogleTest owns it.
+const auto* const engine_environment = testing::AddGlobalTestEnvironment(new EngineEnvironment);
+
 MakeWebWorkerHost loadModule() {
-    void* module = ::dlopen(WEB_HOST_MODULE, RTLD_NOW | RTLD_LOCAL);
+    void* module = ::dlopen(webHostModule().c_str(), RTLD_NOW | RTLD_LOCAL);
     if (module == nullptr) throw TestFailure(::dlerror());
     void* symbol = ::dlsym(module, make_web_worker_host_symbol);
     if (symbol == nullptr) throw TestFailure(::dlerror());

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "support/Processes.h"
+#include "support/Sanitizers.h"
 
 namespace brindle::test {
 namespace {
@@ -30,10 +31,10 @@ WebWorkerOptions::WebWorkerOptions() : place(std::make_shared<TemporaryDirectory
     environment["HOME"] = inPlace(*this, "home");
     environment["XDG_DATA_HOME"] = inPlace(*this, "website-data");
     environment["XDG_CACHE_HOME"] = inPlace(*this, "website-cache");
-#ifdef __SANITIZE_ADDRESS__
-    // The leak check stops all threads at the end, which the engine's do not survive.
-    environment["ASAN_OPTIONS"] += ":detect_leaks=0";
-#endif
+    if (sanitizerOfExecutables() == Sanitizer::address) {
+        // The leak check stops all threads at the end, which the engine's do not survive.
+        environment["ASAN_OPTIONS"] += ":detect_leaks=0";
+    }
     withHtml("<body></body>");
 }
 
