@@ -7,7 +7,6 @@
 #include <type_traits>
 
 #include "exchange/ExchangeRecords.h"
-#include "system/LineReader.h"
 #include "system/OutputStream.h"
 #include "system/Processes.h"
 #include "text/Identifier.h"
@@ -30,8 +29,6 @@ constexpr std::string_view self_test_reference = "managed-whatsapp-backend-self-
 constexpr std::string_view self_test_sender = "managed-whatsapp-backend";
 constexpr std::string_view self_test_text = "/skiff help";
 
-static_assert(LineReader::padding_bytes >= JsonParser::padding_bytes);
-
 template <class T>
 concept Request = std::same_as<T, BridgeConnectRequest> || std::same_as<T, BridgeDisconnectRequest> ||
     std::same_as<T, BridgeStartListeningRequest> || std::same_as<T, BridgeStopListeningRequest> ||
@@ -41,16 +38,14 @@ concept Request = std::same_as<T, BridgeConnectRequest> || std::same_as<T, Bridg
 
 ManagedWhatsAppBackendService::ManagedWhatsAppBackendService(std::string platform, Environment environment,
                                                              FileManager& fileManager, const Clock& clock,
-                                                             int endRequest)
+                                                             BridgeChannel& channel)
     : pollQueue_(std::string(poll_queue_label)),
       platform_(std::move(platform)),
       environment_(std::move(environment)),
       fileManager_(fileManager),
       clock_(clock),
-      endRequest_(endRequest),
+      channel_(channel),
       parentProcessIdentifier_(::getppid()),
-      parentEnd_(processEndDescriptor(parentProcessIdentifier_)),
-      emitter_(departureWatch_),
       directory_(environment_, fileManager_, platform_),
       context_{.platform = platform_,
                .environment = environment_,
@@ -58,12 +53,11 @@ ManagedWhatsAppBackendService::ManagedWhatsAppBackendService(std::string platfor
                .fileManager = fileManager_,
                .clock = clock_,
                .state = state_,
-               .emitter = emitter_,
-               .departureWatch = departureWatch_},
+               .emitter = channel_.emitter(),
+               .departureWatch = channel_.departureWatch()},
       publisher_(context_),
       delivery_(context_),
       supervisor_(context_, publisher_, pollQueue_) {
-    watchForDeparture(endRequest);
     directory_.createForBackend(fileManager_);
     startPollers();
     publisher_.writeRuntimeStatus();
@@ -75,16 +69,8 @@ ManagedWhatsAppBackendService::~ManagedWhatsAppBackendService() {
     parentMonitor_.reset();
     delivery_.stop();
     supervisor_.stopWorker();
-    if (!pollQueue_.stop(poll_queue_patience)) departureWatch_.abandonOutput();
+    if (!pollQueue_.stop(poll_queue_patience)) channel_.departureWatch().abandonOutput();
     pollQueue_.join();
-}
-
-/// The signs by which writers know that nobody will read their output any more: the parent has closed its end
-/// of our input, has ended, or somebody asks this process to end.
-void ManagedWhatsAppBackendService::watchForDeparture(int endRequest) {
-    departureWatch_.addSign(STDIN_FILENO, false);
-    if (parentEnd_.isOpen()) departureWatch_.addSign(parentEnd_.get(), true);
-    if (endRequest >= 0) departureWatch_.addSign(endRequest, true);
 }
 
 void ManagedWhatsAppBackendService::startPollers() {
@@ -102,7 +88,7 @@ void ManagedWhatsAppBackendService::startParentMonitor() {
 void ManagedWhatsAppBackendService::checkParent() noexcept {
     if (isParentAlive(parentProcessIdentifier_)) return;
     // Nobody is left to read: a writer that still waits must not hold up the end.
-    departureWatch_.abandonOutput();
+    channel_.departureWatch().abandonOutput();
     context_.log("bridge service parent is no longer alive; stopping the managed backend and worker.");
     supervisor_.stopWorker();
     publisher_.writeRuntimeStatus();
@@ -115,7 +101,7 @@ void ManagedWhatsAppBackendService::run() {
     startParentMonitor();
     try {
         greet();
-        readRequests();
+        while (channel_.waitForRequest()) answerRequest();
     } catch (const OutputAbandoned&) {
         // Nobody reads and the input has ended: a normal end.
     } catch (...) {
@@ -126,26 +112,14 @@ void ManagedWhatsAppBackendService::run() {
 }
 
 void ManagedWhatsAppBackendService::greet() {
-    emitter_.emit(BridgeHello{.platform = platform_, .bridgeVersion = std::string(backend_version)});
-    emitter_.emit(BridgeStateChangedEvent{BridgeDisconnectedState{}});
+    channel_.emit(BridgeHello{.platform = platform_, .bridgeVersion = std::string(backend_version)});
+    channel_.emit(BridgeStateChangedEvent{BridgeDisconnectedState{}});
     publisher_.writeRuntimeStatus();
 }
 
-void ManagedWhatsAppBackendService::readRequests() {
-    LineReader lines(STDIN_FILENO, endRequest_);
-    std::optional<JsonParser> parser(std::in_place);
-    while (const auto line = lines.next()) {
-        const auto text = trimmed(*line);
-        if (text.empty()) continue;
-        answer(text, *parser);
-        // A large request's memory is given back at once; the reader does the same with its buffer.
-        if (text.size() > LineReader::kept_buffer_bytes) parser.emplace();
-    }
-}
-
-void ManagedWhatsAppBackendService::answer(std::string_view line, JsonParser& parser) {
+void ManagedWhatsAppBackendService::answerRequest() {
     try {
-        handle(decodedRecord<BridgeEnvelope>(parser.parsePadded(line)));
+        handle(channel_.takeRequest());
     } catch (const OutputAbandoned&) {
         // Nobody is left to answer. What follows in the input is still carried out: a message may be among
         // it.
@@ -156,7 +130,7 @@ void ManagedWhatsAppBackendService::answer(std::string_view line, JsonParser& pa
 
 void ManagedWhatsAppBackendService::replyWithError(const std::string& message) {
     try {
-        emitter_.emit(BridgeErrorEvent{message});
+        channel_.emit(BridgeErrorEvent{message});
     } catch (const OutputAbandoned&) {
         // As above.
     }
@@ -186,14 +160,14 @@ void ManagedWhatsAppBackendService::handle(BridgeEnvelope envelope) {
 
 void ManagedWhatsAppBackendService::perform(const BridgeConnectRequest&) {
     state_.setConnected(true);
-    emitter_.emit(BridgeStateChangedEvent{BridgeConnectingState{}});
-    emitter_.emit(BridgeStateChangedEvent{BridgeConnectedState{std::string(backend_display_name)}});
+    channel_.emit(BridgeStateChangedEvent{BridgeConnectingState{}});
+    channel_.emit(BridgeStateChangedEvent{BridgeConnectedState{std::string(backend_display_name)}});
 }
 
 void ManagedWhatsAppBackendService::perform(const BridgeDisconnectRequest&) {
     state_.setConnected(false);
     state_.setActiveScope(std::nullopt);
-    emitter_.emit(BridgeStateChangedEvent{BridgeDisconnectedState{}});
+    channel_.emit(BridgeStateChangedEvent{BridgeDisconnectedState{}});
 }
 
 void ManagedWhatsAppBackendService::perform(const BridgeStartListeningRequest& request) {
@@ -214,7 +188,7 @@ void ManagedWhatsAppBackendService::perform(BridgeSendMessageRequest&& request) 
 }
 
 void ManagedWhatsAppBackendService::emitSelfTestEvent(const BridgeTestOnlyScope& scope) {
-    emitter_.emit(BridgeInboundEvent{{.messageId = randomIdentifier(),
+    channel_.emit(BridgeInboundEvent{{.messageId = randomIdentifier(),
                                       .conversationId = std::string(self_test_reference),
                                       .conversationTitle = scope.title,
                                       .senderId = std::string(self_test_sender),

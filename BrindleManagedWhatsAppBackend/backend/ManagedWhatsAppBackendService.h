@@ -9,10 +9,8 @@
 #include "backend/InboundDelivery.h"
 #include "backend/StatusPublisher.h"
 #include "backend/WorkerSupervisor.h"
-#include "bridge/BridgeMessages.h"
-#include "bridge/ManagedWhatsAppBackendEmitter.h"
+#include "bridge/BridgeChannel.h"
 #include "exchange/DataDirectory.h"
-#include "records/Json.h"
 #include "system/Clock.h"
 #include "system/Environment.h"
 #include "system/FileManager.h"
@@ -25,10 +23,10 @@ namespace brindle {
 class ManagedWhatsAppBackendService {
   public:
     /// Creates the data directory, starts the two pollers and writes the first status. Throws
-    /// FileSystemFailure when a directory cannot be created. `fileManager` and `clock` outlive the service;
-    /// `endRequest` is a descriptor that ends the run once it is readable, -1 for none.
+    /// FileSystemFailure when a directory cannot be created. `fileManager`, `clock` and `channel` outlive the
+    /// service.
     ManagedWhatsAppBackendService(std::string platform, Environment environment, FileManager& fileManager,
-                                  const Clock& clock, int endRequest);
+                                  const Clock& clock, BridgeChannel& channel);
     /// Cancels the timers and stops the worker.
     ~ManagedWhatsAppBackendService();
     ManagedWhatsAppBackendService(const ManagedWhatsAppBackendService&) = delete;
@@ -41,13 +39,11 @@ class ManagedWhatsAppBackendService {
     void handle(BridgeEnvelope envelope);
 
   private:
-    void watchForDeparture(int endRequest);
     void startPollers();
     void startParentMonitor();
     void checkParent() noexcept;
     void greet();
-    void readRequests();
-    void answer(std::string_view line, JsonParser& parser);
+    void answerRequest();
     void replyWithError(const std::string& message);
     void shutDown() noexcept;
     bool isForUs(const std::string& platform) const;
@@ -67,11 +63,8 @@ class ManagedWhatsAppBackendService {
     Environment environment_;
     FileManager& fileManager_;
     const Clock& clock_;
-    int endRequest_;
+    BridgeChannel& channel_;
     pid_t parentProcessIdentifier_;
-    Descriptor parentEnd_;
-    DepartureWatch departureWatch_;
-    ManagedWhatsAppBackendEmitter emitter_;
     BackendState state_;
     DataDirectory directory_;
     BackendContext context_;

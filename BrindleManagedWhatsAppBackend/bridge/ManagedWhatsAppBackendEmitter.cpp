@@ -1,13 +1,11 @@
 #include "bridge/ManagedWhatsAppBackendEmitter.h"
 
-#include <unistd.h>
-
 #include "text/Text.h"
 
 namespace brindle {
 
-ManagedWhatsAppBackendEmitter::ManagedWhatsAppBackendEmitter(DepartureWatch& watch)
-    : output_(STDOUT_FILENO, watch), error_(STDERR_FILENO, watch) {}
+ManagedWhatsAppBackendEmitter::ManagedWhatsAppBackendEmitter(int output, int error, DepartureWatch& watch)
+    : output_(output, "standard output", watch), error_(error, "standard error", watch) {}
 
 void ManagedWhatsAppBackendEmitter::emit(const BridgeEnvelope& envelope) {
     const std::string line = encodedLine(envelope);

@@ -12,8 +12,9 @@ namespace brindle {
 /// never interleave.
 class ManagedWhatsAppBackendEmitter {
   public:
-    /// `watch` decides when unread output is given up; it must outlive the emitter.
-    explicit ManagedWhatsAppBackendEmitter(DepartureWatch& watch);
+    /// `output` and `error` are the descriptors behind the two streams. `watch` decides when unread output is
+    /// given up; all three must outlive the emitter.
+    ManagedWhatsAppBackendEmitter(int output, int error, DepartureWatch& watch);
 
     /// Writes one envelope as a line of standard output. Throws FileSystemFailure when it cannot be written
     /// and OutputAbandoned when the process is ending and nobody reads.

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "backend/ManagedWhatsAppBackendService.h"
+#include "bridge/BridgeChannel.h"
 #include "entry/CommandLine.h"
 #include "entry/LaunchAuthentication.h"
 #include "entry/WebHostModule.h"
@@ -60,8 +61,11 @@ void runBackendRole(const std::string& platform, const Environment& environment,
     TerminationSignals signals;
     const SystemClock clock;
     {
-        ManagedWhatsAppBackendService service(platform, environment, fileManager, clock,
-                                              signals.descriptor());
+        BridgeChannel channel({.input = STDIN_FILENO,
+                               .output = STDOUT_FILENO,
+                               .error = STDERR_FILENO,
+                               .endRequest = signals.descriptor()});
+        ManagedWhatsAppBackendService service(platform, environment, fileManager, clock, channel);
         service.run();
     }
     if (const int signal = signals.take(); signal != 0) endBySignal(signal);

@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <string>
+#include <utility>
 
 #include "system/FileSystemFailure.h"
 
@@ -26,10 +26,6 @@ int millisecondsUntil(SteadyClock::time_point deadline) {
     if (deadline == SteadyClock::time_point::max()) return -1;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
     return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
-}
-
-std::string streamName(int descriptor) {
-    return descriptor == STDOUT_FILENO ? "standard output" : "standard error";
 }
 
 }  // namespace
@@ -85,7 +81,8 @@ void DepartureWatch::waitUntilWritable(int output) {
     throw OutputAbandoned();
 }
 
-OutputStream::OutputStream(int descriptor, DepartureWatch& watch) : descriptor_(descriptor), watch_(watch) {
+OutputStream::OutputStream(int descriptor, std::string name, DepartureWatch& watch)
+    : descriptor_(descriptor), name_(std::move(name)), watch_(watch) {
     struct stat status {};
     if (::fstat(descriptor, &status) != 0) return;
     if (S_ISSOCK(status.st_mode)) manner_ = Manner::socket;
@@ -117,7 +114,7 @@ void OutputStream::write(std::string_view bytes) {
         } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
             wait();
         } else if (errno != EINTR) {
-            throw FileSystemFailure("write to", streamName(descriptor_), errno);
+            throw FileSystemFailure("write to", name_, errno);
         }
     }
 }

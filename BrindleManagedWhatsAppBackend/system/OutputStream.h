@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -55,7 +56,8 @@ class DepartureWatch {
 /// up, but never longer than its reader exists. Not synchronised: one writer at a time.
 class OutputStream {
   public:
-    OutputStream(int descriptor, DepartureWatch& watch);
+    /// `name` is what messages call the stream.
+    OutputStream(int descriptor, std::string name, DepartureWatch& watch);
     /// Throws FileSystemFailure, or OutputAbandoned.
     void write(std::string_view bytes);
 
@@ -74,6 +76,7 @@ class OutputStream {
     };
 
     int descriptor_;
+    std::string name_;
     DepartureWatch& watch_;
     Descriptor reopened_;
     Manner manner_ = Manner::pieces;

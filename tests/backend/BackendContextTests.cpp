@@ -10,13 +10,13 @@ namespace {
 TEST(BackendContextTests, LogsOnePrefixedLine) {
     test::BackendParts parts;
     parts.context.log("something happened");
-    EXPECT_EQ(parts.streams.take().error, "[ManagedWhatsAppBackend] something happened\n");
+    EXPECT_EQ(parts.streams.text().error, "[ManagedWhatsAppBackend] something happened\n");
 }
 
 TEST(BackendContextTests, LogsTextOfSeveralLinesOnOne) {
     test::BackendParts parts;
     parts.context.log("a\nb");
-    EXPECT_EQ(parts.streams.take().error, "[ManagedWhatsAppBackend] a?b\n");
+    EXPECT_EQ(parts.streams.text().error, "[ManagedWhatsAppBackend] a?b\n");
 }
 
 }  // namespace

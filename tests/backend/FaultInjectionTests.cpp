@@ -85,21 +85,22 @@ std::vector<std::string> hiddenAndVisibleBelow(const std::filesystem::path& dire
 /// What a start has brought about.
 struct Start {
     std::optional<std::string> failure;
-    test::CapturedStreams::Text text;
+    test::MemoryStreams::Text text;
 };
 
 Start startedWith(FaultInjectingFileManager& files, const Environment& environment,
                   const test::TestClock& clock) {
-    test::CapturedStreams streams;
+    test::MemoryStreams streams;
     Start start;
     try {
-        const ManagedWhatsAppBackendService service("whatsapp", environment, files, clock, -1);
+        BridgeChannel channel({.input = -1, .output = streams.output(), .error = streams.error()});
+        const ManagedWhatsAppBackendService service("whatsapp", environment, files, clock, channel);
         // What follows is the end of the service.
         files.clear();
     } catch (const FileSystemFailure& failure) {
         start.failure = failure.what();
     }
-    start.text = streams.take();
+    start.text = streams.text();
     return start;
 }
 
@@ -144,7 +145,7 @@ TEST_P(FaultInjectionTests, StartFailsOnlyBecauseOfADirectory) {
 /// What became of the records of a drain.
 class DrainOutcome {
   public:
-    DrainOutcome(BackendParts& parts, const test::CapturedStreams::Text& text)
+    DrainOutcome(BackendParts& parts, const test::MemoryStreams::Text& text)
         : parts_(parts), log_(linesOf(text.error)) {
         for (const auto& event : inboundEventsIn(text.output)) ++emitted_[event["messageId"]];
     }
@@ -206,7 +207,7 @@ TEST_P(FaultInjectionTests, DrainNeverLosesARecord) {
         delivery.drainInboundDirectory();
         const auto failures = parts.files.failures();
         parts.files.clear();
-        const DrainOutcome outcome(parts, parts.streams.take());
+        const DrainOutcome outcome(parts, parts.streams.text());
         for (const std::string id : {"m1", "m2", "m3", "m4"}) {
             SCOPED_TRACE(id);
             const auto place = outcome.placeOf(id);
@@ -246,7 +247,7 @@ TEST_P(FaultInjectionTests, EveryRecordIsDeliveredOrRejectedOnceFaultsStop) {
         parts.files.clear();
         parts.putInbound("m9.json", inboundRecord("m9").dump());
         delivery.drainInboundDirectory();
-        const DrainOutcome outcome(parts, parts.streams.take());
+        const DrainOutcome outcome(parts, parts.streams.text());
         for (const std::string id : {"m1", "m3"}) {
             SCOPED_TRACE(id);
             EXPECT_THAT(outcome.placeOf(id), AnyOf("processed", "rejected"));
@@ -320,7 +321,7 @@ TEST_P(FaultInjectionTests, FailedStatusWriteIsLoggedAndKeepsTheOldFile) {
             publishing.publisher.writeRuntimeStatus();
             auto failures = parts.files.failures();
             parts.files.clear();
-            const auto log = linesOf(parts.streams.take().error);
+            const auto log = linesOf(parts.streams.text().error);
             const auto failed = [&](const std::string& name) {
                 return std::any_of(failures.begin(), failures.end(), [&](const auto& each) {
                     return each.starts_with("write ") && each.ends_with("/" + name);
@@ -351,7 +352,7 @@ TEST_P(FaultInjectionTests, UnreadableWorkerStatusFallsBackToTheBackendsOwnWords
     publishing.publisher.writeRuntimeStatus();
     publishing.parts.files.clear();
     const auto status = publishing.parts.runtimeStatus();
-    const auto log = publishing.parts.streams.take().error;
+    const auto log = publishing.parts.streams.text().error;
     EXPECT_EQ(status["workerState"], "launching");
     EXPECT_EQ(status["workerDetail"], "Own words.");
     EXPECT_EQ(log, log_prefix + "failed to decode worker status: " +
@@ -364,9 +365,10 @@ struct Sending {
     std::filesystem::path data = home.path() / "data";
     FaultInjectingFileManager files;
     test::TestClock clock;
-    test::CapturedStreams streams;
+    test::MemoryStreams streams;
+    BridgeChannel channel{{.input = -1, .output = streams.output(), .error = streams.error()}};
     ManagedWhatsAppBackendService service{
-        "whatsapp", {{std::string(environment_key::data_directory), data.string()}}, files, clock, -1};
+        "whatsapp", {{std::string(environment_key::data_directory), data.string()}}, files, clock, channel};
 
     Sending() {
         service.handle(BridgeConnectRequest{"whatsapp"});
@@ -412,7 +414,7 @@ TEST_P(FaultInjectionTests, FailedSendHasNoEffectAndSendingWorksAgain) {
             const bool unchanged = sending.status() == status && sending.control() == control;
             sending.send();
             const auto outboundAfter = sending.visibleOutbound();
-            const auto text = sending.streams.take();
+            const auto text = sending.streams.text();
             EXPECT_TRUE(unchanged);
             const bool messageFailed =
                 !result.failures.empty() && result.failures[0].find("/outbound/") != std::string::npos;
@@ -438,7 +440,6 @@ TEST_P(FaultInjectionTests, FailedSendHasNoEffectAndSendingWorksAgain) {
 TEST(SendTests, OnlyTheMessageIsWrittenThroughToTheDisk) {
     Sending sending;
     const auto result = sendWith(sending, {.operation = far_too_many_operations});
-    sending.streams.take();
     ASSERT_EQ(result.operations.size(), 3U);
     EXPECT_THAT(result.operations[0], StartsWith("write through " + (sending.data / "outbound/").string()));
     EXPECT_EQ(result.operations[1], "write " + (sending.data / "runtime/runtime-status.json").string());

@@ -1,18 +1,17 @@
 #include "backend/InboundDelivery.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <ostream>
 #include <thread>
 
 #include "support/BackendParts.h"
+#include "support/Pipes.h"
 #include "support/WantOfMemory.h"
 
 namespace brindle {
@@ -89,7 +88,7 @@ class InboundDeliveryTests : public testing::Test {
     /// Drains once and answers the identifiers of what was delivered and the log.
     void drain() { delivery_.drainInboundDirectory(); }
     void finish() {
-        const auto text = parts_.streams.take();
+        const auto text = parts_.streams.text();
         for (const auto& event : inboundEventsIn(text.output)) delivered_.push_back(event["messageId"]);
         output_ = text.output;
         log_ = test::linesOf(text.error);
@@ -338,31 +337,20 @@ TEST_F(InboundDeliveryTests, ProcessedFileHasTheWorkersContent) {
 
 TEST_F(InboundDeliveryTests, RecordStaysForTheNextBackendWhenNobodyReads) {
     put("a.json", inboundRecord("1"));
-    parts_.streams.take();
-    std::array<int, 2> ends{};
-    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-    const Descriptor reading(ends[0]);
-    Descriptor writing(ends[1]);
-    ASSERT_GT(::fcntl(writing.get(), F_SETPIPE_SZ, 4096), 0);
-    {
-        const Descriptor original(::dup(STDOUT_FILENO));
-        ASSERT_GE(::dup2(writing.get(), STDOUT_FILENO), 0);
-        const std::string page(4096, '-');
-        EXPECT_EQ(::write(writing.get(), page.data(), page.size()), 4096);
-        DepartureWatch watch;
-        watch.abandonOutput();
-        ManagedWhatsAppBackendEmitter emitter(watch);
-        const BackendContext context{.platform = parts_.platform,
-                                     .environment = parts_.environment,
-                                     .directory = parts_.directory,
-                                     .fileManager = parts_.files,
-                                     .clock = parts_.clock,
-                                     .state = parts_.state,
-                                     .emitter = emitter,
-                                     .departureWatch = watch};
-        InboundDelivery(context).drainInboundDirectory();
-        ::dup2(original.get(), STDOUT_FILENO);
-    }
+    const auto unread = test::makePipe();
+    test::fill(unread.writing);
+    DepartureWatch watch;
+    watch.abandonOutput();
+    ManagedWhatsAppBackendEmitter emitter(unread.writing.get(), parts_.streams.error(), watch);
+    const BackendContext context{.platform = parts_.platform,
+                                 .environment = parts_.environment,
+                                 .directory = parts_.directory,
+                                 .fileManager = parts_.files,
+                                 .clock = parts_.clock,
+                                 .state = parts_.state,
+                                 .emitter = emitter,
+                                 .departureWatch = watch};
+    InboundDelivery(context).drainInboundDirectory();
     EXPECT_THAT(inbound(), ElementsAre("a.json"));
     EXPECT_THAT(rejected(), IsEmpty());
 }
@@ -413,7 +401,6 @@ bool deliverWithout(int allocation, WantOfMemory::Persistence persistence) {
     WantOfMemory want(allocation, persistence);
     delivery.drainInboundDirectory();
     const bool wasMet = want.end();
-    parts.streams.take();
     const auto& directory = parts.directory;
     EXPECT_EQ(namesIn(directory.inbound).size() + namesIn(directory.processed).size() +
                   namesIn(directory.rejected).size(),

@@ -3,10 +3,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <errno.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "support/BackendParts.h"
+#include "support/Pipes.h"
 #include "system/FileSystemFailure.h"
 
 namespace brindle {
@@ -16,7 +22,9 @@ using nlohmann::json;
 using test::linesOf;
 using test::namesIn;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 class BackendServiceTests : public testing::Test {
   protected:
@@ -26,35 +34,35 @@ class BackendServiceTests : public testing::Test {
     void listen(BridgeScope scope) {
         service_.handle(BridgeStartListeningRequest{"whatsapp", std::move(scope)});
     }
-    std::vector<std::string> takeOutput() { return linesOf(streams_.take().output); }
+    std::vector<std::string> outputLines() const { return linesOf(streams_.text().output); }
 
     test::TemporaryDirectory home_;
     PosixFileManager files_;
     test::TestClock clock_;
-    test::CapturedStreams streams_;
+    test::MemoryStreams streams_;
+    BridgeChannel channel_{{.input = -1, .output = streams_.output(), .error = streams_.error()}};
     ManagedWhatsAppBackendService service_{
         "whatsapp",
         {{std::string(environment_key::data_directory), (home_.path() / "data").string()}},
         files_,
         clock_,
-        -1};
+        channel_};
 };
 
 TEST_F(BackendServiceTests, ConstructionWritesTheFirstStatusAndSaysNothing) {
     EXPECT_EQ(status()["workerState"], "not_configured");
     EXPECT_EQ(control(), (json{{"platform", "whatsapp"}, {"updatedAtISO8601", "2026-01-05T09:30:00Z"}}));
-    EXPECT_THAT(takeOutput(), IsEmpty());
+    EXPECT_THAT(outputLines(), IsEmpty());
 }
 
 TEST_F(BackendServiceTests, ConnectAnswersWithTwoStates) {
     service_.handle(BridgeConnectRequest{"whatsapp"});
-    const auto published = status()["connectionState"];
     EXPECT_THAT(
-        takeOutput(),
+        outputLines(),
         ElementsAre(
             R"({"stateChanged":{"_0":{"state":{"connecting":{}}}}})",
             R"({"stateChanged":{"_0":{"state":{"connected":{"accountDisplayName":"Brindle Managed WhatsApp Backend"}}}}})"));
-    EXPECT_EQ(published, "connected");
+    EXPECT_EQ(status()["connectionState"], "connected");
 }
 
 TEST_F(BackendServiceTests, DisconnectClearsTheScope) {
@@ -62,7 +70,7 @@ TEST_F(BackendServiceTests, DisconnectClearsTheScope) {
     listen(BridgeConversationScope{"I", "T"});
     service_.handle(BridgeDisconnectRequest{"whatsapp"});
     const auto published = status();
-    EXPECT_EQ(takeOutput().back(), R"({"stateChanged":{"_0":{"state":{"disconnected":{}}}}})");
+    EXPECT_EQ(outputLines().back(), R"({"stateChanged":{"_0":{"state":{"disconnected":{}}}}})");
     EXPECT_EQ(published["connectionState"], "disconnected");
     EXPECT_FALSE(published.contains("activeScopeDescription"));
     EXPECT_FALSE(control().contains("activeScope"));
@@ -72,7 +80,7 @@ TEST_F(BackendServiceTests, ListeningDeliversWhatWaits) {
     test::writeFileAtomically(data("inbound/a.json"), test::inboundRecord("1", "I", "x").dump());
     service_.handle(BridgeConnectRequest{"whatsapp"});
     listen(BridgeConversationScope{"I", "T"});
-    const auto output = takeOutput();
+    const auto output = outputLines();
     ASSERT_EQ(output.size(), 3U);
     EXPECT_EQ(json::parse(output[2])["inboundEvent"]["_0"]["event"]["messageId"], "1");
     EXPECT_THAT(namesIn(data("processed")), ElementsAre("a.json"));
@@ -90,7 +98,7 @@ TEST_F(BackendServiceTests, StopListeningClearsTheScopeAndStaysConnected) {
 TEST_F(BackendServiceTests, SelfTestIsAnsweredWithoutConnectionAndFiles) {
     test::writeFileAtomically(data("inbound/a.json"), test::inboundRecord("1").dump());
     listen(BridgeTestOnlyScope{"X"});
-    const auto output = takeOutput();
+    const auto output = outputLines();
     ASSERT_EQ(output.size(), 1U);
     auto event = json::parse(output[0])["inboundEvent"]["_0"]["event"];
     EXPECT_TRUE(test::isCanonicalUuid(event["messageId"].get<std::string>()));
@@ -125,7 +133,7 @@ TEST_F(BackendServiceTests, SendWritesAnOutboundRecordUnderAFreshName) {
                         {"createdAtISO8601", "2026-01-05T09:30:00Z"},
                         {"attachments", json::array()}}));
     }
-    EXPECT_THAT(takeOutput(), IsEmpty());
+    EXPECT_THAT(outputLines(), IsEmpty());
 }
 
 TEST_F(BackendServiceTests, RequestsForAnotherPlatformHaveNoEffect) {
@@ -139,7 +147,7 @@ TEST_F(BackendServiceTests, RequestsForAnotherPlatformHaveNoEffect) {
         service_.handle(BridgeSendMessageRequest{
             platform, {.conversationId = "c", .text = "t", .replyToMessageId = {}, .attachments = {}}});
     }
-    EXPECT_THAT(takeOutput(), IsEmpty());
+    EXPECT_THAT(outputLines(), IsEmpty());
     EXPECT_EQ(status(), before);
     EXPECT_THAT(namesIn(data("outbound")), IsEmpty());
 }
@@ -150,7 +158,7 @@ TEST_F(BackendServiceTests, MessagesMeantForTheParentAreIgnored) {
     service_.handle(BridgeInboundEvent{});
     service_.handle(BridgeStateChangedEvent{BridgeConnectedState{"x"}});
     service_.handle(BridgeErrorEvent{"x"});
-    EXPECT_THAT(takeOutput(), IsEmpty());
+    EXPECT_THAT(outputLines(), IsEmpty());
     EXPECT_EQ(status(), before);
 }
 
@@ -158,14 +166,13 @@ TEST(BackendServicePlatformTests, CanonicallyEquivalentPlatformsAreTheSame) {
     const test::TemporaryDirectory home;
     PosixFileManager files;
     const test::TestClock clock;
-    test::CapturedStreams streams;
-    {
-        ManagedWhatsAppBackendService service(
-            "caf\u00E9", {{std::string(environment_key::data_directory), home.path().string()}}, files, clock,
-            -1);
-        service.handle(BridgeConnectRequest{"cafe\u0301"});
-    }
-    EXPECT_EQ(linesOf(streams.take().output).size(), 2U);
+    const test::MemoryStreams streams;
+    BridgeChannel channel({.input = -1, .output = streams.output(), .error = streams.error()});
+    ManagedWhatsAppBackendService service(
+        "caf\u00E9", {{std::string(environment_key::data_directory), home.path().string()}}, files, clock,
+        channel);
+    service.handle(BridgeConnectRequest{"cafe\u0301"});
+    EXPECT_EQ(linesOf(streams.text().output).size(), 2U);
 }
 
 TEST(BackendServiceConstructionTests, FailsWhenADirectoryCannotBeCreated) {
@@ -173,11 +180,179 @@ TEST(BackendServiceConstructionTests, FailsWhenADirectoryCannotBeCreated) {
     std::ofstream(home.path() / "outbound") << "";
     PosixFileManager files;
     const test::TestClock clock;
+    const test::MemoryStreams streams;
+    BridgeChannel channel({.input = -1, .output = streams.output(), .error = streams.error()});
     EXPECT_THROW(ManagedWhatsAppBackendService(
                      "whatsapp", {{std::string(environment_key::data_directory), home.path().string()}},
-                     files, clock, -1),
+                     files, clock, channel),
                  FileSystemFailure);
     EXPECT_THAT(namesIn(home.path()), ElementsAre("inbound", "outbound"));
+}
+
+/// A whole service in this process: its parent is the test, at the other ends of three pipes or files.
+class BackendConversationTests : public testing::Test {
+  protected:
+    void SetUp() override { handler_ = ::signal(SIGPIPE, SIG_IGN); }
+    void TearDown() override { ::signal(SIGPIPE, handler_); }
+
+    std::filesystem::path data(const std::string& name) const { return home_.path() / name; }
+    /// Runs the service to its end.
+    void run(BridgeChannel& channel) {
+        ManagedWhatsAppBackendService service(
+            "whatsapp",
+            {{std::string(environment_key::data_directory), home_.path().string()},
+             {std::string(environment_key::disable_worker), "1"}},
+            files_, clock_, channel);
+        service.run();
+    }
+    /// What the service answers when its parent has said all of this and closed its end.
+    std::vector<std::string> conversation(std::string_view requests) {
+        const auto input = test::memoryFileWith(requests);
+        BridgeChannel channel({.input = input.get(), .output = streams_.output(), .error = streams_.error()});
+        run(channel);
+        return linesOf(streams_.text().output);
+    }
+
+    /// A backend that runs on a thread of its own, and the test as its parent.
+    class Backend {
+      public:
+        explicit Backend(BackendConversationTests& test) : thread_([this, &test] { run(test); }) {}
+        Backend(const Backend&) = delete;
+        Backend& operator=(const Backend&) = delete;
+        ~Backend() { input_.writing.reset(); }
+
+        void say(const std::string& request) { test::put(input_.writing, request + "\n"); }
+        /// Waits until the backend has said this.
+        void hear(std::string_view words) {
+            while (said_.find(words) == std::string::npos) {
+                const auto more = test::readSome(output_.reading);
+                if (more.empty())
+                    throw test::TestFailure("The backend ended without saying: " + std::string(words));
+                said_ += more;
+            }
+        }
+        /// Closes its input; answers all that it has said.
+        std::vector<std::string> finish() {
+            input_.writing.reset();
+            said_ += test::readAll(output_.reading);
+            return linesOf(said_);
+        }
+
+      private:
+        void run(BackendConversationTests& test) {
+            {
+                BridgeChannel channel({.input = input_.reading.get(),
+                                       .output = output_.writing.get(),
+                                       .error = test.streams_.error()});
+                test.run(channel);
+            }
+            output_.writing.reset();
+        }
+
+        test::PipeEnds input_ = test::makePipe();
+        test::PipeEnds output_ = test::makePipe();
+        std::string said_;
+        std::jthread thread_;
+    };
+
+    test::TemporaryDirectory home_;
+    PosixFileManager files_;
+    test::TestClock clock_;
+    test::MemoryStreams streams_;
+
+  private:
+    sighandler_t handler_ = nullptr;
+};
+
+const std::string hello_line =
+    R"({"hello":{"_0":{"bridgeVersion":"managed-whatsapp-backend-3","platform":"whatsapp"}}})";
+const std::string disconnected_line = R"({"stateChanged":{"_0":{"state":{"disconnected":{}}}}})";
+const std::string connecting_line = R"({"stateChanged":{"_0":{"state":{"connecting":{}}}}})";
+const std::string connect_request = R"({"connect":{"_0":{"platform":"whatsapp"}}})";
+const std::string self_test_request =
+    R"({"startListening":{"_0":{"platform":"whatsapp","scope":{"testOnly":{"title":"X"}}}}})";
+const std::string listen_request =
+    R"({"startListening":{"_0":{"platform":"whatsapp","scope":{"conversation":{"id":"room","title":"Room"}}}}})";
+const std::string send_request =
+    R"({"sendMessage":{"_0":{"platform":"whatsapp","message":{"conversationId":"c","text":"t"}}}})";
+
+TEST_F(BackendConversationTests, IsAGreetingAloneWhenTheParentSaysNothing) {
+    EXPECT_THAT(conversation(""), ElementsAre(hello_line, disconnected_line));
+    EXPECT_EQ(test::readJsonFile(data("runtime/runtime-status.json"))["connectionState"], "disconnected");
+    EXPECT_EQ(streams_.text().error, "");
+}
+
+TEST_F(BackendConversationTests, AnswersRequestsInTheirOrder) {
+    EXPECT_THAT(conversation(self_test_request + "\n\n \r\n" + connect_request + "\n" + self_test_request),
+                ElementsAre(hello_line, disconnected_line, StartsWith(R"({"inboundEvent")"), connecting_line,
+                            HasSubstr(R"("connected")"), StartsWith(R"({"inboundEvent")")));
+}
+
+TEST_F(BackendConversationTests, GoesOnAfterALineThatIsNoRequest) {
+    EXPECT_THAT(conversation("nonsense\n" + connect_request + "\n"),
+                ElementsAre(hello_line, disconnected_line, StartsWith(R"({"error")"), connecting_line,
+                            HasSubstr(R"("connected")")));
+}
+
+TEST_F(BackendConversationTests, GoesOnAfterARequestThatFails) {
+    Backend backend(*this);
+    backend.hear(disconnected_line);
+    std::filesystem::remove(data("outbound"));
+    backend.say(send_request);
+    backend.say(connect_request);
+    EXPECT_THAT(backend.finish(),
+                ElementsAre(hello_line, disconnected_line, HasSubstr("No such file or directory"),
+                            connecting_line, HasSubstr(R"("connected")")));
+}
+
+TEST_F(BackendConversationTests, AnswersBeforeTheInputEnds) {
+    Backend backend(*this);
+    backend.hear(disconnected_line);
+    backend.say(connect_request);
+    backend.hear(connecting_line);
+    EXPECT_EQ(backend.finish().size(), 4U);
+}
+
+TEST_F(BackendConversationTests, EndsWhenItsEndIsRequestedWhileTheInputStaysOpen) {
+    auto [input, parent] = test::makePipe();
+    const Descriptor endRequest(::eventfd(1, EFD_CLOEXEC));
+    test::put(parent, connect_request + "\n");
+    BridgeChannel channel({.input = input.get(),
+                           .output = streams_.output(),
+                           .error = streams_.error(),
+                           .endRequest = endRequest.get()});
+    run(channel);
+    EXPECT_THAT(linesOf(streams_.text().output), testing::Contains(connecting_line))
+        << "what had arrived is carried out";
+}
+
+TEST_F(BackendConversationTests, CarriesOutWhatWasSaidThoughNobodyReadsTheAnswers) {
+    std::string requests;
+    for (int i = 0; i < 20; ++i) requests += self_test_request + "\n";
+    const auto input = test::memoryFileWith(requests + send_request);
+    const auto unread = test::makeSmallPipe();
+    BridgeChannel channel({.input = input.get(), .output = unread.writing.get(), .error = streams_.error()});
+    channel.departureWatch().abandonOutput();
+    run(channel);
+    EXPECT_EQ(namesIn(data("outbound")).size(), 1U);
+}
+
+TEST_F(BackendConversationTests, FailsWhenItsOutputCannotBeWritten) {
+    auto output = test::makePipe();
+    output.reading.reset();
+    const auto input = test::memoryFileWith(connect_request);
+    BridgeChannel channel({.input = input.get(), .output = output.writing.get(), .error = streams_.error()});
+    EXPECT_THROW(run(channel), FileSystemFailure);
+}
+
+TEST_F(BackendConversationTests, DeliversWhatAWorkerLeavesMeanwhile) {
+    Backend backend(*this);
+    backend.say(connect_request);
+    backend.say(listen_request);
+    backend.hear(R"("connected")");
+    test::writeFileAtomically(data("inbound/a.json"), test::inboundRecord("m1").dump());
+    backend.hear(R"("messageId":"m1")");
+    EXPECT_EQ(backend.finish().size(), 5U);
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ class StatusPublisherTests : public testing::Test {
     /// Writes and answers the log.
     std::string publish() {
         publisher_.writeRuntimeStatus();
-        return parts_.streams.take().error;
+        return parts_.streams.text().error;
     }
 
     BackendParts parts_;
@@ -158,7 +158,6 @@ TEST_F(StatusPublisherTests, LastOfSeveralWritersPublishesTheLastState) {
     std::thread other(publishOften);
     publishOften();
     other.join();
-    parts_.streams.take();
     EXPECT_EQ(parts_.runtimeStatus()["connectionState"], "connected");
 }
 
@@ -177,7 +176,6 @@ TEST_F(StatusPublisherTests, WantOfMemoryCostsNoMoreThanTheWrite) {
         }
         EXPECT_GT(allocation, 10);
     }
-    parts_.streams.take();
     EXPECT_EQ(parts_.runtimeStatus()["workerDetail"], "Own words.");
     EXPECT_EQ(parts_.workerControl()["activeScope"]["title"], "a title of some length");
 }

@@ -76,7 +76,7 @@ class WorkerSupervisorTests : public testing::Test {
     std::vector<std::string> takeLog() {
         queue_.stop(test::must_happen_deadline);
         queue_.join();
-        return linesOf(parts_.streams.take().error);
+        return linesOf(parts_.streams.text().error);
     }
 
     BackendParts parts_;

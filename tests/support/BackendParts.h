@@ -9,8 +9,8 @@
 #include "backend/BackendContext.h"
 #include "exchange/EnvironmentKeys.h"
 #include "support/BackendProcess.h"
-#include "support/CapturedStreams.h"
 #include "support/FaultInjectingFileManager.h"
+#include "support/MemoryStreams.h"
 #include "support/TestClock.h"
 
 namespace brindle::test {
@@ -34,7 +34,7 @@ inline std::vector<nlohmann::json> inboundEventsIn(const std::string& output) {
 }
 
 /// What the parts of the backend work with: a real data directory, a file manager that can be told to fail, a
-/// clock that stands still, and standard streams that are kept. Assertions belong after streams.take().
+/// clock that stands still, and streams whose text is kept.
 struct BackendParts {
     explicit BackendParts(brindle::Environment settings = {}) : environment(std::move(settings)) {
         directory.createForBackend(files);
@@ -55,9 +55,9 @@ struct BackendParts {
     BackendState state;
     DataDirectory directory{
         {{std::string(environment_key::data_directory), (home.path() / "data").string()}}, files, platform};
-    CapturedStreams streams;
+    MemoryStreams streams;
     DepartureWatch departureWatch;
-    ManagedWhatsAppBackendEmitter emitter{departureWatch};
+    ManagedWhatsAppBackendEmitter emitter{streams.output(), streams.error(), departureWatch};
     BackendContext context{.platform = platform,
                            .environment = environment,
                            .directory = directory,

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -35,6 +36,15 @@ PipeEnds makePipe() {
     return pipeWith(0);
 }
 
+PipeEnds makeSmallPipe() {
+    constexpr int smallest_pipe_bytes = 4096;
+    auto ends = pipeWith(0);
+    if (::fcntl(ends.writing.get(), F_SETPIPE_SZ, smallest_pipe_bytes) != smallest_pipe_bytes) {
+        throw std::runtime_error("Cannot make a pipe small.");
+    }
+    return ends;
+}
+
 PipeEnds makeNonBlockingPipe() {
     return pipeWith(O_NONBLOCK);
 }
@@ -45,6 +55,36 @@ PipeEnds makeStreamConnection() {
 
 PipeEnds makePieceByPieceConnection() {
     return connectionOf(SOCK_SEQPACKET);
+}
+
+Descriptor memoryFileWith(std::string_view content) {
+    Descriptor file(::memfd_create("content", MFD_CLOEXEC));
+    put(file, content);
+    if (::lseek(file.get(), 0, SEEK_SET) != 0) throw std::runtime_error("Cannot make a file in memory.");
+    return file;
+}
+
+void put(const Descriptor& end, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const auto written = ::write(end.get(), bytes.data(), bytes.size());
+        if (written <= 0) throw std::runtime_error("Cannot write to a stream of the test.");
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+}
+
+std::size_t fill(const Descriptor& end) {
+    const int flags = ::fcntl(end.get(), F_GETFL);
+    ::fcntl(end.get(), F_SETFL, flags | O_NONBLOCK);
+    std::size_t total = 0;
+    // A byte at a time at the end, so that really nothing more fits.
+    for (const std::size_t size : {read_chunk_bytes, std::size_t{1}}) {
+        const std::string bytes(size, '-');
+        for (ssize_t got = 0; (got = ::write(end.get(), bytes.data(), bytes.size())) > 0;) {
+            total += static_cast<std::size_t>(got);
+        }
+    }
+    ::fcntl(end.get(), F_SETFL, flags);
+    return total;
 }
 
 std::string readSome(const Descriptor& end) {

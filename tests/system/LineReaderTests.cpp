@@ -5,11 +5,8 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <sys/eventfd.h>
-#include <sys/mman.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,24 +19,10 @@ namespace {
 using test::makeNonBlockingPipe;
 using test::makePieceByPieceConnection;
 using test::makePipe;
+using test::memoryFileWith;
+using test::put;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-/// A file in memory, of which a read gets as much as it asks for.
-Descriptor fileWith(std::string_view content) {
-    Descriptor file(::memfd_create("input", MFD_CLOEXEC));
-    while (!content.empty()) {
-        const auto written = ::write(file.get(), content.data(), content.size());
-        if (written <= 0) break;
-        content.remove_prefix(static_cast<std::size_t>(written));
-    }
-    EXPECT_EQ(::lseek(file.get(), 0, SEEK_SET), 0);
-    return file;
-}
-
-void put(const Descriptor& end, std::string_view bytes) {
-    ASSERT_EQ(::write(end.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-}
 
 std::vector<std::string> linesFrom(int descriptor) {
     LineReader reader(descriptor, -1);
@@ -49,7 +32,7 @@ std::vector<std::string> linesFrom(int descriptor) {
 }
 
 std::vector<std::string> linesIn(std::string_view content) {
-    return linesFrom(fileWith(content).get());
+    return linesFrom(memoryFileWith(content).get());
 }
 
 /// How much memory stands behind a line that begins where the reader's buffer begins.
@@ -74,7 +57,7 @@ TEST(LineReaderTests, EmptyLinesAreLines) {
 }
 
 TEST(LineReaderTests, EndOfInputRepeats) {
-    const auto file = fileWith("a");
+    const auto file = memoryFileWith("a");
     LineReader reader(file.get(), -1);
     EXPECT_TRUE(reader.next().has_value());
     EXPECT_FALSE(reader.next().has_value());
@@ -162,15 +145,7 @@ TEST(LineReaderTests, DeliversVeryLongLineWhole) {
     auto [reading, writing] = makePipe();
     std::string line(std::size_t{32} << 20U, 'x');
     for (std::size_t i = 0; i < line.size(); i += 4093) line[i] = static_cast<char>('a' + i % 26);
-    std::thread writer([&line, end = std::move(writing)] {
-        const std::string content = line + "\nshort";
-        std::string_view rest(content);
-        while (!rest.empty()) {
-            const auto written = ::write(end.get(), rest.data(), rest.size());
-            if (written <= 0) return;
-            rest.remove_prefix(static_cast<std::size_t>(written));
-        }
-    });
+    std::thread writer([&line, end = std::move(writing)] { put(end, line + "\nshort"); });
     const auto lines = linesFrom(reading.get());
     writer.join();
     ASSERT_EQ(lines.size(), 2U);
@@ -181,7 +156,7 @@ TEST(LineReaderTests, DeliversVeryLongLineWhole) {
 TEST(LineReaderTests, BytesAfterEveryLineMayBeLookedAt) {
     const std::string full((std::size_t{16} << 10U) - 1, 'x');
     for (const auto& content : {full + "\n", full, full + "x", full + "xx\n", std::string("a\n")}) {
-        const auto file = fileWith(content);
+        const auto file = memoryFileWith(content);
         LineReader reader(file.get(), -1);
         const auto line = reader.next();
         ASSERT_TRUE(line.has_value());

@@ -25,32 +25,18 @@
 namespace brindle {
 namespace {
 
+using test::fill;
 using test::makePipe;
 using test::makeStreamConnection;
 using test::readAll;
 using test::readSome;
 using Ends = test::PipeEnds;
 
+const std::string stream_name = "standard error";
 constexpr std::size_t more_than_any_buffer = std::size_t{3} << 20U;
 
 int flagsOf(const Descriptor& end) {
     return ::fcntl(end.get(), F_GETFL);
-}
-
-/// Writes until no more is taken.
-std::size_t fill(const Descriptor& end) {
-    const int flags = flagsOf(end);
-    ::fcntl(end.get(), F_SETFL, flags | O_NONBLOCK);
-    std::size_t total = 0;
-    // A byte at a time at the end, so that really nothing more fits.
-    for (const std::size_t size : {std::size_t{65536}, std::size_t{1}}) {
-        const std::string bytes(size, '-');
-        for (ssize_t got = 0; (got = ::write(end.get(), bytes.data(), bytes.size())) > 0;) {
-            total += static_cast<std::size_t>(got);
-        }
-    }
-    ::fcntl(end.get(), F_SETFL, flags);
-    return total;
 }
 
 std::string numbered(std::size_t size) {
@@ -75,7 +61,7 @@ class OutputStreamTests : public testing::Test {
                 [&received, end = std::move(ends.reading)] { received = readAll(end); });
             // Closed before the reader is waited for, also when the write fails.
             const Descriptor writing = std::move(ends.writing);
-            OutputStream(writing.get(), watch).write(text);
+            OutputStream(writing.get(), stream_name, watch).write(text);
         }
         return received;
     }
@@ -113,7 +99,7 @@ TEST_F(OutputStreamTests, WritesWholeTextToNonblockingSocket) {
 TEST_F(OutputStreamTests, WritesWholeTextToFile) {
     const auto text = numbered(more_than_any_buffer);
     const Descriptor file(::memfd_create("output", MFD_CLOEXEC));
-    OutputStream stream(file.get(), watch_);
+    OutputStream stream(file.get(), stream_name, watch_);
     stream.write(text);
     stream.write("end");
     ASSERT_EQ(::lseek(file.get(), 0, SEEK_SET), 0);
@@ -137,7 +123,7 @@ TEST_F(OutputStreamTests, WritesWholeTextToTerminal) {
     std::thread reader([&] {
         while (received.size() < text.size()) received += readSome(terminal);
     });
-    OutputStream(line.get(), watch_).write(text);
+    OutputStream(line.get(), stream_name, watch_).write(text);
     reader.join();
     EXPECT_TRUE(received == text);
 }
@@ -148,7 +134,7 @@ TEST_F(OutputStreamTests, LeavesTheSharedDescriptionAsItIs) {
             const auto ends = make();
             ::fcntl(ends.writing.get(), F_SETFL, flagsOf(ends.writing) | nonblocking);
             const int before = flagsOf(ends.writing);
-            OutputStream(ends.writing.get(), watch_).write("text");
+            OutputStream(ends.writing.get(), stream_name, watch_).write("text");
             EXPECT_EQ(flagsOf(ends.writing), before);
             EXPECT_EQ(readSome(ends.reading), "text");
         }
@@ -158,14 +144,14 @@ TEST_F(OutputStreamTests, LeavesTheSharedDescriptionAsItIs) {
 TEST_F(OutputStreamTests, WritesNothingForEmptyText) {
     const auto ends = makePipe();
     fill(ends.writing);
-    EXPECT_NO_THROW(OutputStream(ends.writing.get(), watch_).write(""));
+    EXPECT_NO_THROW(OutputStream(ends.writing.get(), stream_name, watch_).write(""));
 }
 
 TEST_F(OutputStreamTests, WaitsWhileThePipeIsFull) {
     auto ends = makePipe();
     const auto filled = fill(ends.writing);
     std::thread writer([&] {
-        OutputStream(ends.writing.get(), watch_).write("after");
+        OutputStream(ends.writing.get(), stream_name, watch_).write("after");
         ends.writing.reset();
     });
     const auto received = readAll(ends.reading);
@@ -176,7 +162,7 @@ TEST_F(OutputStreamTests, WaitsWhileThePipeIsFull) {
 TEST_F(OutputStreamTests, BrokenPipeIsAFailure) {
     auto ends = makePipe();
     ends.reading.reset();
-    OutputStream stream(ends.writing.get(), watch_);
+    OutputStream stream(ends.writing.get(), stream_name, watch_);
     try {
         stream.write("text");
         ADD_FAILURE() << "written";
@@ -190,7 +176,7 @@ TEST_F(OutputStreamTests, BrokenPipeIsNoticedWhileWaiting) {
     auto ends = makePipe();
     fill(ends.writing);
     std::thread closer([&] { ends.reading.reset(); });
-    EXPECT_THROW(OutputStream(ends.writing.get(), watch_).write("text"), FileSystemFailure);
+    EXPECT_THROW(OutputStream(ends.writing.get(), stream_name, watch_).write("text"), FileSystemFailure);
     closer.join();
 }
 
@@ -198,14 +184,14 @@ TEST_F(OutputStreamTests, BrokenSocketIsAFailureWithoutASignal) {
     ::signal(SIGPIPE, SIG_DFL);
     auto ends = makeStreamConnection();
     ends.reading.reset();
-    EXPECT_THROW(OutputStream(ends.writing.get(), watch_).write("text"), FileSystemFailure);
+    EXPECT_THROW(OutputStream(ends.writing.get(), stream_name, watch_).write("text"), FileSystemFailure);
 }
 
 TEST_F(OutputStreamTests, FullDeviceIsAFailure) {
     const Descriptor device(::open("/dev/full", O_WRONLY | O_CLOEXEC));
     ASSERT_TRUE(device.isOpen());
     try {
-        OutputStream(device.get(), watch_).write("text");
+        OutputStream(device.get(), stream_name, watch_).write("text");
         ADD_FAILURE() << "written";
     } catch (const FileSystemFailure& failure) {
         EXPECT_EQ(failure.code(), ENOSPC);
@@ -214,8 +200,8 @@ TEST_F(OutputStreamTests, FullDeviceIsAFailure) {
 
 TEST_F(OutputStreamTests, DescriptorThatIsNotOpenForWritingIsAFailure) {
     const Descriptor readOnly(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    EXPECT_THROW(OutputStream(readOnly.get(), watch_).write("text"), FileSystemFailure);
-    EXPECT_THROW(OutputStream(1'000'000, watch_).write("text"), FileSystemFailure);
+    EXPECT_THROW(OutputStream(readOnly.get(), stream_name, watch_).write("text"), FileSystemFailure);
+    EXPECT_THROW(OutputStream(1'000'000, stream_name, watch_).write("text"), FileSystemFailure);
 }
 
 TEST_F(OutputStreamTests, GivesUpWhenTheReaderHasClosedItsOtherEnd) {
@@ -224,7 +210,7 @@ TEST_F(OutputStreamTests, GivesUpWhenTheReaderHasClosedItsOtherEnd) {
     watch_.addSign(sign.reading.get(), false);
     fill(output.writing);
     sign.writing.reset();
-    EXPECT_THROW(OutputStream(output.writing.get(), watch_).write("text"), OutputAbandoned);
+    EXPECT_THROW(OutputStream(output.writing.get(), stream_name, watch_).write("text"), OutputAbandoned);
 }
 
 TEST_F(OutputStreamTests, GivesUpWhenASocketSignIsShutDown) {
@@ -233,7 +219,7 @@ TEST_F(OutputStreamTests, GivesUpWhenASocketSignIsShutDown) {
     watch_.addSign(sign.reading.get(), false);
     fill(output.writing);
     ASSERT_EQ(::shutdown(sign.writing.get(), SHUT_WR), 0);
-    EXPECT_THROW(OutputStream(output.writing.get(), watch_).write("text"), OutputAbandoned);
+    EXPECT_THROW(OutputStream(output.writing.get(), stream_name, watch_).write("text"), OutputAbandoned);
 }
 
 TEST_F(OutputStreamTests, GivesUpWhenASignBecomesReadable) {
@@ -242,7 +228,7 @@ TEST_F(OutputStreamTests, GivesUpWhenASignBecomesReadable) {
     watch_.addSign(sign.get(), true);
     fill(output.writing);
     std::thread departure([&] { ::eventfd_write(sign.get(), 1); });
-    EXPECT_THROW(OutputStream(output.writing.get(), watch_).write("text"), OutputAbandoned);
+    EXPECT_THROW(OutputStream(output.writing.get(), stream_name, watch_).write("text"), OutputAbandoned);
     departure.join();
 }
 
@@ -268,14 +254,14 @@ TEST_F(OutputStreamTests, AbandoningEndsAWaitingWriter) {
     auto output = makePipe();
     fill(output.writing);
     std::thread abandoner([&] { watch_.abandonOutput(); });
-    EXPECT_THROW(OutputStream(output.writing.get(), watch_).write("text"), OutputAbandoned);
+    EXPECT_THROW(OutputStream(output.writing.get(), stream_name, watch_).write("text"), OutputAbandoned);
     abandoner.join();
 }
 
 TEST_F(OutputStreamTests, AbandonedOutputIsStillWrittenWhereNobodyHasToWait) {
     const auto ends = makePipe();
     watch_.abandonOutput();
-    OutputStream(ends.writing.get(), watch_).write("goodbye");
+    OutputStream(ends.writing.get(), stream_name, watch_).write("goodbye");
     EXPECT_EQ(readSome(ends.reading), "goodbye");
 }
 
@@ -283,7 +269,7 @@ TEST_F(OutputStreamTests, NothingFollowsATextThatWasGivenUp) {
     auto ends = makePipe();
     watch_.abandonOutput();
     {
-        OutputStream stream(ends.writing.get(), watch_);
+        OutputStream stream(ends.writing.get(), stream_name, watch_);
         EXPECT_THROW(stream.write(numbered(more_than_any_buffer)), OutputAbandoned);
         readSome(ends.reading);
         EXPECT_THROW(stream.write("next"), OutputAbandoned);
@@ -299,8 +285,8 @@ TEST_F(OutputStreamTests, EveryStreamOfAWatchIsAbandonedTogether) {
     fill(second.writing);
     const Descriptor sign(::eventfd(1, EFD_CLOEXEC));
     watch_.addSign(sign.get(), true);
-    EXPECT_THROW(OutputStream(first.writing.get(), watch_).write("text"), OutputAbandoned);
-    EXPECT_THROW(OutputStream(second.writing.get(), watch_).write("text"), OutputAbandoned);
+    EXPECT_THROW(OutputStream(first.writing.get(), stream_name, watch_).write("text"), OutputAbandoned);
+    EXPECT_THROW(OutputStream(second.writing.get(), stream_name, watch_).write("text"), OutputAbandoned);
 }
 
 TEST_F(OutputStreamTests, DepartureIsOverAfterItsGrace) {

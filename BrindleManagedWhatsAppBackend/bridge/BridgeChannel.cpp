@@ -1,0 +1,38 @@
+#include "bridge/BridgeChannel.h"
+
+#include <unistd.h>
+
+#include "system/Processes.h"
+#include "text/Text.h"
+
+namespace brindle {
+
+static_assert(LineReader::padding_bytes >= JsonParser::padding_bytes);
+
+BridgeChannel::BridgeChannel(const BridgeStreams& streams)
+    : lines_(streams.input, streams.endRequest),
+      parentEnd_(processEndDescriptor(::getppid())),
+      emitter_(streams.output, streams.error, departureWatch_) {
+    departureWatch_.addSign(streams.input, false);
+    if (parentEnd_.isOpen()) departureWatch_.addSign(parentEnd_.get(), true);
+    if (streams.endRequest >= 0) departureWatch_.addSign(streams.endRequest, true);
+}
+
+bool BridgeChannel::waitForRequest() {
+    while (const auto line = lines_.next()) {
+        request_ = trimmed(*line);
+        if (!request_.empty()) return true;
+    }
+    return false;
+}
+
+BridgeEnvelope BridgeChannel::takeRequest() {
+    // A parser keeps the memory of the largest text it has seen, so a large one gets a parser of its own; the
+    // reader gives back its buffer likewise.
+    if (request_.size() > LineReader::kept_buffer_bytes) {
+        return decodedRecord<BridgeEnvelope>(JsonParser().parsePadded(request_));
+    }
+    return decodedRecord<BridgeEnvelope>(parser_.parsePadded(request_));
+}
+
+}  // namespace brindle
