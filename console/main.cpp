@@ -54,8 +54,8 @@ int runSession(const Options& options) {
     // Whoever ends the console need not wait for a reader that does not read.
     DepartureWatch watch;
     watch.addSign(signals.descriptor(), true);
-    OutputStream output(STDOUT_FILENO, watch);
-    OutputStream error(STDERR_FILENO, watch);
+    OutputStream output(STDOUT_FILENO, "standard output", watch);
+    OutputStream error(STDERR_FILENO, "standard error", watch);
     const auto environment = currentEnvironment();
     Display display(DisplayStyle::from(options, environment), output, error);
     try {
