@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "exchange/RecordFiles.h"
-#include "system/OutputStream.h"
 #include "system/Paths.h"
 #include "text/Identifier.h"
 #include "text/Text.h"
@@ -46,18 +45,18 @@ void InboundDelivery::drainUnlessUnderWay() noexcept {
 void InboundDelivery::drain() noexcept {
     withoutFailing([this] { deliverAll(); },
                    [this](const std::exception& error) {
-                       context_.log("failed to drain inbound directory: " + descriptionOf(error));
+                       uses_.log.write("failed to drain inbound directory: " + descriptionOf(error));
                    });
 }
 
 void InboundDelivery::deliverAll() {
-    const auto scope = context_.state.activeScope();
-    if (!scope || !context_.state.isConnected()) return;
+    const auto scope = uses_.state.activeScope();
+    if (!scope || !uses_.state.isConnected()) return;
     if (std::holds_alternative<BridgeTestOnlyScope>(*scope)) return;
     try {
         for (const auto& name : recordNames()) {
             // What is not delivered by the end of the process stays for the next backend.
-            if (isStopped_ || context_.departureWatch.isDepartureOver()) return;
+            if (isStopped_ || uses_.departureWatch.isDepartureOver()) return;
             deliverOrReject(name, *scope);
         }
     } catch (const OutputAbandoned&) {
@@ -66,7 +65,7 @@ void InboundDelivery::deliverAll() {
 }
 
 std::vector<std::string> InboundDelivery::recordNames() {
-    auto names = context_.fileManager.visibleEntries(context_.directory.inbound);
+    auto names = uses_.fileManager.visibleEntries(uses_.directory.inbound);
     std::erase_if(names, [](const std::string& name) { return !isRecordFileName(name); });
     std::sort(names.begin(), names.end());
     return names;
@@ -79,18 +78,18 @@ void InboundDelivery::deliverOrReject(const std::string& name, const BridgeScope
         throw;
     } catch (const std::exception& error) {
         withoutFailing(
-            [&] { context_.log("rejected inbound event at " + name + ": " + descriptionOf(error)); });
-        fileAway(name, context_.directory.rejected);
+            [&] { uses_.log.write("rejected inbound event at " + name + ": " + descriptionOf(error)); });
+        fileAway(name, uses_.directory.rejected);
     }
 }
 
 void InboundDelivery::deliver(const std::string& name, const BridgeScope& scope) {
-    auto record = readRecord<ManagedWhatsAppInboundRecord>(context_.fileManager,
-                                                           joinedPath(context_.directory.inbound, name));
+    auto record = readRecord<ManagedWhatsAppInboundRecord>(uses_.fileManager,
+                                                           joinedPath(uses_.directory.inbound, name));
     if (!belongsToScope(record, scope)) return;
     // Emitting comes first: should the process end in between, the message comes twice rather than never.
-    context_.emitter.emit(BridgeInboundEvent{eventFor(std::move(record), name)});
-    fileAway(name, context_.directory.processed);
+    uses_.emitter.emit(BridgeInboundEvent{eventFor(std::move(record), name)});
+    fileAway(name, uses_.directory.processed);
 }
 
 BridgeInboundMessageEvent InboundDelivery::eventFor(ManagedWhatsAppInboundRecord record,
@@ -103,14 +102,14 @@ BridgeInboundMessageEvent InboundDelivery::eventFor(ManagedWhatsAppInboundRecord
     event.senderDisplayName = std::move(record.senderDisplayName);
     event.text = std::move(record.text);
     event.timestampISO8601 =
-        record.timestampISO8601 ? std::move(*record.timestampISO8601) : iso8601(context_.clock.now());
+        record.timestampISO8601 ? std::move(*record.timestampISO8601) : iso8601(uses_.clock.now());
     event.isDirectMessage = record.isDirectMessage;
     event.rawReference = std::move(record.rawReference).value_or(name);
     return event;
 }
 
 void InboundDelivery::fileAway(const std::string& name, const std::string& directory) {
-    moveRecordFile(context_.fileManager, name, context_.directory.inbound, directory);
+    moveRecordFile(uses_.fileManager, name, uses_.directory.inbound, directory);
 }
 
 }  // namespace brindle

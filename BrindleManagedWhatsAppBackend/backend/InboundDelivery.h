@@ -5,8 +5,14 @@
 #include <string>
 #include <vector>
 
-#include "backend/BackendContext.h"
+#include "backend/BackendState.h"
+#include "backend/DiagnosticLog.h"
+#include "bridge/ManagedWhatsAppBackendEmitter.h"
+#include "exchange/DataDirectory.h"
 #include "exchange/ExchangeRecords.h"
+#include "system/Clock.h"
+#include "system/FileManager.h"
+#include "system/OutputStream.h"
 
 namespace brindle {
 
@@ -16,7 +22,18 @@ bool belongsToScope(const ManagedWhatsAppInboundRecord& record, const BridgeScop
 /// Delivers the records that a worker leaves in "inbound" to the parent. Callable from any thread.
 class InboundDelivery {
   public:
-    explicit InboundDelivery(const BackendContext& context) : context_(context) {}
+    /// What it works with; all of it outlives the delivery.
+    struct Uses {
+        const DataDirectory& directory;
+        FileManager& fileManager;
+        const Clock& clock;
+        const BackendState& state;
+        ManagedWhatsAppBackendEmitter& emitter;
+        DepartureWatch& departureWatch;
+        const DiagnosticLog& log;
+    };
+
+    explicit InboundDelivery(const Uses& uses) : uses_(uses) {}
 
     /// Delivers every record that belongs to the active scope, in order of file names, and files it away.
     /// Does nothing while disconnected, without a scope or during a self-test. Failures are logged. A drain
@@ -36,7 +53,7 @@ class InboundDelivery {
     BridgeInboundMessageEvent eventFor(ManagedWhatsAppInboundRecord record, const std::string& name);
     void fileAway(const std::string& name, const std::string& directory);
 
-    const BackendContext& context_;
+    Uses uses_;
     /// Two drains over one backlog would overtake each other and deliver messages out of order or twice.
     std::mutex drainLock_;
     std::atomic<bool> isStopped_ = false;

@@ -6,6 +6,7 @@
 #include <optional>
 #include <type_traits>
 
+#include "backend/BackendIdentity.h"
 #include "exchange/ExchangeRecords.h"
 #include "system/OutputStream.h"
 #include "system/Processes.h"
@@ -47,17 +48,30 @@ ManagedWhatsAppBackendService::ManagedWhatsAppBackendService(std::string platfor
       channel_(channel),
       parentProcessIdentifier_(::getppid()),
       directory_(environment_, fileManager_, platform_),
-      context_{.platform = platform_,
-               .environment = environment_,
-               .directory = directory_,
-               .fileManager = fileManager_,
-               .clock = clock_,
-               .state = state_,
-               .emitter = channel_.emitter(),
-               .departureWatch = channel_.departureWatch()},
-      publisher_(context_),
-      delivery_(context_),
-      supervisor_(context_, publisher_, pollQueue_) {
+      log_(channel_.emitter()),
+      publisher_({.platform = platform_,
+                  .directory = directory_,
+                  .fileManager = fileManager_,
+                  .clock = clock_,
+                  .state = state_,
+                  .log = log_}),
+      delivery_({.directory = directory_,
+                 .fileManager = fileManager_,
+                 .clock = clock_,
+                 .state = state_,
+                 .emitter = channel_.emitter(),
+                 .departureWatch = channel_.departureWatch(),
+                 .log = log_}),
+      supervisor_({.platform = platform_,
+                   .environment = environment_,
+                   .directory = directory_,
+                   .fileManager = fileManager_,
+                   .clock = clock_,
+                   .state = state_,
+                   .publisher = publisher_,
+                   .emitter = channel_.emitter(),
+                   .log = log_,
+                   .queue = pollQueue_}) {
     directory_.createForBackend(fileManager_);
     startPollers();
     publisher_.writeRuntimeStatus();
@@ -89,7 +103,7 @@ void ManagedWhatsAppBackendService::checkParent() noexcept {
     if (isParentAlive(parentProcessIdentifier_)) return;
     // Nobody is left to read: a writer that still waits must not hold up the end.
     channel_.departureWatch().abandonOutput();
-    context_.log("bridge service parent is no longer alive; stopping the managed backend and worker.");
+    log_.write("bridge service parent is no longer alive; stopping the managed backend and worker.");
     supervisor_.stopWorker();
     publisher_.writeRuntimeStatus();
     // From this thread no orderly return through main is possible: main may be waiting for input for ever.

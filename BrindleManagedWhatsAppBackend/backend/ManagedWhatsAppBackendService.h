@@ -5,7 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "backend/BackendContext.h"
+#include "backend/BackendState.h"
+#include "backend/DiagnosticLog.h"
 #include "backend/InboundDelivery.h"
 #include "backend/StatusPublisher.h"
 #include "backend/WorkerSupervisor.h"
@@ -67,7 +68,7 @@ class ManagedWhatsAppBackendService {
     pid_t parentProcessIdentifier_;
     BackendState state_;
     DataDirectory directory_;
-    BackendContext context_;
+    DiagnosticLog log_;
     StatusPublisher publisher_;
     InboundDelivery delivery_;
     WorkerSupervisor supervisor_;

@@ -42,15 +42,15 @@ std::vector<std::string> nativeWorkerCandidates(const MainBundle& bundle) {
     return candidates;
 }
 
-std::optional<std::string> findNativeWorker(const BackendContext& context, const MainBundle& bundle) {
+std::optional<std::string> findNativeWorker(const WorkerLaunchConditions& conditions) {
     // A path that was given and is wrong switches the native worker off; it is not replaced by a guess.
-    if (const auto given = nonBlankValue(context.environment, key::native_worker_path)) {
+    if (const auto given = nonBlankValue(conditions.environment, key::native_worker_path)) {
         auto path = standardizedPath(*given);
-        if (!context.fileManager.fileExists(path)) return std::nullopt;
+        if (!conditions.fileManager.fileExists(path)) return std::nullopt;
         return path;
     }
-    for (auto& candidate : nativeWorkerCandidates(bundle)) {
-        if (context.fileManager.fileExists(candidate)) return std::move(candidate);
+    for (auto& candidate : nativeWorkerCandidates(conditions.bundle)) {
+        if (conditions.fileManager.fileExists(candidate)) return std::move(candidate);
     }
     return std::nullopt;
 }
@@ -62,30 +62,31 @@ std::optional<std::string> runningExecutable(const MainBundle& bundle) {
     return standardizedPath(argument);
 }
 
-Environment workerEnvironment(const BackendContext& context) {
-    Environment environment = context.environment;
-    environment.insert_or_assign(std::string(key::data_directory), context.directory.path);
-    environment.insert_or_assign(std::string(key::platform), context.platform);
+Environment workerEnvironment(const WorkerLaunchConditions& conditions) {
+    Environment environment = conditions.environment;
+    environment.insert_or_assign(std::string(key::data_directory), conditions.dataDirectoryPath);
+    environment.insert_or_assign(std::string(key::platform), conditions.platform);
     environment.insert_or_assign(std::string(key::parent_process), std::to_string(::getpid()));
     return environment;
 }
 
-ManagedWhatsAppWorkerLaunchConfiguration webWorker(const BackendContext& context, std::string executable,
-                                                   std::string description) {
+ManagedWhatsAppWorkerLaunchConfiguration webWorker(const WorkerLaunchConditions& conditions,
+                                                   std::string executable, std::string description) {
     ManagedWhatsAppWorkerLaunchConfiguration configuration;
     configuration.executableURL = std::move(executable);
-    configuration.environment = workerEnvironment(context);
+    configuration.environment = workerEnvironment(conditions);
     configuration.environment.insert_or_assign(std::string(key::worker_role),
                                                std::string(key::runtime_worker_role));
     configuration.launchDescription = std::move(description);
     return configuration;
 }
 
-ManagedWhatsAppWorkerLaunchConfiguration nativeWorker(const BackendContext& context, std::string executable) {
+ManagedWhatsAppWorkerLaunchConfiguration nativeWorker(const WorkerLaunchConditions& conditions,
+                                                      std::string executable) {
     ManagedWhatsAppWorkerLaunchConfiguration configuration;
     configuration.launchDescription = "native protocol worker (" + executable + ")";
     configuration.executableURL = std::move(executable);
-    configuration.environment = workerEnvironment(context);
+    configuration.environment = workerEnvironment(conditions);
     configuration.environment.insert_or_assign(std::string(key::worker_implementation),
                                                std::string(native_implementation));
     return configuration;
@@ -94,19 +95,19 @@ ManagedWhatsAppWorkerLaunchConfiguration nativeWorker(const BackendContext& cont
 }  // namespace
 
 std::optional<ManagedWhatsAppWorkerLaunchConfiguration> resolveLaunchConfiguration(
-    const BackendContext& context, const MainBundle& bundle) {
-    const auto& environment = context.environment;
+    const WorkerLaunchConditions& conditions) {
+    const auto& environment = conditions.environment;
     if (isFlagSet(environment, key::disable_worker)) return std::nullopt;
     if (const auto given = nonBlankValue(environment, key::worker_path)) {
         auto path = standardizedPath(*given);
-        return webWorker(context, path, path);
+        return webWorker(conditions, path, path);
     }
     if (nativeWorkersEnabled(environment)) {
-        if (auto path = findNativeWorker(context, bundle)) return nativeWorker(context, std::move(*path));
+        if (auto path = findNativeWorker(conditions)) return nativeWorker(conditions, std::move(*path));
     }
     if (isFlagSet(environment, key::enable_builtin_worker)) {
-        if (const auto path = runningExecutable(bundle)) {
-            return webWorker(context, *path, "built-in WebKit worker (" + *path + ")");
+        if (const auto path = runningExecutable(conditions.bundle)) {
+            return webWorker(conditions, *path, "built-in WebKit worker (" + *path + ")");
         }
     }
     return std::nullopt;

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "backend/BackendContext.h"
 #include "system/Environment.h"
+#include "system/FileManager.h"
 #include "system/Paths.h"
 
 namespace brindle {
@@ -26,10 +26,19 @@ struct ManagedWhatsAppWorkerLaunchConfiguration {
     bool requiresExecutableBit = true;
 };
 
-/// Decides from the environment, the file system and the place of the running executable which worker to run;
-/// nothing when none is configured.
+/// What decides which worker is run, and what the worker is told.
+struct WorkerLaunchConditions {
+    const Environment& environment;
+    const std::string& platform;
+    const std::string& dataDirectoryPath;
+    FileManager& fileManager;
+    /// The place of the running executable.
+    MainBundle bundle;
+};
+
+/// Decides which worker to run; nothing when none is configured.
 std::optional<ManagedWhatsAppWorkerLaunchConfiguration> resolveLaunchConfiguration(
-    const BackendContext& context, const MainBundle& bundle);
+    const WorkerLaunchConditions& conditions);
 
 /// File name of the native protocol worker, a program that is not part of this system.
 inline constexpr std::string_view native_worker_name = "BrindleManagedWhatsAppNativeWorker";

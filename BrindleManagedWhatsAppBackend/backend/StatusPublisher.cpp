@@ -1,5 +1,6 @@
 #include "backend/StatusPublisher.h"
 
+#include "backend/BackendIdentity.h"
 #include "exchange/ExchangeWords.h"
 #include "system/FileSystemFailure.h"
 #include "text/WithoutFailing.h"
@@ -45,43 +46,43 @@ void StatusPublisher::writeRuntimeStatus() noexcept {
     std::string workerProblem;
     withoutFailing([&] { writeStatus(workerProblem); },
                    [this](const std::exception& error) {
-                       context_.log("failed to write runtime status: " + descriptionOf(error));
+                       uses_.log.write("failed to write runtime status: " + descriptionOf(error));
                    });
     withoutFailing([&] {
-        if (!workerProblem.empty()) context_.log("failed to decode worker status: " + workerProblem);
+        if (!workerProblem.empty()) uses_.log.write("failed to decode worker status: " + workerProblem);
     });
     withoutFailing([this] { writeWorkerControl(); },
                    [this](const std::exception& error) {
-                       context_.log("failed to write worker control: " + descriptionOf(error));
+                       uses_.log.write("failed to write worker control: " + descriptionOf(error));
                    });
 }
 
 void StatusPublisher::writeStatus(std::string& workerProblem) {
     const std::lock_guard hold(writeLock_);
-    const auto record = statusRecord(context_.state.takeSnapshot(), workerProblem);
-    writeRecord(context_.fileManager, context_.directory.runtimeStatusFile, record, Durability::process);
+    const auto record = statusRecord(uses_.state.takeSnapshot(), workerProblem);
+    writeRecord(uses_.fileManager, uses_.directory.runtimeStatusFile, record, Durability::process);
 }
 
 void StatusPublisher::writeWorkerControl() {
     const std::lock_guard hold(writeLock_);
-    const auto snapshot = context_.state.takeSnapshot();
+    const auto snapshot = uses_.state.takeSnapshot();
     ManagedWhatsAppWorkerControlRecord record;
-    record.platform = context_.platform;
+    record.platform = uses_.platform;
     if (snapshot.activeScope)
         record.activeScope = ManagedWhatsAppWorkerControlScope::from(*snapshot.activeScope);
-    record.updatedAtISO8601 = iso8601(context_.clock.now());
-    writeRecord(context_.fileManager, context_.directory.workerControlFile, record, Durability::process);
+    record.updatedAtISO8601 = iso8601(uses_.clock.now());
+    writeRecord(uses_.fileManager, uses_.directory.workerControlFile, record, Durability::process);
 }
 
 std::optional<ManagedWhatsAppWorkerStatusRecord> StatusPublisher::workerStatus(
     const ManagedWhatsAppWorkerLaunchSnapshot& worker, std::string& problem) {
     if (!worker.processRunning) return std::nullopt;
     try {
-        return readRecord<ManagedWhatsAppWorkerStatusRecord>(context_.fileManager,
-                                                             context_.directory.workerStatusFile);
+        return readRecord<ManagedWhatsAppWorkerStatusRecord>(uses_.fileManager,
+                                                             uses_.directory.workerStatusFile);
     } catch (const FileSystemFailure& error) {
         // A worker that has not written its status yet is nothing to report.
-        if (!context_.fileManager.fileExists(context_.directory.workerStatusFile)) return std::nullopt;
+        if (!uses_.fileManager.fileExists(uses_.directory.workerStatusFile)) return std::nullopt;
         problem = descriptionOf(error);
     } catch (const std::exception& error) {
         problem = descriptionOf(error);
@@ -93,9 +94,9 @@ ManagedWhatsAppRuntimeStatusRecord StatusPublisher::statusRecord(
     const ManagedWhatsAppRuntimeStateSnapshot& snapshot, std::string& workerProblem) {
     const auto& worker = snapshot.workerLaunchSnapshot;
     ManagedWhatsAppRuntimeStatusRecord record;
-    record.platform = context_.platform;
+    record.platform = uses_.platform;
     record.backendVersion = backend_version;
-    record.dataDirectoryPath = context_.directory.path;
+    record.dataDirectoryPath = uses_.directory.path;
     record.connectionState =
         snapshot.isConnected ? connection_word::connected : connection_word::disconnected;
     if (snapshot.activeScope) record.activeScopeDescription = activeScopeDescription(*snapshot.activeScope);
@@ -104,7 +105,7 @@ ManagedWhatsAppRuntimeStatusRecord StatusPublisher::statusRecord(
     record.workerState = worker.state;
     record.workerDetail = worker.detail;
     if (auto status = workerStatus(worker, workerProblem)) takeOver(record, std::move(*status));
-    record.updatedAtISO8601 = iso8601(context_.clock.now());
+    record.updatedAtISO8601 = iso8601(uses_.clock.now());
     return record;
 }
 

@@ -4,8 +4,12 @@
 #include <optional>
 #include <string>
 
-#include "backend/BackendContext.h"
+#include "backend/BackendState.h"
+#include "backend/DiagnosticLog.h"
+#include "exchange/DataDirectory.h"
 #include "exchange/ExchangeRecords.h"
+#include "system/Clock.h"
+#include "system/FileManager.h"
 
 namespace brindle {
 
@@ -16,7 +20,17 @@ std::string activeScopeDescription(const BridgeScope& scope);
 /// thread.
 class StatusPublisher {
   public:
-    explicit StatusPublisher(const BackendContext& context) : context_(context) {}
+    /// What it works with; all of it outlives the publisher.
+    struct Uses {
+        const std::string& platform;
+        const DataDirectory& directory;
+        FileManager& fileManager;
+        const Clock& clock;
+        const BackendState& state;
+        const DiagnosticLog& log;
+    };
+
+    explicit StatusPublisher(const Uses& uses) : uses_(uses) {}
 
     /// Writes the runtime status and then, whatever came of it, the worker control record. Failures are
     /// logged.
@@ -32,7 +46,7 @@ class StatusPublisher {
     ManagedWhatsAppRuntimeStatusRecord statusRecord(const ManagedWhatsAppRuntimeStateSnapshot& snapshot,
                                                     std::string& workerProblem);
 
-    const BackendContext& context_;
+    Uses uses_;
     // Held from taking a snapshot to having written it, so that an older snapshot never replaces a newer one:
     // the last status of an ending backend stays the last.
     std::mutex writeLock_;

@@ -36,24 +36,24 @@ std::optional<pid_t> parsedProcessIdentifier(std::string_view text) {
     return value;
 }
 
-WorkerSupervisor::WorkerSupervisor(const BackendContext& context, StatusPublisher& publisher,
-                                   SerialQueue& queue)
-    : context_(context), publisher_(publisher), queue_(queue) {}
-
 void WorkerSupervisor::launchWorkerIfConfigured() {
-    const auto configuration = resolveLaunchConfiguration(context_, MainBundle::current());
+    const auto configuration = resolveLaunchConfiguration({.environment = uses_.environment,
+                                                           .platform = uses_.platform,
+                                                           .dataDirectoryPath = uses_.directory.path,
+                                                           .fileManager = uses_.fileManager,
+                                                           .bundle = MainBundle::current()});
     if (!configuration) {
-        context_.fileManager.removeIfPresent(context_.directory.workerStatusFile);
+        uses_.fileManager.removeIfPresent(uses_.directory.workerStatusFile);
         setWorkerState(std::nullopt, worker_state::not_configured, std::string(nothing_to_launch_detail),
                        false);
-        publisher_.writeRuntimeStatus();
+        uses_.publisher.writeRuntimeStatus();
         return;
     }
     clearUpAfterEarlierWorker();
     removeWorkerFiles();
     const auto& description = configuration->launchDescription;
     if (configuration->requiresExecutableBit &&
-        !context_.fileManager.isExecutableFile(configuration->executableURL)) {
+        !uses_.fileManager.isExecutableFile(configuration->executableURL)) {
         return fail(description, worker_state::misconfigured,
                     "Configured worker executable is not executable: " + description);
     }
@@ -62,36 +62,36 @@ void WorkerSupervisor::launchWorkerIfConfigured() {
 
 void WorkerSupervisor::setWorkerState(std::optional<std::string> path, std::string_view state,
                                       std::string detail, bool running) {
-    context_.state.setWorkerState({.configuredExecutablePath = std::move(path),
-                                   .state = std::string(state),
-                                   .detail = std::move(detail),
-                                   .processRunning = running});
+    uses_.state.setWorkerState({.configuredExecutablePath = std::move(path),
+                                .state = std::string(state),
+                                .detail = std::move(detail),
+                                .processRunning = running});
 }
 
 void WorkerSupervisor::fail(const std::string& description, std::string_view state,
                             const std::string& message) {
-    context_.fileManager.removeIfPresent(context_.directory.workerStatusFile);
+    uses_.fileManager.removeIfPresent(uses_.directory.workerStatusFile);
     setWorkerState(description, state, message, false);
-    context_.log(message);
-    publisher_.writeRuntimeStatus();
+    uses_.log.write(message);
+    uses_.publisher.writeRuntimeStatus();
 }
 
 void WorkerSupervisor::removeWorkerFiles() {
-    context_.fileManager.removeIfPresent(context_.directory.workerStatusFile);
-    context_.fileManager.removeIfPresent(context_.directory.workerQRCodeFile);
-    context_.fileManager.removeIfPresent(context_.directory.workerPIDFile);
+    uses_.fileManager.removeIfPresent(uses_.directory.workerStatusFile);
+    uses_.fileManager.removeIfPresent(uses_.directory.workerQRCodeFile);
+    uses_.fileManager.removeIfPresent(uses_.directory.workerPIDFile);
 }
 
 void WorkerSupervisor::clearUpAfterEarlierWorker() {
     try {
         const auto process =
-            parsedProcessIdentifier(context_.fileManager.readFile(context_.directory.workerPIDFile));
+            parsedProcessIdentifier(uses_.fileManager.readFile(uses_.directory.workerPIDFile));
         // After a reboot the number may be anybody's; that it is our own is the one case that can be told.
         if (process && *process > 0 && *process != ::getpid()) terminateEarlierWorker(*process);
     } catch (const Failure&) {
         // No file, or one that cannot be read: nothing is known of an earlier worker.
     }
-    context_.fileManager.removeIfPresent(context_.directory.workerPIDFile);
+    uses_.fileManager.removeIfPresent(uses_.directory.workerPIDFile);
 }
 
 void WorkerSupervisor::terminateEarlierWorker(pid_t process) {
@@ -99,7 +99,7 @@ void WorkerSupervisor::terminateEarlierWorker(pid_t process) {
     ::kill(process, SIGTERM);
     for (int probe = 0; probe < termination_probes; ++probe) {
         if (::kill(process, 0) != 0) return;
-        context_.clock.sleep(termination_probe_interval);
+        uses_.clock.sleep(termination_probe_interval);
     }
     if (::kill(process, 0) == 0) ::kill(process, SIGKILL);
 }
@@ -119,7 +119,7 @@ void WorkerSupervisor::start(const ManagedWhatsAppWorkerLaunchConfiguration& con
                                   .leftRunning = ChildProcess::LeftRunning::staysAlive});
         setWorkerState(description, worker_state::launching,
                        "Managed WhatsApp worker launched at " + description + ".", true);
-        publisher_.writeRuntimeStatus();
+        uses_.publisher.writeRuntimeStatus();
         // Only now: a worker that ended at once is seen to end after it was seen to be launched. Its pipes
         // and its end descriptor keep what happened meanwhile.
         watch(process);
@@ -151,12 +151,12 @@ void WorkerSupervisor::watch(const std::shared_ptr<ChildProcess>& process) {
     workerStdoutHandle_ = std::make_shared<const Descriptor>(std::move(process->standardOutput()));
     workerStderrHandle_ = std::make_shared<const Descriptor>(std::move(process->standardError()));
     outputWatch_ = std::make_unique<ReadinessWatch>(
-        queue_, workerStdoutHandle_->get(),
+        uses_.queue, workerStdoutHandle_->get(),
         [this, handle = workerStdoutHandle_] { return relayAvailable(handle, Stream::output); });
     errorWatch_ = std::make_unique<ReadinessWatch>(
-        queue_, workerStderrHandle_->get(),
+        uses_.queue, workerStderrHandle_->get(),
         [this, handle = workerStderrHandle_] { return relayAvailable(handle, Stream::error); });
-    endWatch_ = std::make_unique<ReadinessWatch>(queue_, process->endDescriptor(), [this, process] {
+    endWatch_ = std::make_unique<ReadinessWatch>(uses_.queue, process->endDescriptor(), [this, process] {
         workerEnded(*process);
         return false;
     });
@@ -189,7 +189,7 @@ void WorkerSupervisor::relay(std::string_view data, Stream stream) {
         const auto lineEnd = rest.find('\n');
         const auto piece = trimmed(rest.substr(0, lineEnd));
         rest.remove_prefix(lineEnd == std::string_view::npos ? rest.size() : lineEnd + 1);
-        if (!piece.empty()) context_.emitter.log(std::string(prefix).append(piece).append("\n"));
+        if (!piece.empty()) uses_.emitter.log(std::string(prefix).append(piece).append("\n"));
     }
 }
 
@@ -209,17 +209,17 @@ void WorkerSupervisor::workerEnded(const ChildProcess& process) {
     withoutFailing([&] { relayRemaining(output, Stream::output); });
     withoutFailing([&] { relayRemaining(error, Stream::error); });
     const auto end = process.waitForEnd();
-    auto path = context_.state.workerConfiguredExecutablePath();
+    auto path = uses_.state.workerConfiguredExecutablePath();
     if (didRequestWorkerStop_) {
         const auto state = path ? worker_state::stopped : worker_state::not_configured;
         setWorkerState(std::move(path), state, std::string(stopped_detail), false);
     } else {
         const auto message =
             "Managed WhatsApp worker exited unexpectedly with status " + std::to_string(end.number) + ".";
-        context_.log(message);
+        uses_.log.write(message);
         setWorkerState(std::move(path), worker_state::exited, message, false);
     }
-    publisher_.writeRuntimeStatus();
+    uses_.publisher.writeRuntimeStatus();
 }
 
 void WorkerSupervisor::stopWorker() noexcept {
@@ -235,13 +235,13 @@ void WorkerSupervisor::stopWorker() noexcept {
         workerProcess_.reset();
     }
     withoutFailing([this] {
-        auto path = context_.state.workerConfiguredExecutablePath();
+        auto path = uses_.state.workerConfiguredExecutablePath();
         const bool configured = path.has_value();
         setWorkerState(std::move(path), configured ? worker_state::stopped : worker_state::not_configured,
                        std::string(configured ? stopped_detail : no_worker_detail), false);
     });
-    context_.fileManager.removeIfPresent(context_.directory.workerStatusFile);
-    context_.fileManager.removeIfPresent(context_.directory.workerPIDFile);
+    uses_.fileManager.removeIfPresent(uses_.directory.workerStatusFile);
+    uses_.fileManager.removeIfPresent(uses_.directory.workerPIDFile);
 }
 
 }  // namespace brindle

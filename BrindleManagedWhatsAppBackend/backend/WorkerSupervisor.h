@@ -7,10 +7,15 @@
 #include <string>
 #include <string_view>
 
-#include "backend/BackendContext.h"
+#include "backend/BackendState.h"
+#include "backend/DiagnosticLog.h"
 #include "backend/ManagedWhatsAppWorkerLaunchConfiguration.h"
 #include "backend/StatusPublisher.h"
+#include "bridge/ManagedWhatsAppBackendEmitter.h"
+#include "exchange/DataDirectory.h"
 #include "system/ChildProcess.h"
+#include "system/Clock.h"
+#include "system/FileManager.h"
 #include "system/SerialQueue.h"
 
 namespace brindle {
@@ -18,8 +23,24 @@ namespace brindle {
 /// Runs at most one worker process: launches it once, relays what it prints, notices its end and stops it.
 class WorkerSupervisor {
   public:
-    /// Output and end of the worker are noticed on `queue`, which must be joined before the supervisor goes.
-    WorkerSupervisor(const BackendContext& context, StatusPublisher& publisher, SerialQueue& queue);
+    /// What it works with; all of it outlives the supervisor.
+    struct Uses {
+        /// The launch is decided by these, and the worker inherits them.
+        const std::string& platform;
+        const Environment& environment;
+        const DataDirectory& directory;
+        FileManager& fileManager;
+        const Clock& clock;
+        BackendState& state;
+        StatusPublisher& publisher;
+        /// Takes what the worker prints.
+        ManagedWhatsAppBackendEmitter& emitter;
+        const DiagnosticLog& log;
+        /// Here output and end of the worker are noticed. Joined before the supervisor goes.
+        SerialQueue& queue;
+    };
+
+    explicit WorkerSupervisor(const Uses& uses) : uses_(uses) {}
 
     /// Starts the configured worker, if there is one. Failures are logged and published.
     void launchWorkerIfConfigured();
@@ -46,9 +67,7 @@ class WorkerSupervisor {
     void relay(std::string_view data, Stream stream);
     void workerEnded(const ChildProcess& process);
 
-    const BackendContext& context_;
-    StatusPublisher& publisher_;
-    SerialQueue& queue_;
+    Uses uses_;
     std::atomic<bool> didRequestWorkerStop_ = false;
 
     // Guards the process and its handles; stop may come from the request thread while the queue sees the end.

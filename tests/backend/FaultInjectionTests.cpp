@@ -202,7 +202,7 @@ TEST_P(FaultInjectionTests, DrainNeverLosesARecord) {
         parts.state.setConnected(true);
         parts.state.setActiveScope(BridgeConversationScope{"room", "Room"});
         fillBacklog(parts);
-        InboundDelivery delivery(parts.context);
+        InboundDelivery delivery(parts.forDelivery());
         parts.files.set(fault);
         delivery.drainInboundDirectory();
         const auto failures = parts.files.failures();
@@ -240,7 +240,7 @@ TEST_P(FaultInjectionTests, EveryRecordIsDeliveredOrRejectedOnceFaultsStop) {
         parts.state.setConnected(true);
         parts.state.setActiveScope(BridgeConversationScope{"room", "Room"});
         fillBacklog(parts);
-        InboundDelivery delivery(parts.context);
+        InboundDelivery delivery(parts.forDelivery());
         parts.files.set(fault);
         delivery.drainInboundDirectory();
         const auto failures = parts.files.failures();
@@ -272,7 +272,7 @@ TEST_P(FaultInjectionTests, EveryRecordIsDeliveredOrRejectedOnceFaultsStop) {
 /// A publisher whose worker runs, with a status of the worker and old files in place.
 struct Publishing {
     BackendParts parts;
-    StatusPublisher publisher{parts.context};
+    StatusPublisher publisher{parts.forPublisher()};
     std::string oldStatus;
     std::string oldControl;
 

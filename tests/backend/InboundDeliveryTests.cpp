@@ -99,7 +99,7 @@ class InboundDeliveryTests : public testing::Test {
     }
 
     BackendParts parts_;
-    InboundDelivery delivery_{parts_.context};
+    InboundDelivery delivery_{parts_.forDelivery()};
     std::vector<std::string> delivered_;
     std::string output_;
     std::vector<std::string> log_;
@@ -342,15 +342,14 @@ TEST_F(InboundDeliveryTests, RecordStaysForTheNextBackendWhenNobodyReads) {
     DepartureWatch watch;
     watch.abandonOutput();
     ManagedWhatsAppBackendEmitter emitter(unread.writing.get(), parts_.streams.error(), watch);
-    const BackendContext context{.platform = parts_.platform,
-                                 .environment = parts_.environment,
-                                 .directory = parts_.directory,
-                                 .fileManager = parts_.files,
-                                 .clock = parts_.clock,
-                                 .state = parts_.state,
-                                 .emitter = emitter,
-                                 .departureWatch = watch};
-    InboundDelivery(context).drainInboundDirectory();
+    InboundDelivery({.directory = parts_.directory,
+                     .fileManager = parts_.files,
+                     .clock = parts_.clock,
+                     .state = parts_.state,
+                     .emitter = emitter,
+                     .departureWatch = watch,
+                     .log = parts_.log})
+        .drainInboundDirectory();
     EXPECT_THAT(inbound(), ElementsAre("a.json"));
     EXPECT_THAT(rejected(), IsEmpty());
 }
@@ -397,7 +396,7 @@ bool deliverWithout(int allocation, WantOfMemory::Persistence persistence) {
     parts.state.setActiveScope(BridgeConversationScope{"room", "Room"});
     parts.putInbound("good.json", inboundRecord("1").dump());
     parts.putInbound("wrong.json", "no record");
-    InboundDelivery delivery(parts.context);
+    InboundDelivery delivery(parts.forDelivery());
     WantOfMemory want(allocation, persistence);
     delivery.drainInboundDirectory();
     const bool wasMet = want.end();

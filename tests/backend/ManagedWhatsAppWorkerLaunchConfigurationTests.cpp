@@ -5,14 +5,14 @@
 
 #include <filesystem>
 
-#include "support/BackendParts.h"
+#include "exchange/EnvironmentKeys.h"
+#include "support/BackendProcess.h"
 
 namespace brindle {
 namespace {
 
 namespace fs = std::filesystem;
 namespace key = environment_key;
-using test::BackendParts;
 
 /// Settings by short names, for tables.
 Environment settings(std::initializer_list<std::pair<std::string_view, std::string>> entries) {
@@ -52,10 +52,12 @@ class LaunchConfigurationTests : public testing::Test {
         return at(name);
     }
     std::optional<ManagedWhatsAppWorkerLaunchConfiguration> resolve(const Environment& environment) {
-        BackendParts parts(environment);
         const WorkingDirectory moved(place_.path() / "work");
-        dataDirectory_ = parts.directory.path;
-        return resolveLaunchConfiguration(parts.context, bundle_);
+        return resolveLaunchConfiguration({.environment = environment,
+                                           .platform = platform_,
+                                           .dataDirectoryPath = dataDirectory_,
+                                           .fileManager = files_,
+                                           .bundle = bundle_});
     }
     /// The launch description, or "none".
     std::string chosen(const Environment& environment) {
@@ -68,7 +70,9 @@ class LaunchConfigurationTests : public testing::Test {
 
     test::TemporaryDirectory place_;
     MainBundle bundle_;
-    std::string dataDirectory_;
+    PosixFileManager files_;
+    std::string platform_ = "whatsapp";
+    std::string dataDirectory_ = at("data");
 };
 
 TEST_F(LaunchConfigurationTests, NothingIsConfiguredByDefault) {

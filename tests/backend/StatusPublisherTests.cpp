@@ -44,7 +44,7 @@ class StatusPublisherTests : public testing::Test {
     }
 
     BackendParts parts_;
-    StatusPublisher publisher_{parts_.context};
+    StatusPublisher publisher_{parts_.forPublisher()};
 };
 
 TEST_F(StatusPublisherTests, FirstStatusTellsThatNothingHasHappened) {

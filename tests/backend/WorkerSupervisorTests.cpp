@@ -80,9 +80,9 @@ class WorkerSupervisorTests : public testing::Test {
     }
 
     BackendParts parts_;
-    StatusPublisher publisher_{parts_.context};
+    StatusPublisher publisher_{parts_.forPublisher()};
     SerialQueue queue_{"queue"};
-    WorkerSupervisor supervisor_{parts_.context, publisher_, queue_};
+    WorkerSupervisor supervisor_{parts_.forSupervisor(publisher_, queue_)};
 };
 
 TEST_F(WorkerSupervisorTests, WithoutConfigurationNothingIsLaunched) {

@@ -6,7 +6,10 @@
 #include <utility>
 #include <vector>
 
-#include "backend/BackendContext.h"
+#include "backend/DiagnosticLog.h"
+#include "backend/InboundDelivery.h"
+#include "backend/StatusPublisher.h"
+#include "backend/WorkerSupervisor.h"
 #include "exchange/EnvironmentKeys.h"
 #include "support/BackendProcess.h"
 #include "support/FaultInjectingFileManager.h"
@@ -47,6 +50,36 @@ struct BackendParts {
     nlohmann::json runtimeStatus() const { return readJsonFile(directory.runtimeStatusFile); }
     nlohmann::json workerControl() const { return readJsonFile(directory.workerControlFile); }
 
+    StatusPublisher::Uses forPublisher() {
+        return {.platform = platform,
+                .directory = directory,
+                .fileManager = files,
+                .clock = clock,
+                .state = state,
+                .log = log};
+    }
+    InboundDelivery::Uses forDelivery() {
+        return {.directory = directory,
+                .fileManager = files,
+                .clock = clock,
+                .state = state,
+                .emitter = emitter,
+                .departureWatch = departureWatch,
+                .log = log};
+    }
+    WorkerSupervisor::Uses forSupervisor(StatusPublisher& publisher, SerialQueue& queue) {
+        return {.platform = platform,
+                .environment = environment,
+                .directory = directory,
+                .fileManager = files,
+                .clock = clock,
+                .state = state,
+                .publisher = publisher,
+                .emitter = emitter,
+                .log = log,
+                .queue = queue};
+    }
+
     TemporaryDirectory home;
     std::string platform = "whatsapp";
     brindle::Environment environment;
@@ -58,14 +91,7 @@ struct BackendParts {
     MemoryStreams streams;
     DepartureWatch departureWatch;
     ManagedWhatsAppBackendEmitter emitter{streams.output(), streams.error(), departureWatch};
-    BackendContext context{.platform = platform,
-                           .environment = environment,
-                           .directory = directory,
-                           .fileManager = files,
-                           .clock = clock,
-                           .state = state,
-                           .emitter = emitter,
-                           .departureWatch = departureWatch};
+    DiagnosticLog log{emitter};
 };
 
 /// An inbound record as a worker writes it.

@@ -1,14 +1,16 @@
-#include "backend/BackendContext.h"
+#include "backend/DiagnosticLog.h"
+
+#include <string>
 
 #include "text/Text.h"
 #include "text/WithoutFailing.h"
 
 namespace brindle {
 
-void BackendContext::log(std::string_view message) const noexcept {
+void DiagnosticLog::write(std::string_view message) const noexcept {
     withoutFailing([&] {
         std::string line("[ManagedWhatsAppBackend] ");
-        emitter.log(line.append(singleLine(message)).append("\n"));
+        emitter_.log(line.append(singleLine(message)).append("\n"));
     });
 }
 

@@ -1,4 +1,4 @@
-#include "backend/BackendContext.h"
+#include "backend/DiagnosticLog.h"
 
 #include <gtest/gtest.h>
 
@@ -7,15 +7,15 @@
 namespace brindle {
 namespace {
 
-TEST(BackendContextTests, LogsOnePrefixedLine) {
+TEST(DiagnosticLogTests, LogsOnePrefixedLine) {
     test::BackendParts parts;
-    parts.context.log("something happened");
+    parts.log.write("something happened");
     EXPECT_EQ(parts.streams.text().error, "[ManagedWhatsAppBackend] something happened\n");
 }
 
-TEST(BackendContextTests, LogsTextOfSeveralLinesOnOne) {
+TEST(DiagnosticLogTests, LogsTextOfSeveralLinesOnOne) {
     test::BackendParts parts;
-    parts.context.log("a\nb");
+    parts.log.write("a\nb");
     EXPECT_EQ(parts.streams.text().error, "[ManagedWhatsAppBackend] a?b\n");
 }
 
