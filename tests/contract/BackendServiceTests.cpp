@@ -36,7 +36,7 @@ std::vector<json> envelopesUpToHere(BackendProcess& backend) {
     }
 }
 
-std::string errorMessageOf(const json& envelope) {
+std::string messageInError(const json& envelope) {
     return envelope.at("error").at("_0").at("message");
 }
 
@@ -185,7 +185,7 @@ TEST(BackendService, MalformedLineYieldsOneErrorAndTheLoopContinues) {
     BackendProcess backend;
     backend.greet();
     backend.send(std::string("{"));
-    const std::string description = errorMessageOf(backend.nextEnvelope());
+    const std::string description = messageInError(backend.nextEnvelope());
     EXPECT_FALSE(description.empty());
     EXPECT_EQ(description.find('\n'), std::string::npos);
     backend.send(connectRequest());
@@ -199,7 +199,7 @@ TEST(BackendService, MalformedLineLeavesTheStateUnchangedAndIsNotLogged) {
     backend.connectAndListen();
     const json bad_scope = {{"conversation", {{"id", "x"}}}};
     backend.send(startListeningRequest(bad_scope));
-    EXPECT_NE(errorMessageOf(backend.nextEnvelope()), "");
+    EXPECT_NE(messageInError(backend.nextEnvelope()), "");
     backend.waitForStatusWrites(2);
     const json status = backend.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status.at("connectionState"), "connected");
@@ -379,7 +379,7 @@ TEST(BackendService, FailedOutboundWriteIsAnsweredByAnErrorNamingPathAndReason) 
     backend.connectAndListen();
     makeVanish(backend.path("outbound"));
     backend.send(sendMessageRequest(teamRoomMessage("lost")));
-    const std::string description = errorMessageOf(backend.nextEnvelope());
+    const std::string description = messageInError(backend.nextEnvelope());
     EXPECT_NE(description.find(backend.path("outbound").string()), std::string::npos) << description;
     EXPECT_NE(description.find("No such file or directory"), std::string::npos) << description;
     EXPECT_EQ(description.find('\n'), std::string::npos);
@@ -390,7 +390,7 @@ TEST(BackendService, VanishedOutboundDirectoryIsNotMadeAgain) {
     backend.greet();
     makeVanish(backend.path("outbound"));
     backend.send(sendMessageRequest(teamRoomMessage("lost")));
-    EXPECT_NE(errorMessageOf(backend.nextEnvelope()), "");
+    EXPECT_NE(messageInError(backend.nextEnvelope()), "");
     EXPECT_FALSE(fs::exists(backend.path("outbound")));
     EXPECT_TRUE(backend.finishAndTakeRest().empty());
     EXPECT_FALSE(fs::exists(backend.path("outbound")));
@@ -401,7 +401,7 @@ TEST(BackendService, FailedOutboundWriteLeavesConnectionAndScopeUnchanged) {
     backend.connectAndListen();
     makeVanish(backend.path("outbound"));
     backend.send(sendMessageRequest(teamRoomMessage("lost")));
-    EXPECT_NE(errorMessageOf(backend.nextEnvelope()), "");
+    EXPECT_NE(messageInError(backend.nextEnvelope()), "");
     backend.waitForStatusWrites(2);
     const json status = backend.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status.at("connectionState"), "connected");
@@ -413,7 +413,7 @@ TEST(BackendService, SendingWorksAgainOnceTheOutboundDirectoryIsBack) {
     backend.greet();
     makeVanish(backend.path("outbound"));
     backend.send(sendMessageRequest(teamRoomMessage("lost")));
-    EXPECT_NE(errorMessageOf(backend.nextEnvelope()), "");
+    EXPECT_NE(messageInError(backend.nextEnvelope()), "");
     fs::create_directory(backend.path("outbound"));
     backend.send(sendMessageRequest(teamRoomMessage("arrives")));
     EXPECT_TRUE(envelopesUpToHere(backend).empty());

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -228,7 +229,9 @@ class LeftoversBelowTmp {
   public:
     explicit LeftoversBelowTmp(const std::string& platform)
         : platform_(platform), tmp_(::open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-        if (::flock(tmp_, LOCK_EX) != 0) throw TestFailure("cannot lock /tmp");
+        while (::flock(tmp_, LOCK_EX) != 0) {
+            if (errno != EINTR) throw TestFailure("cannot lock /tmp");
+        }
     }
     ~LeftoversBelowTmp() {
         std::error_code ignored;
@@ -241,6 +244,14 @@ class LeftoversBelowTmp {
     LeftoversBelowTmp& operator=(const LeftoversBelowTmp&) = delete;
 
     fs::path path() const { return fs::path("/tmp/Brindle/ManagedBridge") / platform_; }
+    /// Whether what is there already keeps a backend of this user out.
+    bool belongsToAnother() const {
+        for (const fs::path& directory : {path().parent_path().parent_path(), path().parent_path()}) {
+            struct stat status {};
+            if (lstat(directory.c_str(), &status) == 0 && status.st_uid != geteuid()) return true;
+        }
+        return false;
+    }
 
   private:
     std::string platform_;
@@ -251,6 +262,7 @@ TEST(DataDirectory, TmpIsTheBaseWhereNoTemporaryDirectoryIsNamed) {
     for (const bool isEmpty : {true, false}) {
         const std::string platform = "test-" + std::to_string(getpid());
         const LeftoversBelowTmp leftovers(platform);
+        if (leftovers.belongsToAnother()) GTEST_SKIP() << "/tmp/Brindle belongs to another user.";
         BackendOptions options = optionsWithDefaultDirectory("");
         if (!isEmpty) options.environment.erase("TMPDIR");
         options.arguments = {"--platform", platform};

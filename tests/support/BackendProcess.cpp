@@ -34,7 +34,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr milliseconds poll_interval{2};
-constexpr std::size_t read_chunk_bytes = 64 * 1024;
+constexpr std::size_t stream_chunk_bytes = 64 * 1024;
 constexpr std::size_t shown_output_bytes = 4000;
 
 [[noreturn]] void failWithErrno(const std::string& what) {
@@ -51,7 +51,7 @@ struct Pipe {
     int writeEnd = -1;
 };
 
-Pipe makePipe(int capacityBytes = 0) {
+Pipe makePipeOf(int capacityBytes = 0) {
     std::array<int, 2> ends{};
     require(::pipe2(ends.data(), O_CLOEXEC) == 0, "pipe");
     if (capacityBytes > 0) {
@@ -79,6 +79,15 @@ void prepareTestProcess() {
         return ::prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
     }();
     if (!prepared) throw TestFailure("prctl(PR_SET_CHILD_SUBREAPER) failed");
+}
+
+/// Waits for the end of a child; false when it is none.
+bool isReaped(pid_t child) {
+    pid_t result = -1;
+    do {
+        result = ::waitpid(child, nullptr, 0);
+    } while (result < 0 && errno == EINTR);
+    return result == child;
 }
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
@@ -186,8 +195,9 @@ std::string randomHex(std::size_t digits) {
 
 std::filesystem::path makeTemporaryDirectory() {
     const char* base = std::getenv("TMPDIR");
-    std::string path = (base != nullptr && *base != '\0') ? base : "/tmp";
-    path += "/brindle-test-XXXXXX";
+    // A relative one would mean another place to a process that starts in another directory.
+    const bool isUsable = base != nullptr && *base == '/' && std::filesystem::is_directory(base);
+    std::string path = std::string(isUsable ? base : "/tmp") + "/brindle-test-XXXXXX";
     require(::mkdtemp(path.data()) != nullptr, "mkdtemp " + path);
     return path;
 }
@@ -242,8 +252,15 @@ std::pair<ino_t, std::int64_t> versionOf(const std::filesystem::path& file) {
 TemporaryDirectory::TemporaryDirectory() : path_(makeTemporaryDirectory()) {}
 
 TemporaryDirectory::~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+    // What is made while the rest is being removed keeps the directory; its maker is about to end.
+    constexpr int attempts = 100;
+    constexpr milliseconds pause{10};
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        std::error_code error;
+        std::filesystem::remove_all(path_, error);
+        if (!error) return;
+        std::this_thread::sleep_for(pause);
+    }
 }
 
 LaunchToken::LaunchToken() : value_(randomHex(48)), file_(directory_.path() / "launch-token") {
@@ -300,26 +317,52 @@ nlohmann::json readJsonFile(const std::filesystem::path& file) {
     return document;
 }
 
-void writeFileAtomically(const std::filesystem::path& file, std::string_view content) {
+namespace {
+
+void writeWithPermissions(const std::filesystem::path& file, std::string_view content,
+                          std::filesystem::perms added) {
     const auto temporary = file.parent_path() / ("." + file.filename().string() + "." + randomHex(8));
     {
         std::ofstream stream(temporary, std::ios::binary);
         stream.write(content.data(), static_cast<std::streamsize>(content.size()));
         if (!stream.flush()) throw TestFailure("cannot write " + temporary.string());
     }
+    // Before the file has its name: whoever waits for a program may start it at once.
+    std::filesystem::permissions(temporary, added, std::filesystem::perm_options::add);
     std::filesystem::rename(temporary, file);
 }
 
-std::filesystem::path writeScript(const std::filesystem::path& file, std::string_view body) {
-    writeFileAtomically(file, "#!/bin/sh\n" + std::string(body) + "\n");
-    std::filesystem::permissions(file, std::filesystem::perms::owner_all);
+}  // namespace
+
+void writeFileAtomically(const std::filesystem::path& file, std::string_view content) {
+    writeWithPermissions(file, content, std::filesystem::perms::none);
+}
+
+std::filesystem::path writeProgram(const std::filesystem::path& file, std::string_view content) {
+    writeWithPermissions(file, content, std::filesystem::perms::owner_all);
     return file;
+}
+
+std::filesystem::path writeScript(const std::filesystem::path& file, std::string_view body) {
+    return writeProgram(file, "#!/bin/sh\n" + std::string(body) + "\n");
 }
 
 std::vector<std::string> namesIn(const std::filesystem::path& directory) {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(directory)) {
         names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::vector<std::string> visibleNamesIn(const std::filesystem::path& directory) {
+    std::error_code error;
+    std::vector<std::string> names;
+    for (std::filesystem::directory_iterator entry(directory, error);
+         !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        auto name = entry->path().filename().string();
+        if (!name.starts_with(".")) names.push_back(std::move(name));
     }
     std::sort(names.begin(), names.end());
     return names;
@@ -403,8 +446,7 @@ std::unique_ptr<BackendProcess> BackendProcess::startUnderIntermediateParent(Opt
 void BackendProcess::killIntermediateParent() {
     if (intermediatePid_ <= 0) throw TestFailure("there is no intermediate parent to kill");
     ::kill(intermediatePid_, SIGKILL);
-    require(::waitpid(intermediatePid_, nullptr, 0) == intermediatePid_,
-            "waiting for the intermediate parent");
+    require(isReaped(intermediatePid_), "waiting for the intermediate parent");
     intermediatePid_ = -1;
 }
 
@@ -426,9 +468,9 @@ void BackendProcess::start() {
     if (options_.underIntermediateParent) intermediateDirectory_ = std::make_unique<TemporaryDirectory>();
     auto arguments = commandLine();
     auto environment = flattened(options_.environment);
-    Pipe input = makePipe();
-    Pipe output = makePipe(options_.stdoutPipeBytes);
-    Pipe error = makePipe(options_.stderrPipeBytes);
+    Pipe input = makePipeOf();
+    Pipe output = makePipeOf(options_.stdoutPipeBytes);
+    Pipe error = makePipeOf(options_.stderrPipeBytes);
     const FileActions actions(
         {options_.closeStdin ? -1 : input.readEnd, options_.closeStdout ? -1 : output.writeEnd,
          options_.closeStderr ? -1 : error.writeEnd},
@@ -463,7 +505,7 @@ void BackendProcess::wakeReader() const {
 
 bool BackendProcess::readAvailable(Stream& stream, short events) {
     if (events == 0) return false;
-    std::array<char, read_chunk_bytes> chunk{};
+    std::array<char, stream_chunk_bytes> chunk{};
     const auto count = ::read(stream.descriptor, chunk.data(), chunk.size());
     if (count < 0 && errno == EINTR) return false;
     const std::lock_guard lock(mutex_);
@@ -548,7 +590,7 @@ bool BackendProcess::trySend(std::string_view line) {
     const auto bytes = std::string(line) + "\n";
     if (bytes.size() > PIPE_BUF) throw TestFailure("trySend() takes short lines only");
     const auto written = ::write(input_, bytes.data(), bytes.size());
-    if (written < 0 && errno != EAGAIN) failWithErrno("sending to the process");
+    if (written < 0 && errno != EAGAIN && errno != EINTR) failWithErrno("sending to the process");
     return written > 0;
 }
 
@@ -737,8 +779,7 @@ std::vector<std::string> BackendProcess::waitForEntries(const std::filesystem::p
     std::vector<std::string> names;
     waitUntil(
         [&] {
-            names = namesIn(path(relative));
-            std::erase_if(names, [](const std::string& name) { return name.starts_with("."); });
+            names = visibleNamesIn(path(relative));
             return names.size() == count;
         },
         std::to_string(count) + " entries in " + relative.string());
@@ -838,8 +879,8 @@ void BackendProcess::endGroup() {
     }
     if (intermediatePid_ > 0) ::kill(intermediatePid_, SIGKILL);
     if (group_ <= 0) {
-        if (!ended_ && pid_ > 0) ::waitpid(pid_, nullptr, 0);
-        if (intermediatePid_ > 0) ::waitpid(intermediatePid_, nullptr, 0);
+        if (!ended_ && pid_ > 0) isReaped(pid_);
+        if (intermediatePid_ > 0) isReaped(intermediatePid_);
         return;
     }
     // A process that ends hands its own children to this one; again until no child of the group is left.

@@ -32,7 +32,8 @@ class TestFailure : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// A private directory (mode 0700) under $TMPDIR or /tmp that disappears with the object.
+/// A private directory (mode 0700) under $TMPDIR or /tmp that disappears with the object, also while a
+/// process that is just ending still writes there.
 class TemporaryDirectory {
   public:
     TemporaryDirectory();
@@ -75,10 +76,14 @@ std::string readFile(const std::filesystem::path& file);
 nlohmann::json readJsonFile(const std::filesystem::path& file);
 /// Writes through a hidden temporary file and a rename, so that no reader sees a part of it.
 void writeFileAtomically(const std::filesystem::path& file, std::string_view content);
+/// Writes an executable file in the same way, and returns its path.
+std::filesystem::path writeProgram(const std::filesystem::path& file, std::string_view content);
 /// Writes an executable shell script ("#!/bin/sh" is added) and returns its path.
 std::filesystem::path writeScript(const std::filesystem::path& file, std::string_view body);
 /// Names of the entries of a directory in ascending order, hidden ones included.
 std::vector<std::string> namesIn(const std::filesystem::path& directory);
+/// The same without hidden ones; none while the directory is not there.
+std::vector<std::string> visibleNamesIn(const std::filesystem::path& directory);
 
 /// Whether `text` is a UUID in canonical upper-case form.
 bool isCanonicalUuid(std::string_view text);

@@ -4,14 +4,18 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <vector>
+
+#include "support/Pipes.h"
 
 namespace brindle::test {
 namespace {
@@ -29,9 +33,33 @@ pid_t startServer(const std::vector<std::string>& command, const std::filesystem
     const int output = ::open(log.c_str(), O_CREAT | O_WRONLY | O_APPEND, 0600);
     ::dup2(output, STDOUT_FILENO);
     ::dup2(output, STDERR_FILENO);
-    if (passed >= 0) ::dup2(passed, 3);
+    // The one that is passed closes itself on the way, its duplicate does not.
+    if (passed == 3) ::fcntl(passed, F_SETFD, 0);
+    if (passed >= 0 && passed != 3) ::dup2(passed, 3);
     ::execvp(arguments[0], arguments.data());
     ::_exit(127);
+}
+
+/// Whether somebody listens at a socket; its name is there a moment before.
+bool takesClients(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) throw TestFailure("path too long: " + path);
+    path.copy(address.sun_path, path.size());
+    const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+/// What a server tells: its number and a line feed, one after the other, once it takes clients. False when it
+/// ends before.
+bool tellsItsNumber(const Descriptor& end) {
+    for (;;) {
+        char character = 0;
+        const auto got = ::read(end.get(), &character, 1);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        if (character == '\n') return true;
+    }
 }
 
 }  // namespace
@@ -62,32 +90,27 @@ void TestDisplay::startX11() {
 }
 
 bool TestDisplay::startX11(int number) {
-    std::array<int, 2> ends{};
-    if (::pipe(ends.data()) != 0) throw TestFailure("cannot make a pipe");
+    auto told = makePipe();
     name_ = ":" + std::to_string(number);
     // Without resets: at the end of its last client it would also throw out whoever has just connected.
     server_ = startServer(
         {"Xvfb", name_, "-displayfd", "3", "-screen", "0", "640x480x24", "-nolisten", "tcp", "-noreset"},
-        directory_.path() / "log", ends[1]);
-    ::close(ends[1]);
-    // It tells its number and a line feed, one after the other, once it takes clients.
-    char character = 0;
-    while (::read(ends[0], &character, 1) == 1 && character != '\n') {
-    }
-    ::close(ends[0]);
-    if (character == '\n') return true;
+        directory_.path() / "log", told.writing.get());
+    told.writing.reset();
+    if (tellsItsNumber(told.reading)) return true;
+    ::kill(server_, SIGKILL);
     ::waitpid(server_, nullptr, 0);
     return false;
 }
 
 void TestDisplay::startWayland() {
     name_ = directory_.path() / "wayland-test";
-    ::setenv("XDG_RUNTIME_DIR", directory_.path().c_str(), 0);
-    server_ = startServer({"weston", "--backend=headless-backend.so", "--socket=" + name_, "--idle-time=0"},
+    // What it puts into the runtime directory must neither need nor disturb that of whoever runs the tests.
+    server_ = startServer({"env", "XDG_RUNTIME_DIR=" + directory_.path().string(), "weston",
+                           "--backend=headless-backend.so", "--socket=" + name_, "--idle-time=0"},
                           directory_.path() / "log", -1);
-    waitUntil([&] { return std::filesystem::exists(name_) || !processIsRunning(server_); },
-              "weston opens its socket");
-    if (!std::filesystem::exists(name_)) {
+    waitUntil([&] { return takesClients(name_) || !processIsRunning(server_); }, "weston takes clients");
+    if (!processIsRunning(server_)) {
         throw TestFailure("weston did not start: " + readFile(directory_.path() / "log"));
     }
 }

@@ -136,12 +136,10 @@ void WebWorkerProcess::watchUntilOpen(const std::string& title, const std::strin
 }
 
 std::vector<nlohmann::json> WebWorkerProcess::waitForRecords(std::size_t count) {
-    const auto isHidden = [](const std::string& name) { return name.starts_with("."); };
     std::vector<std::string> names;
     waitUntil(
         [&] {
-            names = namesIn(path("inbound"));
-            std::erase_if(names, isHidden);
+            names = visibleNamesIn(path("inbound"));
             return names.size() >= count;
         },
         std::to_string(count) + " inbound records");

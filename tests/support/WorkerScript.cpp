@@ -11,9 +11,9 @@
 #include <charconv>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <system_error>
+#include <utility>
 
 namespace brindle::test {
 
@@ -35,10 +35,13 @@ std::string preamble(const fs::path& directory) {
     return "HERE='" + directory.string() + "'\n" + std::string(script_functions);
 }
 
-/// What a file below /proc holds; empty when the process has gone.
+/// What a file holds; empty when it is not there, or when its process goes before it has been read.
 std::string contentOrNothing(const fs::path& file) {
     std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    std::ostringstream content;
+    // Unlike iterators, it does not throw when a read fails.
+    content << stream.rdbuf();
+    return std::move(content).str();
 }
 
 std::vector<std::string> splitAtNul(const std::string& text) {
@@ -107,9 +110,7 @@ BackendOptions optionsWithPoliteWorker() {
 }
 
 fs::path writePlainWorker(const fs::path& file) {
-    writeFileAtomically(file, "#!/usr/bin/tail -f\n");
-    fs::permissions(file, fs::perms::owner_all);
-    return file;
+    return writeProgram(file, "#!/usr/bin/tail -f\n");
 }
 
 BystanderProcess::BystanderProcess(std::string_view script) {
@@ -220,10 +221,12 @@ std::string programOf(pid_t pid) {
 
 std::map<int, std::string> descriptorsOf(pid_t pid) {
     std::map<int, std::string> descriptors;
-    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
-        std::error_code error;
-        const fs::path target = fs::read_symlink(entry.path(), error);
-        if (!error) descriptors[std::stoi(entry.path().filename().string())] = target.string();
+    std::error_code gone;
+    for (fs::directory_iterator entry("/proc/" + std::to_string(pid) + "/fd", gone);
+         !gone && entry != fs::directory_iterator(); entry.increment(gone)) {
+        std::error_code closed;
+        const fs::path target = fs::read_symlink(entry->path(), closed);
+        if (!closed) descriptors[std::stoi(entry->path().filename().string())] = target.string();
     }
     return descriptors;
 }

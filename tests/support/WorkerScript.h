@@ -92,7 +92,7 @@ std::vector<pid_t> childrenOf(pid_t parent);
 pid_t waitForOnlyChild(pid_t parent);
 /// Name of the program that a process runs, as the system reports it; empty when the process is gone.
 std::string programOf(pid_t pid);
-/// Open descriptors of a process and what they stand for.
+/// Open descriptors of a process and what they stand for; none when the process is gone.
 std::map<int, std::string> descriptorsOf(pid_t pid);
 /// The environment that a process was started with; empty when the process is gone.
 Environment environmentOf(pid_t pid);
