@@ -70,8 +70,8 @@ Task<> ChatCapture::pollInboundMessages() {
                               .conversationID = state_.currentConversationID};
     if (watched.title.empty()) co_return;
     const auto activation = co_await probeChatActivation(watched.title);
-    if (auto detail = activationDetail(activation, watched.title)) {
-        publisher_.publish(worker_state::activating_chat, std::move(*detail));
+    if (const auto detail = activationDetail(activation, watched.title)) {
+        publisher_.publish(worker_state::activating_chat, *detail);
         co_return;
     }
     try {

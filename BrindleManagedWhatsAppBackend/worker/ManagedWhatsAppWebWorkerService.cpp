@@ -141,7 +141,7 @@ void ManagedWhatsAppWebWorkerService::checkParent() {
     host_.end();
 }
 
-void ManagedWhatsAppWebWorkerService::removeOwnFiles() {
+void ManagedWhatsAppWebWorkerService::removeOwnFiles() noexcept {
     fileManager_.removeIfPresent(directory_.workerPIDFile);
     fileManager_.removeIfPresent(directory_.workerStatusFile);
 }

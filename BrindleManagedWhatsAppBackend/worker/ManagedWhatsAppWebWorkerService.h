@@ -59,7 +59,7 @@ class ManagedWhatsAppWebWorkerService final : public WebPageDelegate {
     struct OpenPage;
 
     Task<> loadFirstPage();
-    void removeOwnFiles();
+    void removeOwnFiles() noexcept;
 
     std::string platform_;
     Environment environment_;

@@ -1,7 +1,8 @@
 #include "worker/PageLoader.h"
 
 #include <algorithm>
-#include <utility>
+
+#include "text/WithoutFailing.h"
 
 namespace brindle {
 namespace {
@@ -27,11 +28,11 @@ seconds longerPause(seconds pause) {
 
 void PageLoader::loadPage() {
     reloadTimer_.reset();
-    auto outcome = issueLoad();
+    const auto outcome = issueLoad();
     if (outcome.isIssued) {
-        publisher_.publishWithoutAccount(worker_state::starting, std::move(outcome.detail));
+        publisher_.publishWithoutAccount(worker_state::starting, outcome.detail);
     } else {
-        publisher_.publish(worker_state::error, std::move(outcome.detail));
+        publisher_.publish(worker_state::error, outcome.detail);
     }
 }
 
@@ -55,11 +56,12 @@ void PageLoader::provisionalNavigationFailed(const std::string& error) {
     loadFailed(provisional_navigation_failed + error);
 }
 
-void PageLoader::loadFailed(std::string detail) {
-    publisher_.publishWithoutAccount(worker_state::error, std::move(detail));
+void PageLoader::loadFailed(const std::string& detail) {
+    publisher_.publishWithoutAccount(worker_state::error, detail);
     // A lost page is about to be loaded anyway.
     if (isReloadPending()) return;
-    newLoadTimer_ = host_.once(new_load_pause, [this] { loadAnewUnlessInUse(); });
+    newLoadTimer_ =
+        host_.once(new_load_pause, [this] { reportingFailure(&PageLoader::loadAnewUnlessInUse); });
 }
 
 void PageLoader::loadAnewUnlessInUse() {
@@ -76,15 +78,20 @@ void PageLoader::pageLost(const std::string& error) {
     newLoadTimer_.reset();
     // Before the first load the page has nothing to come back to, and one loss may be reported several times.
     if (!hasIssuedLoad_ || isReloadPending()) return;
-    reloadTimer_ = host_.once(reloadPause_, [this] { reloadAfterLoss(); });
+    reloadTimer_ = host_.once(reloadPause_, [this] { reportingFailure(&PageLoader::reloadAfterLoss); });
     reloadPause_ = longerPause(reloadPause_);
 }
 
 void PageLoader::reloadAfterLoss() {
     reloadTimer_.reset();
-    auto outcome = issueLoad();
+    const auto outcome = issueLoad();
     // A load that was issued says nothing yet, so that people can read why it was needed.
-    if (!outcome.isIssued) publisher_.publish(worker_state::error, std::move(outcome.detail));
+    if (!outcome.isIssued) publisher_.publish(worker_state::error, outcome.detail);
+}
+
+void PageLoader::reportingFailure(void (PageLoader::*load)()) noexcept {
+    withoutFailing([&] { (this->*load)(); },
+                   [this](const std::exception& error) { log_.failure("A load of the page failed", error); });
 }
 
 }  // namespace brindle

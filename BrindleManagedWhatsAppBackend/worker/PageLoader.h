@@ -47,9 +47,11 @@ class PageLoader {
 
   private:
     PageLoadOutcome issueLoad();
-    void loadFailed(std::string detail);
+    void loadFailed(const std::string& detail);
     void reloadAfterLoss();
     void loadAnewUnlessInUse();
+    /// For loads that a timer asks for.
+    void reportingFailure(void (PageLoader::*load)()) noexcept;
 
     WebPage& page_;
     const PageSource& source_;

@@ -1,23 +1,24 @@
 #include "worker/RepeatingTask.h"
 
 #include <exception>
-#include <string>
 #include <utility>
 
-#include "text/Failure.h"
+#include "text/WithoutFailing.h"
 
 namespace brindle {
 
 RepeatingTask::RepeatingTask(WebWorkerHost& host, const TickSchedule& schedule, std::function<Task<>()> work)
-    : host_(host),
+    : log_(host),
       work_(std::move(work)),
       timer_(host.repeat(schedule.interval, schedule.tolerance, [this] { tick(); })) {}
 
 void RepeatingTask::tick() noexcept {
     if (running_ && !running_->isDone()) return;
     running_.reset();
-    running_.emplace(runOnce());
-    running_->start();
+    // The task itself takes memory before it can begin.
+    withoutFailing([this] { running_.emplace(runOnce()); },
+                   [this](const std::exception& error) { logFailure(error); });
+    if (running_) running_->start();
 }
 
 Task<> RepeatingTask::runOnce() {
@@ -25,8 +26,12 @@ Task<> RepeatingTask::runOnce() {
         Task<> task = work_();
         co_await std::move(task);
     } catch (const std::exception& error) {
-        host_.logError("A task of the worker failed: " + descriptionOf(error));
+        logFailure(error);
     }
+}
+
+void RepeatingTask::logFailure(const std::exception& error) const noexcept {
+    log_.failure("A task of the worker failed", error);
 }
 
 }  // namespace brindle

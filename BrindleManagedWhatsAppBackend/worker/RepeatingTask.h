@@ -1,12 +1,14 @@
 #pragma once
 
 #include <chrono>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <optional>
 
 #include "worker/Task.h"
 #include "worker/WebWorkerHost.h"
+#include "worker/WorkerLog.h"
 
 namespace brindle {
 
@@ -27,8 +29,9 @@ class RepeatingTask {
   private:
     void tick() noexcept;
     Task<> runOnce();
+    void logFailure(const std::exception& error) const noexcept;
 
-    WebWorkerHost& host_;
+    WorkerLog log_;
     std::function<Task<>()> work_;
     std::optional<Task<>> running_;
     std::unique_ptr<HostTimer> timer_;

@@ -4,6 +4,7 @@
 
 #include "exchange/ExchangeWords.h"
 #include "text/Text.h"
+#include "text/WithoutFailing.h"
 
 namespace brindle {
 namespace {
@@ -24,7 +25,7 @@ void WorkerControl::refreshControl() noexcept {
         state_.currentScopeKind.reset();
         forgetWatchedChat();
     }
-    page_.orderOut();
+    withoutFailing([this] { page_.orderOut(); });
 }
 
 bool WorkerControl::takeRecord() {

@@ -1,23 +1,16 @@
 #include "worker/WorkerLog.h"
 
 #include "text/Failure.h"
+#include "text/WithoutFailing.h"
 
 namespace brindle {
 
 void WorkerLog::error(const std::string& message) const noexcept {
-    try {
-        host_.logError(message);
-    } catch (const std::exception&) {
-        // Dropped, as promised.
-    }
+    withoutFailing([&] { host_.logError(message); });
 }
 
 void WorkerLog::failure(std::string_view what, const std::exception& reason) const noexcept {
-    try {
-        host_.logError(std::string(what).append(": ").append(descriptionOf(reason)));
-    } catch (const std::exception&) {
-        // Dropped, as promised.
-    }
+    withoutFailing([&] { host_.logError(std::string(what).append(": ").append(descriptionOf(reason))); });
 }
 
 }  // namespace brindle

@@ -1,36 +1,44 @@
 #include "worker/WorkerStatusPublisher.h"
 
-#include <utility>
-
 #include "exchange/ExchangeRecords.h"
+#include "text/WithoutFailing.h"
 
 namespace brindle {
 
 void WorkerStatusPublisher::writeStatus() const noexcept {
-    try {
-        ManagedWhatsAppWorkerStatusRecord record;
-        record.state = state_.workerState;
-        record.displayName = state_.displayName;
-        record.detail = state_.workerDetail;
-        record.lastHeartbeatISO8601 = iso8601(clock_.now());
-        record.supportsLiveCapture = true;
-        record.supportsOutbound = false;
-        writeRecord(fileManager_, statusFile_, record, Durability::process);
-    } catch (const std::exception& error) {
-        log_.failure("Failed to write worker status", error);
-    }
+    withoutFailing([this] { write(); }, [this](const std::exception& error) { logFailure(error); });
 }
 
-void WorkerStatusPublisher::publish(std::string_view workerState, std::string workerDetail) const noexcept {
-    state_.workerState = workerState;
-    state_.workerDetail = std::move(workerDetail);
-    writeStatus();
+void WorkerStatusPublisher::publish(std::string_view workerState,
+                                    std::string_view workerDetail) const noexcept {
+    withoutFailing(
+        [&] {
+            state_.workerState = workerState;
+            state_.workerDetail = workerDetail;
+            write();
+        },
+        [this](const std::exception& error) { logFailure(error); });
 }
 
 void WorkerStatusPublisher::publishWithoutAccount(std::string_view workerState,
-                                                  std::string workerDetail) const noexcept {
+                                                  std::string_view workerDetail) const noexcept {
     state_.displayName.reset();
-    publish(workerState, std::move(workerDetail));
+    publish(workerState, workerDetail);
+}
+
+void WorkerStatusPublisher::write() const {
+    ManagedWhatsAppWorkerStatusRecord record;
+    record.state = state_.workerState;
+    record.displayName = state_.displayName;
+    record.detail = state_.workerDetail;
+    record.lastHeartbeatISO8601 = iso8601(clock_.now());
+    record.supportsLiveCapture = true;
+    record.supportsOutbound = false;
+    writeRecord(fileManager_, statusFile_, record, Durability::process);
+}
+
+void WorkerStatusPublisher::logFailure(const std::exception& error) const noexcept {
+    log_.failure("Failed to write worker status", error);
 }
 
 }  // namespace brindle

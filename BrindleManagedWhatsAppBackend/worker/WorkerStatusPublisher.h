@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -27,11 +28,14 @@ class WorkerStatusPublisher {
     /// Writes the state as it is, with the present time as heartbeat.
     void writeStatus() const noexcept;
     /// Takes the word and the sentence over into the state and writes it.
-    void publish(std::string_view workerState, std::string workerDetail) const noexcept;
+    void publish(std::string_view workerState, std::string_view workerDetail) const noexcept;
     /// The same, and forgets the account's name first.
-    void publishWithoutAccount(std::string_view workerState, std::string workerDetail) const noexcept;
+    void publishWithoutAccount(std::string_view workerState, std::string_view workerDetail) const noexcept;
 
   private:
+    void write() const;
+    void logFailure(const std::exception& error) const noexcept;
+
     WorkerState& state_;
     FileManager& fileManager_;
     std::string statusFile_;

@@ -15,6 +15,14 @@ struct Want {
 
 thread_local constinit Want current;
 
+struct Counted {
+    /// Zero: nothing is counted.
+    std::size_t fromBytes = 0;
+    int pieces = 0;
+};
+
+thread_local constinit Counted counted;
+
 bool isRefused() {
     if (current.granted < 0) return false;
     if (current.granted > 0) {
@@ -27,6 +35,7 @@ bool isRefused() {
 }
 
 void* grantedMemory(std::size_t bytes) noexcept {
+    if (counted.fromBytes > 0 && bytes >= counted.fromBytes) ++counted.pieces;
     return isRefused() ? nullptr : std::malloc(bytes == 0 ? 1 : bytes);
 }
 
@@ -49,6 +58,18 @@ WantOfMemory::~WantOfMemory() {
 bool WantOfMemory::end() {
     current.granted = -1;
     return current.wasMet;
+}
+
+LargePieces::LargePieces(std::size_t fromBytes) {
+    counted = {.fromBytes = fromBytes};
+}
+
+LargePieces::~LargePieces() {
+    counted = {};
+}
+
+int LargePieces::count() const {
+    return counted.pieces;
 }
 
 }  // namespace brindle::test

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <memory>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -63,6 +64,15 @@ TEST_F(MainLoopTimer, MayBeDestroyedInItsOwnTick) {
     const auto other = host.repeat(milliseconds(1), milliseconds(0), [&] { ++others; });
     page.runUntil([&] { return others >= 5; }, "the other timer repeats");
     EXPECT_EQ(ticks, 1);
+}
+
+TEST_F(MainLoopTimer, ActionThatFailsLeavesTheLoopRunning) {
+    int ticks = 0;
+    const auto timer = host.repeat(milliseconds(1), milliseconds(0), [&] {
+        ++ticks;
+        throw std::bad_alloc();
+    });
+    page.runUntil([&] { return ticks >= 3; }, "the timer fires again and again");
 }
 
 TEST_F(MainLoopTimer, OneThatIsLateFiresOnceAndKeepsItsRhythm) {

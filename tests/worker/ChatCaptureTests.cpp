@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/WantOfMemory.h"
 #include "support/WorkerParts.h"
 #include "system/FileSystemFailure.h"
 
@@ -460,6 +461,29 @@ TEST_F(InboundCaptureTests, MessageKeepsTheConversationItWasCapturedForWhenTheCo
     state_.currentConversationID = "new-id";
     parts_.host.answerOnly(test::result(drain({message("a")}).dump()));
     EXPECT_EQ(records().at(0)["conversationId"], "family-id");
+}
+
+TEST_F(InboundCaptureTests, MessageIsNotCopiedBetweenItsDecodingAndItsWriting) {
+    constexpr std::size_t large = std::size_t{1} << 20U;
+    const std::string payload = drain({message(std::string(large, 'x'))}).dump();
+    const auto largePieces = [](const auto& work) {
+        const test::LargePieces pieces(large);
+        work();
+        return pieces.count();
+    };
+    const int whileDecoding =
+        largePieces([&] { decodedPageResult<ManagedWhatsAppObservedInboundDrainPayload>(payload); });
+    ManagedWhatsAppWorkerInboundRecord record;
+    record.messageId = "m";
+    record.text = std::string(large, 'x');
+    const int whileWriting = largePieces([&] { capture_.writeInboundRecord(record); });
+    auto task = capture_.pollInboundMessages();
+    task.start();
+    parts_.host.answerOnly(test::result(R"({"state":"active"})"));
+    auto answer = test::result(payload);
+    const int altogether = largePieces([&] { parts_.host.answerOnly(std::move(answer)); });
+    EXPECT_THAT(texts(), ElementsAre(record.text, record.text));
+    EXPECT_EQ(altogether, whileDecoding + whileWriting);
 }
 
 TEST_F(InboundCaptureTests, RecordWriterReportsAFailure) {

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "exchange/EnvironmentKeys.h"
+#include "support/WantOfMemory.h"
 #include "support/WorkerParts.h"
 #include "system/FileSystemFailure.h"
 
@@ -740,6 +741,24 @@ TEST_F(WebWorkerServiceTests, NothingIsHeardOfAPageThatIsClosed) {
         1);
     EXPECT_EQ(published().back(), stopping);
     EXPECT_THAT(host_.log, IsEmpty());
+}
+
+TEST_F(WebWorkerServiceTests, WantOfMemoryDoesNotKeepAWorkerWhoseBackendIsGone) {
+    fs::create_directories(directory_.runtime);
+    watch("Family", "id");
+    run(
+        [this] {
+            // What the host itself notes down is no want of the worker's.
+            host_.calls.reserve(host_.calls.size() + 10);
+            test::WantOfMemory want(1, test::WantOfMemory::Persistence::fromThenOn);
+            host_.advance(seconds(1));
+            EXPECT_TRUE(want.end());
+            EXPECT_TRUE(host_.hasEnded);
+            EXPECT_FALSE(host_.hasPage);
+        },
+        1);
+    EXPECT_FALSE(fs::exists(directory_.workerPIDFile));
+    EXPECT_FALSE(fs::exists(directory_.workerStatusFile));
 }
 
 /// A whole working day in short, with a fault in it.

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/WantOfMemory.h"
 #include "support/WorkerParts.h"
 
 namespace brindle {
@@ -288,6 +289,16 @@ TEST_F(CrashRecoveryTests, PageThatIsClosedIsNotReloaded) {
     closePage();
     parts_.host.advance(seconds(120));
     EXPECT_EQ(loads(), 0U);
+}
+
+TEST_F(CrashRecoveryTests, WantOfMemoryAtTheReloadIsLogged) {
+    end();
+    parts_.host.log.clear();
+    {
+        const test::WantOfMemory want(1);
+        parts_.host.advance(milliseconds(0));
+    }
+    EXPECT_THAT(parts_.host.log, ElementsAre("A load of the page failed: There is not enough memory."));
 }
 
 /// A page that could not be loaded, as without a network.

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/ScriptedHost.h"
+#include "support/WantOfMemory.h"
 
 namespace brindle {
 namespace {
@@ -92,6 +93,32 @@ TEST_F(RepeatingTaskTests, FailureIsLoggedAndTheNextTickRuns) {
     EXPECT_EQ(log_.size(), 2U);
     EXPECT_THAT(host_.log, ElementsAre("A task of the worker failed: No luck.",
                                        "A task of the worker failed: No luck."));
+}
+
+TEST_F(RepeatingTaskTests, WantOfMemoryCostsOneRunAtMost) {
+    const auto repeating = every(milliseconds(1000), [this] { return shortWork(); });
+    bool wasMet = true;
+    int piece = 1;
+    for (; wasMet; ++piece) {
+        {
+            test::WantOfMemory want(piece, test::WantOfMemory::Persistence::fromThenOn);
+            host_.advance(milliseconds(1000));
+            wasMet = want.end();
+        }
+        const auto before = log_.size();
+        host_.advance(milliseconds(1000));
+        EXPECT_EQ(log_.size(), before + 1) << piece;
+    }
+    EXPECT_GT(piece, 2);
+}
+
+TEST_F(RepeatingTaskTests, TickWithoutMemoryIsLogged) {
+    const auto repeating = every(milliseconds(1000), [this] { return shortWork(); });
+    {
+        const test::WantOfMemory want(1);
+        host_.advance(milliseconds(1000));
+    }
+    EXPECT_THAT(host_.log, ElementsAre("A task of the worker failed: There is not enough memory."));
 }
 
 TEST_F(RepeatingTaskTests, DestroyedItTicksNoMoreAndGivesUpItsTask) {

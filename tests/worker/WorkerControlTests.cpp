@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "support/WantOfMemory.h"
 #include "support/WorkerParts.h"
 
 namespace brindle {
@@ -209,6 +210,26 @@ TEST_F(WorkerControlTests, HidesTheWindowOnEveryTick) {
     control_.refreshControl();
     control_.refreshControl();
     EXPECT_THAT(parts_.host.calls, ElementsAre("orderOut", "orderOut"));
+}
+
+TEST_F(WorkerControlTests, WantOfMemoryMeansThatNothingIsWatchedUntilTheNextTick) {
+    bool wasMet = true;
+    int piece = 1;
+    for (; wasMet; ++piece) {
+        watchFamily();
+        putScope({{"kind", "channel"},
+                  {"id", "an identifier of some length"},
+                  {"title", "A title of some length"}});
+        {
+            test::WantOfMemory want(piece, test::WantOfMemory::Persistence::fromThenOn);
+            control_.refreshControl();
+            wasMet = want.end();
+        }
+        if (!state_.hasReceivedControlSnapshot) expectNoSnapshot();
+        control_.refreshControl();
+        EXPECT_EQ(state_.currentWatchedTitle, "A title of some length") << piece;
+    }
+    EXPECT_GT(piece, 5);
 }
 
 TEST_F(WorkerControlTests, WritesNoStatus) {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 
+#include "support/WantOfMemory.h"
 #include "support/WorkerParts.h"
 
 namespace brindle {
@@ -92,6 +93,23 @@ TEST_F(WorkerStatusPublisherTests, NextChangeWritesAgainAfterAFailure) {
     EXPECT_THAT(parts_.published(), IsEmpty());
     parts_.publisher.publish(worker_state::linked, "Second.");
     EXPECT_THAT(parts_.published(), ElementsAre("linked: Second."));
+}
+
+TEST_F(WorkerStatusPublisherTests, WantOfMemoryCostsOneStatusAtMost) {
+    bool wasMet = true;
+    int piece = 1;
+    for (; wasMet; ++piece) {
+        {
+            test::WantOfMemory want(piece, test::WantOfMemory::Persistence::fromThenOn);
+            parts_.publisher.publishWithoutAccount(worker_state::starting,
+                                                   "A sentence that needs memory of its own.");
+            parts_.publisher.writeStatus();
+            wasMet = want.end();
+        }
+        parts_.publisher.publish(worker_state::linked, "There is memory again.");
+        EXPECT_EQ(parts_.status()["detail"], "There is memory again.") << piece;
+    }
+    EXPECT_GT(piece, 10);
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <memory>
 #include <utility>
 
+#include "text/WithoutFailing.h"
+
 namespace brindle {
 namespace {
 
@@ -40,7 +42,8 @@ gboolean dispatch(GSource* source, GSourceFunc /*callback*/, gpointer /*data*/) 
         advance(*state);
         g_source_set_ready_time(source, readyTime(*state));
     }
-    state->action();
+    // The main loop knows no exceptions.
+    withoutFailing([&] { state->action(); });
     return G_SOURCE_CONTINUE;
 }
 

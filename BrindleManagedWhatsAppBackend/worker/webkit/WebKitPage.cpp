@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "text/WithoutFailing.h"
 #include "worker/webkit/InteractionDenial.h"
 #include "worker/webkit/OneLine.h"
 #include "worker/webkit/Urls.h"
@@ -93,7 +94,11 @@ void evaluationDone(GObject* view, GAsyncResult* result, gpointer data) {
     const GObjectPointer<JSCValue> value(
         webkit_web_view_evaluate_javascript_finish(WEBKIT_WEB_VIEW(view), result, &error));
     const GErrorPointer owned(error);
-    (*done)(value ? outcomeOf(*value) : EvaluationOutcome{.value = std::nullopt, .error = sentence(*error)});
+    // The main loop knows no exceptions; a script without an answer has its time limit.
+    withoutFailing([&] {
+        (*done)(value ? outcomeOf(*value)
+                      : EvaluationOutcome{.value = std::nullopt, .error = sentence(*error)});
+    });
 }
 
 /// A removal of all website data. The engine reports every one as done, even when the process that should
@@ -198,35 +203,48 @@ void WebKitPage::orderOut() {
     // An offscreen window is never on a screen; unmapping it would only put the page to sleep.
 }
 
+template <class Work>
+void WebKitPage::hear(gpointer self, const Work& work) noexcept {
+    auto& page = *static_cast<WebKitPage*>(self);
+    withoutFailing([&] { work(page); },
+                   [&](const std::exception& error) {
+                       page.log_.error(std::string("A report of the engine was lost: ") + error.what());
+                   });
+}
+
 void WebKitPage::connectSignals() {
     denyWhatNeedsAPerson(*view_);
     const auto connect = [this](const char* signal, auto handler) {
         g_signal_connect(view_, signal, G_CALLBACK(+handler), this);
     };
     connect("load-changed", [](WebKitWebView*, WebKitLoadEvent event, gpointer self) {
-        static_cast<WebKitPage*>(self)->loadChanged(event);
+        hear(self, [&](WebKitPage& page) { page.loadChanged(event); });
     });
     connect("load-failed",
             [](WebKitWebView*, WebKitLoadEvent event, char* address, GError* error, gpointer self) {
-                static_cast<WebKitPage*>(self)->loadFailed(event, textOf(address), *error);
+                hear(self, [&](WebKitPage& page) { page.loadFailed(event, textOf(address), *error); });
                 // Keeps the engine from showing an error page of its own.
                 return TRUE;
             });
     connect("notify::estimated-load-progress", [](WebKitWebView*, GParamSpec*, gpointer self) {
-        static_cast<WebKitPage*>(self)->watchTransfer();
+        hear(self, [](WebKitPage& page) { page.watchTransfer(); });
     });
     connect("decide-policy",
             [](WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDecisionType type,
                gpointer self) -> gboolean {
-                return static_cast<WebKitPage*>(self)->decidePolicy(*decision, type) ? TRUE : FALSE;
+                std::optional<bool> isDecided;
+                hear(self, [&](WebKitPage& page) { isDecided = page.decidePolicy(*decision, type); });
+                // What nobody could judge is denied.
+                if (!isDecided) webkit_policy_decision_ignore(decision);
+                return isDecided.value_or(true) ? TRUE : FALSE;
             });
     connect("close", [](WebKitWebView*, gpointer self) {
         // A page that has closed itself does not come back to life in its process.
-        static_cast<WebKitPage*>(self)->endProcessBecause("The page closed itself.");
+        hear(self, [](WebKitPage& page) { page.endProcessBecause("The page closed itself."); });
     });
     connect("web-process-terminated",
             [](WebKitWebView*, WebKitWebProcessTerminationReason reason, gpointer self) {
-                static_cast<WebKitPage*>(self)->processTerminated(reason);
+                hear(self, [&](WebKitPage& page) { page.processTerminated(reason); });
             });
 }
 

@@ -50,6 +50,10 @@ class WebKitPage final : public WebPage {
     enum class Stage { provisional, committed };
     enum class Progress { idle, provisional, committed, finished };
 
+    /// Has the page take what the engine reports; the engine's frames know no exceptions.
+    template <class Work>
+    static void hear(gpointer self, const Work& work) noexcept;
+
     void connectSignals();
     void load();
     void loadChanged(WebKitLoadEvent event);
