@@ -85,5 +85,11 @@ int main(int argumentCount, char** arguments) {
         std::fputs(answer->text.c_str(), answer->status == 0 ? stdout : stderr);
         return answer->status;
     }
-    return runSession(std::get<Options>(parsed));
+    try {
+        return runSession(std::get<Options>(parsed));
+    } catch (const Failure& failure) {
+        // Before there was a display to say it.
+        std::fprintf(stderr, "%s\n", failure.what());
+        return 1;
+    }
 }

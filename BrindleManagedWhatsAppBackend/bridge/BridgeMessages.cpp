@@ -3,7 +3,9 @@
 namespace brindle {
 
 std::string encodedLine(const BridgeEnvelope& envelope) {
-    return encodedRecord(envelope, JsonStyle::compact).append("\n");
+    std::string line = encodedRecord(envelope, JsonStyle::compact);
+    line += '\n';
+    return line;
 }
 
 }  // namespace brindle

@@ -1,11 +1,10 @@
-#include <limits.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sysexits.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <exception>
 #include <string>
@@ -23,6 +22,7 @@
 #include "system/FileManager.h"
 #include "system/ProcessGuard.h"
 #include "system/Processes.h"
+#include "system/WriteInTime.h"
 #include "text/Text.h"
 #include "worker/HostOptions.h"
 #include "worker/ManagedWhatsAppWebWorkerService.h"
@@ -30,14 +30,12 @@
 namespace brindle {
 namespace {
 
+constexpr std::chrono::milliseconds standard_error_patience{1000};
+
 /// Best effort: there is no place to report that standard error cannot be written, and a reader that does not
 /// read must not keep an ending process.
 void writeToStandardError(std::string_view text) {
-    constexpr int patience_ms = 1000;
-    pollfd error{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
-    if (::poll(&error, 1, patience_ms) != 1) return;
-    const auto length = std::min<std::size_t>(text.size(), PIPE_BUF);
-    if (::write(STDERR_FILENO, text.data(), length) < 0) return;
+    writeInTime(STDERR_FILENO, text, standard_error_patience);
 }
 
 /// The launch token stands in this process's memory, so it must never be dumped. One byte rather than none:

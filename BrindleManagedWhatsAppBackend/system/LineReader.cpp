@@ -88,7 +88,10 @@ bool LineReader::readMore() {
     for (;;) {
         std::array<pollfd, 2> set{{{.fd = descriptor_, .events = POLLIN, .revents = 0},
                                    {.fd = interrupt_, .events = POLLIN, .revents = 0}}};
-        if (::poll(set.data(), set.size(), -1) < 0) continue;
+        if (::poll(set.data(), set.size(), -1) < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
         if ((set[1].revents & POLLIN) != 0) noticeInterrupt();
         const auto room = std::min(capacity_ - end_, allowance_);
         if (room == 0) break;

@@ -22,7 +22,7 @@ class LineReader {
     LineReader(int descriptor, int interrupt);
 
     /// The next line without its line feed and a carriage return before it, valid until the next call;
-    /// nothing at the end of input. A read error ends the input.
+    /// nothing at the end of input. Input that cannot be read or waited for has ended.
     std::optional<std::string_view> next();
 
   private:

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <system_error>
 #include <utility>
 
 #include "system/FileSystemFailure.h"
@@ -30,7 +31,11 @@ int millisecondsUntil(SteadyClock::time_point deadline) {
 
 }  // namespace
 
-DepartureWatch::DepartureWatch() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+DepartureWatch::DepartureWatch() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (wake_.isOpen()) return;
+    throw Failure("Cannot prepare the giving up of unread output: " + std::generic_category().message(errno) +
+                  ".");
+}
 
 void DepartureWatch::addSign(int descriptor, bool readableMeansGone) {
     const short events = readableMeansGone ? POLLIN : POLLRDHUP;
@@ -64,13 +69,16 @@ bool DepartureWatch::anyDeparted(PollIterator begin, PollIterator end) {
     });
 }
 
-void DepartureWatch::waitUntilWritable(int output) {
+bool DepartureWatch::waitUntilWritable(int output) {
     auto set = pollSet(output, true);
     auto deadline = SteadyClock::time_point::max();
     for (;;) {
         const int timeout_ms = abandoned_ ? 0 : millisecondsUntil(deadline);
-        if (::poll(set.data(), set.size(), timeout_ms) < 0) continue;
-        if (set.front().revents != 0) return;
+        if (::poll(set.data(), set.size(), timeout_ms) < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        if (set.front().revents != 0) return true;
         if (abandoned_ || timeout_ms == 0) break;
         if (deadline != SteadyClock::time_point::max() || !anyDeparted(set.begin() + first_sign, set.end()))
             continue;
@@ -101,29 +109,34 @@ ssize_t OutputStream::writeSome(std::string_view bytes) {
         case Manner::pieces:
             break;
     }
-    wait();
+    if (!wait()) return -1;
     return ::write(descriptor_, bytes.data(), std::min<std::size_t>(bytes.size(), PIPE_BUF));
 }
 
 void OutputStream::write(std::string_view bytes) {
     if (isCutOff_) throw OutputAbandoned();
+    if (breakCode_ != 0) throw FileSystemFailure("write to", name_, breakCode_);
+    const auto length = bytes.size();
     while (!bytes.empty()) {
         const auto written = writeSome(bytes);
         if (written >= 0) {
             bytes.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            wait();
-        } else if (errno != EINTR) {
-            throw FileSystemFailure("write to", name_, errno);
+            continue;
         }
+        const bool mustWait = errno == EAGAIN || errno == EWOULDBLOCK;
+        if (errno == EINTR || (mustWait && wait())) continue;
+        const int code = errno;
+        if (bytes.size() < length) breakCode_ = code;
+        throw FileSystemFailure("write to", name_, code);
     }
 }
 
-void OutputStream::wait() {
+bool OutputStream::wait() {
     // Until the wait has ended well, a text may stand half written at the stream's end.
     isCutOff_ = true;
-    watch_.waitUntilWritable(descriptor_);
+    const bool isWritable = watch_.waitUntilWritable(descriptor_);
     isCutOff_ = false;
+    return isWritable;
 }
 
 }  // namespace brindle

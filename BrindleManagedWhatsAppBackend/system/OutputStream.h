@@ -26,6 +26,7 @@ class DepartureWatch {
     /// How long unread output is kept waiting once a sign of departure was seen.
     static constexpr std::chrono::milliseconds unread_output_grace{1000};
 
+    /// Throws Failure when the process has no descriptor left for it.
     DepartureWatch();
     /// `descriptor` hanging up, or becoming readable when `readableMeansGone`, is a sign of departure. Called
     /// before any writer waits.
@@ -37,9 +38,9 @@ class DepartureWatch {
     /// that asks now and then whether anybody still wants it. Not synchronised: one asker at a time.
     bool isDepartureOver();
 
-    /// Waits until `output` takes more. Throws OutputAbandoned when the reader has departed and takes nothing
-    /// for the length of the grace.
-    void waitUntilWritable(int output);
+    /// Waits until `output` takes more; false, with the reason in errno, when nothing can be waited for.
+    /// Throws OutputAbandoned when the reader has departed and takes nothing for the length of the grace.
+    bool waitUntilWritable(int output);
 
   private:
     std::vector<pollfd> pollSet(int output, bool withSigns) const;
@@ -58,12 +59,13 @@ class OutputStream {
   public:
     /// `name` is what messages call the stream.
     OutputStream(int descriptor, std::string name, DepartureWatch& watch);
-    /// Throws FileSystemFailure, or OutputAbandoned.
+    /// Throws FileSystemFailure, or OutputAbandoned. After a failure in the middle of a text every further
+    /// write fails likewise: what came next would be glued to half a text.
     void write(std::string_view bytes);
 
   private:
     ssize_t writeSome(std::string_view bytes);
-    void wait();
+    bool wait();
 
     enum class Manner {
         /// A descriptor of our own that answers EAGAIN: the description that the parent may share stays as it
@@ -82,6 +84,8 @@ class OutputStream {
     Manner manner_ = Manner::pieces;
     /// A text was given up, perhaps in its middle; nothing may follow it.
     bool isCutOff_ = false;
+    /// The errno value by which a write has failed in the middle of a text; 0 for none.
+    int breakCode_ = 0;
 };
 
 }  // namespace brindle

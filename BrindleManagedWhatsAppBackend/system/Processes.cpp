@@ -9,8 +9,10 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <system_error>
 
 #include "system/Pidfd.h"
+#include "text/Failure.h"
 
 namespace brindle {
 namespace {
@@ -63,8 +65,12 @@ void returnFreedMemory() {
 
 TerminationSignals::TerminationSignals() {
     const sigset_t set = terminationSet();
-    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
     descriptor_ = Descriptor(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    // Held back without anybody to take them, they could no longer end the process.
+    if (!descriptor_.isOpen()) {
+        throw Failure("Cannot take signals in order: " + std::generic_category().message(errno) + ".");
+    }
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
 int TerminationSignals::take() {

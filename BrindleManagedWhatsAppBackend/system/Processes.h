@@ -35,6 +35,7 @@ void returnFreedMemory();
 /// waits for input also waits for the descriptor and ends in order.
 class TerminationSignals {
   public:
+    /// Throws Failure when the process has no descriptor left for it; the signals keep their effect then.
     TerminationSignals();
     /// Readable once one of the signals has come (signalfd).
     int descriptor() const { return descriptor_.get(); }

@@ -4,14 +4,17 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <map>
 #include <sstream>
 #include <thread>
 #include <vector>
 
+#include "support/ChildProcesses.h"
 #include "support/MemoryStreams.h"
 #include "system/FileSystemFailure.h"
+#include "system/Processes.h"
 
 namespace brindle {
 namespace {
@@ -89,6 +92,46 @@ TEST_F(EmitterTests, LinesOfSeveralThreadsNeverInterleave) {
         ASSERT_EQ(counts.size(), static_cast<std::size_t>(writers));
         for (const auto& [line, count] : counts) EXPECT_EQ(count, lines_each);
     }
+}
+
+/// Lets no file grow beyond so many bytes.
+void limitFileSize(rlim_t limit) {
+    const rlimit size{.rlim_cur = limit, .rlim_max = RLIM_INFINITY};
+    ::setrlimit(RLIMIT_FSIZE, &size);
+}
+
+TEST_F(EmitterTests, NoEnvelopeFollowsHalfAnEnvelope) {
+    EXPECT_EQ(test::statusOfChild([this] {
+                  ignoreSignalsOfFailedWrites();
+                  for (const rlim_t limit : {rlim_t{10}, RLIM_INFINITY}) {
+                      limitFileSize(limit);
+                      try {
+                          emitter_.emit(BridgeErrorEvent{"text"});
+                          return 1;
+                      } catch (const FileSystemFailure&) {
+                      }
+                  }
+                  emitter_.log("goes on\n");
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(streams_.text().output, "{\"error\":{");
+    EXPECT_EQ(streams_.text().error, "goes on\n");
+}
+
+TEST_F(EmitterTests, NoDiagnosticFollowsHalfADiagnostic) {
+    EXPECT_EQ(test::statusOfChild([this] {
+                  ignoreSignalsOfFailedWrites();
+                  limitFileSize(4);
+                  emitter_.log("half a line\n");
+                  limitFileSize(RLIM_INFINITY);
+                  emitter_.log("next\n");
+                  emitter_.emit(BridgeErrorEvent{"goes on"});
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(streams_.text().error, "half");
+    EXPECT_EQ(streams_.text().output, encodedLine(BridgeErrorEvent{"goes on"}));
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/ChildProcesses.h"
 #include "support/Pipes.h"
 
 namespace brindle {
@@ -246,6 +247,17 @@ TEST(LineReaderTests, InputThatCannotBeReadHasEnded) {
     const Descriptor directory(::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     EXPECT_THAT(linesFrom(directory.get()), IsEmpty());
     EXPECT_THAT(linesFrom(1'000'000), IsEmpty());
+}
+
+TEST(LineReaderTests, InputThatCannotBeWaitedForHasEnded) {
+    EXPECT_EQ(test::statusOfChild([] {
+                  const auto [reading, writing] = makePipe();
+                  LineReader reader(reading.get(), -1);
+                  put(writing, "one\n");
+                  if (reader.next() != "one" || !test::limitDescriptors(0)) return 1;
+                  return reader.next() ? 2 : 0;
+              }),
+              0);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <termios.h>
@@ -19,8 +20,10 @@
 #include <thread>
 
 #include "support/BackendProcess.h"
+#include "support/ChildProcesses.h"
 #include "support/Pipes.h"
 #include "system/FileSystemFailure.h"
+#include "system/Processes.h"
 
 namespace brindle {
 namespace {
@@ -300,6 +303,77 @@ TEST_F(OutputStreamTests, DepartureIsOverAfterItsGrace) {
 
 TEST_F(OutputStreamTests, AbandonedOutputIsDescribedForPeople) {
     EXPECT_STREQ(OutputAbandoned().what(), "The parent has stopped reading and closed its end.");
+}
+
+/// How a write fails in a file that takes no more than `limit` bytes; 0 when it succeeds.
+int codeOfWrite(OutputStream& stream, std::string_view text, rlim_t limit) {
+    const rlimit size{.rlim_cur = limit, .rlim_max = RLIM_INFINITY};
+    if (::setrlimit(RLIMIT_FSIZE, &size) != 0) return -1;
+    try {
+        stream.write(text);
+        return 0;
+    } catch (const FileSystemFailure& failure) {
+        return failure.code();
+    }
+}
+
+TEST_F(OutputStreamTests, NothingFollowsATextThatFailedInItsMiddle) {
+    const Descriptor file(::memfd_create("output", MFD_CLOEXEC));
+    EXPECT_EQ(test::statusOfChild([&] {
+                  ignoreSignalsOfFailedWrites();
+                  OutputStream stream(file.get(), stream_name, watch_);
+                  if (codeOfWrite(stream, "half a line\n", 4) != EFBIG) return 1;
+                  return codeOfWrite(stream, "next\n", RLIM_INFINITY) == EFBIG ? 0 : 2;
+              }),
+              0);
+    ASSERT_EQ(::lseek(file.get(), 0, SEEK_SET), 0);
+    EXPECT_EQ(readAll(file), "half");
+}
+
+TEST_F(OutputStreamTests, TextMayFollowOneThatFailedAtItsStart) {
+    const Descriptor file(::memfd_create("output", MFD_CLOEXEC));
+    EXPECT_EQ(test::statusOfChild([&] {
+                  ignoreSignalsOfFailedWrites();
+                  OutputStream stream(file.get(), stream_name, watch_);
+                  if (codeOfWrite(stream, "one\n", 4) != 0) return 1;
+                  if (codeOfWrite(stream, "lost\n", 4) != EFBIG) return 2;
+                  return codeOfWrite(stream, "two\n", RLIM_INFINITY);
+              }),
+              0);
+    ASSERT_EQ(::lseek(file.get(), 0, SEEK_SET), 0);
+    EXPECT_EQ(readAll(file), "one\ntwo\n");
+}
+
+TEST_F(OutputStreamTests, OutputThatCannotBeWaitedForIsAFailure) {
+    for (const bool isPipe : {true, false}) {
+        const auto ends = isPipe ? makePipe() : makeStreamConnection();
+        fill(ends.writing);
+        EXPECT_EQ(test::statusOfChild([&] {
+                      OutputStream stream(ends.writing.get(), stream_name, watch_);
+                      if (!test::limitDescriptors(0)) return -1;
+                      try {
+                          stream.write("text");
+                          return -2;
+                      } catch (const FileSystemFailure& failure) {
+                          return failure.code();
+                      }
+                  }),
+                  EINVAL);
+    }
+}
+
+TEST(DepartureWatchTests, FailsWhenNoDescriptorIsLeftToWakeWritersWith) {
+    EXPECT_EQ(test::statusOfChild([] {
+                  if (!test::limitDescriptors(0)) return 1;
+                  try {
+                      const DepartureWatch watch;
+                      return 2;
+                  } catch (const Failure& failure) {
+                      const std::string words = failure.what();
+                      return words.ends_with(": Too many open files.") ? 0 : 3;
+                  }
+              }),
+              0);
 }
 
 }  // namespace

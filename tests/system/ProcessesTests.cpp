@@ -11,22 +11,15 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdio>
-#include <functional>
+#include <string>
+
+#include "support/ChildProcesses.h"
+#include "text/Failure.h"
 
 namespace brindle {
 namespace {
 
-/// Runs `body` in a child process and answers its exit status, or the negative signal that ended it.
-int statusOfChild(const std::function<int()>& body) {
-    // The child must not write what this process has buffered.
-    std::fflush(nullptr);
-    const pid_t child = ::fork();
-    if (child == 0) ::_exit(body());
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
+using test::statusOfChild;
 
 /// A child that has ended; a zombie until it is reaped.
 class EndedChild {
@@ -205,6 +198,22 @@ TEST(TerminationSignalTests, ProcessEndsByASignalThatItsParentHadIgnored) {
     EXPECT_EQ(statusOfChild([]() -> int {
                   ::signal(SIGTERM, SIG_IGN);
                   endBySignal(SIGTERM);
+              }),
+              -SIGTERM);
+}
+
+TEST(TerminationSignalTests, KeepTheirEffectWhenNoDescriptorIsLeftToTakeThemFrom) {
+    EXPECT_EQ(statusOfChild([] {
+                  if (!test::limitDescriptors(0)) return 1;
+                  try {
+                      const TerminationSignals signals;
+                      return 2;
+                  } catch (const Failure& failure) {
+                      if (failure.what() != std::string("Cannot take signals in order: Too many open files."))
+                          return 3;
+                  }
+                  ::raise(SIGTERM);
+                  return 4;
               }),
               -SIGTERM);
 }

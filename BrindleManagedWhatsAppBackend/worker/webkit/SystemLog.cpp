@@ -2,11 +2,12 @@
 
 #include <glib.h>
 #include <limits.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 
+#include "system/WriteInTime.h"
 #include "worker/webkit/OneLine.h"
 
 namespace brindle {
@@ -14,13 +15,6 @@ namespace {
 
 /// A pipe takes so much in one piece, so that the line stays whole among those of the engine's processes.
 constexpr std::size_t longest_line = PIPE_BUF;
-
-/// A reader that does not read must not hold up the worker, nor its end; it loses the line.
-void writeWithoutWaiting(const std::string& text) {
-    pollfd error{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
-    if (::poll(&error, 1, 0) != 1) return;
-    if (::write(STDERR_FILENO, text.data(), text.size()) < 0) return;
-}
 
 }  // namespace
 
@@ -36,7 +30,9 @@ void SystemLog::error(const std::string& message) const {
         G_LOG_WRITER_HANDLED) {
         return;
     }
-    writeWithoutWaiting(oneLine(category_ + ": " + message, longest_line - 1) + "\n");
+    const std::string line = oneLine(category_ + ": " + message, longest_line - 1) + "\n";
+    // A reader that does not read must not hold up the worker, nor its end; it loses the line.
+    writeInTime(STDERR_FILENO, line, std::chrono::milliseconds(0));
 }
 
 }  // namespace brindle
