@@ -16,4 +16,9 @@ add_compile_options(
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # GCC 12 reports overlaps inside std::string that cannot happen (GCC bug 105329).
   add_compile_options(-Wno-restrict)
+  if(CMAKE_UNITY_BUILD OR BUILD_TESTING)
+    # Where several sources make one translation unit, it takes them for headers, in which a type of an anonymous
+    # namespace must not be a member.
+    add_compile_options(-Wno-subobject-linkage)
+  endif()
 endif()

@@ -12,6 +12,7 @@
 #include "backend/ManagedWhatsAppBackendService.h"
 #include "backend/StatusPublisher.h"
 #include "support/BackendParts.h"
+#include "support/Json.h"
 #include "system/FileSystemFailure.h"
 
 /// Every file operation of the backend fails once, and from then on; its promises hold each time.
@@ -329,8 +330,8 @@ TEST_P(FaultInjectionTests, FailedStatusWriteIsLoggedAndKeepsTheOldFile) {
             };
             EXPECT_EQ(publishing.status() == publishing.oldStatus, failed("runtime-status.json"));
             EXPECT_EQ(publishing.control() == publishing.oldControl, failed("worker-control.json"));
-            EXPECT_TRUE(nlohmann::json::accept(publishing.status()));
-            EXPECT_TRUE(nlohmann::json::accept(publishing.control()));
+            EXPECT_TRUE(test::Json::accept(publishing.status()));
+            EXPECT_TRUE(test::Json::accept(publishing.control()));
             // A worker status that cannot be read, when even its existence cannot be told, is none.
             const bool isAbsent = std::any_of(failures.begin(), failures.end(),
                                               [](const auto& each) { return each.starts_with("look for "); });

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "support/BackendParts.h"
+#include "support/Json.h"
 #include "support/Pipes.h"
 #include "support/WantOfMemory.h"
 
@@ -79,9 +80,7 @@ class InboundDeliveryTests : public testing::Test {
         parts_.state.setActiveScope(BridgeConversationScope{"room", "Room"});
     }
 
-    void put(const std::string& name, const nlohmann::json& record) {
-        parts_.putInbound(name, record.dump());
-    }
+    void put(const std::string& name, const test::Json& record) { parts_.putInbound(name, record.dump()); }
     std::vector<std::string> inbound() const { return namesIn(parts_.directory.inbound); }
     std::vector<std::string> processed() const { return namesIn(parts_.directory.processed); }
     std::vector<std::string> rejected() const { return namesIn(parts_.directory.rejected); }

@@ -12,13 +12,13 @@
 #include <thread>
 
 #include "support/BackendParts.h"
+#include "support/Json.h"
 #include "support/Pipes.h"
 #include "system/FileSystemFailure.h"
 
 namespace brindle {
 namespace {
 
-using nlohmann::json;
 using test::linesOf;
 using test::namesIn;
 using testing::ElementsAre;
@@ -29,8 +29,8 @@ using testing::StartsWith;
 class BackendServiceTests : public testing::Test {
   protected:
     std::filesystem::path data(const std::string& name) const { return home_.path() / "data" / name; }
-    json status() const { return test::readJsonFile(data("runtime/runtime-status.json")); }
-    json control() const { return test::readJsonFile(data("runtime/worker-control.json")); }
+    test::Json status() const { return test::readJsonFile(data("runtime/runtime-status.json")); }
+    test::Json control() const { return test::readJsonFile(data("runtime/worker-control.json")); }
     void listen(BridgeScope scope) {
         service_.handle(BridgeStartListeningRequest{"whatsapp", std::move(scope)});
     }
@@ -51,7 +51,8 @@ class BackendServiceTests : public testing::Test {
 
 TEST_F(BackendServiceTests, ConstructionWritesTheFirstStatusAndSaysNothing) {
     EXPECT_EQ(status()["workerState"], "not_configured");
-    EXPECT_EQ(control(), (json{{"platform", "whatsapp"}, {"updatedAtISO8601", "2026-01-05T09:30:00Z"}}));
+    EXPECT_EQ(control(),
+              (test::Json{{"platform", "whatsapp"}, {"updatedAtISO8601", "2026-01-05T09:30:00Z"}}));
     EXPECT_THAT(outputLines(), IsEmpty());
 }
 
@@ -82,7 +83,7 @@ TEST_F(BackendServiceTests, ListeningDeliversWhatWaits) {
     listen(BridgeConversationScope{"I", "T"});
     const auto output = outputLines();
     ASSERT_EQ(output.size(), 3U);
-    EXPECT_EQ(json::parse(output[2])["inboundEvent"]["_0"]["event"]["messageId"], "1");
+    EXPECT_EQ(test::Json::parse(output[2])["inboundEvent"]["_0"]["event"]["messageId"], "1");
     EXPECT_THAT(namesIn(data("processed")), ElementsAre("a.json"));
     EXPECT_EQ(status()["activeScopeDescription"], "Conversation T [I]");
 }
@@ -100,17 +101,17 @@ TEST_F(BackendServiceTests, SelfTestIsAnsweredWithoutConnectionAndFiles) {
     listen(BridgeTestOnlyScope{"X"});
     const auto output = outputLines();
     ASSERT_EQ(output.size(), 1U);
-    auto event = json::parse(output[0])["inboundEvent"]["_0"]["event"];
+    auto event = test::Json::parse(output[0])["inboundEvent"]["_0"]["event"];
     EXPECT_TRUE(test::isCanonicalUuid(event["messageId"].get<std::string>()));
     event.erase("messageId");
-    EXPECT_EQ(event, (json{{"conversationId", "managed-whatsapp-backend-self-test"},
-                           {"conversationTitle", "X"},
-                           {"senderId", "managed-whatsapp-backend"},
-                           {"senderDisplayName", "Brindle Managed WhatsApp Backend"},
-                           {"text", "/skiff help"},
-                           {"timestampISO8601", "2026-01-05T09:30:00Z"},
-                           {"isDirectMessage", true},
-                           {"rawReference", "managed-whatsapp-backend-self-test"}}));
+    EXPECT_EQ(event, (test::Json{{"conversationId", "managed-whatsapp-backend-self-test"},
+                                 {"conversationTitle", "X"},
+                                 {"senderId", "managed-whatsapp-backend"},
+                                 {"senderDisplayName", "Brindle Managed WhatsApp Backend"},
+                                 {"text", "/skiff help"},
+                                 {"timestampISO8601", "2026-01-05T09:30:00Z"},
+                                 {"isDirectMessage", true},
+                                 {"rawReference", "managed-whatsapp-backend-self-test"}}));
     EXPECT_THAT(namesIn(data("inbound")), ElementsAre("a.json"));
     EXPECT_EQ(status()["activeScopeDescription"], "Self-test X");
 }
@@ -126,12 +127,12 @@ TEST_F(BackendServiceTests, SendWritesAnOutboundRecordUnderAFreshName) {
         const auto id = name.substr(0, name.size() - std::string_view(".json").size());
         EXPECT_TRUE(test::isCanonicalUuid(id));
         EXPECT_EQ(test::readJsonFile(data("outbound/" + name)),
-                  (json{{"messageId", id},
-                        {"conversationId", "c"},
-                        {"text", "t"},
-                        {"replyToMessageId", "r"},
-                        {"createdAtISO8601", "2026-01-05T09:30:00Z"},
-                        {"attachments", json::array()}}));
+                  (test::Json{{"messageId", id},
+                              {"conversationId", "c"},
+                              {"text", "t"},
+                              {"replyToMessageId", "r"},
+                              {"createdAtISO8601", "2026-01-05T09:30:00Z"},
+                              {"attachments", test::Json::array()}}));
     }
     EXPECT_THAT(outputLines(), IsEmpty());
 }

@@ -7,12 +7,12 @@
 #include <thread>
 
 #include "support/BackendParts.h"
+#include "support/Json.h"
 #include "support/WantOfMemory.h"
 
 namespace brindle {
 namespace {
 
-using nlohmann::json;
 using test::BackendParts;
 using test::WantOfMemory;
 using testing::StartsWith;
@@ -49,18 +49,18 @@ class StatusPublisherTests : public testing::Test {
 
 TEST_F(StatusPublisherTests, FirstStatusTellsThatNothingHasHappened) {
     EXPECT_EQ(publish(), "");
-    EXPECT_EQ(parts_.runtimeStatus(), (json{{"platform", "whatsapp"},
-                                            {"backendVersion", "managed-whatsapp-backend-3"},
-                                            {"dataDirectoryPath", parts_.directory.path},
-                                            {"connectionState", "disconnected"},
-                                            {"workerProcessRunning", false},
-                                            {"workerState", "not_configured"},
-                                            {"workerDetail", "No managed WhatsApp worker configured."},
-                                            {"workerSupportsLiveCapture", false},
-                                            {"workerSupportsOutbound", false},
-                                            {"updatedAtISO8601", "2026-01-05T09:30:00Z"}}));
+    EXPECT_EQ(parts_.runtimeStatus(), (test::Json{{"platform", "whatsapp"},
+                                                  {"backendVersion", "managed-whatsapp-backend-3"},
+                                                  {"dataDirectoryPath", parts_.directory.path},
+                                                  {"connectionState", "disconnected"},
+                                                  {"workerProcessRunning", false},
+                                                  {"workerState", "not_configured"},
+                                                  {"workerDetail", "No managed WhatsApp worker configured."},
+                                                  {"workerSupportsLiveCapture", false},
+                                                  {"workerSupportsOutbound", false},
+                                                  {"updatedAtISO8601", "2026-01-05T09:30:00Z"}}));
     EXPECT_EQ(parts_.workerControl(),
-              (json{{"platform", "whatsapp"}, {"updatedAtISO8601", "2026-01-05T09:30:00Z"}}));
+              (test::Json{{"platform", "whatsapp"}, {"updatedAtISO8601", "2026-01-05T09:30:00Z"}}));
 }
 
 TEST_F(StatusPublisherTests, PublishesConnectionAndScope) {
@@ -69,14 +69,14 @@ TEST_F(StatusPublisherTests, PublishesConnectionAndScope) {
     publish();
     EXPECT_EQ(parts_.runtimeStatus()["connectionState"], "connected");
     EXPECT_EQ(parts_.runtimeStatus()["activeScopeDescription"], "Thread I [I]");
-    EXPECT_EQ(parts_.workerControl()["activeScope"], (json{{"kind", "thread"}, {"id", "I"}}));
+    EXPECT_EQ(parts_.workerControl()["activeScope"], (test::Json{{"kind", "thread"}, {"id", "I"}}));
 }
 
 TEST_F(StatusPublisherTests, WorkerIsToldWhatToWatchWhileDisconnected) {
     parts_.state.setActiveScope(BridgeTestOnlyScope{"T"});
     publish();
     EXPECT_EQ(parts_.runtimeStatus()["connectionState"], "disconnected");
-    EXPECT_EQ(parts_.workerControl()["activeScope"], (json{{"kind", "testOnly"}, {"title", "T"}}));
+    EXPECT_EQ(parts_.workerControl()["activeScope"], (test::Json{{"kind", "testOnly"}, {"title", "T"}}));
 }
 
 TEST_F(StatusPublisherTests, TakesOverTheStatusOfARunningWorkerAsItStands) {

@@ -6,37 +6,37 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Json.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 
 const std::string account_display_name = "Brindle Managed WhatsApp Backend";
 
-json stateEnvelope(const json& state) {
+Json stateEnvelope(const Json& state) {
     return {{"stateChanged", {{"_0", {{"state", state}}}}}};
 }
 
-const json disconnected = stateEnvelope({{"disconnected", json::object()}});
-const json connecting = stateEnvelope({{"connecting", json::object()}});
-const json connected = stateEnvelope({{"connected", {{"accountDisplayName", account_display_name}}}});
+const Json disconnected = stateEnvelope({{"disconnected", Json::object()}});
+const Json connecting = stateEnvelope({{"connecting", Json::object()}});
+const Json connected = stateEnvelope({{"connected", {{"accountDisplayName", account_display_name}}}});
 
 /// Sends a line that is always answered by exactly one `error`; every request sent before it has been handled
 /// when that answer comes. Returns the envelopes that came before the answer.
-std::vector<json> envelopesUpToHere(BackendProcess& backend) {
+std::vector<Json> envelopesUpToHere(BackendProcess& backend) {
     backend.send(std::string("{"));
-    std::vector<json> envelopes;
+    std::vector<Json> envelopes;
     for (;;) {
-        json envelope = backend.nextEnvelope();
+        Json envelope = backend.nextEnvelope();
         if (envelope.contains("error")) return envelopes;
         envelopes.push_back(std::move(envelope));
     }
 }
 
-std::string messageInError(const json& envelope) {
+std::string messageInError(const Json& envelope) {
     return envelope.at("error").at("_0").at("message");
 }
 
@@ -44,7 +44,7 @@ TEST(BackendService, GreetsWithHelloAndDisconnectedBeforeAnyRequest) {
     BackendProcess backend;
     EXPECT_EQ(
         backend.nextEnvelope(),
-        (json{{"hello",
+        (Json{{"hello",
                {{"_0", {{"platform", "whatsapp"}, {"bridgeVersion", "managed-whatsapp-backend-3"}}}}}}));
     EXPECT_EQ(backend.nextEnvelope(), disconnected);
     EXPECT_TRUE(backend.finishAndTakeRest().empty());
@@ -72,10 +72,10 @@ TEST(BackendService, ConnectReportsConnectedWhateverTheWorkerSays) {
 stay)");
     BackendProcess backend(optionsWithWorker(worker.path()));
     backend.waitForRuntimeStatus(
-        [](const json& status) { return status["workerState"] == "waiting_for_qr"; });
+        [](const Json& status) { return status["workerState"] == "waiting_for_qr"; });
     backend.greet();
     backend.send(connectRequest());
-    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{connecting, connected}));
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<Json>{connecting, connected}));
     EXPECT_EQ(backend.readJson("runtime/runtime-status.json").at("workerState"), "waiting_for_qr");
 }
 
@@ -92,7 +92,7 @@ TEST(BackendService, ConnectWhileConnectedRepeatsBothEnvelopes) {
     backend.greet();
     backend.send(connectRequest());
     backend.send(connectRequest());
-    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{connecting, connected, connecting, connected}));
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<Json>{connecting, connected, connecting, connected}));
 }
 
 TEST(BackendService, DisconnectWhileDisconnectedRepeatsItsEnvelope) {
@@ -100,7 +100,7 @@ TEST(BackendService, DisconnectWhileDisconnectedRepeatsItsEnvelope) {
     backend.greet();
     backend.send(disconnectRequest());
     backend.send(disconnectRequest());
-    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{disconnected, disconnected}));
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<Json>{disconnected, disconnected}));
 }
 
 TEST(BackendService, ConnectForAnotherPlatformYieldsNothing) {
@@ -128,7 +128,7 @@ TEST(BackendService, PlatformOfARequestIsComparedByCanonicalEquivalence) {
     EXPECT_EQ(backend.nextEnvelope().at("hello").at("_0").at("platform"), decomposed);
     EXPECT_EQ(backend.nextEnvelope(), disconnected);
     backend.send(connectRequest(composed));
-    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{connecting, connected}));
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<Json>{connecting, connected}));
 }
 
 TEST(BackendService, RequestsForAnotherPlatformChangeNoStateAndNoFile) {
@@ -141,7 +141,7 @@ TEST(BackendService, RequestsForAnotherPlatformChangeNoStateAndNoFile) {
     backend.send(sendMessageRequest(teamRoomMessage("hi"), "other"));
     EXPECT_TRUE(envelopesUpToHere(backend).empty());
     backend.waitForStatusWrites(2);
-    const json status = backend.readJson("runtime/runtime-status.json");
+    const Json status = backend.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status.at("connectionState"), "connected");
     EXPECT_EQ(status.at("activeScopeDescription"), "Conversation Team Room [team-room]");
     EXPECT_TRUE(namesIn(backend.path("outbound")).empty());
@@ -157,18 +157,18 @@ TEST(BackendService, PlatformOfTheCommandLineDecidesWhichRequestsAreMeant) {
     backend.send(connectRequest("whatsapp"));
     EXPECT_TRUE(envelopesUpToHere(backend).empty());
     backend.send(connectRequest("signal"));
-    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{connecting, connected}));
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<Json>{connecting, connected}));
 }
 
 TEST(BackendService, EnvelopesMeantForTheParentAreIgnored) {
     BackendProcess backend;
     backend.connectAndListen();
-    backend.send(json{{"hello", {{"_0", {{"platform", "whatsapp"}, {"bridgeVersion", "parent"}}}}}});
+    backend.send(Json{{"hello", {{"_0", {{"platform", "whatsapp"}, {"bridgeVersion", "parent"}}}}}});
     backend.send(disconnected);
-    backend.send(json{{"error", {{"_0", {{"message", "not for you"}}}}}});
-    backend.send(json{{"inboundEvent", {{"_0", {{"event", inboundRecord("m-1", "hi")}}}}}});
+    backend.send(Json{{"error", {{"_0", {{"message", "not for you"}}}}}});
+    backend.send(Json{{"inboundEvent", {{"_0", {{"event", inboundRecord("m-1", "hi")}}}}}});
     EXPECT_TRUE(envelopesUpToHere(backend).empty());
-    const json status = backend.readJson("runtime/runtime-status.json");
+    const Json status = backend.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status.at("connectionState"), "connected");
     EXPECT_EQ(status.at("activeScopeDescription"), "Conversation Team Room [team-room]");
 }
@@ -197,11 +197,11 @@ TEST(BackendService, MalformedLineYieldsOneErrorAndTheLoopContinues) {
 TEST(BackendService, MalformedLineLeavesTheStateUnchangedAndIsNotLogged) {
     BackendProcess backend;
     backend.connectAndListen();
-    const json bad_scope = {{"conversation", {{"id", "x"}}}};
+    const Json bad_scope = {{"conversation", {{"id", "x"}}}};
     backend.send(startListeningRequest(bad_scope));
     EXPECT_NE(messageInError(backend.nextEnvelope()), "");
     backend.waitForStatusWrites(2);
-    const json status = backend.readJson("runtime/runtime-status.json");
+    const Json status = backend.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status.at("connectionState"), "connected");
     EXPECT_EQ(status.at("activeScopeDescription"), "Conversation Team Room [team-room]");
     EXPECT_EQ(backend.standardError(), "");
@@ -211,8 +211,8 @@ TEST(BackendService, DisconnectClearsConnectionAndScopeAtOnce) {
     BackendProcess backend;
     backend.connectAndListen();
     backend.send(disconnectRequest());
-    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{disconnected}));
-    const json status = backend.readJson("runtime/runtime-status.json");
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<Json>{disconnected}));
+    const Json status = backend.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status.at("connectionState"), "disconnected");
     EXPECT_FALSE(status.contains("activeScopeDescription"));
     EXPECT_FALSE(backend.readJson("runtime/worker-control.json").contains("activeScope"));
@@ -225,7 +225,7 @@ TEST(BackendService, DisconnectLeavesTheWorkerRunning) {
     backend.connectAndListen();
     backend.send(disconnectRequest());
     backend.waitForRuntimeStatus(
-        [](const json& status) { return status["connectionState"] == "disconnected"; });
+        [](const Json& status) { return status["connectionState"] == "disconnected"; });
     backend.waitForStatusWrites(2);
     EXPECT_TRUE(processIsRunning(pid));
     EXPECT_EQ(backend.readJson("runtime/runtime-status.json").at("workerProcessRunning"), true);
@@ -238,7 +238,7 @@ TEST(BackendService, AfterDisconnectDeliveryNeedsConnectAndStartListeningAgain) 
     EXPECT_EQ(backend.nextEnvelope(), disconnected);
     backend.writeInbound("m-1.json", inboundRecord("m-1", "later"));
     backend.send(connectRequest());
-    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{connecting, connected}));
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<Json>{connecting, connected}));
     backend.waitForStatusWrites(2);
     EXPECT_EQ(namesIn(backend.path("inbound")), std::vector<std::string>{"m-1.json"});
     backend.send(startListeningRequest(conversationScope()));
@@ -254,7 +254,7 @@ TEST(BackendService, StartListeningReplacesTheScope) {
     EXPECT_EQ(backend.readJson("runtime/runtime-status.json").at("activeScopeDescription"),
               "Channel News [news]");
     EXPECT_EQ(backend.readJson("runtime/worker-control.json").at("activeScope"),
-              (json{{"kind", "channel"}, {"id", "news"}, {"title", "News"}}));
+              (Json{{"kind", "channel"}, {"id", "news"}, {"title", "News"}}));
 }
 
 TEST(BackendService, StopListeningClearsTheScopeWithoutAReplyAndKeepsTheConnection) {
@@ -262,7 +262,7 @@ TEST(BackendService, StopListeningClearsTheScopeWithoutAReplyAndKeepsTheConnecti
     backend.connectAndListen();
     backend.send(stopListeningRequest());
     EXPECT_TRUE(envelopesUpToHere(backend).empty());
-    const json status = backend.readJson("runtime/runtime-status.json");
+    const Json status = backend.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status.at("connectionState"), "connected");
     EXPECT_FALSE(status.contains("activeScopeDescription"));
     EXPECT_FALSE(backend.readJson("runtime/worker-control.json").contains("activeScope"));
@@ -282,12 +282,12 @@ TEST(BackendService, SelfTestYieldsItsOneEventEvenWhenNotConnected) {
     BackendProcess backend;
     backend.greet();
     backend.send(startListeningRequest(testOnlyScope("X")));
-    json event = backend.nextEnvelope().at("inboundEvent").at("_0").at("event");
+    Json event = backend.nextEnvelope().at("inboundEvent").at("_0").at("event");
     EXPECT_TRUE(isCanonicalUuid(event.at("messageId").get<std::string>())) << event;
     EXPECT_TRUE(isTimestamp(event.at("timestampISO8601").get<std::string>())) << event;
     event.erase("messageId");
     event.erase("timestampISO8601");
-    EXPECT_EQ(event, (json{{"conversationId", "managed-whatsapp-backend-self-test"},
+    EXPECT_EQ(event, (Json{{"conversationId", "managed-whatsapp-backend-self-test"},
                            {"conversationTitle", "X"},
                            {"senderId", "managed-whatsapp-backend"},
                            {"senderDisplayName", account_display_name},
@@ -302,8 +302,8 @@ TEST(BackendService, EverySelfTestHasAMessageIdOfItsOwn) {
     backend.greet();
     backend.send(startListeningRequest(testOnlyScope("X")));
     backend.send(startListeningRequest(testOnlyScope("X")));
-    const json first = backend.nextEnvelope();
-    const json second = backend.nextEnvelope();
+    const Json first = backend.nextEnvelope();
+    const Json second = backend.nextEnvelope();
     EXPECT_NE(first.at("inboundEvent").at("_0").at("event").at("messageId"),
               second.at("inboundEvent").at("_0").at("event").at("messageId"));
 }
@@ -329,7 +329,7 @@ TEST(BackendService, SendMessageNeedsNoConnectionAndNoScope) {
     backend.connectAndListen();
     backend.send(disconnectRequest());
     backend.send(sendMessageRequest(teamRoomMessage("while disconnected")));
-    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{disconnected}));
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<Json>{disconnected}));
     EXPECT_EQ(namesIn(backend.path("outbound")).size(), 1U);
 }
 
@@ -342,7 +342,7 @@ TEST(BackendService, SameTextSentTwiceMakesTwoRecordsWithIdsOfTheirOwn) {
     const std::vector<std::string> names = namesIn(backend.path("outbound"));
     ASSERT_EQ(names.size(), 2U);
     for (const std::string& name : names) {
-        const json record = backend.readJson(fs::path("outbound") / name);
+        const Json record = backend.readJson(fs::path("outbound") / name);
         EXPECT_TRUE(isCanonicalUuid(record.at("messageId").get<std::string>())) << record;
         EXPECT_EQ(name, record.at("messageId").get<std::string>() + ".json");
         EXPECT_EQ(record.at("text"), "again");
@@ -352,7 +352,7 @@ TEST(BackendService, SameTextSentTwiceMakesTwoRecordsWithIdsOfTheirOwn) {
 TEST(BackendService, MessageIdInARequestIsNeverUsed) {
     BackendProcess backend;
     backend.greet();
-    json request = teamRoomMessage("hi");
+    Json request = teamRoomMessage("hi");
     request["messageId"] = "chosen-by-the-parent";
     backend.send(sendMessageRequest(request));
     envelopesUpToHere(backend);
@@ -403,7 +403,7 @@ TEST(BackendService, FailedOutboundWriteLeavesConnectionAndScopeUnchanged) {
     backend.send(sendMessageRequest(teamRoomMessage("lost")));
     EXPECT_NE(messageInError(backend.nextEnvelope()), "");
     backend.waitForStatusWrites(2);
-    const json status = backend.readJson("runtime/runtime-status.json");
+    const Json status = backend.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status.at("connectionState"), "connected");
     EXPECT_EQ(status.at("activeScopeDescription"), "Conversation Team Room [team-room]");
 }
@@ -452,7 +452,7 @@ TEST(BackendService, EndOfInputKeepsConnectionAndScopeInTheLastStatus) {
     backend.connectAndListen();
     backend.finish();
     EXPECT_EQ(backend.waitForExit(), exitedWith(0));
-    const json status = backend.readJson("runtime/runtime-status.json");
+    const Json status = backend.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status.at("connectionState"), "connected");
     EXPECT_EQ(status.at("activeScopeDescription"), "Conversation Team Room [team-room]");
     EXPECT_EQ(status.at("workerState"), "not_configured");
@@ -466,7 +466,7 @@ TEST(BackendService, RequestsAreAnsweredWhileNothingIsKnownOfTheWorker) {
     backend.greet();
     backend.send(connectRequest());
     backend.send(sendMessageRequest(teamRoomMessage("no worker takes it")));
-    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<json>{connecting, connected}));
+    EXPECT_EQ(envelopesUpToHere(backend), (std::vector<Json>{connecting, connected}));
     EXPECT_EQ(namesIn(backend.path("outbound")).size(), 1U);
 }
 

@@ -2,12 +2,12 @@
 
 #include <array>
 #include <cstddef>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Json.h"
 #include "support/Replies.h"
 #include "support/Sanitizers.h"
 #include "support/Units.h"
@@ -15,7 +15,6 @@
 namespace brindle::test {
 namespace {
 
-using nlohmann::json;
 using Lines = std::vector<std::string>;
 
 constexpr std::size_t large_bytes = 64 * mebibyte;

@@ -9,19 +9,18 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/BackendProcess.h"
 #include "support/Diagnostics.h"
+#include "support/Json.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
 namespace {
 
-using nlohmann::json;
 using Lines = std::vector<std::string>;
 
 constexpr const char* status_file = "runtime/runtime-status.json";
@@ -47,7 +46,7 @@ Lines connectReplies() {
     return {connecting_line, connected_line};
 }
 
-json controlScopeAfter(const json& scope) {
+Json controlScopeAfter(const Json& scope) {
     BackendProcess process;
     process.greet();
     process.send(startListeningRequest(scope));
@@ -89,7 +88,7 @@ class ReplacementCounter {
 };
 
 /// How often the status is written while the backend deals with `count` copies of a request.
-int statusWritesFor(const json& request, int count) {
+int statusWritesFor(const Json& request, int count) {
     BackendProcess process;
     process.greet();
     process.waitForFile(control_file);
@@ -298,7 +297,7 @@ TEST(BridgeChannel, ConnectIsRecordedInTheStatus) {
     BackendProcess process;
     process.greet();
     process.send(connectRequest());
-    process.waitForRuntimeStatus([](const json& status) { return status["connectionState"] == "connected"; });
+    process.waitForRuntimeStatus([](const Json& status) { return status["connectionState"] == "connected"; });
 }
 
 TEST(BridgeChannel, SecondConnectRepeatsTheReplies) {
@@ -327,7 +326,7 @@ TEST(BridgeChannel, DisconnectEndsConnectionAndScope) {
     BackendProcess process;
     process.connectAndListen();
     process.send(disconnectRequest());
-    process.waitForControl([](const json& control) { return !control.contains("activeScope"); });
+    process.waitForControl([](const Json& control) { return !control.contains("activeScope"); });
     process.finish();
     const auto status = process.readJson(status_file);
     EXPECT_EQ(status["connectionState"], "disconnected");
@@ -336,21 +335,21 @@ TEST(BridgeChannel, DisconnectEndsConnectionAndScope) {
 
 TEST(BridgeChannel, ListeningToAConversationIsRecorded) {
     EXPECT_EQ(controlScopeAfter(conversationScope("c-1", "Chat")),
-              (json{{"kind", "conversation"}, {"id", "c-1"}, {"title", "Chat"}}));
+              (Json{{"kind", "conversation"}, {"id", "c-1"}, {"title", "Chat"}}));
 }
 
 TEST(BridgeChannel, ListeningToAChannelIsRecorded) {
     EXPECT_EQ(controlScopeAfter(channelScope("news", "News")),
-              (json{{"kind", "channel"}, {"id", "news"}, {"title", "News"}}));
+              (Json{{"kind", "channel"}, {"id", "news"}, {"title", "News"}}));
 }
 
 TEST(BridgeChannel, ListeningToAThreadIsRecorded) {
     EXPECT_EQ(controlScopeAfter(threadScope("t-9", "Launch")),
-              (json{{"kind", "thread"}, {"id", "t-9"}, {"title", "Launch"}}));
+              (Json{{"kind", "thread"}, {"id", "t-9"}, {"title", "Launch"}}));
 }
 
 TEST(BridgeChannel, ListeningToAThreadWithoutTitleIsRecorded) {
-    EXPECT_EQ(controlScopeAfter(threadScope("t-9")), (json{{"kind", "thread"}, {"id", "t-9"}}));
+    EXPECT_EQ(controlScopeAfter(threadScope("t-9")), (Json{{"kind", "thread"}, {"id", "t-9"}}));
 }
 
 TEST(BridgeChannel, LaterScopeReplacesTheEarlier) {
@@ -359,7 +358,7 @@ TEST(BridgeChannel, LaterScopeReplacesTheEarlier) {
     process.send(startListeningRequest(channelScope("news", "News")));
     EXPECT_EQ(process.finishAndTakeRest(), Lines{});
     EXPECT_EQ(process.readJson(control_file)["activeScope"],
-              (json{{"kind", "channel"}, {"id", "news"}, {"title", "News"}}));
+              (Json{{"kind", "channel"}, {"id", "news"}, {"title", "News"}}));
 }
 
 TEST(BridgeChannel, StartListeningDeliversWhatWaitsBeforeTheNextRequest) {
@@ -379,7 +378,7 @@ TEST(BridgeChannel, StopListeningEndsTheScopeWithoutReply) {
     BackendProcess process;
     process.connectAndListen();
     process.send(stopListeningRequest());
-    process.waitForControl([](const json& control) { return !control.contains("activeScope"); });
+    process.waitForControl([](const Json& control) { return !control.contains("activeScope"); });
     EXPECT_EQ(process.finishAndTakeRest(), Lines{});
     EXPECT_EQ(process.readJson(status_file)["connectionState"], "connected");
 }
@@ -403,10 +402,10 @@ TEST(BridgeChannel, EveryRequestWritesTheStatus) {
 }
 
 TEST(BridgeChannel, CasesOfTheOtherDirectionWriteNoStatus) {
-    const json event = {{"inboundEvent", {{"_0", {{"event", inboundRecord("m-1", "x")}}}}}};
-    const json state = {{"stateChanged", {{"_0", {{"state", {{"connecting", json::object()}}}}}}}};
-    const json error = {{"error", {{"_0", {{"message", "x"}}}}}};
-    for (const auto& envelope : {json::parse(hello_line), event, state, error}) {
+    const Json event = {{"inboundEvent", {{"_0", {{"event", inboundRecord("m-1", "x")}}}}}};
+    const Json state = {{"stateChanged", {{"_0", {{"state", {{"connecting", Json::object()}}}}}}}};
+    const Json error = {{"error", {{"_0", {{"message", "x"}}}}}};
+    for (const auto& envelope : {Json::parse(hello_line), event, state, error}) {
         EXPECT_LT(statusWritesFor(envelope, 1000), 500) << envelope;
     }
 }
@@ -421,7 +420,7 @@ TEST(BridgeChannel, RequestForAnotherPlatformWritesNoStatus) {
 }
 
 TEST(BridgeChannel, BrokenEnvelopeWritesNoStatus) {
-    EXPECT_LT(statusWritesFor(json::object(), 1000), 500);
+    EXPECT_LT(statusWritesFor(Json::object(), 1000), 500);
 }
 
 // The platform.
@@ -508,7 +507,7 @@ TEST(BridgeChannel, EmptyThreadTitleSelectsLikeAnyTitle) {
 
 // The self-test.
 
-json selfTestEvent(const std::string& title) {
+Json selfTestEvent(const std::string& title) {
     BackendProcess process;
     process.greet();
     process.send(startListeningRequest(testOnlyScope(title)));
@@ -525,7 +524,7 @@ TEST(BridgeSelfTest, EventHasItsFixedValues) {
     auto event = selfTestEvent("Smoke test");
     event.erase("messageId");
     event.erase("timestampISO8601");
-    EXPECT_EQ(event, (json{{"conversationId", "managed-whatsapp-backend-self-test"},
+    EXPECT_EQ(event, (Json{{"conversationId", "managed-whatsapp-backend-self-test"},
                            {"conversationTitle", "Smoke test"},
                            {"senderId", "managed-whatsapp-backend"},
                            {"senderDisplayName", "Brindle Managed WhatsApp Backend"},
@@ -592,7 +591,7 @@ TEST(BridgeSelfTest, ScopeIsRecordedWithoutIdentifier) {
     process.send(startListeningRequest(testOnlyScope("Smoke test")));
     process.finish();
     EXPECT_EQ(process.readJson(control_file)["activeScope"],
-              (json{{"kind", "testOnly"}, {"title", "Smoke test"}}));
+              (Json{{"kind", "testOnly"}, {"title", "Smoke test"}}));
     EXPECT_EQ(process.readJson(status_file)["activeScopeDescription"], "Self-test Smoke test");
 }
 
@@ -881,7 +880,7 @@ TEST(BridgeEmitter, LinesOfSeveralThreadsNeverMix) {
     int events = 0;
     Lines states;
     for (auto& line : process.finishAndTakeRest()) {
-        const auto envelope = json::parse(line);
+        const auto envelope = Json::parse(line);
         if (envelope.contains("inboundEvent")) {
             ++events;
             EXPECT_EQ(envelope["inboundEvent"]["_0"]["event"]["text"].get<std::string>().size(), 20000U);

@@ -2,23 +2,21 @@
 
 #include <algorithm>
 #include <cctype>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Json.h"
 #include "support/Replies.h"
 
 namespace brindle::test {
 namespace {
 
-using nlohmann::json;
-using nlohmann::literals::operator""_json_pointer;
 using Lines = std::vector<std::string>;
 
 // Every envelope with every field present, among them those that a backend only ignores.
 
-json completeAttachment() {
+Json completeAttachment() {
     return {{"id", "a-1"},
             {"kind", "image"},
             {"fileName", "cat.png"},
@@ -28,31 +26,31 @@ json completeAttachment() {
             {"caption", "A cat"}};
 }
 
-json completeSend() {
+Json completeSend() {
     return sendMessageRequest({{"conversationId", "team-room"},
                                {"text", "On my way"},
                                {"replyToMessageId", "m-17"},
-                               {"attachments", json::array({completeAttachment()})}});
+                               {"attachments", Json::array({completeAttachment()})}});
 }
 
-json completeInboundEvent() {
+Json completeInboundEvent() {
     return {{"inboundEvent", {{"_0", {{"event", inboundRecord("m-1", "hello")}}}}}};
 }
 
-json stateChanged(const json& state) {
+Json stateChanged(const Json& state) {
     return {{"stateChanged", {{"_0", {{"state", state}}}}}};
 }
 
-json completeHello() {
+Json completeHello() {
     return {{"hello", {{"_0", {{"platform", "whatsapp"}, {"bridgeVersion", "any"}}}}}};
 }
 
-json errorEnvelope() {
+Json errorEnvelope() {
     return {{"error", {{"_0", {{"message", "example failure text"}}}}}};
 }
 
 /// The outbound record that the backend writes for a message.
-json outboundRecordFor(const json& message) {
+Json outboundRecordFor(const Json& message) {
     BackendProcess process;
     process.greet();
     process.send(sendMessageRequest(message));
@@ -61,7 +59,7 @@ json outboundRecordFor(const json& message) {
 }
 
 /// The line that delivers an inbound record to the parent.
-std::string lineFor(const json& record) {
+std::string lineFor(const Json& record) {
     BackendProcess process;
     process.connectAndListen();
     process.writeInbound("record.json", record);
@@ -113,7 +111,7 @@ TEST(BridgeOutput, ErrorIsOneCompactLine) {
     process.send("{");
     const auto line = process.nextLine();
     const auto message = errorMessageOf(line);
-    EXPECT_EQ(line, R"({"error":{"_0":{"message":)" + json(message).dump() + "}}}");
+    EXPECT_EQ(line, R"({"error":{"_0":{"message":)" + Json(message).dump() + "}}}");
 }
 
 TEST(BridgeOutput, SelfTestEventIsOneCompactLineWithSortedMembers) {
@@ -121,7 +119,7 @@ TEST(BridgeOutput, SelfTestEventIsOneCompactLineWithSortedMembers) {
     process.greet();
     process.send(startListeningRequest(testOnlyScope("Smoke test")));
     const auto line = process.nextLine();
-    const auto event = json::parse(line)["inboundEvent"]["_0"]["event"];
+    const auto event = Json::parse(line)["inboundEvent"]["_0"]["event"];
     EXPECT_EQ(
         line,
         R"({"inboundEvent":{"_0":{"event":{"conversationId":"managed-whatsapp-backend-self-test",)"
@@ -161,7 +159,7 @@ TEST(BridgeOutput, EveryControlCharacterIsEscapedAndKept) {
     const auto line = lineFor(inboundRecord("m-1", text));
     EXPECT_TRUE(
         std::none_of(line.begin(), line.end(), [](unsigned char character) { return character < 0x20; }));
-    EXPECT_EQ(json::parse(line)["inboundEvent"]["_0"]["event"]["text"], text);
+    EXPECT_EQ(Json::parse(line)["inboundEvent"]["_0"]["event"]["text"], text);
 }
 
 TEST(BridgeOutput, NonAsciiCharactersAreRawUtf8) {
@@ -270,7 +268,7 @@ TEST(BridgeInput, OrderOfMembersDoesNotMatter) {
         R"({"startListening":{"_0":{"platform":"whatsapp","scope":{"conversation":{"id":"i","title":"T"}}}}})");
     EXPECT_EQ(process.finishAndTakeRest(), Lines{});
     EXPECT_EQ(process.readJson("runtime/worker-control.json")["activeScope"],
-              (json{{"kind", "conversation"}, {"id", "i"}, {"title", "T"}}));
+              (Json{{"kind", "conversation"}, {"id", "i"}, {"title", "T"}}));
 }
 
 TEST(BridgeInput, WhiteSpaceBetweenTokensDoesNotMatter) {
@@ -285,8 +283,8 @@ TEST(BridgeInput, EscapedNamesAndTextsAreTheSameNamesAndTexts) {
 
 TEST(BridgeInput, CasesOfTheOtherDirectionAreIgnored) {
     EXPECT_EQ(repliesTo(Lines{completeHello().dump(), completeInboundEvent().dump(),
-                              stateChanged({{"disconnected", json::object()}}).dump(),
-                              stateChanged({{"connecting", json::object()}}).dump(),
+                              stateChanged({{"disconnected", Json::object()}}).dump(),
+                              stateChanged({{"connecting", Json::object()}}).dump(),
                               stateChanged({{"connected", {{"accountDisplayName", "x"}}}}).dump(),
                               stateChanged({{"error", {{"message", "worker stopped"}}}}).dump(),
                               errorEnvelope().dump()}),
@@ -297,7 +295,7 @@ TEST(BridgeInput, CasesOfTheOtherDirectionAreIgnored) {
 
 TEST(BridgeInput, ScopeNeedsExactlyOneCase) {
     expectOneErrorEach(
-        {startListeningRequest(json::object()).dump(),
+        {startListeningRequest(Json::object()).dump(),
          startListeningRequest({{"group", {{"id", "i"}}}}).dump(),
          startListeningRequest({{"thread", {{"id", "i"}}}, {"testOnly", {{"title", "t"}}}}).dump(),
          startListeningRequest({{"testOnly", {{"title", "t"}}}, {"channel", nullptr}}).dump()});
@@ -305,14 +303,14 @@ TEST(BridgeInput, ScopeNeedsExactlyOneCase) {
 
 TEST(BridgeInput, StateNeedsExactlyOneCase) {
     expectOneErrorEach(
-        {stateChanged(json::object()).dump(), stateChanged({{"online", json::object()}}).dump(),
-         stateChanged({{"connecting", json::object()}, {"disconnected", json::object()}}).dump()});
+        {stateChanged(Json::object()).dump(), stateChanged({{"online", Json::object()}}).dump(),
+         stateChanged({{"connecting", Json::object()}, {"disconnected", Json::object()}}).dump()});
 }
 
 TEST(BridgeInput, ScopeValuesMustBeAnObject) {
     expectOneErrorEach({startListeningRequest({{"conversation", nullptr}}).dump(),
                         startListeningRequest({{"conversation", "team-room"}}).dump(),
-                        startListeningRequest({{"thread", json::array()}}).dump(),
+                        startListeningRequest({{"thread", Json::array()}}).dump(),
                         startListeningRequest({{"testOnly", 1}}).dump()});
 }
 
@@ -333,7 +331,7 @@ TEST(BridgeInput, ScopeIgnoresUnknownMembersOutsideAndInside) {
         {{"channel", {{"id", "i"}, {"title", "t"}, {"note", 1}}}, {"note", nullptr}, {"connect", 1}}));
     EXPECT_EQ(process.finishAndTakeRest(), Lines{});
     EXPECT_EQ(process.readJson("runtime/worker-control.json")["activeScope"],
-              (json{{"kind", "channel"}, {"id", "i"}, {"title", "t"}}));
+              (Json{{"kind", "channel"}, {"id", "i"}, {"title", "t"}}));
 }
 
 TEST(BridgeInput, NullThreadTitleIsAnAbsentOne) {
@@ -343,7 +341,7 @@ TEST(BridgeInput, NullThreadTitleIsAnAbsentOne) {
         R"({"startListening":{"_0":{"platform":"whatsapp","scope":{"thread":{"id":"t","title":null}}}}})");
     EXPECT_EQ(process.finishAndTakeRest(), Lines{});
     EXPECT_EQ(process.readJson("runtime/worker-control.json")["activeScope"],
-              (json{{"kind", "thread"}, {"id", "t"}}));
+              (Json{{"kind", "thread"}, {"id", "t"}}));
 }
 
 TEST(BridgeInput, EmptyThreadTitleIsPresent) {
@@ -352,13 +350,13 @@ TEST(BridgeInput, EmptyThreadTitleIsPresent) {
     process.send(startListeningRequest(threadScope("t", "")));
     EXPECT_EQ(process.finishAndTakeRest(), Lines{});
     EXPECT_EQ(process.readJson("runtime/worker-control.json")["activeScope"],
-              (json{{"kind", "thread"}, {"id", "t"}, {"title", ""}}));
+              (Json{{"kind", "thread"}, {"id", "t"}, {"title", ""}}));
 }
 
 // What the backend reads: every field of every record.
 
 struct FieldCase {
-    json envelope;      ///< Holds the field.
+    Json envelope;      ///< Holds the field.
     std::string place;  ///< JSON pointer to the field.
 };
 
@@ -370,14 +368,14 @@ std::string nameOfField(const testing::TestParamInfo<FieldCase>& tested) {
     return nameOf(tested.param.place.substr(1));
 }
 
-json fullScope(const std::string& name) {
-    return name == "testOnly" ? json{{name, {{"title", "T"}}}} : json{{name, {{"id", "i"}, {"title", "T"}}}};
+Json fullScope(const std::string& name) {
+    return name == "testOnly" ? Json{{name, {{"title", "T"}}}} : Json{{name, {{"id", "i"}, {"title", "T"}}}};
 }
 
 std::vector<FieldCase> requiredFields() {
     std::vector<FieldCase> fields;
-    const auto add = [&](const json& envelope, std::initializer_list<const char*> places) {
-        const auto prefix = "/" + envelope.begin().key() + "/_0";
+    const auto add = [&](const Json& envelope, std::initializer_list<const char*> places) {
+        const auto prefix = "/" + envelope.firstName() + "/_0";
         for (const char* place : places) fields.push_back({envelope, prefix + place});
     };
     add(completeHello(), {"/platform", "/bridgeVersion"});
@@ -414,26 +412,26 @@ std::vector<FieldCase> optionalFields() {
              "/stateChanged/_0/state/connected/accountDisplayName"}};
 }
 
-json without(const FieldCase& field) {
-    json changed = field.envelope;
-    const json::json_pointer place(field.place);
-    changed[place.parent_pointer()].erase(place.back());
+Json without(const FieldCase& field) {
+    Json changed = field.envelope;
+    const auto slash = field.place.rfind('/');
+    changed.atPointer(field.place.substr(0, slash)).erase(field.place.substr(slash + 1));
     return changed;
 }
 
-json with(const FieldCase& field, const json& value) {
-    json changed = field.envelope;
-    changed[json::json_pointer(field.place)] = value;
+Json with(const FieldCase& field, const Json& value) {
+    Json changed = field.envelope;
+    changed.atPointer(field.place) = value;
     return changed;
 }
 
 /// The envelope with each value of another type than the field's in its place.
 Lines mistyped(const FieldCase& field) {
-    const auto& right = field.envelope[json::json_pointer(field.place)];
+    const auto& right = field.envelope.atPointer(field.place);
     Lines lines;
-    for (const json& wrong : {json("text"), json(7), json(1.5), json(true), json::array({1}),
-                              json(json::object()), json::array({json::object()}), json::array({"text"})}) {
-        const bool isRightType = wrong.type() == right.type() && !right.is_structured();
+    for (const Json& wrong : {Json("text"), Json(7), Json(1.5), Json(true), Json::array({1}),
+                              Json(Json::object()), Json::array({Json::object()}), Json::array({"text"})}) {
+        const bool isRightType = wrong.hasTypeOf(right) && !right.isStructured();
         if (!isRightType) lines.push_back(with(field, wrong).dump());
     }
     return lines;
@@ -482,17 +480,15 @@ TEST_P(BridgeOptionalField, OtherTypeIsAnError) {
 INSTANTIATE_TEST_SUITE_P(Field, BridgeOptionalField, testing::ValuesIn(optionalFields()), nameOfField);
 
 /// Adds an unknown member to every object of a document.
-void addUnknownMembers(json& value) {
-    for (auto& inner : value) {
-        if (inner.is_structured()) addUnknownMembers(inner);
-    }
-    if (value.is_object()) value["unknownMember"] = {{"nested", {1, "two", nullptr}}};
+void addUnknownMembers(Json& value) {
+    for (Json* inner : value.children()) addUnknownMembers(*inner);
+    if (value.isObject()) value["unknownMember"] = {{"nested", {1, "two", nullptr}}};
 }
 
-class BridgeEnvelopeCase : public testing::TestWithParam<json> {};
+class BridgeEnvelopeCase : public testing::TestWithParam<Json> {};
 
 TEST_P(BridgeEnvelopeCase, UnknownMembersAnywhereChangeNothing) {
-    json widened = GetParam();
+    Json widened = GetParam();
     addUnknownMembers(widened);
     EXPECT_EQ(repliesToEnvelope(widened).size(), repliesToEnvelope(GetParam()).size());
     for (const auto& reply : repliesToEnvelope(widened)) {
@@ -500,17 +496,18 @@ TEST_P(BridgeEnvelopeCase, UnknownMembersAnywhereChangeNothing) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Case, BridgeEnvelopeCase,
-    testing::Values(completeHello(), connectRequest(), disconnectRequest(),
-                    startListeningRequest(fullScope("conversation")),
-                    startListeningRequest(fullScope("channel")), startListeningRequest(fullScope("thread")),
-                    startListeningRequest(fullScope("testOnly")), stopListeningRequest(), completeSend(),
-                    completeInboundEvent(), stateChanged({{"connected", {{"accountDisplayName", "x"}}}}),
-                    stateChanged({{"error", {{"message", "x"}}}}), errorEnvelope()),
-    [](const testing::TestParamInfo<json>& tested) {
-        return "Number" + std::to_string(tested.index) + "_" + tested.param.begin().key();
-    });
+INSTANTIATE_TEST_SUITE_P(Case, BridgeEnvelopeCase,
+                         testing::Values(completeHello(), connectRequest(), disconnectRequest(),
+                                         startListeningRequest(fullScope("conversation")),
+                                         startListeningRequest(fullScope("channel")),
+                                         startListeningRequest(fullScope("thread")),
+                                         startListeningRequest(fullScope("testOnly")), stopListeningRequest(),
+                                         completeSend(), completeInboundEvent(),
+                                         stateChanged({{"connected", {{"accountDisplayName", "x"}}}}),
+                                         stateChanged({{"error", {{"message", "x"}}}}), errorEnvelope()),
+                         [](const testing::TestParamInfo<Json>& tested) {
+                             return "Number" + std::to_string(tested.index) + "_" + tested.param.firstName();
+                         });
 
 // Messages on their way to the worker.
 
@@ -519,7 +516,7 @@ TEST(BridgeMessage, FieldsAreCarriedAsTheyAre) {
     EXPECT_EQ(record["conversationId"], "team-room");
     EXPECT_EQ(record["text"], "On my way");
     EXPECT_EQ(record["replyToMessageId"], "m-17");
-    EXPECT_EQ(record["attachments"], json::array({completeAttachment()}));
+    EXPECT_EQ(record["attachments"], Json::array({completeAttachment()}));
 }
 
 TEST(BridgeMessage, AbsentReplyStaysAbsent) {
@@ -543,22 +540,22 @@ TEST(BridgeMessage, EmptyConversationAndTextArePresent) {
 }
 
 TEST(BridgeMessage, WithoutAttachmentsTheListIsEmpty) {
-    EXPECT_EQ(outboundRecordFor({{"conversationId", "c"}, {"text", "t"}})["attachments"], json::array());
+    EXPECT_EQ(outboundRecordFor({{"conversationId", "c"}, {"text", "t"}})["attachments"], Json::array());
 }
 
 TEST(BridgeMessage, NullAttachmentsAreAnEmptyList) {
     EXPECT_EQ(
         outboundRecordFor({{"conversationId", "c"}, {"text", "t"}, {"attachments", nullptr}})["attachments"],
-        json::array());
+        Json::array());
 }
 
-json attachmentsOf(const json& attachments) {
+Json attachmentsOf(const Json& attachments) {
     return outboundRecordFor(
         {{"conversationId", "c"}, {"text", "t"}, {"attachments", attachments}})["attachments"];
 }
 
 TEST(BridgeMessage, AttachmentsKeepTheirOrder) {
-    json attachments = json::array();
+    Json attachments = Json::array();
     for (int number = 0; number < 20; ++number) {
         attachments.push_back({{"kind", "file"},
                                {"fileName", "file-" + std::to_string(20 - number)},
@@ -568,43 +565,43 @@ TEST(BridgeMessage, AttachmentsKeepTheirOrder) {
 }
 
 TEST(BridgeMessage, UnknownMembersOfAttachmentsAreDropped) {
-    json widened = completeAttachment();
+    Json widened = completeAttachment();
     widened["size"] = 7;
     widened["thumbnail"] = {{"width", 1}};
-    EXPECT_EQ(attachmentsOf(json::array({widened})), json::array({completeAttachment()}));
+    EXPECT_EQ(attachmentsOf(Json::array({widened})), Json::array({completeAttachment()}));
 }
 
 TEST(BridgeMessage, NullMembersOfAttachmentsAreAbsent) {
-    const json attachment = {{"kind", "k"},       {"fileName", "f"},      {"mimeType", "m"},
+    const Json attachment = {{"kind", "k"},       {"fileName", "f"},      {"mimeType", "m"},
                              {"id", nullptr},     {"localPath", nullptr}, {"dataBase64", nullptr},
                              {"caption", nullptr}};
-    EXPECT_EQ(attachmentsOf(json::array({attachment})),
-              json::array({{{"kind", "k"}, {"fileName", "f"}, {"mimeType", "m"}}}));
+    EXPECT_EQ(attachmentsOf(Json::array({attachment})),
+              Json::array({{{"kind", "k"}, {"fileName", "f"}, {"mimeType", "m"}}}));
 }
 
 TEST(BridgeMessage, EmptyMembersOfAttachmentsArePresent) {
-    const json attachment = {{"kind", ""},      {"fileName", ""},   {"mimeType", ""}, {"id", ""},
+    const Json attachment = {{"kind", ""},      {"fileName", ""},   {"mimeType", ""}, {"id", ""},
                              {"localPath", ""}, {"dataBase64", ""}, {"caption", ""}};
-    EXPECT_EQ(attachmentsOf(json::array({attachment})), json::array({attachment}));
+    EXPECT_EQ(attachmentsOf(Json::array({attachment})), Json::array({attachment}));
 }
 
 TEST(BridgeMessage, AttachmentDataIsNotInspected) {
-    json attachment = completeAttachment();
+    Json attachment = completeAttachment();
     attachment["dataBase64"] = "this is / no Base64 \u00e9 !!! =A=";
-    EXPECT_EQ(attachmentsOf(json::array({attachment})), json::array({attachment}));
+    EXPECT_EQ(attachmentsOf(Json::array({attachment})), Json::array({attachment}));
 }
 
 TEST(BridgeMessage, AttachmentPathIsNotInspected) {
-    json attachment = completeAttachment();
+    Json attachment = completeAttachment();
     attachment["localPath"] = "no/such/../file\n";
-    EXPECT_EQ(attachmentsOf(json::array({attachment})), json::array({attachment}));
+    EXPECT_EQ(attachmentsOf(Json::array({attachment})), Json::array({attachment}));
 }
 
 TEST(BridgeMessage, AttachmentsMustBeObjects) {
-    for (const json& wrong : {json(nullptr), json("x"), json(1), json(json::array())}) {
+    for (const Json& wrong : {Json(nullptr), Json("x"), Json(1), Json(Json::array())}) {
         expectOneError(sendMessageRequest({{"conversationId", "c"},
                                            {"text", "t"},
-                                           {"attachments", json::array({completeAttachment(), wrong})}})
+                                           {"attachments", Json::array({completeAttachment(), wrong})}})
                            .dump());
     }
 }
@@ -613,7 +610,7 @@ TEST(BridgeMessage, RefusedMessageIsNotWritten) {
     BackendProcess process;
     process.greet();
     auto refused = completeSend();
-    refused["/sendMessage/_0/message/attachments/0"_json_pointer].erase("kind");
+    refused.atPointer("/sendMessage/_0/message/attachments/0").erase("kind");
     process.send(refused);
     errorMessageOf(process.nextLine());
     process.finish();

@@ -9,6 +9,7 @@
 
 #include "support/BackendProcess.h"
 #include "support/Executables.h"
+#include "support/Json.h"
 #include "support/QRPictures.h"
 #include "support/WorkerScript.h"
 
@@ -74,11 +75,11 @@ class ConsoleQRCodeTest : public testing::Test {
     }
 
     void publishState(const std::string& state) const {
-        const nlohmann::json status{{"state", state},
-                                    {"detail", "Tested."},
-                                    {"lastHeartbeatISO8601", "2026-01-05T09:30:00Z"},
-                                    {"supportsLiveCapture", true},
-                                    {"supportsOutbound", false}};
+        const Json status{{"state", state},
+                          {"detail", "Tested."},
+                          {"lastHeartbeatISO8601", "2026-01-05T09:30:00Z"},
+                          {"supportsLiveCapture", true},
+                          {"supportsOutbound", false}};
         writeFileAtomically(data_->path() / "runtime/worker-status.json", status.dump());
     }
 
@@ -172,7 +173,7 @@ TEST_F(ConsoleQRCodeTest, BareLinesNameTheFile) {
         return line.find("workerQRCodeFile") != std::string::npos;
     });
     ASSERT_NE(found, lines.end());
-    EXPECT_EQ(nlohmann::json::parse(*found), (nlohmann::json{{"workerQRCodeFile", codeFile().string()}}));
+    EXPECT_EQ(Json::parse(*found), (Json{{"workerQRCodeFile", codeFile().string()}}));
 }
 
 TEST_F(ConsoleQRCodeTest, SummaryTellsWhatWasDone) {

@@ -19,6 +19,7 @@
 
 #include "support/BackendProcess.h"
 #include "support/Executables.h"
+#include "support/Json.h"
 #include "support/QRPictures.h"
 #include "support/WorkerScript.h"
 
@@ -27,7 +28,6 @@ namespace {
 
 using namespace std::string_view_literals;
 namespace fs = std::filesystem;
-using nlohmann::json;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -368,7 +368,7 @@ TEST_F(ConsoleTest, JsonShowsBareLinesAndNothingElse) {
         startScript("expect stateChanged.disconnected\nconnect\nexpect stateChanged.connected\n", {"--json"});
     EXPECT_EQ(console.waitForExit(), exitedWith(0));
     std::vector<std::string> cases;
-    for (const auto& line : console.receivedLines()) cases.push_back(json::parse(line).begin().key());
+    for (const auto& line : console.receivedLines()) cases.push_back(Json::parse(line).firstName());
     EXPECT_THAT(cases, ElementsAre("hello", "stateChanged", "connect", "stateChanged", "stateChanged"));
     EXPECT_EQ(console.receivedLines()[2], R"({"connect":{"_0":{"platform":"whatsapp"}}})");
 }
@@ -438,7 +438,7 @@ TEST_F(ConsoleTest, SendCarriesReplyAndAttachments) {
     ASSERT_EQ(attachments.size(), 2U);
     EXPECT_EQ(attachments[0].at("kind"), "image");
     EXPECT_EQ(attachments[0].at("mimeType"), "image/png");
-    EXPECT_EQ(attachments[1], (json{{"dataBase64", "aGVsbG8="},
+    EXPECT_EQ(attachments[1], (Json{{"dataBase64", "aGVsbG8="},
                                     {"fileName", "note.txt"},
                                     {"kind", "document"},
                                     {"mimeType", "text/plain"}}));

@@ -15,6 +15,7 @@
 
 #include "support/BackendProcess.h"
 #include "support/Diagnostics.h"
+#include "support/Json.h"
 #include "support/Users.h"
 #include "support/WorkerScript.h"
 
@@ -22,7 +23,6 @@ namespace brindle::test {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 using namespace std::string_literals;
 
 /// The directories of a data directory in the order in which they are made.
@@ -69,8 +69,8 @@ fs::path makeDirectory(const fs::path& path, fs::perms mode) {
 /// Keys of a record file in the order in which they stand there.
 std::vector<std::string> keysInFile(const fs::path& file) {
     std::vector<std::string> keys;
-    const nlohmann::ordered_json document = nlohmann::ordered_json::parse(readFile(file));
-    for (const auto& item : document.items()) keys.push_back(item.key());
+    const Json document = Json::parse(readFile(file));
+    for (const auto& member : document.members()) keys.push_back(member.name);
     return keys;
 }
 
@@ -429,8 +429,8 @@ TEST(DataDirectory, EverythingWorksAgainOnceTheDirectoriesAreBack) {
     backend.waitForStandardError("failed to drain inbound directory: ");
     backend.waitForStandardError("failed to write worker control: ");
     for (const std::string& directory : directories_in_order) fs::create_directories(backend.path(directory));
-    backend.waitForRuntimeStatus([](const json& status) { return status["connectionState"] == "connected"; });
-    backend.waitForControl([](const json& control) { return control.contains("activeScope"); });
+    backend.waitForRuntimeStatus([](const Json& status) { return status["connectionState"] == "connected"; });
+    backend.waitForControl([](const Json& control) { return control.contains("activeScope"); });
     backend.writeInbound("m-1.json", inboundRecord("m-1", "back"));
     EXPECT_EQ(backend.nextEnvelope().at("inboundEvent").at("_0").at("event").at("text"), "back");
     backend.waitForEntries("processed", 1);
@@ -443,7 +443,7 @@ TEST(DataDirectory, EverythingWorksAgainOnceTheDirectoriesAreBack) {
 
 class RecordForm : public testing::Test {
   protected:
-    void sendMessage(const json& message) {
+    void sendMessage(const Json& message) {
         backend_.greet();
         backend_.send(sendMessageRequest(message));
         backend_.waitForEntries("outbound", 1);
@@ -451,20 +451,20 @@ class RecordForm : public testing::Test {
     fs::path outboundFile() const {
         return backend_.path("outbound") / namesIn(backend_.path("outbound")).front();
     }
-    json outboundRecord() const { return readJsonFile(outboundFile()); }
+    Json outboundRecord() const { return readJsonFile(outboundFile()); }
 
     BackendProcess backend_;
 };
 
 TEST_F(RecordForm, RuntimeStatusWithoutWorkerScopeOrConnection) {
     backend_.greet();
-    json status = backend_.waitForRuntimeStatus(
-        [](const json& found) { return found["workerDetail"].get<std::string>().ends_with("executable."); });
+    Json status = backend_.waitForRuntimeStatus(
+        [](const Json& found) { return found["workerDetail"].get<std::string>().ends_with("executable."); });
     EXPECT_TRUE(isTimestamp(status.at("updatedAtISO8601").get<std::string>()));
     status.erase("updatedAtISO8601");
     EXPECT_EQ(
         status,
-        (json{
+        (Json{
             {"platform", "whatsapp"},
             {"backendVersion", "managed-whatsapp-backend-3"},
             {"dataDirectoryPath", backend_.path().string()},
@@ -498,7 +498,7 @@ TEST_F(RecordForm, RecordFilesArePrettyPrinted) {
     for (const fs::path& file : {outboundFile(), backend_.path("runtime/runtime-status.json"),
                                  backend_.path("runtime/worker-control.json")}) {
         const std::string text = readFile(file);
-        const json document = json::parse(text);
+        const Json document = Json::parse(text);
         const auto line_feeds = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
         EXPECT_GT(line_feeds, document.size()) << text;
     }
@@ -518,21 +518,21 @@ TEST_F(RecordForm, SlashesAreEscaped) {
 
 TEST_F(RecordForm, OutboundRecordWithoutReplyAndAttachments) {
     sendMessage({{"conversationId", "team-room"}, {"text", "On my way"}});
-    json record = outboundRecord();
+    Json record = outboundRecord();
     EXPECT_TRUE(isCanonicalUuid(record.at("messageId").get<std::string>()));
     EXPECT_TRUE(isTimestamp(record.at("createdAtISO8601").get<std::string>()));
     EXPECT_EQ(outboundFile().filename().string(), record.at("messageId").get<std::string>() + ".json");
     record.erase("messageId");
     record.erase("createdAtISO8601");
     EXPECT_EQ(record,
-              (json{{"conversationId", "team-room"}, {"text", "On my way"}, {"attachments", json::array()}}));
+              (Json{{"conversationId", "team-room"}, {"text", "On my way"}, {"attachments", Json::array()}}));
 }
 
 TEST_F(RecordForm, NullReplyAndAttachmentsCountAsAbsent) {
     sendMessage(
         {{"conversationId", "c"}, {"text", "t"}, {"replyToMessageId", nullptr}, {"attachments", nullptr}});
     EXPECT_FALSE(outboundRecord().contains("replyToMessageId"));
-    EXPECT_EQ(outboundRecord().at("attachments"), json::array());
+    EXPECT_EQ(outboundRecord().at("attachments"), Json::array());
 }
 
 TEST_F(RecordForm, EmptyReplyCountsAsPresent) {
@@ -542,19 +542,19 @@ TEST_F(RecordForm, EmptyReplyCountsAsPresent) {
 }
 
 TEST_F(RecordForm, AttachmentsAreCarriedFieldByField) {
-    const json full = {{"id", "a-1"},
+    const Json full = {{"id", "a-1"},
                        {"kind", "image"},
                        {"fileName", "photo/1.png"},
                        {"mimeType", "image/png"},
                        {"localPath", "/nowhere/photo.png"},
                        {"dataBase64", "not inspected/=="},
                        {"caption", "\xE2\x98\x95"}};
-    const json bare = {{"kind", "file"}, {"fileName", ""}, {"mimeType", ""}};
-    json with_extras = bare;
-    with_extras["note"] = {{"any", json::array({1, nullptr})}};
+    const Json bare = {{"kind", "file"}, {"fileName", ""}, {"mimeType", ""}};
+    Json with_extras = bare;
+    with_extras["note"] = {{"any", Json::array({1, nullptr})}};
     with_extras["caption"] = nullptr;
     sendMessage({{"conversationId", "c"}, {"text", "t"}, {"attachments", {full, with_extras}}});
-    EXPECT_EQ(outboundRecord().at("attachments"), json::array({full, bare}));
+    EXPECT_EQ(outboundRecord().at("attachments"), Json::array({full, bare}));
 }
 
 TEST_F(RecordForm, TextIsCarriedExactly) {
@@ -572,10 +572,10 @@ TEST_F(RecordForm, NonAsciiTextIsWrittenAsUtf8) {
 
 TEST_F(RecordForm, ControlRecordWithoutScope) {
     backend_.greet();
-    json control = backend_.readJson("runtime/worker-control.json");
+    Json control = backend_.readJson("runtime/worker-control.json");
     EXPECT_TRUE(isTimestamp(control.at("updatedAtISO8601").get<std::string>()));
     control.erase("updatedAtISO8601");
-    EXPECT_EQ(control, (json{{"platform", "whatsapp"}}));
+    EXPECT_EQ(control, (Json{{"platform", "whatsapp"}}));
 }
 
 TEST_F(RecordForm, NoTemporaryFilesStayBehind) {
@@ -601,19 +601,19 @@ TEST_F(RecordForm, ReadersNeverSeeAPartOfARecord) {
     }
     backend_.sendRaw(requests);
     const std::string last = std::to_string(rounds - 1);
-    json control;
+    Json control;
     do {
         // readJson fails the test when the document is not whole.
         control = backend_.readJson("runtime/worker-control.json");
-        const json status = backend_.readJson("runtime/runtime-status.json");
+        const Json status = backend_.readJson("runtime/runtime-status.json");
         ASSERT_TRUE(status.contains("updatedAtISO8601"));
     } while (!control.contains("activeScope") || control["activeScope"]["id"] != last);
 }
 
 struct ScopeForm {
     std::string name;
-    json scope;
-    json control;
+    Json scope;
+    Json control;
     std::string description;
 };
 
@@ -627,8 +627,8 @@ TEST_P(ScopeRecord, StandsInControlAndStatus) {
     BackendProcess backend;
     backend.greet();
     backend.send(startListeningRequest(GetParam().scope));
-    const json control =
-        backend.waitForControl([](const json& found) { return found.contains("activeScope"); });
+    const Json control =
+        backend.waitForControl([](const Json& found) { return found.contains("activeScope"); });
     EXPECT_EQ(control.at("activeScope"), GetParam().control);
     EXPECT_EQ(control.at("platform"), "whatsapp");
     EXPECT_TRUE(isTimestamp(control.at("updatedAtISO8601").get<std::string>()));
@@ -687,7 +687,7 @@ TEST(ControlRecord, CarriesThePlatformOfTheCommandLine) {
 /// there.
 class OneInboundRecord {
   public:
-    explicit OneInboundRecord(const json& record) {
+    explicit OneInboundRecord(const Json& record) {
         backend_.connectAndListen();
         backend_.writeInbound("r.json", record);
         backend_.waitUntil(
@@ -700,10 +700,10 @@ class OneInboundRecord {
     }
     bool wasAccepted() const { return was_accepted_; }
     /// The one envelope that it led to.
-    json event() const {
+    Json event() const {
         if (lines_.size() != 1)
             throw TestFailure("expected one envelope, got " + std::to_string(lines_.size()));
-        return json::parse(lines_.front()).at("inboundEvent").at("_0").at("event");
+        return Json::parse(lines_.front()).at("inboundEvent").at("_0").at("event");
     }
     std::size_t envelopes() const { return lines_.size(); }
     std::string log() const { return backend_.standardError(); }
@@ -714,7 +714,7 @@ class OneInboundRecord {
     std::vector<std::string> lines_;
 };
 
-void expectRejected(const json& record) {
+void expectRejected(const Json& record) {
     const OneInboundRecord result(record);
     EXPECT_FALSE(result.wasAccepted()) << record;
     EXPECT_EQ(result.envelopes(), 0U) << record;
@@ -729,19 +729,19 @@ const std::vector<std::string> optional_inbound_keys = {"messageId", "timestampI
 class RequiredInboundKey : public testing::TestWithParam<std::string> {};
 
 TEST_P(RequiredInboundKey, RecordWithoutItIsRejectedWhole) {
-    json record = inboundRecord("m-1", "hi");
+    Json record = inboundRecord("m-1", "hi");
     record.erase(GetParam());
     expectRejected(record);
 }
 
 TEST_P(RequiredInboundKey, RecordWithNullThereIsRejectedWhole) {
-    json record = inboundRecord("m-1", "hi");
+    Json record = inboundRecord("m-1", "hi");
     record[GetParam()] = nullptr;
     expectRejected(record);
 }
 
 TEST_P(RequiredInboundKey, RecordWithANumberThereIsRejectedWhole) {
-    json record = inboundRecord("m-1", "hi");
+    Json record = inboundRecord("m-1", "hi");
     record[GetParam()] = 1;
     expectRejected(record);
 }
@@ -752,27 +752,27 @@ INSTANTIATE_TEST_SUITE_P(Each, RequiredInboundKey, testing::ValuesIn(required_in
 class OptionalInboundKey : public testing::TestWithParam<std::string> {};
 
 TEST_P(OptionalInboundKey, RecordWithoutItIsAccepted) {
-    json record = inboundRecord("m-1", "hi");
+    Json record = inboundRecord("m-1", "hi");
     record.erase(GetParam());
     EXPECT_TRUE(OneInboundRecord(record).wasAccepted());
 }
 
 TEST_P(OptionalInboundKey, NullThereCountsAsAbsent) {
-    json record = inboundRecord("m-1", "hi");
+    Json record = inboundRecord("m-1", "hi");
     record[GetParam()] = nullptr;
     const OneInboundRecord result(record);
     EXPECT_TRUE(result.wasAccepted());
-    EXPECT_TRUE(result.event().at(GetParam()).is_string());
+    EXPECT_TRUE(result.event().at(GetParam()).isString());
 }
 
 TEST_P(OptionalInboundKey, EmptyTextThereCountsAsPresent) {
-    json record = inboundRecord("m-1", "hi");
+    Json record = inboundRecord("m-1", "hi");
     record[GetParam()] = "";
     EXPECT_EQ(OneInboundRecord(record).event().at(GetParam()), "");
 }
 
 TEST_P(OptionalInboundKey, RecordWithANumberThereIsRejectedWhole) {
-    json record = inboundRecord("m-1", "hi");
+    Json record = inboundRecord("m-1", "hi");
     record[GetParam()] = 1;
     expectRejected(record);
 }
@@ -781,27 +781,27 @@ INSTANTIATE_TEST_SUITE_P(Each, OptionalInboundKey, testing::ValuesIn(optional_in
                          [](const auto& key) { return key.param; });
 
 TEST(InboundRecord, WithoutAnyOptionalKeyIsAccepted) {
-    json record = inboundRecord("m-1", "hi");
+    Json record = inboundRecord("m-1", "hi");
     for (const std::string& key : optional_inbound_keys) record.erase(key);
     EXPECT_TRUE(OneInboundRecord(record).wasAccepted());
 }
 
 TEST(InboundRecord, UnknownKeysAreIgnored) {
-    json record = inboundRecord("m-1", "hi");
-    record["note"] = {{"any", json::array({1.5, nullptr, "x"})}};
+    Json record = inboundRecord("m-1", "hi");
+    record["note"] = {{"any", Json::array({1.5, nullptr, "x"})}};
     const OneInboundRecord result(record);
     EXPECT_TRUE(result.wasAccepted());
     EXPECT_EQ(result.event(), inboundRecord("m-1", "hi"));
 }
 
 TEST(InboundRecord, BooleanGivenAsTextIsRejected) {
-    json record = inboundRecord("m-1", "hi");
+    Json record = inboundRecord("m-1", "hi");
     record["isDirectMessage"] = "true";
     expectRejected(record);
 }
 
 TEST(InboundRecord, ArrayIsRejected) {
-    expectRejected(json::array({inboundRecord("m-1", "hi")}));
+    expectRejected(Json::array({inboundRecord("m-1", "hi")}));
 }
 
 }  // namespace

@@ -16,13 +16,13 @@
 
 #include "support/BackendProcess.h"
 #include "support/Diagnostics.h"
+#include "support/Json.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 
 const std::string no_space = "No space left on device";
 
@@ -133,7 +133,7 @@ class DiskFull : public testing::Test {
     std::string errorOfSending(const std::string& text) {
         backend().send(sendMessageRequest({{"conversationId", "team-room"}, {"text", text}}));
         backend().send(disconnectRequest());  // Always answered by one envelope.
-        const json first = backend().nextEnvelope();
+        const Json first = backend().nextEnvelope();
         if (first.contains("stateChanged")) return {};
         EXPECT_TRUE(backend().nextEnvelope().contains("stateChanged"));
         return first.at("error").at("_0").at("message");
@@ -198,8 +198,8 @@ TEST_F(DiskFull, StatusAndControlAreWrittenAgainWhenSpaceReturns) {
     backend().send(startListeningRequest(conversationScope()));
     makeRoom();
     backend().waitForRuntimeStatus(
-        [](const json& status) { return status.contains("activeScopeDescription"); });
-    backend().waitForControl([](const json& control) { return control.contains("activeScope"); });
+        [](const Json& status) { return status.contains("activeScopeDescription"); });
+    backend().waitForControl([](const Json& control) { return control.contains("activeScope"); });
 }
 
 TEST_F(DiskFull, SendMessageIsAnsweredByAnErrorNamingPathAndReason) {

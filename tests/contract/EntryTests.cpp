@@ -2,7 +2,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 

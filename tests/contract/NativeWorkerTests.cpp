@@ -9,31 +9,31 @@
 
 #include "support/BackendProcess.h"
 #include "support/Executables.h"
+#include "support/Json.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-json outboundRecord(const std::string& messageId, const std::string& text,
+Json outboundRecord(const std::string& messageId, const std::string& text,
                     const std::string& createdAt = "2026-01-05T09:30:00Z") {
     return {{"messageId", messageId},
             {"conversationId", "team-room"},
             {"text", text},
             {"createdAtISO8601", createdAt},
-            {"attachments", json::array()}};
+            {"attachments", Json::array()}};
 }
 
-json controlRecord(const json& scope, const std::string& platform = "whatsapp") {
+Json controlRecord(const Json& scope, const std::string& platform = "whatsapp") {
     return {{"platform", platform}, {"activeScope", scope}, {"updatedAtISO8601", "2026-01-05T09:30:00Z"}};
 }
 
-json watchedChat() {
+Json watchedChat() {
     return {{"kind", "channel"}, {"id", "news"}, {"title", "News"}};
 }
 
@@ -45,7 +45,7 @@ BackendOptions optionsWithNativeWorker() {
 }
 
 auto workerStateIs(const std::string& state) {
-    return [state](const json& status) { return status.at("workerState") == state; };
+    return [state](const Json& status) { return status.at("workerState") == state; };
 }
 
 /// Worker and backend together.
@@ -55,7 +55,7 @@ class NativeWorkerBehindBackendTest : public testing::Test {
         return static_cast<pid_t>(std::stol(readFile(backend_.waitForFile("runtime/worker.pid"))));
     }
 
-    json sendAndReceive(const std::string& text) {
+    Json sendAndReceive(const std::string& text) {
         backend_.send(sendMessageRequest({{"conversationId", "team-room"}, {"text", text}}));
         return backend_.nextEnvelope().at("inboundEvent").at("_0").at("event");
     }
@@ -113,7 +113,7 @@ TEST_F(NativeWorkerBehindBackendTest, KeepsItsHeartbeatFresh) {
     const auto first =
         backend_.waitForRuntimeStatus(workerStateIs("linked")).at("workerLastHeartbeatISO8601");
     backend_.waitForRuntimeStatus(
-        [&](const json& status) { return status.value("workerLastHeartbeatISO8601", first) != first; });
+        [&](const Json& status) { return status.value("workerLastHeartbeatISO8601", first) != first; });
 }
 
 TEST_F(NativeWorkerBehindBackendTest, WritesItsProcessIdInPlainDigits) {
@@ -165,7 +165,7 @@ class NativeWorkerTest : public testing::Test {
     }
 
     fs::path path(const fs::path& relative) const { return data_->path() / relative; }
-    void write(const fs::path& relative, const json& document) const {
+    void write(const fs::path& relative, const Json& document) const {
         writeFileAtomically(path(relative), document.dump());
     }
     void leaveOutbound(const std::string& messageId, const std::string& text) const {
@@ -184,7 +184,7 @@ TEST_F(NativeWorkerTest, WritesAnEchoWithEveryField) {
     auto echo = worker.readJson("inbound/echo-A.json");
     EXPECT_TRUE(isTimestamp(echo.at("timestampISO8601").get<std::string>()));
     echo.erase("timestampISO8601");
-    EXPECT_EQ(echo, (json{{"conversationId", "news"},
+    EXPECT_EQ(echo, (Json{{"conversationId", "news"},
                           {"conversationTitle", "News"},
                           {"isDirectMessage", false},
                           {"messageId", "echo-A"},

@@ -15,6 +15,7 @@
 #include "support/BackendProcess.h"
 #include "support/Diagnostics.h"
 #include "support/Executables.h"
+#include "support/Json.h"
 #include "support/Users.h"
 #include "support/WorkerScript.h"
 #include "system/Descriptor.h"
@@ -23,7 +24,6 @@ namespace brindle::test {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 
 const std::string rejected_prefix = "[ManagedWhatsAppBackend] rejected inbound event at ";
 const std::string drain_failure_prefix = "[ManagedWhatsAppBackend] failed to drain inbound directory: ";
@@ -31,7 +31,7 @@ const std::string worker_status_failure_prefix = "[ManagedWhatsAppBackend] faile
 const std::string parent_gone_line =
     "[ManagedWhatsAppBackend] bridge service parent is no longer alive; stopping the managed backend and worker.\n";
 
-json eventOf(const json& envelope) {
+Json eventOf(const Json& envelope) {
     return envelope.at("inboundEvent").at("_0").at("event");
 }
 
@@ -44,14 +44,14 @@ std::vector<std::string> messageIdsUpToHere(BackendProcess& backend) {
     backend.send(std::string("{"));
     std::vector<std::string> ids;
     for (;;) {
-        const json envelope = backend.nextEnvelope();
+        const Json envelope = backend.nextEnvelope();
         if (envelope.contains("error")) return ids;
         if (envelope.contains("inboundEvent")) ids.push_back(eventOf(envelope).at("messageId"));
     }
 }
 
-json recordOf(const std::string& id, const std::string& conversation_id, const std::string& title) {
-    json record = inboundRecord(id, "text of " + id);
+Json recordOf(const std::string& id, const std::string& conversation_id, const std::string& title) {
+    Json record = inboundRecord(id, "text of " + id);
     record["conversationId"] = conversation_id;
     record["conversationTitle"] = title;
     return record;
@@ -90,7 +90,7 @@ void waitForSomeDrains(const BackendProcess& backend) {
 TEST(InboundDelivery, RecordThatComesWhileListeningIsDeliveredAndProcessed) {
     BackendProcess backend;
     backend.connectAndListen();
-    const json record = inboundRecord("m-1", "hello");
+    const Json record = inboundRecord("m-1", "hello");
     backend.writeInbound("m-1.json", record);
     EXPECT_EQ(eventOf(backend.nextEnvelope()), record);
     EXPECT_EQ(backend.waitForEntries("processed", 1), std::vector<std::string>{"m-1.json"});
@@ -154,12 +154,12 @@ TEST(InboundDelivery, DirectoriesBelowInboundAreNotEntered) {
 TEST(InboundDelivery, AbsentTextsAreSubstituted) {
     BackendProcess backend;
     backend.connectAndListen();
-    json record = inboundRecord("ignored", "hello");
+    Json record = inboundRecord("ignored", "hello");
     record.erase("messageId");
     record.erase("timestampISO8601");
     record.erase("rawReference");
     backend.writeInbound("m1.json", record);
-    json event = eventOf(backend.nextEnvelope());
+    Json event = eventOf(backend.nextEnvelope());
     EXPECT_TRUE(isCanonicalUuid(event.at("messageId").get<std::string>())) << event;
     EXPECT_TRUE(isTimestamp(event.at("timestampISO8601").get<std::string>())) << event;
     EXPECT_EQ(event.at("rawReference"), "m1.json");
@@ -170,7 +170,7 @@ TEST(InboundDelivery, AbsentTextsAreSubstituted) {
 TEST(InboundDelivery, EverySubstitutedMessageIdIsFresh) {
     BackendProcess backend;
     backend.connectAndListen();
-    json record = inboundRecord("ignored", "hello");
+    Json record = inboundRecord("ignored", "hello");
     record.erase("messageId");
     backend.writeInbound("a.json", record);
     backend.writeInbound("b.json", record);
@@ -181,7 +181,7 @@ TEST(InboundDelivery, EverySubstitutedMessageIdIsFresh) {
 TEST(InboundDelivery, EmptyTextsCountAsPresent) {
     BackendProcess backend;
     backend.connectAndListen();
-    json record = inboundRecord("", "");
+    Json record = inboundRecord("", "");
     record["timestampISO8601"] = "";
     record["rawReference"] = "";
     record["senderId"] = "";
@@ -193,7 +193,7 @@ TEST(InboundDelivery, EmptyTextsCountAsPresent) {
 TEST(InboundDelivery, TextsArriveUnchanged) {
     BackendProcess backend;
     backend.connectAndListen();
-    json record = inboundRecord("../m/1", "a/b \"q\" \\ \n\t e\xCC\x81 \xF0\x9F\x98\x80");
+    Json record = inboundRecord("../m/1", "a/b \"q\" \\ \n\t e\xCC\x81 \xF0\x9F\x98\x80");
     record["timestampISO8601"] = "not inspected";
     record["isDirectMessage"] = true;
     backend.writeInbound("m1.json", record);
@@ -303,8 +303,8 @@ TEST(InboundDelivery, UndecodableFilesAreNotTouchedBeforeListening) {
 
 struct FilterCase {
     std::string name;
-    json scope;
-    json record;
+    Json scope;
+    Json record;
     bool belongs;
 };
 
@@ -708,8 +708,8 @@ TEST(RuntimeStatus, IsRewrittenWithoutAnyRequest) {
     BackendProcess backend;
     backend.greet();
     const std::string first = backend.readJson("runtime/runtime-status.json").at("updatedAtISO8601");
-    backend.waitForRuntimeStatus([&](const json& status) { return status["updatedAtISO8601"] > first; });
-    backend.waitForControl([&](const json& control) { return control["updatedAtISO8601"] > first; });
+    backend.waitForRuntimeStatus([&](const Json& status) { return status["updatedAtISO8601"] > first; });
+    backend.waitForControl([&](const Json& control) { return control["updatedAtISO8601"] > first; });
 }
 
 TEST(RuntimeStatus, RemovedFilesComeBackWithTheNextTick) {
@@ -728,11 +728,11 @@ TEST(RuntimeStatus, CopiesTheWorkerStatusAsItStands) {
 "supportsOutbound":false,"unknown":[1,null]}'
 stay)");
     BackendProcess backend(optionsWithWorker(worker.path()));
-    json status = backend.waitForRuntimeStatus(
-        [](const json& found) { return found["workerState"] == "a word of its own"; });
+    Json status = backend.waitForRuntimeStatus(
+        [](const Json& found) { return found["workerState"] == "a word of its own"; });
     EXPECT_TRUE(isTimestamp(status.at("updatedAtISO8601").get<std::string>()));
     status.erase("updatedAtISO8601");
-    EXPECT_EQ(status, (json{{"platform", "whatsapp"},
+    EXPECT_EQ(status, (Json{{"platform", "whatsapp"},
                             {"backendVersion", "managed-whatsapp-backend-3"},
                             {"dataDirectoryPath", backend.path().string()},
                             {"connectionState", "disconnected"},
@@ -752,8 +752,8 @@ TEST(RuntimeStatus, AbsentTextsOfTheWorkerStayAbsent) {
         R"(publish worker-status.json '{"state":"linked","detail":null,"supportsLiveCapture":false,"supportsOutbound":true}'
 stay)");
     BackendProcess backend(optionsWithWorker(worker.path()));
-    const json status =
-        backend.waitForRuntimeStatus([](const json& found) { return found["workerState"] == "linked"; });
+    const Json status =
+        backend.waitForRuntimeStatus([](const Json& found) { return found["workerState"] == "linked"; });
     for (const char* key :
          {"workerDetail", "workerDisplayName", "workerLastHeartbeatISO8601", "workerContactQRLink"}) {
         EXPECT_FALSE(status.contains(key)) << key;
@@ -766,8 +766,8 @@ TEST(RuntimeStatus, EmptyTextsOfTheWorkerCountAsPresent) {
         R"(publish worker-status.json '{"state":"","detail":"","displayName":"","supportsLiveCapture":false,"supportsOutbound":false}'
 stay)");
     BackendProcess backend(optionsWithWorker(worker.path()));
-    const json status =
-        backend.waitForRuntimeStatus([](const json& found) { return found["workerState"] == ""; });
+    const Json status =
+        backend.waitForRuntimeStatus([](const Json& found) { return found["workerState"] == ""; });
     EXPECT_EQ(status.at("workerDetail"), "");
     EXPECT_EQ(status.at("workerDisplayName"), "");
 }
@@ -781,11 +781,11 @@ await vanish
 rm "$BRINDLE_MANAGED_BRIDGE_DATA_DIR/runtime/worker-status.json"
 stay)");
     BackendProcess backend(optionsWithWorker(worker.path()));
-    backend.waitForRuntimeStatus([](const json& status) { return status["workerState"] == "starting"; });
+    backend.waitForRuntimeStatus([](const Json& status) { return status["workerState"] == "starting"; });
     worker.allow("next");
-    backend.waitForRuntimeStatus([](const json& status) { return status["workerState"] == "linked"; });
+    backend.waitForRuntimeStatus([](const Json& status) { return status["workerState"] == "linked"; });
     worker.allow("vanish");
-    backend.waitForRuntimeStatus([](const json& status) { return status["workerState"] == "launching"; });
+    backend.waitForRuntimeStatus([](const Json& status) { return status["workerState"] == "launching"; });
     EXPECT_EQ(backend.standardError(), "");
 }
 
@@ -800,7 +800,7 @@ TEST_P(UndecodableWorkerStatus, IsLoggedAndTheBackendsOwnStateIsPublished) {
     const std::string log = backend.waitForStandardError(worker_status_failure_prefix);
     EXPECT_TRUE(log.starts_with(worker_status_failure_prefix)) << log;
     backend.waitForStatusWrites(1);
-    const json status = backend.readJson("runtime/runtime-status.json");
+    const Json status = backend.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status.at("workerState"), "launching");
     EXPECT_EQ(status.at("workerDetail"),
               "Managed WhatsApp worker launched at " + worker.path().string() + ".");
@@ -864,7 +864,7 @@ TEST(RuntimeStatus, ThatCannotBeWrittenIsLoggedAndControlIsStillWritten) {
     const std::string log = backend.waitForStandardError(status_failure_prefix);
     EXPECT_NE(log.find(backend.path("runtime/runtime-status.json").string()), std::string::npos) << log;
     backend.send(startListeningRequest(conversationScope()));
-    backend.waitForControl([](const json& control) { return control.contains("activeScope"); });
+    backend.waitForControl([](const Json& control) { return control.contains("activeScope"); });
     EXPECT_TRUE(linesWith(backend, control_failure_prefix).empty()) << backend.standardError();
     backend.finish();
     EXPECT_EQ(backend.waitForExit(), exitedWith(0));
@@ -911,8 +911,8 @@ TEST(ControlFile, CarriesTheScopeEvenWhileDisconnected) {
     BackendProcess backend;
     backend.greet();
     backend.send(startListeningRequest(conversationScope()));
-    const json control =
-        backend.waitForControl([](const json& found) { return found.contains("activeScope"); });
+    const Json control =
+        backend.waitForControl([](const Json& found) { return found.contains("activeScope"); });
     EXPECT_EQ(control.at("activeScope").at("title"), "Team Room");
     EXPECT_EQ(backend.readJson("runtime/runtime-status.json").at("connectionState"), "disconnected");
 }
@@ -948,7 +948,7 @@ TEST(ParentMonitor, DeathOfTheParentStopsTheWorkerAndPublishesThat) {
     backend->killIntermediateParent();
     EXPECT_EQ(backend->waitForExit(), exitedWith(0));
     waitUntil([&] { return !processIsRunning(pid); }, "the end of the worker");
-    const json status = backend->readJson("runtime/runtime-status.json");
+    const Json status = backend->readJson("runtime/runtime-status.json");
     EXPECT_EQ(status.at("workerState"), "stopped");
     EXPECT_EQ(status.at("workerDetail"), "Managed WhatsApp worker stopped.");
     EXPECT_EQ(status.at("workerProcessRunning"), false);
@@ -961,7 +961,7 @@ TEST(ParentMonitor, DeathOfTheParentRemovesTheFilesOfTheWorker) {
 publish worker-status.json '{"state":"linked","supportsLiveCapture":true,"supportsOutbound":true}'
 stay)");
     const auto backend = BackendProcess::startUnderIntermediateParent(optionsWithWorker(worker.path()));
-    backend->waitForRuntimeStatus([](const json& status) { return status["workerState"] == "linked"; });
+    backend->waitForRuntimeStatus([](const Json& status) { return status["workerState"] == "linked"; });
     backend->killIntermediateParent();
     EXPECT_EQ(backend->waitForExit(), exitedWith(0));
     EXPECT_FALSE(fs::exists(backend->path("runtime/worker-status.json")));

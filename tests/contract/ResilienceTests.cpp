@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Json.h"
 #include "support/Sanitizers.h"
 #include "support/WorkerScript.h"
 
@@ -14,9 +15,8 @@ namespace brindle::test {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 
-json recordWithText(const std::string& text) {
+Json recordWithText(const std::string& text) {
     return {{"conversationId", "room"},
             {"conversationTitle", "Room"},
             {"senderId", "s"},
@@ -89,7 +89,7 @@ TEST(Resilience, EndOfInputDuringALongDeliveryLosesNothing) {
     const auto lines = backend.finishAndTakeRest();
     std::size_t events = 0;
     for (const auto& line : lines) {
-        if (json::parse(line).contains("inboundEvent")) ++events;
+        if (Json::parse(line).contains("inboundEvent")) ++events;
     }
     EXPECT_GT(events, 0U);
     EXPECT_EQ(entriesIn(backend.path("processed")), events);
@@ -155,7 +155,7 @@ TEST(Resilience, PlatformThatIsNotUtf8IsServedUnderTheNameThatHelloAnnounces) {
     const std::string announced = hello["hello"]["_0"]["platform"];
     EXPECT_EQ(announced, "\xEF\xBF\xBD");
     backend.nextEnvelope();
-    backend.send(json{{"connect", {{"_0", {{"platform", announced}}}}}});
+    backend.send(Json{{"connect", {{"_0", {{"platform", announced}}}}}});
     EXPECT_TRUE(backend.nextEnvelope()["stateChanged"]["_0"]["state"].contains("connecting"));
     backend.finish();
 }

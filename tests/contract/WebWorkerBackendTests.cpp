@@ -11,6 +11,7 @@
 
 #include "support/DrivenPage.h"
 #include "support/Executables.h"
+#include "support/Json.h"
 #include "support/Processes.h"
 #include "support/TestDisplay.h"
 #include "support/WebWorkerProcess.h"
@@ -20,7 +21,6 @@ namespace brindle::test {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -58,9 +58,9 @@ class WebWorkerRoad : public WebWorkerTest {
     DrivenPage& page() { return *page_; }
     BackendProcess& backend() { return *backend_; }
 
-    json waitForWorkerState(const std::string& state) {
+    Json waitForWorkerState(const std::string& state) {
         return backend_->waitForRuntimeStatus(
-            [&](const json& status) { return status["workerState"] == state; });
+            [&](const Json& status) { return status["workerState"] == state; });
     }
     /// The backend, its worker and the engine, once the page runs.
     std::vector<pid_t> tree() {
@@ -112,7 +112,7 @@ TEST_F(WebWorkerRoad, TheRuntimeStatusShowsTheWorkers) {
 TEST_F(WebWorkerRoad, TheParentsChangeOfScopeMovesTheWatch) {
     listen("team-room", "Team Room");
     backend().send(startListeningRequest(conversationScope("family", "Family")));
-    backend().waitForRuntimeStatus([](const json& status) {
+    backend().waitForRuntimeStatus([](const Json& status) {
         return status["workerDetail"].get<std::string>().find("Watching chat 'Family'") == 0;
     });
     page().run("client.receive('Family', { id: 'm1', sender: 'Bob', text: 'dinner?' })");
@@ -124,7 +124,7 @@ TEST_F(WebWorkerRoad, TheParentsChangeOfScopeMovesTheWatch) {
 TEST_F(WebWorkerRoad, StopListeningEndsTheWatch) {
     listen("team-room", "Team Room");
     backend().send(stopListeningRequest());
-    backend().waitForRuntimeStatus([](const json& status) {
+    backend().waitForRuntimeStatus([](const Json& status) {
         return status["workerDetail"] ==
                "Linked to WhatsApp Web. Select a watched chat title to start live listening.";
     });
@@ -189,7 +189,7 @@ TEST_F(WebWorkerTrouble, AMissingDisplayIsShownAsAnExitWithTheReason) {
     const auto text = backend.waitForStandardError("needs a display");
     EXPECT_THAT(text, HasSubstr("Xvfb"));
     const auto status = backend.waitForRuntimeStatus(
-        [](const json& candidate) { return candidate["workerState"] == "exited"; });
+        [](const Json& candidate) { return candidate["workerState"] == "exited"; });
     EXPECT_EQ(status["workerProcessRunning"], false);
     backend.greet();
     backend.send(connectRequest());

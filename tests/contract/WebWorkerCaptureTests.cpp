@@ -8,13 +8,13 @@
 #include <vector>
 
 #include "support/DrivenPage.h"
+#include "support/Json.h"
 #include "support/WebWorkerProcess.h"
 #include "support/WebWorkerTest.h"
 
 namespace brindle::test {
 namespace {
 
-using nlohmann::json;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
@@ -35,7 +35,7 @@ class WebWorkerCapture : public WebWorkerTest {
     DrivenPage& page() { return *page_; }
     WebWorkerProcess& worker() { return *worker_; }
     /// Lets a message arrive in a chat of the page.
-    void receive(const std::string& title, const json& message) {
+    void receive(const std::string& title, const Json& message) {
         page_->run("client.receive(" + scriptString(title) + ", " + message.dump() + ")");
     }
 
@@ -54,7 +54,7 @@ TEST_F(WebWorkerCapture, AMessageBecomesARecordWithTheseFieldsAndNoOthers) {
     auto rest = record;
     rest.erase("messageId");
     rest.erase("timestampISO8601");
-    EXPECT_EQ(rest, (json{{"conversationId", "team-room-id"},
+    EXPECT_EQ(rest, (Json{{"conversationId", "team-room-id"},
                           {"conversationTitle", "Team Room"},
                           {"senderId", "ann-lee"},
                           {"senderDisplayName", "Ann Lee"},

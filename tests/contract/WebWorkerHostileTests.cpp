@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/DrivenPage.h"
+#include "support/Json.h"
 #include "support/Units.h"
 #include "support/WebWorkerProcess.h"
 #include "support/WebWorkerTest.h"
@@ -16,7 +17,6 @@ namespace brindle::test {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 using testing::ElementsAre;
 
 /// Everything below the worker's place but what the engine keeps for itself, as relative paths.
@@ -81,14 +81,14 @@ class WebWorkerHostile : public WebWorkerTest {
             [&] {
                 const auto all = records();
                 return std::any_of(all.begin(), all.end(),
-                                   [](const json& record) { return record["text"] == "sane again"; });
+                                   [](const Json& record) { return record["text"] == "sane again"; });
             },
             "a message after all that");
     }
 
     /// The records that have come so far.
-    std::vector<json> records() {
-        std::vector<json> records;
+    std::vector<Json> records() {
+        std::vector<Json> records;
         for (const auto& name : namesIn(worker_->path("inbound"))) {
             if (!name.starts_with(".")) records.push_back(readJsonFile(worker_->path("inbound") / name));
         }
@@ -165,7 +165,7 @@ TEST_F(WebWorkerHostile, PathsInNamesAndReferencesLeadNowhere) {
 TEST_F(WebWorkerHostile, AGiantTextIsDeliveredWhole) {
     worker().watchUntilOpen("Team Room");
     page().run("client.receive('Team Room', { id: 'm1', sender: 'Ann', text: 'x'.repeat(5 * 1024 * 1024) })");
-    EXPECT_EQ(worker().waitForRecords(1).front()["text"].get_ref<const std::string&>().size(), 5 * mebibyte);
+    EXPECT_EQ(worker().waitForRecords(1).front()["text"].text().size(), 5 * mebibyte);
     expectNoHarm();
     expectCapture();
 }
@@ -202,7 +202,7 @@ TEST_F(WebWorkerHostile, TenThousandMessagesAtOnceAreCutToTheNewest) {
     const auto texts = records();
     EXPECT_LE(texts.size(), 200U);
     EXPECT_TRUE(
-        std::any_of(texts.begin(), texts.end(), [](const json& r) { return r["text"] == "no 9999"; }));
+        std::any_of(texts.begin(), texts.end(), [](const Json& r) { return r["text"] == "no 9999"; }));
     expectNoHarm();
 }
 

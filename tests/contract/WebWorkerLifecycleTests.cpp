@@ -17,6 +17,7 @@
 
 #include "support/DrivenPage.h"
 #include "support/Executables.h"
+#include "support/Json.h"
 #include "support/Processes.h"
 #include "support/WebWorkerProcess.h"
 #include "support/WebWorkerTest.h"
@@ -70,7 +71,7 @@ TEST_F(WebWorkerLifecycle, EveryStatusSaysWhatTheWorkerCanAndWhenItWasWritten) {
         EXPECT_TRUE(isTimestamp(status["lastHeartbeatISO8601"].get<std::string>())) << status;
         EXPECT_EQ(status.contains("displayName"), index == linked) << status;
         for (const char* key : {"lastHeartbeatISO8601", "state", "detail", "displayName"}) status.erase(key);
-        EXPECT_EQ(status, (nlohmann::json{{"supportsLiveCapture", true}, {"supportsOutbound", false}}));
+        EXPECT_EQ(status, (Json{{"supportsLiveCapture", true}, {"supportsOutbound", false}}));
     }
     EXPECT_EQ(statuses[linked]["displayName"], "WhatsApp Web");
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/DrivenPage.h"
+#include "support/Json.h"
 #include "support/WebWorkerProcess.h"
 #include "support/WebWorkerTest.h"
 
@@ -106,8 +107,8 @@ TEST_F(WebWorkerPage, AnHTMLFileFindsItsNeighbours) {
 }
 
 /// The seconds from one status to another by the times written into them.
-long secondsBetween(const nlohmann::json& earlier, const nlohmann::json& later) {
-    const auto timeOf = [](const nlohmann::json& status) {
+long secondsBetween(const Json& earlier, const Json& later) {
+    const auto timeOf = [](const Json& status) {
         std::tm parts{};
         const auto text = status["lastHeartbeatISO8601"].get<std::string>();
         if (::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts) == nullptr) throw TestFailure(text);

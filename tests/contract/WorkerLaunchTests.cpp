@@ -10,13 +10,13 @@
 #include "support/BackendProcess.h"
 #include "support/Diagnostics.h"
 #include "support/Executables.h"
+#include "support/Json.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 
 const std::string native_worker_name = "BrindleManagedWhatsAppNativeWorker";
 
@@ -57,7 +57,7 @@ class WorkerChoice : public testing::Test {
     /// The launch description of the worker that was chosen; empty when none was.
     std::string choice() {
         start().greet();
-        const json status = backend().readJson("runtime/runtime-status.json");
+        const Json status = backend().readJson("runtime/runtime-status.json");
         if (!status.contains("workerConfiguredExecutablePath")) {
             EXPECT_EQ(status.at("workerState"), "not_configured");
             EXPECT_EQ(status.at("workerDetail"), no_worker_detail);

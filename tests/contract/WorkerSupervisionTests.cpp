@@ -12,31 +12,31 @@
 
 #include "support/BackendProcess.h"
 #include "support/Diagnostics.h"
+#include "support/Json.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 
 const std::string log_prefix = "[ManagedWhatsAppBackend] ";
 const std::string relay_prefix = "[ManagedWhatsAppWorker] ";
 const std::string error_relay_prefix = "[ManagedWhatsAppWorker][stderr] ";
 
-json runtimeStatusOf(const BackendProcess& backend) {
+Json runtimeStatusOf(const BackendProcess& backend) {
     return backend.readJson("runtime/runtime-status.json");
 }
 
-bool hasState(const json& status, const std::string& word) {
+bool hasState(const Json& status, const std::string& word) {
     return status.at("workerState") == word;
 }
 
-json waitForState(const BackendProcess& backend, const std::string& word) {
-    return backend.waitForRuntimeStatus([&](const json& status) { return hasState(status, word); });
+Json waitForState(const BackendProcess& backend, const std::string& word) {
+    return backend.waitForRuntimeStatus([&](const Json& status) { return hasState(status, word); });
 }
 
-json expectedWorkerFields(const std::string& path, const std::string& state, const std::string& detail,
+Json expectedWorkerFields(const std::string& path, const std::string& state, const std::string& detail,
                           bool running) {
     return {{"workerConfiguredExecutablePath", path},
             {"workerState", state},
@@ -47,10 +47,10 @@ json expectedWorkerFields(const std::string& path, const std::string& state, con
 }
 
 /// The members of a runtime status that speak of the worker.
-json workerFieldsOf(const json& status) {
-    json fields = json::object();
-    for (const auto& item : status.items()) {
-        if (item.key().starts_with("worker")) fields[item.key()] = item.value();
+Json workerFieldsOf(const Json& status) {
+    Json fields = Json::object();
+    for (const auto& [name, value] : status.members()) {
+        if (name.starts_with("worker")) fields[name] = value;
     }
     return fields;
 }
@@ -116,7 +116,7 @@ TEST(WorkerSupervision, SuccessfulLaunchIsNotLogged) {
 TEST(WorkerSupervision, WithoutAWorkerTheStateIsNotConfiguredAndNothingIsLogged) {
     BackendProcess backend;
     backend.greet();
-    const json status = runtimeStatusOf(backend);
+    const Json status = runtimeStatusOf(backend);
     EXPECT_EQ(status.at("workerState"), "not_configured");
     EXPECT_EQ(status.at("workerDetail"), no_worker_detail);
     EXPECT_FALSE(status.contains("workerConfiguredExecutablePath"));
@@ -278,7 +278,7 @@ class LaunchFailure : public testing::TestWithParam<FailingLaunch> {
 TEST_P(LaunchFailure, IsPublishedAndLoggedWithTheReasonOfTheSystem) {
     BackendProcess backend(optionsWithWorker(worker_));
     backend.greet();
-    const json status = runtimeStatusOf(backend);
+    const Json status = runtimeStatusOf(backend);
     EXPECT_EQ(status.at("workerState"), "launch_failed");
     EXPECT_EQ(status.at("workerProcessRunning"), false);
     EXPECT_EQ(status.at("workerConfiguredExecutablePath"), worker_.string());
@@ -318,7 +318,7 @@ INSTANTIATE_TEST_SUITE_P(Reasons, LaunchFailure,
 TEST(WorkerSupervision, EndedWorkerIsRecordedAsExitedWithItsStatus) {
     const WorkerScript worker("exit 3");
     BackendProcess backend(optionsWithWorker(worker.path()));
-    const json status = waitForState(backend, "exited");
+    const Json status = waitForState(backend, "exited");
     EXPECT_EQ(workerFieldsOf(status),
               expectedWorkerFields(worker.path().string(), "exited", exitDetail(3), false));
     waitForLoggedEnd(backend, 3);
@@ -365,7 +365,7 @@ TEST(WorkerSupervision, StatesOfAWorkerThatEndsAtOnceFollowEachOther) {
         const auto comesBefore = [&](const std::string& left, const std::string& right) {
             return std::find(order.begin(), order.end(), left) < std::find(order.begin(), order.end(), right);
         };
-        EXPECT_TRUE(std::is_sorted(states.begin(), states.end(), comesBefore)) << json(states);
+        EXPECT_TRUE(std::is_sorted(states.begin(), states.end(), comesBefore)) << Json(states);
         backend.greet();
         backend.waitForStatusWrites(1);
         EXPECT_EQ(workerFieldsOf(runtimeStatusOf(backend)),
@@ -396,7 +396,7 @@ TEST(WorkerSupervision, BackendStaysUpAndPublishesAfterTheEndOfItsWorker) {
     BackendProcess backend(optionsWithWorker(worker.path()));
     waitForState(backend, "exited");
     backend.connectAndListen();
-    backend.waitForRuntimeStatus([](const json& status) { return status["connectionState"] == "connected"; });
+    backend.waitForRuntimeStatus([](const Json& status) { return status["connectionState"] == "connected"; });
     backend.writeInbound("m-1.json", inboundRecord("m-1", "still delivered"));
     EXPECT_TRUE(backend.nextEnvelope().contains("inboundEvent"));
     EXPECT_TRUE(hasState(runtimeStatusOf(backend), "exited"));
@@ -621,7 +621,7 @@ TEST(WorkerStop, WithoutAWorkerTheStateIsNotConfiguredAgain) {
     BackendProcess backend;
     backend.greet();
     backend.finish();
-    const json status = runtimeStatusOf(backend);
+    const Json status = runtimeStatusOf(backend);
     EXPECT_EQ(status.at("workerState"), "not_configured");
     EXPECT_EQ(status.at("workerDetail"), "No managed WhatsApp worker configured.");
     EXPECT_FALSE(status.contains("workerConfiguredExecutablePath"));

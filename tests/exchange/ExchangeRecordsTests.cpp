@@ -7,6 +7,7 @@
 
 #include "records/DecodingFailure.h"
 #include "support/BackendProcess.h"
+#include "support/Json.h"
 #include "system/FileSystemFailure.h"
 
 namespace brindle {
@@ -205,7 +206,7 @@ class InboundFieldTests : public testing::TestWithParam<std::pair<const char*, b
 
 TEST_P(InboundFieldTests, OnlyWhatTheBackendCanSupplyMayBeLeftOut) {
     const auto& [name, optional] = GetParam();
-    auto document = nlohmann::json::parse(full_inbound);
+    auto document = test::Json::parse(full_inbound);
     document.erase(name);
     if (optional) {
         EXPECT_EQ(fileOf(decodedRecord<ManagedWhatsAppInboundRecord>(document.dump())).find(name),

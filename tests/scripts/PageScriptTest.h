@@ -4,19 +4,17 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "records/Json.h"
 #include "support/EnginePage.h"
+#include "support/Json.h"
 #include "worker/PageScriptRunner.h"
 #include "worker/PageScripts.h"
 
 namespace brindle::test {
-
-using Json = nlohmann::ordered_json;
 
 /// Where the capture script keeps its state in the page.
 inline const std::string state_name = "window.__brindleWhatsAppWorkerCaptureState";
@@ -65,7 +63,7 @@ class PageScriptTest : public testing::Test {
 
     static std::vector<std::string> keysOf(const Json& object) {
         std::vector<std::string> keys;
-        for (const auto& [key, value] : object.items()) keys.push_back(key);
+        for (const auto& [name, value] : object.members()) keys.push_back(name);
         return keys;
     }
 

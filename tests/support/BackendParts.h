@@ -1,6 +1,5 @@
 #pragma once
 
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -13,6 +12,7 @@
 #include "exchange/EnvironmentKeys.h"
 #include "support/BackendProcess.h"
 #include "support/FaultInjectingFileManager.h"
+#include "support/Json.h"
 #include "support/MemoryStreams.h"
 #include "support/TestClock.h"
 
@@ -27,10 +27,10 @@ inline std::vector<std::string> linesOf(const std::string& text) {
 }
 
 /// The message events among the envelopes of an output.
-inline std::vector<nlohmann::json> inboundEventsIn(const std::string& output) {
-    std::vector<nlohmann::json> events;
+inline std::vector<Json> inboundEventsIn(const std::string& output) {
+    std::vector<Json> events;
     for (const auto& line : linesOf(output)) {
-        const auto envelope = nlohmann::json::parse(line);
+        const auto envelope = Json::parse(line);
         if (envelope.contains("inboundEvent")) events.push_back(envelope["inboundEvent"]["_0"]["event"]);
     }
     return events;
@@ -47,8 +47,8 @@ struct BackendParts {
     void putInbound(const std::string& name, const std::string& content) const {
         test::writeFileAtomically(directory.inbound + "/" + name, content);
     }
-    nlohmann::json runtimeStatus() const { return readJsonFile(directory.runtimeStatusFile); }
-    nlohmann::json workerControl() const { return readJsonFile(directory.workerControlFile); }
+    Json runtimeStatus() const { return readJsonFile(directory.runtimeStatusFile); }
+    Json workerControl() const { return readJsonFile(directory.workerControlFile); }
 
     StatusPublisher::Uses forPublisher() {
         return {.platform = platform,
@@ -95,8 +95,8 @@ struct BackendParts {
 };
 
 /// An inbound record as a worker writes it.
-inline nlohmann::json inboundRecord(const std::string& messageId, const std::string& conversationId = "room",
-                                    const std::string& conversationTitle = "Room") {
+inline Json inboundRecord(const std::string& messageId, const std::string& conversationId = "room",
+                          const std::string& conversationTitle = "Room") {
     return {{"messageId", messageId},
             {"conversationId", conversationId},
             {"conversationTitle", conversationTitle},

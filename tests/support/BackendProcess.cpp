@@ -24,12 +24,12 @@
 #include <utility>
 
 #include "support/Executables.h"
+#include "support/Json.h"
 
 namespace brindle::test {
 
 namespace {
 
-using nlohmann::literals::operator""_json_pointer;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -225,7 +225,7 @@ bool matches(std::string_view text, std::string_view pattern) {
     return true;
 }
 
-nlohmann::json requestFor(const std::string& name, nlohmann::json payload, const std::string& platform) {
+Json requestFor(const std::string& name, Json payload, const std::string& platform) {
     payload["platform"] = platform;
     return {{name, {{"_0", std::move(payload)}}}};
 }
@@ -308,13 +308,12 @@ std::string readFile(const std::filesystem::path& file) {
     return content.str();
 }
 
-nlohmann::json readJsonFile(const std::filesystem::path& file) {
+Json readJsonFile(const std::filesystem::path& file) {
     const auto content = readFile(file);
-    auto document = nlohmann::json::parse(content, nullptr, false);
-    if (document.is_discarded()) {
+    if (!Json::accept(content)) {
         throw TestFailure(file.string() + " does not hold a JSON document: " + content);
     }
-    return document;
+    return Json::parse(content);
 }
 
 namespace {
@@ -564,7 +563,7 @@ void BackendProcess::send(std::string_view line) {
     sendRaw(std::string(line) + "\n");
 }
 
-void BackendProcess::send(const nlohmann::json& envelope) {
+void BackendProcess::send(const Json& envelope) {
     send(envelope.dump());
 }
 
@@ -621,11 +620,10 @@ std::string BackendProcess::nextLine(milliseconds timeout) {
     return line;
 }
 
-nlohmann::json BackendProcess::nextEnvelope(milliseconds timeout) {
+Json BackendProcess::nextEnvelope(milliseconds timeout) {
     const auto line = nextLine(timeout);
-    auto document = nlohmann::json::parse(line, nullptr, false);
-    if (document.is_discarded()) throw TestFailure("a line of standard output is not JSON: " + line);
-    return document;
+    if (!Json::accept(line)) throw TestFailure("a line of standard output is not JSON: " + line);
+    return Json::parse(line);
 }
 
 std::vector<std::string> BackendProcess::receivedLines() const {
@@ -765,7 +763,7 @@ std::filesystem::path BackendProcess::path(const std::filesystem::path& relative
     return relative.empty() ? options_.dataDirectory->path() : options_.dataDirectory->path() / relative;
 }
 
-nlohmann::json BackendProcess::readJson(const std::filesystem::path& relative) const {
+Json BackendProcess::readJson(const std::filesystem::path& relative) const {
     return readJsonFile(path(relative));
 }
 
@@ -786,8 +784,8 @@ std::vector<std::string> BackendProcess::waitForEntries(const std::filesystem::p
     return names;
 }
 
-nlohmann::json BackendProcess::waitForRuntimeStatus(const JsonPredicate& predicate) const {
-    nlohmann::json document;
+Json BackendProcess::waitForRuntimeStatus(const JsonPredicate& predicate) const {
+    Json document;
     waitUntil(
         [&] {
             if (!std::filesystem::exists(path("runtime/runtime-status.json"))) return false;
@@ -798,8 +796,8 @@ nlohmann::json BackendProcess::waitForRuntimeStatus(const JsonPredicate& predica
     return document;
 }
 
-nlohmann::json BackendProcess::waitForControl(const JsonPredicate& predicate) const {
-    nlohmann::json document;
+Json BackendProcess::waitForControl(const JsonPredicate& predicate) const {
+    Json document;
     waitUntil(
         [&] {
             if (!std::filesystem::exists(path("runtime/worker-control.json"))) return false;
@@ -819,7 +817,7 @@ void BackendProcess::waitForStatusWrites(int count) const {
     }
 }
 
-void BackendProcess::writeInbound(const std::string& name, const nlohmann::json& record) const {
+void BackendProcess::writeInbound(const std::string& name, const Json& record) const {
     writeInboundRaw(name, record.dump(2));
 }
 
@@ -833,14 +831,13 @@ void BackendProcess::greet() {
     const auto hello = nextEnvelope();
     if (!hello.contains("hello")) throw TestFailure("the first envelope is not hello: " + hello.dump());
     const auto state = nextEnvelope();
-    const nlohmann::json expected = {
-        {"stateChanged", {{"_0", {{"state", {{"disconnected", nlohmann::json::object()}}}}}}}};
+    const Json expected = {{"stateChanged", {{"_0", {{"state", {{"disconnected", Json::object()}}}}}}}};
     if (state != expected) throw TestFailure("the second envelope is not disconnected: " + state.dump());
 }
 
-void BackendProcess::connectAndListen(const nlohmann::json& scope) {
+void BackendProcess::connectAndListen(const Json& scope) {
     greet();
-    const std::string platform = nlohmann::json::parse(receivedLines().front())["hello"]["_0"]["platform"];
+    const std::string platform = Json::parse(receivedLines().front())["hello"]["_0"]["platform"];
     send(connectRequest(platform));
     for (const char* state : {"connecting", "connected"}) {
         const auto envelope = nextEnvelope();
@@ -849,9 +846,9 @@ void BackendProcess::connectAndListen(const nlohmann::json& scope) {
         }
     }
     send(startListeningRequest(scope, platform));
-    auto expected = scope.begin().value();
-    expected["kind"] = scope.begin().key();
-    waitForControl([&](const nlohmann::json& control) {
+    auto expected = scope.at(scope.firstName());
+    expected["kind"] = scope.firstName();
+    waitForControl([&](const Json& control) {
         return control.contains("activeScope") && control["activeScope"] == expected;
     });
 }
@@ -902,58 +899,58 @@ std::string BackendProcess::describe() const {
     return text.str();
 }
 
-nlohmann::json connectRequest(const std::string& platform) {
-    return requestFor("connect", nlohmann::json::object(), platform);
+Json connectRequest(const std::string& platform) {
+    return requestFor("connect", Json::object(), platform);
 }
 
-nlohmann::json disconnectRequest(const std::string& platform) {
-    return requestFor("disconnect", nlohmann::json::object(), platform);
+Json disconnectRequest(const std::string& platform) {
+    return requestFor("disconnect", Json::object(), platform);
 }
 
-nlohmann::json startListeningRequest(const nlohmann::json& scope, const std::string& platform) {
+Json startListeningRequest(const Json& scope, const std::string& platform) {
     return requestFor("startListening", {{"scope", scope}}, platform);
 }
 
-nlohmann::json stopListeningRequest(const std::string& platform) {
-    return requestFor("stopListening", nlohmann::json::object(), platform);
+Json stopListeningRequest(const std::string& platform) {
+    return requestFor("stopListening", Json::object(), platform);
 }
 
-nlohmann::json sendMessageRequest(const nlohmann::json& message, const std::string& platform) {
+Json sendMessageRequest(const Json& message, const std::string& platform) {
     return requestFor("sendMessage", {{"message", message}}, platform);
 }
 
-nlohmann::json teamRoomMessage(const std::string& text) {
+Json teamRoomMessage(const std::string& text) {
     return {{"conversationId", "team-room"}, {"text", text}};
 }
 
-nlohmann::json conversationScope(const std::string& id, const std::string& title) {
+Json conversationScope(const std::string& id, const std::string& title) {
     return {{"conversation", {{"id", id}, {"title", title}}}};
 }
 
-nlohmann::json channelScope(const std::string& id, const std::string& title) {
+Json channelScope(const std::string& id, const std::string& title) {
     return {{"channel", {{"id", id}, {"title", title}}}};
 }
 
-nlohmann::json threadScope(const std::string& id) {
+Json threadScope(const std::string& id) {
     return {{"thread", {{"id", id}}}};
 }
 
-nlohmann::json threadScope(const std::string& id, const std::string& title) {
+Json threadScope(const std::string& id, const std::string& title) {
     return {{"thread", {{"id", id}, {"title", title}}}};
 }
 
-nlohmann::json testOnlyScope(const std::string& title) {
+Json testOnlyScope(const std::string& title) {
     return {{"testOnly", {{"title", title}}}};
 }
 
 std::string errorMessageOf(const std::string& line) {
-    const auto envelope = nlohmann::json::parse(line, nullptr, false);
-    const auto place = "/error/_0/message"_json_pointer;
-    if (envelope.is_discarded() || !envelope.contains(place) || !envelope[place].is_string() ||
-        envelope != nlohmann::json{{"error", {{"_0", {{"message", envelope[place]}}}}}}) {
+    const Json envelope = Json::accept(line) ? Json::parse(line) : Json();
+    constexpr auto place = "/error/_0/message";
+    if (!envelope.containsPointer(place) || !envelope.atPointer(place).isString() ||
+        envelope != Json{{"error", {{"_0", {{"message", envelope.atPointer(place)}}}}}}) {
         throw TestFailure("not an error envelope: " + tail(line));
     }
-    auto message = envelope[place].get<std::string>();
+    auto message = envelope.atPointer(place).text();
     const auto holds = [&](std::string_view text) { return message.find(text) != std::string::npos; };
     const bool hasLineBreak = holds("\n") || holds("\r") || holds("\v") || holds("\f") || holds("\u0085") ||
                               holds("\u2028") || holds("\u2029");
@@ -964,15 +961,15 @@ std::string errorMessageOf(const std::string& line) {
 }
 
 std::string selfTestTitleOf(const std::string& line) {
-    const auto envelope = nlohmann::json::parse(line, nullptr, false);
-    const auto place = "/inboundEvent/_0/event/conversationTitle"_json_pointer;
-    if (envelope.is_discarded() || !envelope.contains(place) || !envelope[place].is_string()) {
+    const Json envelope = Json::accept(line) ? Json::parse(line) : Json();
+    constexpr auto place = "/inboundEvent/_0/event/conversationTitle";
+    if (!envelope.containsPointer(place) || !envelope.atPointer(place).isString()) {
         throw TestFailure("not a self-test event: " + tail(line));
     }
-    return envelope[place];
+    return envelope.atPointer(place);
 }
 
-nlohmann::json inboundRecord(const std::string& messageId, const std::string& text) {
+Json inboundRecord(const std::string& messageId, const std::string& text) {
     return {{"messageId", messageId},
             {"conversationId", "team-room"},
             {"conversationTitle", "Team Room"},

@@ -11,12 +11,13 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "support/Json.h"
 
 namespace brindle::test {
 
@@ -73,7 +74,7 @@ bool processIsRunning(pid_t pid);
 /// The whole content of a file; fails the test when it cannot be read.
 std::string readFile(const std::filesystem::path& file);
 /// The JSON document in a file; fails the test when there is none.
-nlohmann::json readJsonFile(const std::filesystem::path& file);
+Json readJsonFile(const std::filesystem::path& file);
 /// Writes through a hidden temporary file and a rename, so that no reader sees a part of it.
 void writeFileAtomically(const std::filesystem::path& file, std::string_view content);
 /// Writes an executable file in the same way, and returns its path.
@@ -136,7 +137,7 @@ struct BackendOptions {
 class BackendProcess {
   public:
     using Options = BackendOptions;
-    using JsonPredicate = std::function<bool(const nlohmann::json&)>;
+    using JsonPredicate = std::function<bool(const Json&)>;
 
     /// Starts the process.
     explicit BackendProcess(Options options = {});
@@ -160,7 +161,7 @@ class BackendProcess {
     void send(const std::string& line) { send(std::string_view(line)); }
     void send(const char* line) { send(std::string_view(line)); }
     /// Sends one envelope as a compact line.
-    void send(const nlohmann::json& envelope);
+    void send(const Json& envelope);
     /// Sends bytes as they stand; fails the test when the process does not take them in time.
     void sendRaw(std::string_view bytes);
     /// Sends one line unless the pipe is too full for all of it; lines of at most PIPE_BUF bytes only.
@@ -175,7 +176,7 @@ class BackendProcess {
     /// The next line without its line feed.
     std::string nextLine(std::chrono::milliseconds timeout = must_happen_deadline);
     /// The next line as JSON.
-    nlohmann::json nextEnvelope(std::chrono::milliseconds timeout = must_happen_deadline);
+    Json nextEnvelope(std::chrono::milliseconds timeout = must_happen_deadline);
     /// Every line of standard output so far, whether taken by nextLine() or not.
     std::vector<std::string> receivedLines() const;
     /// Every byte of standard output so far.
@@ -225,20 +226,20 @@ class BackendProcess {
     /// A path below the data directory.
     std::filesystem::path path(const std::filesystem::path& relative = {}) const;
     /// The JSON document in a file below the data directory.
-    nlohmann::json readJson(const std::filesystem::path& relative) const;
+    Json readJson(const std::filesystem::path& relative) const;
     /// Waits until a file below the data directory exists, and returns its path.
     std::filesystem::path waitForFile(const std::filesystem::path& relative) const;
     /// Waits until a directory below the data directory holds exactly `count` visible entries; their names.
     std::vector<std::string> waitForEntries(const std::filesystem::path& relative, std::size_t count) const;
     /// Waits until "runtime-status.json" fulfils the predicate, and returns it.
-    nlohmann::json waitForRuntimeStatus(const JsonPredicate& predicate) const;
+    Json waitForRuntimeStatus(const JsonPredicate& predicate) const;
     /// Waits until "worker-control.json" fulfils the predicate, and returns it.
-    nlohmann::json waitForControl(const JsonPredicate& predicate) const;
+    Json waitForControl(const JsonPredicate& predicate) const;
     /// Waits until "runtime-status.json" was replaced `count` times: every poller has run in between when
     /// nothing else makes the process write it.
     void waitForStatusWrites(int count = 3) const;
     /// Writes a record into "inbound" the way a worker does: under a hidden name, then renamed.
-    void writeInbound(const std::string& name, const nlohmann::json& record) const;
+    void writeInbound(const std::string& name, const Json& record) const;
     void writeInboundRaw(const std::string& name, std::string_view content) const;
 
     // Conveniences.
@@ -246,7 +247,7 @@ class BackendProcess {
     /// Takes the two envelopes of the greeting and fails the test when they are others.
     void greet();
     /// Greets (once), connects and listens to `scope`; takes the envelopes of all that.
-    void connectAndListen(const nlohmann::json& scope = {
+    void connectAndListen(const Json& scope = {
                               {"conversation", {{"id", "team-room"}, {"title", "Team Room"}}}});
     /// Waits for `condition`; fails the test, naming `what` and showing the process's output, if it never
     /// holds.
@@ -299,18 +300,18 @@ class BackendProcess {
 
 // The requests of the parent, as JSON documents.
 
-nlohmann::json connectRequest(const std::string& platform = "whatsapp");
-nlohmann::json disconnectRequest(const std::string& platform = "whatsapp");
-nlohmann::json startListeningRequest(const nlohmann::json& scope, const std::string& platform = "whatsapp");
-nlohmann::json stopListeningRequest(const std::string& platform = "whatsapp");
-nlohmann::json sendMessageRequest(const nlohmann::json& message, const std::string& platform = "whatsapp");
+Json connectRequest(const std::string& platform = "whatsapp");
+Json disconnectRequest(const std::string& platform = "whatsapp");
+Json startListeningRequest(const Json& scope, const std::string& platform = "whatsapp");
+Json stopListeningRequest(const std::string& platform = "whatsapp");
+Json sendMessageRequest(const Json& message, const std::string& platform = "whatsapp");
 /// A message to the chat that conversationScope() names.
-nlohmann::json teamRoomMessage(const std::string& text);
-nlohmann::json conversationScope(const std::string& id = "team-room", const std::string& title = "Team Room");
-nlohmann::json channelScope(const std::string& id, const std::string& title);
-nlohmann::json threadScope(const std::string& id);
-nlohmann::json threadScope(const std::string& id, const std::string& title);
-nlohmann::json testOnlyScope(const std::string& title);
+Json teamRoomMessage(const std::string& text);
+Json conversationScope(const std::string& id = "team-room", const std::string& title = "Team Room");
+Json channelScope(const std::string& id, const std::string& title);
+Json threadScope(const std::string& id);
+Json threadScope(const std::string& id, const std::string& title);
+Json testOnlyScope(const std::string& title);
 
 // The lines of the backend, byte for byte and without their line feed.
 
@@ -328,6 +329,6 @@ std::string errorMessageOf(const std::string& line);
 std::string selfTestTitleOf(const std::string& line);
 
 /// A complete inbound record of the watched chat that conversationScope() names.
-nlohmann::json inboundRecord(const std::string& messageId, const std::string& text);
+Json inboundRecord(const std::string& messageId, const std::string& text);
 
 }  // namespace brindle::test

@@ -1,10 +1,10 @@
 #include "support/DrivenPage.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "support/BackendProcess.h"
+#include "support/Json.h"
 
 namespace brindle::test {
 namespace {
@@ -198,7 +198,7 @@ std::string DrivenPage::run(const std::string& script) {
 }
 
 std::string scriptString(const std::string& text) {
-    return nlohmann::json(text).dump();
+    return Json(text).dump();
 }
 
 }  // namespace brindle::test

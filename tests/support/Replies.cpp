@@ -5,6 +5,7 @@
 #include <cstddef>
 
 #include "support/BackendProcess.h"
+#include "support/Json.h"
 
 namespace brindle::test {
 namespace {
@@ -32,7 +33,7 @@ std::vector<std::string> repliesToLine(std::string_view line) {
     return repliesTo({std::string(line)});
 }
 
-std::vector<std::string> repliesToEnvelope(const nlohmann::json& envelope) {
+std::vector<std::string> repliesToEnvelope(const Json& envelope) {
     return repliesToLine(envelope.dump());
 }
 

@@ -1,9 +1,10 @@
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "support/Json.h"
 
 namespace brindle::test {
 
@@ -13,7 +14,7 @@ std::vector<std::string> repliesTo(const std::vector<std::string>& lines);
 /// The same for one line.
 std::vector<std::string> repliesToLine(std::string_view line);
 /// The same for one envelope.
-std::vector<std::string> repliesToEnvelope(const nlohmann::json& envelope);
+std::vector<std::string> repliesToEnvelope(const Json& envelope);
 
 /// Expects that each line yields one error and nothing else.
 void expectOneErrorEach(const std::vector<std::string>& lines);

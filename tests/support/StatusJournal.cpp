@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <utility>
 
+#include "support/Json.h"
+
 namespace brindle::test {
 namespace {
 
@@ -28,7 +30,7 @@ std::string contentOf(int file) {
     }
 }
 
-std::string listed(const std::vector<nlohmann::json>& statuses) {
+std::string listed(const std::vector<Json>& statuses) {
     std::string text;
     std::string last;
     for (const auto& status : statuses) {
@@ -109,15 +111,16 @@ void StatusJournal::takeReplacedFile() {
 }
 
 void StatusJournal::take(const std::string& content) {
-    auto document = nlohmann::json::parse(content, nullptr, false);
+    if (!Json::accept(content)) return;
+    auto document = Json::parse(content);
     // Other files of the directory are written the same way; only this record has such a key.
-    if (!document.is_object() || !document.contains("supportsLiveCapture")) return;
+    if (!document.contains("supportsLiveCapture")) return;
     const std::lock_guard lock(mutex_);
     statuses_.push_back(std::move(document));
     changed_.notify_all();
 }
 
-std::vector<nlohmann::json> StatusJournal::statuses() const {
+std::vector<Json> StatusJournal::statuses() const {
     const std::lock_guard lock(mutex_);
     return statuses_;
 }

@@ -5,12 +5,12 @@
 #include <filesystem>
 #include <functional>
 #include <mutex>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Json.h"
 
 namespace brindle::test {
 
@@ -27,7 +27,7 @@ inline constexpr const char* exact_watch_needs_root =
 /// statuses written in one go may look like one.
 class StatusJournal {
   public:
-    using Predicate = std::function<bool(const nlohmann::json&)>;
+    using Predicate = std::function<bool(const Json&)>;
 
     /// Creates the directory when it is missing.
     explicit StatusJournal(std::filesystem::path runtimeDirectory);
@@ -38,7 +38,7 @@ class StatusJournal {
     /// Whether it misses nothing.
     bool isExact() const { return isExact_; }
     /// Every status so far.
-    std::vector<nlohmann::json> statuses() const;
+    std::vector<Json> statuses() const;
     /// Every `detail` so far.
     std::vector<std::string> details() const;
     std::size_t size() const { return statuses().size(); }
@@ -60,7 +60,7 @@ class StatusJournal {
     int stop_ = -1;
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    std::vector<nlohmann::json> statuses_;
+    std::vector<Json> statuses_;
     std::thread thread_;
 };
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "support/Json.h"
 #include "support/Processes.h"
 #include "support/Sanitizers.h"
 
@@ -118,9 +119,9 @@ void WebWorkerProcess::waitForMoreStatuses(std::size_t count) {
     waitUntil([&] { return journal_.size() >= wanted; }, "further worker statuses");
 }
 
-void WebWorkerProcess::control(const nlohmann::json& activeScope, const std::string& platform) {
-    nlohmann::json record = {{"platform", platform}, {"updatedAtISO8601", "2026-01-05T09:30:00Z"}};
-    if (!activeScope.is_null()) record["activeScope"] = activeScope;
+void WebWorkerProcess::control(const Json& activeScope, const std::string& platform) {
+    Json record = {{"platform", platform}, {"updatedAtISO8601", "2026-01-05T09:30:00Z"}};
+    if (!activeScope.isNull()) record["activeScope"] = activeScope;
     writeFileAtomically(path("runtime/worker-control.json"), record.dump(2));
 }
 
@@ -135,7 +136,7 @@ void WebWorkerProcess::watchUntilOpen(const std::string& title, const std::strin
     waitForDetail("Watching chat '" + title.substr(0, title.find('\n')), from);
 }
 
-std::vector<nlohmann::json> WebWorkerProcess::waitForRecords(std::size_t count) {
+std::vector<Json> WebWorkerProcess::waitForRecords(std::size_t count) {
     std::vector<std::string> names;
     waitUntil(
         [&] {
@@ -144,7 +145,7 @@ std::vector<nlohmann::json> WebWorkerProcess::waitForRecords(std::size_t count) 
         },
         std::to_string(count) + " inbound records");
     if (names.size() != count) throw TestFailure(std::to_string(names.size()) + " inbound records");
-    std::vector<std::pair<std::filesystem::file_time_type, nlohmann::json>> records;
+    std::vector<std::pair<std::filesystem::file_time_type, Json>> records;
     for (const auto& name : names) {
         const auto file = path("inbound") / name;
         records.emplace_back(std::filesystem::last_write_time(file), readJsonFile(file));
@@ -152,7 +153,7 @@ std::vector<nlohmann::json> WebWorkerProcess::waitForRecords(std::size_t count) 
     }
     std::stable_sort(records.begin(), records.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
-    std::vector<nlohmann::json> result;
+    std::vector<Json> result;
     for (auto& record : records) result.push_back(std::move(record.second));
     return result;
 }

@@ -4,12 +4,12 @@
 
 #include <filesystem>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/Json.h"
 #include "support/StatusJournal.h"
 #include "support/TestDisplay.h"
 
@@ -65,7 +65,7 @@ class WebWorkerProcess {
     void waitForMoreStatuses(std::size_t count = 3);
 
     /// Writes the control record the way the backend does.
-    void control(const nlohmann::json& activeScope, const std::string& platform = "whatsapp");
+    void control(const Json& activeScope, const std::string& platform = "whatsapp");
     /// Lets the worker watch a chat.
     void watch(const std::string& title, const std::string& id = "team-room");
     /// As watch(); returns once the chat is open and its history is known.
@@ -73,7 +73,7 @@ class WebWorkerProcess {
 
     /// Waits until `count` records have arrived, and gives them by the times of their files. Those are too
     /// coarse to tell in which order records arrived that came within some milliseconds.
-    std::vector<nlohmann::json> waitForRecords(std::size_t count);
+    std::vector<Json> waitForRecords(std::size_t count);
     /// The texts of waitForRecords().
     std::vector<std::string> waitForTexts(std::size_t count);
 

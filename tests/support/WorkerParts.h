@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,6 +9,7 @@
 #include "exchange/EnvironmentKeys.h"
 #include "support/BackendProcess.h"
 #include "support/FaultInjectingFileManager.h"
+#include "support/Json.h"
 #include "support/RecordingFileManager.h"
 #include "support/ScriptedHost.h"
 #include "support/TestClock.h"
@@ -42,7 +42,7 @@ class DeafDelegate final : public WebPageDelegate {
 
 /// What a published status says, in short: "linked: Linked to ... (Ann)".
 inline std::string summaryOf(const std::string& statusDocument) {
-    const auto status = nlohmann::json::parse(statusDocument);
+    const auto status = Json::parse(statusDocument);
     auto text = status["state"].get<std::string>() + ": " + status["detail"].get<std::string>();
     if (status.contains("displayName")) text += " (" + status["displayName"].get<std::string>() + ")";
     return text;
@@ -62,7 +62,7 @@ struct WorkerParts {
         for (auto& status : statuses) status = summaryOf(status);
         return statuses;
     }
-    nlohmann::json status() const { return readJsonFile(directory.workerStatusFile); }
+    Json status() const { return readJsonFile(directory.workerStatusFile); }
     bool exists(const std::string& path) const { return std::filesystem::exists(path); }
 
     TemporaryDirectory home;

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/Json.h"
 #include "support/WantOfMemory.h"
 #include "support/WorkerParts.h"
 #include "system/FileSystemFailure.h"
@@ -17,7 +18,6 @@
 namespace brindle {
 namespace {
 
-using nlohmann::json;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -26,7 +26,7 @@ using testing::SizeIs;
 using testing::StartsWith;
 using Fault = test::FaultInjectingFileManager::Fault;
 
-json message(const std::string& text, const std::string& fingerprint = "print") {
+test::Json message(const std::string& text, const std::string& fingerprint = "print") {
     return {{"activeChatTitle", "Family"},
             {"senderDisplayName", "Ann Lee"},
             {"text", text},
@@ -34,7 +34,7 @@ json message(const std::string& text, const std::string& fingerprint = "print") 
             {"rawReference", "raw-" + fingerprint}};
 }
 
-json drain(const std::vector<json>& messages) {
+test::Json drain(const std::vector<test::Json>& messages) {
     return {{"state", "ok"},       {"activeChatTitle", "Family"}, {"watchedTitle", "Family"},
             {"pageTitle", "Web"},  {"visibleInboundCount", 9},    {"queuedCount", 0},
             {"messages", messages}};
@@ -62,12 +62,13 @@ class ChatCaptureTests : public testing::Test {
     void pollOpenChat(EvaluationOutcome capture) {
         poll(test::result(R"({"state":"active"})"), std::move(capture));
     }
-    void pollOpenChat(const json& capture) { pollOpenChat(test::result(capture.dump())); }
+    void pollOpenChat(const test::Json& capture) { pollOpenChat(test::result(capture.dump())); }
     /// The records in the order in which they were written.
-    std::vector<json> records() const {
-        std::vector<json> found;
+    std::vector<test::Json> records() const {
+        std::vector<test::Json> found;
         for (const auto& write : parts_.files.writes()) {
-            if (write.path.starts_with(parts_.directory.inbound)) found.push_back(json::parse(write.content));
+            if (write.path.starts_with(parts_.directory.inbound))
+                found.push_back(test::Json::parse(write.content));
         }
         return found;
     }
@@ -151,7 +152,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(ChatActivationTests, ActiveAndUnknownStatesGoOnToTheCapture) {
     for (const std::string word : {"active", "Activating", "", "opened"}) {
-        poll(test::result(json{{"state", word}}.dump()), test::noResult());
+        poll(test::result(test::Json{{"state", word}}.dump()), test::noResult());
     }
     EXPECT_THAT(parts_.published(), IsEmpty());
 }
@@ -201,20 +202,20 @@ TEST_F(InboundCaptureTests, MessageBecomesARecord) {
     auto record = records()[0];
     EXPECT_TRUE(test::isCanonicalUuid(record["messageId"].get<std::string>()));
     record.erase("messageId");
-    EXPECT_EQ(record, (json{{"conversationId", "family-id"},
-                            {"conversationTitle", "Family"},
-                            {"senderId", "ann-lee"},
-                            {"senderDisplayName", "Ann Lee"},
-                            {"text", " Hello / \"you\"\n"},
-                            {"timestampISO8601", "2026-01-05T09:30:01Z"},
-                            {"isDirectMessage", true},
-                            {"rawReference", "raw-print"}}));
+    EXPECT_EQ(record, (test::Json{{"conversationId", "family-id"},
+                                  {"conversationTitle", "Family"},
+                                  {"senderId", "ann-lee"},
+                                  {"senderDisplayName", "Ann Lee"},
+                                  {"text", " Hello / \"you\"\n"},
+                                  {"timestampISO8601", "2026-01-05T09:30:01Z"},
+                                  {"isDirectMessage", true},
+                                  {"rawReference", "raw-print"}}));
 }
 
 TEST_F(InboundCaptureTests, RecordLiesUnderItsIdentifierFlushedToDisk) {
     pollOpenChat(drain({message("Hello")}));
     const auto& write = parts_.files.writes().at(0);
-    const auto identifier = json::parse(write.content)["messageId"].get<std::string>();
+    const auto identifier = test::Json::parse(write.content)["messageId"].get<std::string>();
     EXPECT_EQ(write.path, parts_.directory.inbound + "/" + identifier + ".json");
     EXPECT_EQ(write.durability, Durability::disk);
     EXPECT_THAT(test::namesIn(parts_.directory.inbound), ElementsAre(identifier + ".json"));
@@ -273,7 +274,7 @@ TEST_F(InboundCaptureTests, SenderIdentifierIsLowerCaseWithDashes) {
                                   {"A\u00A0B\tC", "a\u00A0b\tc"},
                                   {"🙂", "🙂"},
                                   {"", ""}};
-    std::vector<json> messages;
+    std::vector<test::Json> messages;
     for (const auto& each : cases) {
         messages.push_back(message("t"));
         messages.back()["senderDisplayName"] = each.sender;
@@ -322,7 +323,7 @@ TEST_F(InboundCaptureTests, MessageWithoutTextOrFingerprintIsSkippedButCounted) 
     noText["text"] = nullptr;
     auto noFingerprint = message("y");
     noFingerprint.erase("fingerprint");
-    pollOpenChat(drain({noText, noFingerprint, json::object()}));
+    pollOpenChat(drain({noText, noFingerprint, test::Json::object()}));
     EXPECT_THAT(records(), IsEmpty());
     EXPECT_THAT(
         parts_.published(),
@@ -343,15 +344,15 @@ TEST_F(InboundCaptureTests, DrainWithoutChatOrMessagesChangesNothing) {
 }
 
 TEST_F(InboundCaptureTests, OtherOpenChatIsPublished) {
-    pollOpenChat(json{{"state", "wrong-chat"}, {"activeChatTitle", "Work"}, {"watchedTitle", "Fam"}});
-    pollOpenChat(json{{"state", "wrong-chat"}, {"activeChatTitle", nullptr}});
+    pollOpenChat(test::Json{{"state", "wrong-chat"}, {"activeChatTitle", "Work"}, {"watchedTitle", "Fam"}});
+    pollOpenChat(test::Json{{"state", "wrong-chat"}, {"activeChatTitle", nullptr}});
     EXPECT_THAT(parts_.published(),
                 ElementsAre("wrong_chat: Active chat is 'Work' while watching 'Fam'. (Account)",
                             "wrong_chat: Active chat is '?' while watching 'Family'. (Account)"));
 }
 
 TEST_F(InboundCaptureTests, MissingChatIsPublished) {
-    pollOpenChat(json{{"state", "no-active-chat"}, {"activeChatTitle", nullptr}});
+    pollOpenChat(test::Json{{"state", "no-active-chat"}, {"activeChatTitle", nullptr}});
     EXPECT_THAT(
         parts_.published(),
         ElementsAre(
@@ -359,11 +360,11 @@ TEST_F(InboundCaptureTests, MissingChatIsPublished) {
 }
 
 TEST_F(InboundCaptureTests, OpenChatWithoutNewMessageIsPublished) {
-    pollOpenChat(json{{"state", "no-incoming-message"},
-                      {"activeChatTitle", "Family!"},
-                      {"visibleInboundCount", 12},
-                      {"messages", json::array()}});
-    pollOpenChat(json{{"state", "no-incoming-message"}});
+    pollOpenChat(test::Json{{"state", "no-incoming-message"},
+                            {"activeChatTitle", "Family!"},
+                            {"visibleInboundCount", 12},
+                            {"messages", test::Json::array()}});
+    pollOpenChat(test::Json{{"state", "no-incoming-message"}});
     EXPECT_THAT(
         parts_.published(),
         ElementsAre(

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "exchange/EnvironmentKeys.h"
+#include "support/Json.h"
 #include "support/WantOfMemory.h"
 #include "support/WorkerParts.h"
 #include "system/FileSystemFailure.h"
@@ -26,7 +27,6 @@ namespace brindle {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using testing::Contains;
@@ -71,9 +71,9 @@ class WebWorkerServiceTests : public testing::Test {
     void watch(const std::string& title, const std::string& id) const {
         test::writeFileAtomically(
             directory_.workerControlFile,
-            json{{"platform", "whatsapp"},
-                 {"activeScope", {{"kind", "conversation"}, {"id", id}, {"title", title}}},
-                 {"updatedAtISO8601", ""}}
+            test::Json{{"platform", "whatsapp"},
+                       {"activeScope", {{"kind", "conversation"}, {"id", id}, {"title", title}}},
+                       {"updatedAtISO8601", ""}}
                 .dump());
     }
     std::vector<std::string> published() const {

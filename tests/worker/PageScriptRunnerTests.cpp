@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "records/DecodingFailure.h"
+#include "support/Json.h"
 #include "support/WorkerParts.h"
 #include "worker/PagePayloads.h"
 
@@ -135,7 +136,7 @@ TEST_P(WatchedTitleTests, BecomesOneStringLiteral) {
     const auto& [title, literal] = GetParam();
     EXPECT_EQ(scriptWithWatchedTitle("const t = __WATCHED_TITLE__;\nreturn t;", title),
               "const t = " + literal + ";\nreturn t;");
-    EXPECT_EQ(nlohmann::json::parse(literal), title);
+    EXPECT_EQ(test::Json::parse(literal), title);
 }
 
 INSTANTIATE_TEST_SUITE_P(

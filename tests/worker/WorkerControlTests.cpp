@@ -6,13 +6,13 @@
 
 #include <filesystem>
 
+#include "support/Json.h"
 #include "support/WantOfMemory.h"
 #include "support/WorkerParts.h"
 
 namespace brindle {
 namespace {
 
-using nlohmann::json;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -20,13 +20,13 @@ using Fault = test::FaultInjectingFileManager::Fault;
 
 class WorkerControlTests : public testing::Test {
   protected:
-    void put(const json& record) {
+    void put(const test::Json& record) {
         test::writeFileAtomically(parts_.directory.workerControlFile, record.dump());
     }
-    void putScope(const json& scope) {
+    void putScope(const test::Json& scope) {
         put({{"platform", "whatsapp"}, {"activeScope", scope}, {"updatedAtISO8601", "2026-01-05T09:30:00Z"}});
     }
-    void follow(const json& scope) {
+    void follow(const test::Json& scope) {
         putScope(scope);
         control_.refreshControl();
     }

@@ -6,13 +6,13 @@
 
 #include <chrono>
 
+#include "support/Json.h"
 #include "support/WantOfMemory.h"
 #include "support/WorkerParts.h"
 
 namespace brindle {
 namespace {
 
-using nlohmann::json;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Fault = test::FaultInjectingFileManager::Fault;
@@ -24,11 +24,11 @@ class WorkerStatusPublisherTests : public testing::Test {
 
 TEST_F(WorkerStatusPublisherTests, FirstStatusSaysThatTheWorkerIsLaunching) {
     parts_.publisher.writeStatus();
-    EXPECT_EQ(parts_.status(), (json{{"state", "starting"},
-                                     {"detail", "Launching managed WhatsApp Web worker."},
-                                     {"lastHeartbeatISO8601", "2026-01-05T09:30:00Z"},
-                                     {"supportsLiveCapture", true},
-                                     {"supportsOutbound", false}}));
+    EXPECT_EQ(parts_.status(), (test::Json{{"state", "starting"},
+                                           {"detail", "Launching managed WhatsApp Web worker."},
+                                           {"lastHeartbeatISO8601", "2026-01-05T09:30:00Z"},
+                                           {"supportsLiveCapture", true},
+                                           {"supportsOutbound", false}}));
 }
 
 TEST_F(WorkerStatusPublisherTests, StatusIsPrettyAndSortedWithoutAbsentMembers) {
