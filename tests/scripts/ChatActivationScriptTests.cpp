@@ -77,8 +77,8 @@ TEST_F(ChatActivationScript, OpenWatchedChatIsActiveAndThePageIsLeftAlone) {
     show(chatList("<div id=\"row\" title=\"Team\">Team</div>") +
          "<div id=\"main\"><header><span title=\" Team  Alpha \"></span></header></div>");
     recordEvents();
-    EXPECT_EQ(activate("Team").dump(), R"({"state":"active","activeChatTitle":"Team Alpha",)"
-                                       R"("matchedTitle":"Team Alpha","pageTitle":"The page"})");
+    EXPECT_EQ(activate("Team").dumpInOrder(), R"({"state":"active","activeChatTitle":"Team Alpha",)"
+                                              R"("matchedTitle":"Team Alpha","pageTitle":"The page"})");
     EXPECT_EQ(recorded(), Json::array());
 }
 
@@ -181,14 +181,14 @@ TEST_F(ChatActivationScript, RowWithoutTitleMatchesNothing) {
 
 TEST_F(ChatActivationScript, ShorterRowTitleMatchesLongerWatchedTitle) {
     show(chatList("<div title=\"Team\"></div>"));
-    EXPECT_EQ(activate("Team Alpha").dump(), R"({"state":"activating","activeChatTitle":"",)"
-                                             R"("matchedTitle":"Team","pageTitle":"The page"})");
+    EXPECT_EQ(activate("Team Alpha").dumpInOrder(), R"({"state":"activating","activeChatTitle":"",)"
+                                                    R"("matchedTitle":"Team","pageTitle":"The page"})");
 }
 
 TEST_F(ChatActivationScript, RowIsOpenedThoughAnotherChatIsOpen) {
     show(chatList("<div title=\"Team\"></div>") + "<header><span title=\"Family\"></span></header>");
-    EXPECT_EQ(activate("Team").dump(), R"({"state":"activating","activeChatTitle":"Family",)"
-                                       R"("matchedTitle":"Team","pageTitle":"The page"})");
+    EXPECT_EQ(activate("Team").dumpInOrder(), R"({"state":"activating","activeChatTitle":"Family",)"
+                                              R"("matchedTitle":"Team","pageTitle":"The page"})");
 }
 
 // --- The click
@@ -315,8 +315,8 @@ TEST_F(ChatActivationScript, SearchBoxesOfEveryKindAreFound) {
     };
     for (const std::string& box : boxes) {
         show("<div id=\"side\">" + box + "</div>");
-        EXPECT_EQ(activate("Team").dump(), R"({"state":"searching","activeChatTitle":"",)"
-                                           R"("matchedTitle":"Team","pageTitle":"The page"})")
+        EXPECT_EQ(activate("Team").dumpInOrder(), R"({"state":"searching","activeChatTitle":"",)"
+                                                  R"("matchedTitle":"Team","pageTitle":"The page"})")
             << box;
         EXPECT_EQ(valueOf("document.activeElement.id"), "box") << box;
         EXPECT_EQ(valueOf("box.value === undefined ? box.textContent : box.value"), "Team") << box;
@@ -434,13 +434,14 @@ TEST_F(ChatActivationScript, SearchAgainDoesNotRepeatTheTitle) {
 
 TEST_F(ChatActivationScript, OtherOpenChatIsReportedAsWrong) {
     show("<header><span title=\"Family\"></span></header>");
-    EXPECT_EQ(activate(" Team  Alpha ").dump(), R"({"state":"wrong-active-chat","activeChatTitle":"Family",)"
-                                                R"("matchedTitle":" Team  Alpha ","pageTitle":"The page"})");
+    EXPECT_EQ(activate(" Team  Alpha ").dumpInOrder(),
+              R"({"state":"wrong-active-chat","activeChatTitle":"Family",)"
+              R"("matchedTitle":" Team  Alpha ","pageTitle":"The page"})");
 }
 
 TEST_F(ChatActivationScript, NoOpenChatIsReportedAsNone) {
     show("", "");
-    EXPECT_EQ(activate("Team").dump(),
+    EXPECT_EQ(activate("Team").dumpInOrder(),
               R"({"state":"no-active-chat","activeChatTitle":"","matchedTitle":"Team","pageTitle":""})");
 }
 

@@ -55,7 +55,7 @@ class InboundCaptureScript : public PageScriptTest {
 
 TEST_F(InboundCaptureScript, NothingNewIsReportedWithAllKeys) {
     showChat("Team Alpha", "<div class=\"message-in\">Old</div>");
-    EXPECT_EQ(capture(" Team ").dump(),
+    EXPECT_EQ(capture(" Team ").dumpInOrder(),
               R"({"state":"no-incoming-message","activeChatTitle":"Team Alpha","watchedTitle":" Team ",)"
               R"("pageTitle":"The page","visibleInboundCount":1,"queuedCount":0,"messages":[]})");
 }
@@ -64,7 +64,7 @@ TEST_F(InboundCaptureScript, NewMessageIsReportedWithAllKeys) {
     showMessages(R"(<div class="message-in" data-id="m1"><span dir="auto">Ann Lee</span>)"
                  R"(<span class="selectable-text">Hello</span></div>)");
     EXPECT_EQ(
-        capture("Team").dump(),
+        capture("Team").dumpInOrder(),
         R"({"state":"ok","activeChatTitle":"Team","watchedTitle":"Team","pageTitle":"The page",)"
         R"("visibleInboundCount":1,"queuedCount":0,"messages":[{"activeChatTitle":"Team",)"
         R"("senderDisplayName":"Ann Lee","text":"Hello","fingerprint":"Team::m1::Ann Lee::Hello","rawReference":"m1"}]})");
@@ -72,14 +72,14 @@ TEST_F(InboundCaptureScript, NewMessageIsReportedWithAllKeys) {
 
 TEST_F(InboundCaptureScript, MissingChatIsReportedWithAllKeys) {
     show("<div class=\"message-in\">Hello</div>");
-    EXPECT_EQ(capture("Team").dump(),
+    EXPECT_EQ(capture("Team").dumpInOrder(),
               R"({"state":"no-active-chat","activeChatTitle":null,"watchedTitle":"Team",)"
               R"("pageTitle":"The page","visibleInboundCount":1,"queuedCount":1})");
 }
 
 TEST_F(InboundCaptureScript, OtherChatIsReportedWithAllKeys) {
     showChat("Family", "<div class=\"message-in\">Old</div>");
-    EXPECT_EQ(capture("Team").dump(),
+    EXPECT_EQ(capture("Team").dumpInOrder(),
               R"({"state":"wrong-chat","activeChatTitle":"Family","watchedTitle":"Team",)"
               R"("pageTitle":"The page","visibleInboundCount":1,"queuedCount":0})");
 }
@@ -346,7 +346,7 @@ TEST_F(InboundCaptureScript, FirstRunCreatesTheState) {
     EXPECT_EQ(valueOf(state_name + ".queue"), Json::array());
     EXPECT_EQ(valueOf(state_name + ".primedChats"), Json::parse(R"({"team":true})"));
     EXPECT_EQ(valueOf(state_name + ".observerInstalled"), true);
-    EXPECT_EQ(valueOf(state_name + ".lastSnapshot").dump(),
+    EXPECT_EQ(valueOf(state_name + ".lastSnapshot").dumpInOrder(),
               R"({"activeChatTitle":"Team","pageTitle":"The page","visibleInboundCount":1,"queuedCount":0})");
     EXPECT_EQ(valueOf("[" + state_name + ".seenFingerprints, " + state_name +
                       ".primedChats].map(Object.getPrototypeOf)"),
@@ -690,7 +690,7 @@ TEST_F(InboundCaptureScript, ScanStandsInForALostSnapshot) {
     showChat("Team", "<div class=\"message-in\" data-id=\"1\">Old</div>");
     capture("Team");
     inPage("Object.defineProperty(" + state_name + ", 'lastSnapshot', { get: () => null, set() {} });");
-    EXPECT_EQ(capture("Team").dump(),
+    EXPECT_EQ(capture("Team").dumpInOrder(),
               R"({"state":"no-incoming-message","activeChatTitle":"Team","watchedTitle":"Team",)"
               R"("pageTitle":"The page","visibleInboundCount":1,"queuedCount":0,"messages":[]})");
 }

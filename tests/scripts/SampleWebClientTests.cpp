@@ -128,7 +128,7 @@ TEST_F(SampleWebClient, ScanByScriptLinksTheAccount) {
     EXPECT_EQ(qrCode(), std::nullopt);
     EXPECT_EQ(client("scan()"), false);
     waitForPhase("chats");
-    EXPECT_EQ(linkState().dump(), R"({"linked":true,"account":"WhatsApp Web"})");
+    EXPECT_EQ(linkState().dumpInOrder(), R"({"linked":true,"account":"WhatsApp Web"})");
     EXPECT_EQ(counters().at("scans"), 1);
     EXPECT_EQ(client("renewCode()"), false);
 }
@@ -231,7 +231,7 @@ TEST_F(SampleWebClient, MessageInAGroupIsCapturedWithItsSenderAndText) {
     openChats();
     watch("Team Room");
     client("receive({ chat: 'team-room', sender: 'Bo Nilsson', text: 'Gate 4, please 🚐', id: 'm-1' })");
-    EXPECT_EQ(capture("Team Room").at("messages").dump(),
+    EXPECT_EQ(capture("Team Room").at("messages").dumpInOrder(),
               R"([{"activeChatTitle":"Team Room","senderDisplayName":"Bo Nilsson","text":"Gate 4, please 🚐",)"
               R"("fingerprint":"Team Room::m-1::Bo Nilsson::Gate 4, please 🚐","rawReference":"m-1"}])");
     EXPECT_THAT(capturedTexts("Team Room"), ElementsAre());

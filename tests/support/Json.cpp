@@ -7,7 +7,7 @@
 
 namespace brindle::test {
 
-/// To the library's form and back.
+/// From the library's form.
 struct Json::Codec {
     static Json from(const nlohmann::ordered_json& source) {
         switch (source.type()) {
@@ -35,29 +35,33 @@ struct Json::Codec {
         }
     }
 
-    nlohmann::json operator()(std::nullptr_t) const { return nullptr; }
-    nlohmann::json operator()(const Number& number) const { return number.value; }
-    nlohmann::json operator()(const Array& elements) const {
-        auto result = nlohmann::json::array();
-        for (const auto& element : elements) result.push_back(std::visit(*this, element.value_));
-        return result;
-    }
-    nlohmann::json operator()(const Object& members) const {
-        auto result = nlohmann::json::object();
-        for (const auto& [name, value] : members) result[name] = std::visit(*this, value.value_);
-        return result;
-    }
-    template <class Plain>
-    nlohmann::json operator()(const Plain& value) const {
-        return value;
-    }
-
     template <class T>
     static auto& alternative(auto& value, const char* expectation) {
         auto* found = std::get_if<T>(&value.value_);
         if (found == nullptr)
             throw std::runtime_error("expected " + std::string(expectation) + ", got " + value.dump());
         return *found;
+    }
+};
+
+/// `Library` decides about the order of names.
+template <class Library>
+struct Json::Encoder {
+    Library operator()(std::nullptr_t) const { return nullptr; }
+    Library operator()(const Number& number) const { return number.value; }
+    Library operator()(const Array& elements) const {
+        auto result = Library::array();
+        for (const auto& element : elements) result.push_back(std::visit(*this, element.value_));
+        return result;
+    }
+    Library operator()(const Object& members) const {
+        auto result = Library::object();
+        for (const auto& [name, value] : members) result[name] = std::visit(*this, value.value_);
+        return result;
+    }
+    template <class Plain>
+    Library operator()(const Plain& value) const {
+        return value;
     }
 };
 
@@ -108,7 +112,11 @@ bool Json::accept(std::string_view text) {
 }
 
 std::string Json::dump(int indentSpaces) const {
-    return std::visit(Codec(), value_).dump(indentSpaces);
+    return std::visit(Encoder<nlohmann::json>(), value_).dump(indentSpaces);
+}
+
+std::string Json::dumpInOrder() const {
+    return std::visit(Encoder<nlohmann::ordered_json>(), value_).dump();
 }
 
 bool Json::isNull() const {

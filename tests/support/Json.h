@@ -57,6 +57,8 @@ class Json {
     static bool accept(std::string_view text);
     /// The document with sorted names: compact, or with each member on a line of its own.
     std::string dump(int indentSpaces = -1) const;
+    /// The same, compact, with the names in the order in which they were parsed or added.
+    std::string dumpInOrder() const;
 
     bool isNull() const;
     bool isString() const;
@@ -127,6 +129,8 @@ class Json {
     };
     explicit Json(Number value);
     struct Codec;
+    template <class Library>
+    struct Encoder;
 
     std::variant<std::nullptr_t, bool, Number, double, std::string, Array, Object> value_;
 };

@@ -83,6 +83,10 @@ gboolean endHost(gpointer host) {
     return G_SOURCE_CONTINUE;
 }
 
+gboolean ignoreSignal(gpointer /*data*/) {
+    return G_SOURCE_CONTINUE;
+}
+
 }  // namespace
 
 WebKitHost::WebKitHost(const WebWorkerHostOptions& options)
@@ -93,14 +97,20 @@ WebKitHost::WebKitHost(const WebWorkerHostOptions& options)
     g_set_prgname(options.applicationName.c_str());
     context_ = makeContext(options);
     for (std::size_t index = 0; index < end_signals.size(); ++index) {
-        signalSources_.at(index) = g_unix_signal_add(end_signals.at(index), endHost, this);
+        GSource* source = g_unix_signal_source_new(end_signals.at(index));
+        g_source_set_callback(source, endHost, this, nullptr);
+        g_source_attach(source, nullptr);
+        signalSources_.at(index) = source;
     }
 }
 
 WebKitHost::~WebKitHost() {
-    for (const guint source : signalSources_) g_source_remove(source);
-    // The end is under way; asking for it again must not cut it short.
-    for (const int number : end_signals) ::signal(number, SIG_IGN);
+    // The end is under way; asking for it again must not cut it short. The sources stay attached: a signal
+    // that loses its last one gets its default action back, if only for a moment.
+    for (GSource* source : signalSources_) {
+        g_source_set_callback(source, ignoreSignal, nullptr, nullptr);
+        g_source_unref(source);
+    }
     context_.reset();
     // The engine lets go of its processes in what it has left for the main loop to do; only then do these
     // store what they still hold, such as a login of the last second.

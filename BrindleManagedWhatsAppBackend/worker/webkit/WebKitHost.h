@@ -33,7 +33,7 @@ class WebKitHost final : public WebWorkerHost {
     WebWorkerHostOptions options_;
     SystemLog log_;
     bool hasEnded_ = false;
-    std::array<guint, 3> signalSources_{};
+    std::array<GSource*, 3> signalSources_{};
     GObjectPointer<WebKitWebContext> context_;
 };
 
