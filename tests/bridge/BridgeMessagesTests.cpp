@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "records/DecodingFailure.h"
+#include "support/WantOfMemory.h"
 
 namespace brindle {
 namespace {
@@ -262,6 +263,19 @@ TEST(BridgeReadingTests, WrongNumberOfCasesHasItsDetail) {
             EXPECT_EQ(failure.detail(), "Invalid number of keys found, expected one.");
         }
     }
+}
+
+TEST(BridgeMessagesTests, EndingALargeEnvelopesLineCopiesNothing) {
+    constexpr std::size_t large = std::size_t{1} << 20U;
+    const BridgeEnvelope envelope = BridgeErrorEvent{std::string(large, 'x')};
+    const auto largePieces = [](const auto& encode) {
+        const test::LargePieces pieces(large);
+        encode();
+        return pieces.count();
+    };
+    const int ofTheDocument = largePieces([&] { encodedRecord(envelope, JsonStyle::compact); });
+    EXPECT_GE(ofTheDocument, 1);
+    EXPECT_EQ(largePieces([&] { encodedLine(envelope); }), ofTheDocument);
 }
 
 }  // namespace
