@@ -12,7 +12,10 @@
 #include "backend/ManagedWhatsAppBackendService.h"
 #include "backend/StatusPublisher.h"
 #include "support/BackendParts.h"
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/TemporaryDirectory.h"
+#include "support/TextForms.h"
 #include "system/FileSystemFailure.h"
 
 /// Every file operation of the backend fails once, and from then on; its promises hold each time.

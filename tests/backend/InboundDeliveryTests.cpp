@@ -11,8 +11,10 @@
 #include <thread>
 
 #include "support/BackendParts.h"
+#include "support/Files.h"
 #include "support/Json.h"
 #include "support/Pipes.h"
+#include "support/TextForms.h"
 #include "support/WantOfMemory.h"
 
 namespace brindle {

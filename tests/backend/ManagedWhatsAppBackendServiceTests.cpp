@@ -11,9 +11,14 @@
 #include <fstream>
 #include <thread>
 
+#include "support/BackendLines.h"
 #include "support/BackendParts.h"
+#include "support/Files.h"
 #include "support/Json.h"
 #include "support/Pipes.h"
+#include "support/TemporaryDirectory.h"
+#include "support/TextForms.h"
+#include "support/Waiting.h"
 #include "system/FileSystemFailure.h"
 
 namespace brindle {

@@ -6,7 +6,8 @@
 #include <filesystem>
 
 #include "exchange/EnvironmentKeys.h"
-#include "support/BackendProcess.h"
+#include "support/Files.h"
+#include "support/TemporaryDirectory.h"
 
 namespace brindle {
 namespace {

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "support/BackendParts.h"
+#include "support/Files.h"
 #include "support/Json.h"
 #include "support/WantOfMemory.h"
 

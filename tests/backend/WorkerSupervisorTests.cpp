@@ -10,6 +10,9 @@
 #include <limits>
 
 #include "support/BackendParts.h"
+#include "support/Files.h"
+#include "support/TextForms.h"
+#include "support/Waiting.h"
 #include "support/WantOfMemory.h"
 
 namespace brindle {

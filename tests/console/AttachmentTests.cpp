@@ -2,7 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "support/BackendProcess.h"
+#include "support/Files.h"
+#include "support/TemporaryDirectory.h"
 #include "text/Failure.h"
 
 namespace brindle::console {

@@ -6,7 +6,8 @@
 
 #include <array>
 
-#include "support/BackendProcess.h"
+#include "support/Files.h"
+#include "support/TemporaryDirectory.h"
 #include "system/Descriptor.h"
 #include "text/Failure.h"
 

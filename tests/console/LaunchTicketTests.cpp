@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "support/BackendProcess.h"
+#include "support/Files.h"
 
 namespace brindle::console {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "support/BackendProcess.h"
+#include "support/TemporaryDirectory.h"
 
 namespace brindle::console {
 namespace {

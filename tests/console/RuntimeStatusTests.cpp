@@ -3,7 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/BackendProcess.h"
+#include "support/Files.h"
+#include "support/TemporaryDirectory.h"
 
 namespace brindle::console {
 namespace {

@@ -6,7 +6,12 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/Processes.h"
+#include "support/Requests.h"
+#include "support/TextForms.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {

@@ -6,9 +6,13 @@
 #include <string_view>
 #include <vector>
 
+#include "support/BackendLines.h"
 #include "support/BackendProcess.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
 #include "support/Replies.h"
+#include "support/Requests.h"
 #include "support/Sanitizers.h"
 #include "support/Units.h"
 

@@ -13,9 +13,14 @@
 #include <thread>
 #include <vector>
 
+#include "support/BackendLines.h"
 #include "support/BackendProcess.h"
-#include "support/Diagnostics.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/Requests.h"
+#include "support/TextForms.h"
+#include "support/Waiting.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {

@@ -5,9 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "support/BackendLines.h"
 #include "support/BackendProcess.h"
+#include "support/Files.h"
 #include "support/Json.h"
 #include "support/Replies.h"
+#include "support/Requests.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

@@ -9,8 +9,11 @@
 
 #include "support/BackendProcess.h"
 #include "support/Executables.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
 #include "support/QRPictures.h"
+#include "support/TemporaryDirectory.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {

@@ -19,9 +19,13 @@
 
 #include "support/BackendProcess.h"
 #include "support/Executables.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/Processes.h"
 #include "support/QRPictures.h"
-#include "support/WorkerScript.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

@@ -13,11 +13,16 @@
 #include <system_error>
 #include <vector>
 
+#include "support/BackendLines.h"
 #include "support/BackendProcess.h"
-#include "support/Diagnostics.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/Requests.h"
+#include "support/TemporaryDirectory.h"
+#include "support/TextForms.h"
 #include "support/Users.h"
-#include "support/WorkerScript.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

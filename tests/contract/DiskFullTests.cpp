@@ -14,10 +14,13 @@
 #include <system_error>
 #include <vector>
 
+#include "support/BackendLines.h"
 #include "support/BackendProcess.h"
-#include "support/Diagnostics.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
-#include "support/WorkerScript.h"
+#include "support/Requests.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

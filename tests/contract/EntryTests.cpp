@@ -5,8 +5,12 @@
 #include <string>
 #include <vector>
 
+#include "support/BackendLines.h"
 #include "support/BackendProcess.h"
-#include "support/Diagnostics.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
+#include "support/Requests.h"
+#include "support/Waiting.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {
@@ -33,6 +37,19 @@ std::string fatalDescription(const BackendProcess& process) {
         throw TestFailure("not one fatal line: " + process.standardError());
     }
     return lines.front().substr(std::string(fatal_prefix).size());
+}
+
+BackendOptions optionsWithRole(const char* role) {
+    BackendOptions options;
+    options.environment["BRINDLE_MANAGED_BRIDGE_WORKER_ROLE"] = role;
+    return options;
+}
+
+/// Waits until a process in the worker's role has come up, or has given up where it cannot show a page.
+void waitForTheWorker(const BackendProcess& process) {
+    process.waitUntil(
+        [&] { return !process.isRunning() || std::filesystem::exists(process.path("runtime/worker.pid")); },
+        "the worker to come up or to give up");
 }
 
 TEST(Entry, WithoutArgumentsThePlatformIsWhatsapp) {
@@ -99,9 +116,7 @@ TEST(Entry, RequestsForTheGivenPlatformAreServed) {
 class EntryRole : public testing::TestWithParam<const char*> {};
 
 TEST_P(EntryRole, AnyOtherTextMeansTheBackend) {
-    BackendOptions options;
-    options.environment["BRINDLE_MANAGED_BRIDGE_WORKER_ROLE"] = GetParam();
-    BackendProcess process(options);
+    BackendProcess process(optionsWithRole(GetParam()));
     EXPECT_EQ(process.finish(), (std::vector<std::string>{hello_line, disconnected_line}));
     EXPECT_EQ(process.waitForExit(), exitedWith(0));
 }
@@ -111,22 +126,14 @@ INSTANTIATE_TEST_SUITE_P(Texts, EntryRole,
                                          "runtime-worker\n", "backend", "1"));
 
 TEST(Entry, RuntimeWorkerRoleSpeaksNoBridgeProtocol) {
-    BackendOptions options;
-    options.environment["BRINDLE_MANAGED_BRIDGE_WORKER_ROLE"] = "runtime-worker";
-    BackendProcess process(options);
-    process.waitUntil(
-        [&] { return !process.isRunning() || std::filesystem::exists(process.path("runtime/worker.pid")); },
-        "the worker to come up or to give up");
+    BackendProcess process(optionsWithRole("runtime-worker"));
+    waitForTheWorker(process);
     EXPECT_EQ(process.rawOutput(), "");
 }
 
 TEST(Entry, RuntimeWorkerRoleWritesNoBackendRecords) {
-    BackendOptions options;
-    options.environment["BRINDLE_MANAGED_BRIDGE_WORKER_ROLE"] = "runtime-worker";
-    BackendProcess process(options);
-    process.waitUntil(
-        [&] { return !process.isRunning() || std::filesystem::exists(process.path("runtime/worker.pid")); },
-        "the worker to come up or to give up");
+    BackendProcess process(optionsWithRole("runtime-worker"));
+    waitForTheWorker(process);
     EXPECT_FALSE(std::filesystem::exists(process.path("runtime/runtime-status.json")));
     EXPECT_FALSE(std::filesystem::exists(process.path("runtime/worker-control.json")));
 }
@@ -224,28 +231,32 @@ TEST(Entry, ErrorStreamClosedFromTheStartDoesNoHarm) {
     EXPECT_EQ(process.waitForExit(), exitedWith(0));
 }
 
-class EntrySignal : public testing::TestWithParam<int> {};
+class EntrySignal : public testing::TestWithParam<int> {
+  protected:
+    /// Sends the signal of the test; how the process ended.
+    static ExitStatus end(BackendProcess& process) {
+        process.signal(GetParam());
+        return process.waitForExit();
+    }
+};
 
 TEST_P(EntrySignal, KillsTheProcessAfterTheShutdown) {
     BackendProcess process;
     process.greet();
-    process.signal(GetParam());
-    EXPECT_EQ(process.waitForExit(), killedBy(GetParam()));
+    EXPECT_EQ(end(process), killedBy(GetParam()));
 }
 
 TEST_P(EntrySignal, IsNoFatalFailure) {
     BackendProcess process;
     process.greet();
-    process.signal(GetParam());
-    process.waitForExit();
+    end(process);
     EXPECT_EQ(process.standardError(), "");
 }
 
 TEST_P(EntrySignal, LeavesTheStateOfTheConnectionInTheStatus) {
     BackendProcess process;
     process.connectAndListen();
-    process.signal(GetParam());
-    process.waitForExit();
+    end(process);
     const auto status = process.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status["connectionState"], "connected");
     EXPECT_EQ(status["activeScopeDescription"], "Conversation Team Room [team-room]");
@@ -254,8 +265,7 @@ TEST_P(EntrySignal, LeavesTheStateOfTheConnectionInTheStatus) {
 TEST_P(EntrySignal, WithoutWorkerRecordsThatNoneIsConfigured) {
     BackendProcess process;
     process.greet();
-    process.signal(GetParam());
-    process.waitForExit();
+    end(process);
     const auto status = process.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status["workerState"], "not_configured");
     EXPECT_EQ(status["workerDetail"], "No managed WhatsApp worker configured.");
@@ -265,8 +275,7 @@ TEST_P(EntrySignal, StopsTheWorkerAndRecordsIt) {
     BackendProcess process(optionsWithPoliteWorker());
     process.greet();
     process.waitForFile("worker-ready");
-    process.signal(GetParam());
-    EXPECT_EQ(process.waitForExit(), killedBy(GetParam()));
+    EXPECT_EQ(end(process), killedBy(GetParam()));
     const auto status = process.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status["workerState"], "stopped");
     EXPECT_EQ(status["workerProcessRunning"], false);
@@ -280,8 +289,7 @@ TEST_P(EntrySignal, EndsTheProcessThoughNobodyReadsItsOutput) {
     BackendProcess process(options);
     for (int count = 0; count < 100; ++count) process.send(connectRequest());
     process.waitUntil([&] { return process.unreadOutputBytes() > 3500; }, "the output pipe to be full");
-    process.signal(GetParam());
-    EXPECT_EQ(process.waitForExit(), killedBy(GetParam()));
+    EXPECT_EQ(end(process), killedBy(GetParam()));
     const auto status = process.readJson("runtime/runtime-status.json");
     EXPECT_EQ(status["workerDetail"], "No managed WhatsApp worker configured.");
 }

@@ -6,8 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "support/BackendLines.h"
 #include "support/BackendProcess.h"
-#include "support/WorkerScript.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
+#include "support/Requests.h"
+#include "support/TemporaryDirectory.h"
 
 namespace brindle::test {
 namespace {

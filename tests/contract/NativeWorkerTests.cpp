@@ -9,8 +9,14 @@
 
 #include "support/BackendProcess.h"
 #include "support/Executables.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
-#include "support/WorkerScript.h"
+#include "support/Processes.h"
+#include "support/Requests.h"
+#include "support/TemporaryDirectory.h"
+#include "support/TextForms.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

@@ -12,11 +12,18 @@
 #include <string>
 #include <vector>
 
+#include "support/BackendLines.h"
 #include "support/BackendProcess.h"
-#include "support/Diagnostics.h"
 #include "support/Executables.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/Processes.h"
+#include "support/Requests.h"
+#include "support/TemporaryDirectory.h"
+#include "support/TextForms.h"
 #include "support/Users.h"
+#include "support/Waiting.h"
 #include "support/WorkerScript.h"
 #include "system/Descriptor.h"
 
@@ -85,6 +92,37 @@ void waitForSomeDrains(const BackendProcess& backend) {
     backend.waitForStatusWrites(3);
 }
 
+/// Puts a directory that holds something, over which nothing can be moved, in the place of a record.
+void occupy(const BackendProcess& backend, const std::string& record) {
+    const fs::path place = backend.path(record);
+    backend.waitUntil(
+        [&] {
+            std::error_code error;
+            fs::remove(place, error);
+            return fs::create_directories(place / "occupied", error);
+        },
+        "the place of " + record + " to be taken");
+}
+
+/// Of two names the one that was made because `taken` was taken: the same behind a UUID.
+std::string freshNameAmong(std::vector<std::string> names, const std::string& taken) {
+    std::erase(names, taken);
+    constexpr std::size_t uuid_length = 36;
+    if (names.size() != 1 || !isCanonicalUuid(names.front().substr(0, uuid_length)) ||
+        names.front().substr(uuid_length) != "-" + taken) {
+        throw TestFailure("not a fresh name: " + testing::PrintToString(names));
+    }
+    return names.front();
+}
+
+/// Connects and listens, and gives the message ids of all that is delivered at once.
+std::vector<std::string> idsDeliveredAtOnce(BackendProcess& backend,
+                                            const Json& scope = conversationScope()) {
+    backend.send(connectRequest());
+    backend.send(startListeningRequest(scope));
+    return messageIdsUpToHere(backend);
+}
+
 // Delivery.
 
 TEST(InboundDelivery, RecordThatComesWhileListeningIsDeliveredAndProcessed) {
@@ -104,10 +142,8 @@ TEST(InboundDelivery, StartListeningDrainsAtOnce) {
     BackendProcess backend;
     backend.greet();
     writeRecords(backend, {"m-1", "m-2"});
-    backend.send(connectRequest());
-    backend.send(startListeningRequest(conversationScope()));
     // Answered in order, so the events are there before the answer to the line after the request.
-    EXPECT_EQ(messageIdsUpToHere(backend), (std::vector<std::string>{"m-1", "m-2"}));
+    EXPECT_EQ(idsDeliveredAtOnce(backend), (std::vector<std::string>{"m-1", "m-2"}));
 }
 
 TEST(InboundDelivery, FollowsPlainOrderOfFileNames) {
@@ -116,9 +152,7 @@ TEST(InboundDelivery, FollowsPlainOrderOfFileNames) {
     // Written in another order than they are delivered in, so that the date of a file shows no influence.
     for (const char* name : {"b", "\xC3\xA4", "a", "9", "Z", "10", "a-1", "a.b", "_"})
         writeRecords(backend, {name});
-    backend.send(connectRequest());
-    backend.send(startListeningRequest(conversationScope()));
-    EXPECT_EQ(messageIdsUpToHere(backend),
+    EXPECT_EQ(idsDeliveredAtOnce(backend),
               (std::vector<std::string>{"10", "9", "Z", "_", "a-1", "a.b", "a", "b", "\xC3\xA4"}));
 }
 
@@ -129,9 +163,7 @@ TEST(InboundDelivery, OnlyVisibleFilesWithTheExactExtensionAreRead) {
                                              ".json", "d.jsonx", "e.json.tmp", "f.Json",      "g.json~"};
     for (const std::string& name : others) backend.writeInbound(name, inboundRecord(name, "not read"));
     writeRecords(backend, {"b", "a"});
-    backend.send(connectRequest());
-    backend.send(startListeningRequest(conversationScope()));
-    EXPECT_EQ(messageIdsUpToHere(backend), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(idsDeliveredAtOnce(backend), (std::vector<std::string>{"a", "b"}));
     waitForSomeDrains(backend);
     expectNames(backend, "inbound", others);
     expectNames(backend, "processed", {"a.json", "b.json"});
@@ -225,9 +257,7 @@ TEST(InboundDelivery, ManyRecordsArriveOnceEachInOrder) {
     writeRecords(backend, ids);
     // Just after a tick, so that no drain of the poller runs beside the one of the request.
     backend.waitForStatusWrites(2);
-    backend.send(connectRequest());
-    backend.send(startListeningRequest(conversationScope()));
-    EXPECT_EQ(messageIdsUpToHere(backend), ids);
+    EXPECT_EQ(idsDeliveredAtOnce(backend), ids);
     EXPECT_EQ(backend.waitForEntries("processed", count).size(), ids.size());
     EXPECT_EQ(backend.standardError(), "");
 }
@@ -318,9 +348,7 @@ TEST_P(ScopeFilter, DecidesWhetherARecordIsDelivered) {
     BackendProcess backend;
     backend.greet();
     backend.writeInbound("a.json", GetParam().record);
-    backend.send(connectRequest());
-    backend.send(startListeningRequest(GetParam().scope));
-    const std::vector<std::string> ids = messageIdsUpToHere(backend);
+    const std::vector<std::string> ids = idsDeliveredAtOnce(backend, GetParam().scope);
     backend.finish();
     if (GetParam().belongs) {
         EXPECT_EQ(ids, std::vector<std::string>{"m"});
@@ -437,9 +465,7 @@ TEST(InboundRejection, DoesNotStopTheOtherFiles) {
     backend.greet();
     backend.writeInboundRaw("b.json", "{");
     writeRecords(backend, {"a", "c"});
-    backend.send(connectRequest());
-    backend.send(startListeningRequest(conversationScope()));
-    EXPECT_EQ(messageIdsUpToHere(backend), (std::vector<std::string>{"a", "c"}));
+    EXPECT_EQ(idsDeliveredAtOnce(backend), (std::vector<std::string>{"a", "c"}));
     expectNames(backend, "rejected", {"b.json"});
     expectNames(backend, "inbound", {});
 }
@@ -486,9 +512,7 @@ TEST_P(SpecialInboundEntry, IsLoggedAndMovedAndNeverWaitedFor) {
     backend.greet();
     GetParam().make(backend.path("inbound/b.json"), place.path());
     writeRecords(backend, {"a", "c"});
-    backend.send(connectRequest());
-    backend.send(startListeningRequest(conversationScope()));
-    EXPECT_EQ(messageIdsUpToHere(backend), (std::vector<std::string>{"a", "c"}));
+    EXPECT_EQ(idsDeliveredAtOnce(backend), (std::vector<std::string>{"a", "c"}));
     expectNames(backend, "rejected", {"b.json"});
     expectNames(backend, "inbound", {});
     expectNames(backend, "processed", {"a.json", "c.json"});
@@ -547,14 +571,10 @@ TEST(InboundMoves, NameTakenInProcessedGetsAUuidPrefix) {
     backend.connectAndListen();
     writeRecords(backend, {"m-1"});
     EXPECT_EQ(nextMessageId(backend), "m-1");
-    std::vector<std::string> names = backend.waitForEntries("processed", 2);
+    const std::vector<std::string> names = backend.waitForEntries("processed", 2);
     EXPECT_EQ(readFile(backend.path("processed/m-1.json")), "earlier");
-    std::erase(names, "m-1.json");
-    ASSERT_EQ(names.size(), 1U);
-    constexpr std::size_t uuid_length = 36;
-    EXPECT_TRUE(isCanonicalUuid(names.front().substr(0, uuid_length))) << names.front();
-    EXPECT_EQ(names.front().substr(uuid_length), "-m-1.json");
-    EXPECT_EQ(backend.readJson(fs::path("processed") / names.front()), inboundRecord("m-1", "text of m-1"));
+    const std::string name = freshNameAmong(names, "m-1.json");
+    EXPECT_EQ(backend.readJson(fs::path("processed") / name), inboundRecord("m-1", "text of m-1"));
     EXPECT_EQ(backend.standardError(), "");
 }
 
@@ -563,13 +583,9 @@ TEST(InboundMoves, NameTakenInRejectedGetsAUuidPrefix) {
     writeFileAtomically(backend.waitForFile("rejected") / "m-1.json", "earlier");
     backend.connectAndListen();
     backend.writeInboundRaw("m-1.json", "{");
-    std::vector<std::string> names = backend.waitForEntries("rejected", 2);
+    const std::vector<std::string> names = backend.waitForEntries("rejected", 2);
     EXPECT_EQ(readFile(backend.path("rejected/m-1.json")), "earlier");
-    std::erase(names, "m-1.json");
-    ASSERT_EQ(names.size(), 1U);
-    constexpr std::size_t uuid_length = 36;
-    EXPECT_TRUE(isCanonicalUuid(names.front().substr(0, uuid_length))) << names.front();
-    EXPECT_EQ(names.front().substr(uuid_length), "-m-1.json");
+    freshNameAmong(names, "m-1.json");
     backend.finish();
     EXPECT_EQ(linesWith(backend, rejected_prefix + "m-1.json: ").size(), 1U) << backend.standardError();
 }
@@ -627,9 +643,7 @@ TEST(InboundMoves, DrainStopsAtTheFileThatCannotEvenBeRejected) {
     backend.writeInboundRaw("b.json", "{");
     writeRecords(backend, {"a", "c"});
     makeVanish(backend.path("rejected"));
-    backend.send(connectRequest());
-    backend.send(startListeningRequest(conversationScope()));
-    EXPECT_EQ(messageIdsUpToHere(backend), std::vector<std::string>{"a"});
+    EXPECT_EQ(idsDeliveredAtOnce(backend), std::vector<std::string>{"a"});
     waitForSomeDrains(backend);
     expectNames(backend, "inbound", {"b.json", "c.json"});
     EXPECT_FALSE(fs::exists(backend.path("rejected")));
@@ -853,14 +867,7 @@ TEST(RuntimeStatus, WorkerStatusIsNotReadWithoutARunningWorker) {
 TEST(RuntimeStatus, ThatCannotBeWrittenIsLoggedAndControlIsStillWritten) {
     BackendProcess backend;
     backend.greet();
-    // Nothing can be moved over a directory that holds something.
-    backend.waitUntil(
-        [&] {
-            std::error_code error;
-            fs::remove(backend.path("runtime/runtime-status.json"), error);
-            return fs::create_directories(backend.path("runtime/runtime-status.json/occupied"), error);
-        },
-        "the place of the runtime status to be taken");
+    occupy(backend, "runtime/runtime-status.json");
     const std::string log = backend.waitForStandardError(status_failure_prefix);
     EXPECT_NE(log.find(backend.path("runtime/runtime-status.json").string()), std::string::npos) << log;
     backend.send(startListeningRequest(conversationScope()));
@@ -876,13 +883,7 @@ TEST(RuntimeStatus, ThatCannotBeWrittenIsLoggedAndControlIsStillWritten) {
 TEST(ControlFile, ThatCannotBeWrittenIsLoggedAndStatusIsStillWritten) {
     BackendProcess backend;
     backend.greet();
-    backend.waitUntil(
-        [&] {
-            std::error_code error;
-            fs::remove(backend.path("runtime/worker-control.json"), error);
-            return fs::create_directories(backend.path("runtime/worker-control.json/occupied"), error);
-        },
-        "the place of the control record to be taken");
+    occupy(backend, "runtime/worker-control.json");
     const std::string log = backend.waitForStandardError(control_failure_prefix);
     EXPECT_NE(log.find(backend.path("runtime/worker-control.json").string()), std::string::npos) << log;
     backend.waitForStatusWrites(2);

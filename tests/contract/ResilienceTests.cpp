@@ -8,7 +8,10 @@
 
 #include "support/BackendProcess.h"
 #include "support/Json.h"
+#include "support/Processes.h"
 #include "support/Sanitizers.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {

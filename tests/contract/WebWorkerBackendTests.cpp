@@ -9,11 +9,16 @@
 #include <utility>
 #include <vector>
 
+#include "support/BackendProcess.h"
 #include "support/DrivenPage.h"
 #include "support/Executables.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
 #include "support/Processes.h"
+#include "support/Requests.h"
 #include "support/TestDisplay.h"
+#include "support/TextForms.h"
 #include "support/WebWorkerProcess.h"
 #include "support/WebWorkerTest.h"
 

@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "support/DrivenPage.h"
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/TextForms.h"
 #include "support/WebWorkerProcess.h"
 #include "support/WebWorkerTest.h"
 

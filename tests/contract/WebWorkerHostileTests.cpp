@@ -8,8 +8,12 @@
 #include <vector>
 
 #include "support/DrivenPage.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/TextForms.h"
 #include "support/Units.h"
+#include "support/Waiting.h"
 #include "support/WebWorkerProcess.h"
 #include "support/WebWorkerTest.h"
 

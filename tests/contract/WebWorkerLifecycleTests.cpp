@@ -15,13 +15,18 @@
 #include <string_view>
 #include <vector>
 
+#include "support/BackendProcess.h"
 #include "support/DrivenPage.h"
 #include "support/Executables.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
 #include "support/Processes.h"
+#include "support/TemporaryDirectory.h"
+#include "support/TextForms.h"
+#include "support/Waiting.h"
 #include "support/WebWorkerProcess.h"
 #include "support/WebWorkerTest.h"
-#include "support/WorkerScript.h"
 
 namespace brindle::test {
 namespace {

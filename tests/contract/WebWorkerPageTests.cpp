@@ -9,7 +9,10 @@
 #include <vector>
 
 #include "support/DrivenPage.h"
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/StoredLogin.h"
+#include "support/Waiting.h"
 #include "support/WebWorkerProcess.h"
 #include "support/WebWorkerTest.h"
 
@@ -273,34 +276,15 @@ TEST_F(WebWorkerRecovery, APageThatShowsNoLoginIsReloadedTwiceAndNoMore) {
     EXPECT_EQ(page.loads(), 3U);
 }
 
-/// Answers with everything a page can be told to store.
 LoopbackServer::Response storage(const LoopbackServer::Request& request) {
-    if (request.path == "/cookie") {
-        return {.body = "set", .headers = "Set-Cookie: login=linked; Max-Age=86400; HttpOnly\r\n"};
-    }
-    if (request.path == "/cached") return {.body = "cached", .headers = "Cache-Control: max-age=86400\r\n"};
-    return {.status = "404 Not Found"};
+    return answerWithLogin(request, {.status = "404 Not Found"});
 }
 
-/// Shows a linked page exactly when everything that a login consists of is still there.
-constexpr const char* login_page = R"js(
-client.login();
-window.stored = 0;
-client.store = () => {
-    const done = () => { window.stored += 1; };
-    localStorage.setItem("login", "linked");
-    const request = indexedDB.open("login", 1);
-    request.onupgradeneeded = () => { request.result.createObjectStore("keys").put("linked", "login"); };
-    request.onsuccess = () => { request.result.close(); done(); };
-    fetch("/cookie").then(done);
-    fetch("/cached").then(done);
-    caches.open("login").then((cache) => cache.put("/entry", new Response("linked"))).then(done);
-};
-Promise.all([indexedDB.databases(), caches.keys()]).then(([databases, keys]) => {
-    window.listed = "local:" + localStorage.length + " databases:" + databases.length + " caches:" + keys.length;
-    if (localStorage.getItem("login") === "linked" && databases.length === 1) { client.chats(["Team Room"]); }
-});
-)js";
+/// A script that shows a linked page exactly when everything that a login consists of is still there.
+std::string loginPage() {
+    return "client.login();" + login_functions + "listWhatIsStored().then(() => { if (window.listed === '" +
+           all_of_a_login + "') { client.chats(['Team Room']); } });";
+}
 
 std::string listedIn(DrivenPage& page) {
     std::string listed;
@@ -313,21 +297,14 @@ std::string listedIn(DrivenPage& page) {
     return listed;
 }
 
-bool lastLoadSentCookie(const DrivenPage& page) {
-    bool sent = false;
-    for (const auto& request : page.server().requests()) {
-        if (request.path == "/") sent = request.headers.find("login=linked") != std::string::npos;
-    }
-    return sent;
-}
-
 /// A worker that has stored a login of every kind and has ended.
 WebWorkerOptions optionsWithLogin(DrivenPage& page) {
     const auto options = WebWorkerOptions().withUrl(page.url());
     WebWorkerProcess worker(options);
     worker.waitForState("waiting_for_qr");
-    page.run("client.store()");
-    waitUntil([&] { return page.run("window.stored") == "4"; }, "the login to be stored");
+    page.run("storeALogin()");
+    waitUntil([&] { return page.run("window.stored") == std::to_string(login_parts); },
+              "the login to be stored");
     worker.terminate();
     return options;
 }
@@ -335,16 +312,16 @@ WebWorkerOptions optionsWithLogin(DrivenPage& page) {
 class WebWorkerLogin : public WebWorkerTest {};
 
 TEST_F(WebWorkerLogin, SurvivesARestartOfTheWorker) {
-    DrivenPage page(login_page, storage);
+    DrivenPage page(loginPage(), storage);
     WebWorkerProcess worker(optionsWithLogin(page));
     worker.waitForDetail("page loaded");
-    EXPECT_EQ(listedIn(page), "local:1 databases:1 caches:1");
+    EXPECT_EQ(listedIn(page), all_of_a_login);
     worker.waitForState("linked");
-    EXPECT_TRUE(lastLoadSentCookie(page));
+    EXPECT_TRUE(lastVisitSentCookie(page.server()));
 }
 
 TEST_F(WebWorkerLogin, IsForgottenWhenAFreshLinkWasRequestedBeforeTheStart) {
-    DrivenPage page(login_page, storage);
+    DrivenPage page(loginPage(), storage);
     const auto options = optionsWithLogin(page);
     writeFileAtomically(options.path("runtime/fresh-link-request.flag"), "");
     writeFileAtomically(options.path("runtime/worker-qr.png"), "stale");
@@ -364,8 +341,8 @@ TEST_F(WebWorkerLogin, IsForgottenWhenAFreshLinkWasRequestedBeforeTheStart) {
     EXPECT_FALSE(fs::exists(worker.path("runtime/fresh-link-request.flag")));
     const auto waiting = worker.waitForState("waiting_for_qr", loading);
     EXPECT_NE(pictureIn(worker), hexadecimal("stale"));
-    EXPECT_EQ(listedIn(page), "local:0 databases:0 caches:0");
-    EXPECT_FALSE(lastLoadSentCookie(page));
+    EXPECT_EQ(listedIn(page), nothing_of_a_login);
+    EXPECT_FALSE(lastVisitSentCookie(page.server()));
     const auto requests = page.server().requests().size();
     page.run("fetch('/cached').then(() => { window.fetched = true; })");
     waitUntil([&] { return page.run("window.fetched") == "true"; }, "the answer");
@@ -378,7 +355,7 @@ TEST_F(WebWorkerLogin, IsForgottenWhenAFreshLinkWasRequestedBeforeTheStart) {
 }
 
 TEST_F(WebWorkerLogin, AFreshLinkRequestedLaterWaitsForTheNextStart) {
-    DrivenPage page(login_page, storage);
+    DrivenPage page(loginPage(), storage);
     WebWorkerProcess worker(optionsWithLogin(page));
     worker.waitForState("linked");
     writeFileAtomically(worker.path("runtime/fresh-link-request.flag"), "");

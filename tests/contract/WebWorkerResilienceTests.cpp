@@ -8,8 +8,11 @@
 #include <vector>
 
 #include "support/DrivenPage.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/LoopbackServer.h"
 #include "support/Processes.h"
+#include "support/Waiting.h"
 #include "support/WebWorkerProcess.h"
 #include "support/WebWorkerTest.h"
 

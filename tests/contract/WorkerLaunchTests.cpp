@@ -7,10 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "support/BackendLines.h"
 #include "support/BackendProcess.h"
-#include "support/Diagnostics.h"
 #include "support/Executables.h"
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/Processes.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {

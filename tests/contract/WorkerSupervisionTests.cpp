@@ -10,9 +10,16 @@
 #include <string_view>
 #include <vector>
 
+#include "support/BackendLines.h"
 #include "support/BackendProcess.h"
-#include "support/Diagnostics.h"
+#include "support/BystanderProcess.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/Processes.h"
+#include "support/Requests.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 #include "support/WorkerScript.h"
 
 namespace brindle::test {

@@ -5,7 +5,8 @@
 
 #include <filesystem>
 
-#include "support/BackendProcess.h"
+#include "support/Files.h"
+#include "support/TemporaryDirectory.h"
 
 namespace brindle {
 namespace {

@@ -10,7 +10,8 @@
 #include <fstream>
 
 #include "exchange/EnvironmentKeys.h"
-#include "support/BackendProcess.h"
+#include "support/Files.h"
+#include "support/TemporaryDirectory.h"
 #include "system/FileSystemFailure.h"
 
 namespace brindle {

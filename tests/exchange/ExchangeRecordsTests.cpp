@@ -6,8 +6,9 @@
 #include <filesystem>
 
 #include "records/DecodingFailure.h"
-#include "support/BackendProcess.h"
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/TemporaryDirectory.h"
 #include "system/FileSystemFailure.h"
 
 namespace brindle {

@@ -5,8 +5,9 @@
 
 #include <filesystem>
 
-#include "support/BackendProcess.h"
 #include "support/FaultInjectingFileManager.h"
+#include "support/Files.h"
+#include "support/TemporaryDirectory.h"
 #include "system/FileSystemFailure.h"
 
 namespace brindle {

@@ -1,5 +1,7 @@
 #include "scripts/PageScriptTest.h"
 
+#include "support/Json.h"
+
 namespace brindle::test {
 namespace {
 
@@ -33,6 +35,11 @@ class InboundCaptureScript : public PageScriptTest {
     static Json messagesIn(const std::string& messages) {
         showMessages(messages);
         return capture("Team").at("messages");
+    }
+    /// Shows an empty chat and captures for the first time, which takes what is there as known.
+    static void watch(const std::string& title) {
+        showChat(title);
+        capture(title);
     }
     /// The only message captured from such a chat; an empty object when there is none.
     static Json messageIn(const std::string& message) {
@@ -157,8 +164,7 @@ TEST_F(InboundCaptureScript, OutboundMessagesAreLeftOut) {
 }
 
 TEST_F(InboundCaptureScript, WhatIsNoElementIsNoMessage) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage(R"(
         document.querySelectorAll = () => [null, undefined, document, document.createTextNode('x'),
             ...document.getElementsByClassName('message-in')];
@@ -365,8 +371,7 @@ TEST_F(InboundCaptureScript, FingerprintsAreStampedInMillisecondsSinceTheEpoch) 
 }
 
 TEST_F(InboundCaptureScript, LaterRunsKeepTheState) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("window.first = " + state_name + ";");
     capture("Team");
     EXPECT_EQ(valueOf(state_name + " === window.first"), true);
@@ -381,8 +386,7 @@ TEST_F(InboundCaptureScript, StateIsTheOnlyThingLeftBehind) {
 }
 
 TEST_F(InboundCaptureScript, NewDocumentStartsAnew) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("add('Lost', 'm1');");
     showChat("Team", "<div class=\"message-in\" data-id=\"m1\">Lost</div>");
     EXPECT_EQ(capturedTexts("Team"), Texts{});
@@ -408,8 +412,7 @@ TEST_F(InboundCaptureScript, MessageThatArrivesLaterIsDeliveredOnce) {
 }
 
 TEST_F(InboundCaptureScript, EachChatIsPrimedWhenItIsFirstSeen) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("openChat('Family'); add('History of the family', 'f1');");
     EXPECT_EQ(capture("Family").at("messages"), Json::array());
     inPage("add('New in the family', 'f2');");
@@ -418,8 +421,7 @@ TEST_F(InboundCaptureScript, EachChatIsPrimedWhenItIsFirstSeen) {
 }
 
 TEST_F(InboundCaptureScript, ChatIsPrimedOncePerPage) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("openChat('Family');");
     capture("Family");
     inPage("openChat('Team'); add('While away', 'm1');");
@@ -427,8 +429,7 @@ TEST_F(InboundCaptureScript, ChatIsPrimedOncePerPage) {
 }
 
 TEST_F(InboundCaptureScript, CaseOfTheTitleDoesNotMakeAnotherChat) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("openChat('TEAM'); add('New', 'm1');");
     EXPECT_EQ(capturedTexts("Team"), Texts{"New"});
 }
@@ -461,8 +462,7 @@ TEST_F(InboundCaptureScript, MessageOfAnUnnamedChatMatchesNoWatchedTitle) {
 // --- What happens between two runs
 
 TEST_F(InboundCaptureScript, MessageThatIsRemovedAgainIsDelivered) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("add('Gone soon', 'm1');");
     page().waitUntil(state_name + ".queue.length === 1");
     inPage("document.getElementById('messages').textContent = '';");
@@ -470,8 +470,7 @@ TEST_F(InboundCaptureScript, MessageThatIsRemovedAgainIsDelivered) {
 }
 
 TEST_F(InboundCaptureScript, MessagesOfAVirtualizedListAreAllDelivered) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage(R"(
         let next = 0;
         window.timer = setInterval(() => {
@@ -503,8 +502,7 @@ TEST_F(InboundCaptureScript, ChangeOfTextIsNoticed) {
 }
 
 TEST_F(InboundCaptureScript, EveryChangeIsFollowedByOneScan) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage(R"(
         window.scans = 0;
         const query = document.querySelectorAll;
@@ -537,8 +535,7 @@ TEST_F(InboundCaptureScript, ObserverIsInstalledOnce) {
 }
 
 TEST_F(InboundCaptureScript, ObserverGoesOnWhenLaterRunsWatchAnotherChat) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     capture("Family");
     inPage("add('For the team', 'm1');");
     page().waitUntil(state_name + ".queue.length === 1");
@@ -588,15 +585,13 @@ TEST_F(InboundCaptureScript, ObserverThatWaitedIsInstalledOnce) {
 // --- De-duplication
 
 TEST_F(InboundCaptureScript, SameTextWithDifferentIdentifiersIsDeliveredTwice) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("add('Yes', 'm1'); add('Yes', 'm2');");
     EXPECT_EQ(capturedTexts("Team"), (Texts{"Yes", "Yes"}));
 }
 
 TEST_F(InboundCaptureScript, SameTextWithoutIdentifierInTheSamePlaceIsDeliveredOnce) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("add('Yes');");
     EXPECT_EQ(capturedTexts("Team"), Texts{"Yes"});
     inPage("document.getElementById('messages').textContent = ''; add('Yes');");
@@ -604,15 +599,13 @@ TEST_F(InboundCaptureScript, SameTextWithoutIdentifierInTheSamePlaceIsDeliveredO
 }
 
 TEST_F(InboundCaptureScript, SameTextWithoutIdentifierInAnotherPlaceIsDeliveredAgain) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("add('Yes'); add('Yes');");
     EXPECT_EQ(capturedTexts("Team"), (Texts{"Yes", "Yes"}));
 }
 
 TEST_F(InboundCaptureScript, SameMessageInAnotherChatIsAnotherMessage) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("add('Yes', 'm1');");
     capture("Team");
     inPage("openChat('Family');");
@@ -624,8 +617,7 @@ TEST_F(InboundCaptureScript, SameMessageInAnotherChatIsAnotherMessage) {
 // --- The queue
 
 TEST_F(InboundCaptureScript, WrongChatKeepsTheQueue) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("add('For the team', 'm1');");
     page().waitUntil(state_name + ".queue.length === 1");
     inPage("openChat('Family');");
@@ -637,8 +629,7 @@ TEST_F(InboundCaptureScript, WrongChatKeepsTheQueue) {
 }
 
 TEST_F(InboundCaptureScript, ClosedChatKeepsTheQueue) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("add('For the team', 'm1');");
     page().waitUntil(state_name + ".queue.length === 1");
     inPage("openChat('');");
@@ -648,8 +639,7 @@ TEST_F(InboundCaptureScript, ClosedChatKeepsTheQueue) {
 }
 
 TEST_F(InboundCaptureScript, DrainTakesTheMessagesOfTheWatchedChatOnly) {
-    showChat("Family");
-    capture("Family");
+    watch("Family");
     inPage("add('For the family', 'f1');");
     page().waitUntil(state_name + ".queue.length === 1");
     inPage("openChat('Team');");
@@ -696,8 +686,7 @@ TEST_F(InboundCaptureScript, ScanStandsInForALostSnapshot) {
 }
 
 TEST_F(InboundCaptureScript, TwoHundredMessagesStayQueued) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("for (let i = 0; i < 200; ++i) { add('Message ' + i, 'm' + i); }");
     const Texts texts = capturedTexts("Team");
     ASSERT_EQ(texts.size(), 200U);
@@ -705,8 +694,7 @@ TEST_F(InboundCaptureScript, TwoHundredMessagesStayQueued) {
 }
 
 TEST_F(InboundCaptureScript, LongerQueueShrinksToItsNewestHundred) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("for (let i = 0; i < 201; ++i) { add('Message ' + i, 'm' + i); }");
     const Texts texts = capturedTexts("Team");
     ASSERT_EQ(texts.size(), 100U);
@@ -718,8 +706,7 @@ TEST_F(InboundCaptureScript, LongerQueueShrinksToItsNewestHundred) {
 // --- The bound on fingerprints
 
 TEST_F(InboundCaptureScript, TwoThousandFingerprintsAreKept) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     inPage("for (let i = 0; i < 1999; ++i) { " + state_name +
            ".seenFingerprints['known ' + i] = i; } add('New', 'm1');");
     EXPECT_EQ(capturedTexts("Team"), Texts{"New"});
@@ -727,8 +714,7 @@ TEST_F(InboundCaptureScript, TwoThousandFingerprintsAreKept) {
 }
 
 TEST_F(InboundCaptureScript, MoreFingerprintsAreTrimmedToTheLatest) {
-    showChat("Team");
-    capture("Team");
+    watch("Team");
     // The later a fingerprint was added here, the older it is.
     inPage("for (let i = 0; i < 2000; ++i) { " + state_name +
            ".seenFingerprints['known ' + i] = 2000 - i; } add('New', 'm1');");

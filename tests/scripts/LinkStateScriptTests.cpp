@@ -1,5 +1,7 @@
 #include "scripts/PageScriptTest.h"
 
+#include "support/Json.h"
+
 namespace brindle::test {
 namespace {
 

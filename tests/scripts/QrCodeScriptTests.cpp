@@ -1,4 +1,5 @@
 #include "scripts/PageScriptTest.h"
+#include "support/Json.h"
 #include "text/Base64.h"
 
 namespace brindle::test {

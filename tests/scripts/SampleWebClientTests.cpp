@@ -2,6 +2,8 @@
 #include <map>
 
 #include "scripts/PageScriptTest.h"
+#include "support/Files.h"
+#include "support/Json.h"
 #include "support/LoopbackServer.h"
 #include "support/QRPictures.h"
 #include "text/Base64.h"

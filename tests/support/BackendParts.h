@@ -10,21 +10,15 @@
 #include "backend/StatusPublisher.h"
 #include "backend/WorkerSupervisor.h"
 #include "exchange/EnvironmentKeys.h"
-#include "support/BackendProcess.h"
 #include "support/FaultInjectingFileManager.h"
+#include "support/Files.h"
 #include "support/Json.h"
 #include "support/MemoryStreams.h"
+#include "support/TemporaryDirectory.h"
 #include "support/TestClock.h"
+#include "support/TextForms.h"
 
 namespace brindle::test {
-
-/// The lines of a text, without line feeds.
-inline std::vector<std::string> linesOf(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) lines.push_back(line);
-    return lines;
-}
 
 /// The message events among the envelopes of an output.
 inline std::vector<Json> inboundEventsIn(const std::string& output) {

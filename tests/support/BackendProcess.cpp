@@ -1,9 +1,8 @@
 #include "support/BackendProcess.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
-#include <spawn.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
@@ -11,7 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -19,12 +17,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <random>
 #include <sstream>
 #include <utility>
 
 #include "support/Executables.h"
-#include "support/Json.h"
+#include "support/Files.h"
+#include "support/Pipes.h"
+#include "support/Processes.h"
+#include "support/Requests.h"
+#include "support/Spawning.h"
+#include "support/TextForms.h"
 
 namespace brindle::test {
 
@@ -33,7 +35,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds poll_interval{2};
 constexpr std::size_t stream_chunk_bytes = 64 * 1024;
 constexpr std::size_t shown_output_bytes = 4000;
 
@@ -45,19 +46,13 @@ void require(bool succeeded, const std::string& what) {
     if (!succeeded) failWithErrno(what);
 }
 
-/// A pipe whose ends are not inherited; the spawned process gets copies of the ends it needs.
-struct Pipe {
-    int readEnd = -1;
-    int writeEnd = -1;
-};
-
-Pipe makePipeOf(int capacityBytes = 0) {
-    std::array<int, 2> ends{};
-    require(::pipe2(ends.data(), O_CLOEXEC) == 0, "pipe");
+PipeEnds makePipeOf(int capacityBytes) {
+    PipeEnds pipe = makePipe();
     if (capacityBytes > 0) {
-        require(::fcntl(ends[0], F_SETPIPE_SZ, capacityBytes) >= 0, "setting the capacity of a pipe");
+        require(::fcntl(pipe.reading.get(), F_SETPIPE_SZ, capacityBytes) >= 0,
+                "setting the capacity of a pipe");
     }
-    return {ends[0], ends[1]};
+    return pipe;
 }
 
 void closeDescriptor(int& descriptor) {
@@ -90,144 +85,13 @@ bool isReaped(pid_t child) {
     return result == child;
 }
 
-std::vector<char*> pointersTo(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (auto& text : texts) pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
-std::vector<std::string> flattened(const Environment& environment) {
-    std::vector<std::string> entries;
-    for (const auto& [key, value] : environment) {
-        entries.push_back(key + "=" + value);  // NOLINT(performance-inefficient-string-concatenation)
-    }
-    return entries;
-}
-
-/// What a process is to find at its first three descriptors; -1 means closed.
-struct StandardDescriptors {
-    int input = -1;
-    int output = -1;
-    int error = -1;
-};
-
-class FileActions {
-  public:
-    FileActions(const StandardDescriptors& descriptors, const std::string& workingDirectory) {
-        posix_spawn_file_actions_init(&actions_);
-        add(descriptors.input, STDIN_FILENO);
-        add(descriptors.output, STDOUT_FILENO);
-        add(descriptors.error, STDERR_FILENO);
-        if (!workingDirectory.empty()) {
-            posix_spawn_file_actions_addchdir_np(&actions_, workingDirectory.c_str());
-        }
-    }
-    ~FileActions() { posix_spawn_file_actions_destroy(&actions_); }
-    FileActions(const FileActions&) = delete;
-    FileActions& operator=(const FileActions&) = delete;
-
-    const posix_spawn_file_actions_t* get() const { return &actions_; }
-
-  private:
-    void add(int descriptor, int target) {
-        if (descriptor < 0) {
-            posix_spawn_file_actions_addclose(&actions_, target);
-        } else {
-            posix_spawn_file_actions_adddup2(&actions_, descriptor, target);
-        }
-    }
-
-    posix_spawn_file_actions_t actions_{};
-};
-
-/// Default signal dispositions and an empty mask: what a process of a desktop session starts with.
-class SpawnAttributes {
-  public:
-    explicit SpawnAttributes(bool newProcessGroup) {
-        posix_spawnattr_init(&attributes_);
-        sigset_t all;
-        sigset_t none;
-        sigfillset(&all);
-        sigemptyset(&none);
-        posix_spawnattr_setsigdefault(&attributes_, &all);
-        posix_spawnattr_setsigmask(&attributes_, &none);
-        posix_spawnattr_setpgroup(&attributes_, 0);
-        const int flags =
-            POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | (newProcessGroup ? POSIX_SPAWN_SETPGROUP : 0);
-        posix_spawnattr_setflags(&attributes_, static_cast<short>(flags));
-    }
-    ~SpawnAttributes() { posix_spawnattr_destroy(&attributes_); }
-    SpawnAttributes(const SpawnAttributes&) = delete;
-    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
-
-    const posix_spawnattr_t* get() const { return &attributes_; }
-
-  private:
-    posix_spawnattr_t attributes_{};
-};
-
 std::string tail(const std::string& text) {
     if (text.size() <= shown_output_bytes) return text;
     return "[...]" + text.substr(text.size() - shown_output_bytes);
 }
 
-std::vector<std::string> linesOf(const std::string& text) {
-    std::vector<std::string> lines;
-    std::size_t start = 0;
-    while (start < text.size()) {
-        const auto end = std::min(text.find('\n', start), text.size());
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return lines;
-}
-
-std::string randomHex(std::size_t digits) {
-    static constexpr std::string_view alphabet = "0123456789abcdef";
-    std::random_device device;
-    std::uniform_int_distribution<std::size_t> pick(0, alphabet.size() - 1);
-    std::string text;
-    for (std::size_t index = 0; index < digits; ++index) text += alphabet[pick(device)];
-    return text;
-}
-
-std::filesystem::path makeTemporaryDirectory() {
-    const char* base = std::getenv("TMPDIR");
-    // A relative one would mean another place to a process that starts in another directory.
-    const bool isUsable = base != nullptr && *base == '/' && std::filesystem::is_directory(base);
-    std::string path = std::string(isUsable ? base : "/tmp") + "/brindle-test-XXXXXX";
-    require(::mkdtemp(path.data()) != nullptr, "mkdtemp " + path);
-    return path;
-}
-
 void passOn(Environment& environment, const char* name) {
     if (const char* value = std::getenv(name)) environment[name] = value;
-}
-
-bool matches(std::string_view text, std::string_view pattern) {
-    if (text.size() != pattern.size()) return false;
-    for (std::size_t index = 0; index < text.size(); ++index) {
-        const char character = text[index];
-        const bool isDigit = character >= '0' && character <= '9';
-        switch (pattern[index]) {
-            case 'X':
-                if (!isDigit && (character < 'A' || character > 'F')) return false;
-                break;
-            case '9':
-                if (!isDigit) return false;
-                break;
-            default:
-                if (character != pattern[index]) return false;
-        }
-    }
-    return true;
-}
-
-Json requestFor(const std::string& name, Json payload, const std::string& platform) {
-    payload["platform"] = platform;
-    return {{name, {{"_0", std::move(payload)}}}};
 }
 
 /// Reads a number that a line feed ends; false while it is not there yet.
@@ -248,145 +112,6 @@ std::pair<ino_t, std::int64_t> versionOf(const std::filesystem::path& file) {
 }
 
 }  // namespace
-
-TemporaryDirectory::TemporaryDirectory() : path_(makeTemporaryDirectory()) {}
-
-TemporaryDirectory::~TemporaryDirectory() {
-    // What is made while the rest is being removed keeps the directory; its maker is about to end.
-    constexpr int attempts = 100;
-    constexpr milliseconds pause{10};
-    for (int attempt = 0; attempt < attempts; ++attempt) {
-        std::error_code error;
-        std::filesystem::remove_all(path_, error);
-        if (!error) return;
-        std::this_thread::sleep_for(pause);
-    }
-}
-
-LaunchToken::LaunchToken() : value_(randomHex(48)), file_(directory_.path() / "launch-token") {
-    const int descriptor = ::open(file_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    require(descriptor >= 0, "creating the token file");
-    const auto written = ::write(descriptor, value_.data(), value_.size());
-    ::close(descriptor);
-    require(written == static_cast<ssize_t>(value_.size()), "writing the token file");
-}
-
-void LaunchToken::addTo(Environment& environment) const {
-    environment["BRINDLE_HELPER_LAUNCH_TOKEN"] = value_;
-    environment["BRINDLE_HELPER_LAUNCH_TOKEN_FILE"] = file_;
-}
-
-void waitUntil(const std::function<bool()>& condition, std::string_view what, milliseconds timeout) {
-    const auto deadline = steady_clock::now() + timeout;
-    while (!condition()) {
-        if (steady_clock::now() >= deadline) {
-            throw TestFailure("waited " + std::to_string(timeout.count()) + " ms in vain for " +
-                              std::string(what));
-        }
-        std::this_thread::sleep_for(poll_interval);
-    }
-}
-
-bool processIsRunning(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string content;
-    if (!std::getline(file, content)) return false;
-    const auto nameEnd = content.rfind(") ");  // The name before it may hold anything.
-    if (nameEnd == std::string::npos || nameEnd + 2 >= content.size()) return false;
-    const char state = content[nameEnd + 2];
-    return state != 'Z' && state != 'X';
-}
-
-std::string readFile(const std::filesystem::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    std::ostringstream content;
-    if (!stream || !(content << stream.rdbuf())) {
-        // An empty file makes the insertion fail too.
-        if (std::error_code ignored; stream && std::filesystem::file_size(file, ignored) == 0) return {};
-        throw TestFailure("cannot read " + file.string());
-    }
-    return content.str();
-}
-
-Json readJsonFile(const std::filesystem::path& file) {
-    const auto content = readFile(file);
-    if (!Json::accept(content)) {
-        throw TestFailure(file.string() + " does not hold a JSON document: " + content);
-    }
-    return Json::parse(content);
-}
-
-namespace {
-
-void writeWithPermissions(const std::filesystem::path& file, std::string_view content,
-                          std::filesystem::perms added) {
-    const auto temporary = file.parent_path() / ("." + file.filename().string() + "." + randomHex(8));
-    {
-        std::ofstream stream(temporary, std::ios::binary);
-        stream.write(content.data(), static_cast<std::streamsize>(content.size()));
-        if (!stream.flush()) throw TestFailure("cannot write " + temporary.string());
-    }
-    // Before the file has its name: whoever waits for a program may start it at once.
-    std::filesystem::permissions(temporary, added, std::filesystem::perm_options::add);
-    std::filesystem::rename(temporary, file);
-}
-
-}  // namespace
-
-void writeFileAtomically(const std::filesystem::path& file, std::string_view content) {
-    writeWithPermissions(file, content, std::filesystem::perms::none);
-}
-
-std::filesystem::path writeProgram(const std::filesystem::path& file, std::string_view content) {
-    writeWithPermissions(file, content, std::filesystem::perms::owner_all);
-    return file;
-}
-
-std::filesystem::path writeScript(const std::filesystem::path& file, std::string_view body) {
-    return writeProgram(file, "#!/bin/sh\n" + std::string(body) + "\n");
-}
-
-std::vector<std::string> namesIn(const std::filesystem::path& directory) {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-        names.push_back(entry.path().filename());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-std::vector<std::string> visibleNamesIn(const std::filesystem::path& directory) {
-    std::error_code error;
-    std::vector<std::string> names;
-    for (std::filesystem::directory_iterator entry(directory, error);
-         !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        auto name = entry->path().filename().string();
-        if (!name.starts_with(".")) names.push_back(std::move(name));
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-bool isCanonicalUuid(std::string_view text) {
-    return matches(text, "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX");
-}
-
-bool isTimestamp(std::string_view text) {
-    return matches(text, "9999-99-99T99:99:99Z");
-}
-
-ExitStatus exitedWith(int code) {
-    return {.exited = true, .code = code, .signal = 0};
-}
-
-ExitStatus killedBy(int signal) {
-    return {.exited = false, .code = -1, .signal = signal};
-}
-
-std::ostream& operator<<(std::ostream& stream, const ExitStatus& status) {
-    if (status.exited) return stream << "exit status " << status.code;
-    return stream << "death by signal " << status.signal;
-}
 
 BackendOptions::BackendOptions()
     : executable(backendExecutable()),
@@ -465,30 +190,21 @@ std::vector<std::string> BackendProcess::commandLine() const {
 
 void BackendProcess::start() {
     if (options_.underIntermediateParent) intermediateDirectory_ = std::make_unique<TemporaryDirectory>();
-    auto arguments = commandLine();
-    auto environment = flattened(options_.environment);
-    Pipe input = makePipeOf();
-    Pipe output = makePipeOf(options_.stdoutPipeBytes);
-    Pipe error = makePipeOf(options_.stderrPipeBytes);
-    const FileActions actions(
-        {options_.closeStdin ? -1 : input.readEnd, options_.closeStdout ? -1 : output.writeEnd,
-         options_.closeStderr ? -1 : error.writeEnd},
-        options_.workingDirectory);
-    const SpawnAttributes attributes(options_.newProcessGroup);
-    pid_t pid = -1;
-    const int result = ::posix_spawn(&pid, arguments.front().c_str(), actions.get(), attributes.get(),
-                                     pointersTo(arguments).data(), pointersTo(environment).data());
-    closeDescriptor(input.readEnd);
-    closeDescriptor(output.writeEnd);
-    closeDescriptor(error.writeEnd);
-    input_ = input.writeEnd;
-    output_.descriptor = output.readEnd;
-    error_.descriptor = error.readEnd;
-    if (result != 0) {
-        throw TestFailure("cannot start " + arguments.front() + ": " + std::strerror(result));
-    }
+    PipeEnds input = makePipe();
+    PipeEnds output = makePipeOf(options_.stdoutPipeBytes);
+    PipeEnds error = makePipeOf(options_.stderrPipeBytes);
+    const pid_t pid = spawn({.commandLine = commandLine(),
+                             .environment = options_.environment,
+                             .workingDirectory = options_.workingDirectory,
+                             .standardInput = options_.closeStdin ? -1 : input.reading.get(),
+                             .standardOutput = options_.closeStdout ? -1 : output.writing.get(),
+                             .standardError = options_.closeStderr ? -1 : error.writing.get(),
+                             .newProcessGroup = options_.newProcessGroup});
     (options_.underIntermediateParent ? intermediatePid_ : pid_) = pid;
     if (options_.newProcessGroup) group_ = pid;
+    input_ = input.writing.release();
+    output_.descriptor = output.reading.release();
+    error_.descriptor = error.reading.release();
     require(::fcntl(input_, F_SETFL, O_WRONLY | O_NONBLOCK) == 0, "making a pipe non-blocking");
 }
 
@@ -728,7 +444,7 @@ bool BackendProcess::reapIfEnded() {
     } else {
         int status = 0;
         if (::waitpid(pid_, &status, WNOHANG) != pid_) return false;
-        status_ = WIFEXITED(status) ? exitedWith(WEXITSTATUS(status)) : killedBy(WTERMSIG(status));
+        status_ = exitStatusOf(status);
     }
     ended_ = true;
     return true;
@@ -788,8 +504,10 @@ Json BackendProcess::waitForRuntimeStatus(const JsonPredicate& predicate) const 
     Json document;
     waitUntil(
         [&] {
-            if (!std::filesystem::exists(path("runtime/runtime-status.json"))) return false;
-            document = readJson("runtime/runtime-status.json");
+            // It may be taken away at any time.
+            const auto content = contentOrNothing(path("runtime/runtime-status.json"));
+            if (content.empty()) return false;
+            document = Json::parse(content);
             return predicate(document);
         },
         "the expected runtime status");
@@ -800,8 +518,10 @@ Json BackendProcess::waitForControl(const JsonPredicate& predicate) const {
     Json document;
     waitUntil(
         [&] {
-            if (!std::filesystem::exists(path("runtime/worker-control.json"))) return false;
-            document = readJson("runtime/worker-control.json");
+            // It may be taken away at any time.
+            const auto content = contentOrNothing(path("runtime/worker-control.json"));
+            if (content.empty()) return false;
+            document = Json::parse(content);
             return predicate(document);
         },
         "the expected worker control record");
@@ -863,11 +583,9 @@ void BackendProcess::waitUntil(const std::function<bool()>& condition, std::stri
 }
 
 std::size_t BackendProcess::residentBytes() const {
-    std::istringstream status(readFile("/proc/" + std::to_string(pid_) + "/status"));
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("VmRSS:")) return std::stoul(line.substr(6)) * 1024;
-    }
-    throw TestFailure("the process has no resident memory\n" + describe());
+    const auto bytes = residentBytesOf(pid_);
+    if (bytes == 0) throw TestFailure("the process has no resident memory\n" + describe());
+    return bytes;
 }
 
 void BackendProcess::endGroup() {
@@ -897,88 +615,6 @@ std::string BackendProcess::describe() const {
     text << "\n--- standard output:\n" << tail(rawOutput());
     text << "\n--- standard error:\n" << tail(standardError());
     return text.str();
-}
-
-Json connectRequest(const std::string& platform) {
-    return requestFor("connect", Json::object(), platform);
-}
-
-Json disconnectRequest(const std::string& platform) {
-    return requestFor("disconnect", Json::object(), platform);
-}
-
-Json startListeningRequest(const Json& scope, const std::string& platform) {
-    return requestFor("startListening", {{"scope", scope}}, platform);
-}
-
-Json stopListeningRequest(const std::string& platform) {
-    return requestFor("stopListening", Json::object(), platform);
-}
-
-Json sendMessageRequest(const Json& message, const std::string& platform) {
-    return requestFor("sendMessage", {{"message", message}}, platform);
-}
-
-Json teamRoomMessage(const std::string& text) {
-    return {{"conversationId", "team-room"}, {"text", text}};
-}
-
-Json conversationScope(const std::string& id, const std::string& title) {
-    return {{"conversation", {{"id", id}, {"title", title}}}};
-}
-
-Json channelScope(const std::string& id, const std::string& title) {
-    return {{"channel", {{"id", id}, {"title", title}}}};
-}
-
-Json threadScope(const std::string& id) {
-    return {{"thread", {{"id", id}}}};
-}
-
-Json threadScope(const std::string& id, const std::string& title) {
-    return {{"thread", {{"id", id}, {"title", title}}}};
-}
-
-Json testOnlyScope(const std::string& title) {
-    return {{"testOnly", {{"title", title}}}};
-}
-
-std::string errorMessageOf(const std::string& line) {
-    const Json envelope = Json::accept(line) ? Json::parse(line) : Json();
-    constexpr auto place = "/error/_0/message";
-    if (!envelope.containsPointer(place) || !envelope.atPointer(place).isString() ||
-        envelope != Json{{"error", {{"_0", {{"message", envelope.atPointer(place)}}}}}}) {
-        throw TestFailure("not an error envelope: " + tail(line));
-    }
-    auto message = envelope.atPointer(place).text();
-    const auto holds = [&](std::string_view text) { return message.find(text) != std::string::npos; };
-    const bool hasLineBreak = holds("\n") || holds("\r") || holds("\v") || holds("\f") || holds("\u0085") ||
-                              holds("\u2028") || holds("\u2029");
-    if (message.empty() || hasLineBreak || holds("Invalid number of keys found, expected one.")) {
-        throw TestFailure("not a message for people: " + tail(line));
-    }
-    return message;
-}
-
-std::string selfTestTitleOf(const std::string& line) {
-    const Json envelope = Json::accept(line) ? Json::parse(line) : Json();
-    constexpr auto place = "/inboundEvent/_0/event/conversationTitle";
-    if (!envelope.containsPointer(place) || !envelope.atPointer(place).isString()) {
-        throw TestFailure("not a self-test event: " + tail(line));
-    }
-    return envelope.atPointer(place);
-}
-
-Json inboundRecord(const std::string& messageId, const std::string& text) {
-    return {{"messageId", messageId},
-            {"conversationId", "team-room"},
-            {"conversationTitle", "Team Room"},
-            {"senderId", "ada"},
-            {"senderDisplayName", "Ada"},
-            {"text", text},
-            {"timestampISO8601", "2026-01-05T09:30:00Z"},
-            {"isDirectMessage", false},
-            {"rawReference", "page-ref-" + messageId}};
 }
 
 }  // namespace brindle::test

@@ -4,106 +4,24 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <cstddef>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
+#include "support/Environment.h"
+#include "support/ExitStatus.h"
 #include "support/Json.h"
+#include "support/LaunchToken.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
-
-using Environment = std::map<std::string, std::string>;
-
-/// How long a test waits for something that must happen before it fails; far more than the busiest machine
-/// needs.
-constexpr std::chrono::seconds must_happen_deadline{90};
-
-/// Ends the running test with a message; GoogleTest reports it as a failure of that test.
-class TestFailure : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
-/// A private directory (mode 0700) under $TMPDIR or /tmp that disappears with the object, also while a
-/// process that is just ending still writes there.
-class TemporaryDirectory {
-  public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
-    const std::filesystem::path& path() const { return path_; }
-
-  private:
-    std::filesystem::path path_;
-};
-
-/// A launch token and the 0600 file that holds it, as the parent application makes them.
-class LaunchToken {
-  public:
-    LaunchToken();
-
-    const std::string& value() const { return value_; }
-    const std::filesystem::path& file() const { return file_; }
-    /// Sets the two variables by which a helper finds the token and its file.
-    void addTo(Environment& environment) const;
-
-  private:
-    TemporaryDirectory directory_;
-    std::string value_;
-    std::filesystem::path file_;
-};
-
-/// Polls `condition` until it holds; fails the test, naming `what`, when it never does.
-void waitUntil(const std::function<bool()>& condition, std::string_view what,
-               std::chrono::milliseconds timeout = must_happen_deadline);
-
-/// Whether a process runs; one that ended but was not reaped yet does not.
-bool processIsRunning(pid_t pid);
-
-/// The whole content of a file; fails the test when it cannot be read.
-std::string readFile(const std::filesystem::path& file);
-/// The JSON document in a file; fails the test when there is none.
-Json readJsonFile(const std::filesystem::path& file);
-/// Writes through a hidden temporary file and a rename, so that no reader sees a part of it.
-void writeFileAtomically(const std::filesystem::path& file, std::string_view content);
-/// Writes an executable file in the same way, and returns its path.
-std::filesystem::path writeProgram(const std::filesystem::path& file, std::string_view content);
-/// Writes an executable shell script ("#!/bin/sh" is added) and returns its path.
-std::filesystem::path writeScript(const std::filesystem::path& file, std::string_view body);
-/// Names of the entries of a directory in ascending order, hidden ones included.
-std::vector<std::string> namesIn(const std::filesystem::path& directory);
-/// The same without hidden ones; none while the directory is not there.
-std::vector<std::string> visibleNamesIn(const std::filesystem::path& directory);
-
-/// Whether `text` is a UUID in canonical upper-case form.
-bool isCanonicalUuid(std::string_view text);
-/// Whether `text` is an internet date-time in UTC with whole seconds, such as "2026-01-05T09:30:00Z".
-bool isTimestamp(std::string_view text);
-
-/// How a process ended.
-struct ExitStatus {
-    bool exited = false;  ///< It returned or called exit; `code` holds.
-    int code = -1;
-    int signal = 0;  ///< The signal that killed it, when `exited` is false.
-
-    bool operator==(const ExitStatus&) const = default;
-};
-/// The status of a process that exited with `code`.
-ExitStatus exitedWith(int code);
-/// The status of a process that `signal` killed.
-ExitStatus killedBy(int signal);
-std::ostream& operator<<(std::ostream& stream, const ExitStatus& status);
 
 /// What a backend process is started with.
 struct BackendOptions {
@@ -297,38 +215,5 @@ class BackendProcess {
     bool stopReading_ = false;
     std::thread reader_;
 };
-
-// The requests of the parent, as JSON documents.
-
-Json connectRequest(const std::string& platform = "whatsapp");
-Json disconnectRequest(const std::string& platform = "whatsapp");
-Json startListeningRequest(const Json& scope, const std::string& platform = "whatsapp");
-Json stopListeningRequest(const std::string& platform = "whatsapp");
-Json sendMessageRequest(const Json& message, const std::string& platform = "whatsapp");
-/// A message to the chat that conversationScope() names.
-Json teamRoomMessage(const std::string& text);
-Json conversationScope(const std::string& id = "team-room", const std::string& title = "Team Room");
-Json channelScope(const std::string& id, const std::string& title);
-Json threadScope(const std::string& id);
-Json threadScope(const std::string& id, const std::string& title);
-Json testOnlyScope(const std::string& title);
-
-// The lines of the backend, byte for byte and without their line feed.
-
-constexpr const char* hello_line =
-    R"({"hello":{"_0":{"bridgeVersion":"managed-whatsapp-backend-3","platform":"whatsapp"}}})";
-constexpr const char* disconnected_line = R"({"stateChanged":{"_0":{"state":{"disconnected":{}}}}})";
-constexpr const char* connecting_line = R"({"stateChanged":{"_0":{"state":{"connecting":{}}}}})";
-constexpr const char* connected_line =
-    R"({"stateChanged":{"_0":{"state":{"connected":{"accountDisplayName":"Brindle Managed WhatsApp Backend"}}}}})";
-
-/// The message of an `error` envelope. Fails the test unless the line is exactly such an envelope and the
-/// message is text for people: not empty, without line breaks and without the decoder's detail text.
-std::string errorMessageOf(const std::string& line);
-/// The conversation title of the self-test event in a line; fails the test when it carries none.
-std::string selfTestTitleOf(const std::string& line);
-
-/// A complete inbound record of the watched chat that conversationScope() names.
-Json inboundRecord(const std::string& messageId, const std::string& text);
 
 }  // namespace brindle::test

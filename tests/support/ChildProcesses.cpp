@@ -6,7 +6,7 @@
 
 #include <cstdio>
 
-#include "support/BackendProcess.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 

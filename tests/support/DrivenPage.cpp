@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "support/BackendProcess.h"
 #include "support/Json.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

@@ -8,9 +8,12 @@
 #include <stdexcept>
 #include <utility>
 
+#include "support/Environment.h"
 #include "support/Executables.h"
 #include "support/Sanitizers.h"
+#include "support/TemporaryDirectory.h"
 #include "support/TestDisplay.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

@@ -6,7 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "support/BackendProcess.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 #include "worker/HostOptions.h"
 #include "worker/WebWorkerHost.h"
 

@@ -1,5 +1,6 @@
 #include "support/FaultInjectingFileManager.h"
 
+#include "support/Files.h"
 #include "system/FileSystemFailure.h"
 
 namespace brindle::test {

@@ -8,7 +8,7 @@
 #include <array>
 #include <utility>
 
-#include "support/BackendProcess.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

@@ -9,7 +9,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include "support/BackendProcess.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

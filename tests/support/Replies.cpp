@@ -4,8 +4,12 @@
 
 #include <cstddef>
 
+#include "support/BackendLines.h"
 #include "support/BackendProcess.h"
+#include "support/ExitStatus.h"
 #include "support/Json.h"
+#include "support/Requests.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "support/Json.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "support/BackendProcess.h"
 #include "support/Json.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 

@@ -15,7 +15,11 @@
 #include <filesystem>
 #include <vector>
 
+#include "support/Environment.h"
+#include "support/Files.h"
 #include "support/Pipes.h"
+#include "support/Processes.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

@@ -4,7 +4,8 @@
 
 #include <string>
 
-#include "support/BackendProcess.h"
+#include "support/Environment.h"
+#include "support/TemporaryDirectory.h"
 
 namespace brindle::test {
 

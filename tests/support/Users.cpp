@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "support/BackendProcess.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 

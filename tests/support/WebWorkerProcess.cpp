@@ -1,5 +1,6 @@
 #include "support/WebWorkerProcess.h"
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -7,9 +8,13 @@
 #include <algorithm>
 #include <utility>
 
+#include "support/ExitStatus.h"
+#include "support/Files.h"
 #include "support/Json.h"
 #include "support/Processes.h"
 #include "support/Sanitizers.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {
@@ -184,21 +189,6 @@ std::vector<pid_t> WebWorkerProcess::tree() const {
 ExitStatus WebWorkerProcess::terminate() {
     process_->signal(SIGTERM);
     return process_->waitForExit();
-}
-
-void waitForEnds(const std::vector<pid_t>& processes) {
-    for (const pid_t process : processes) {
-        waitUntil([&] { return !processIsRunning(process); },
-                  "the end of process " + std::to_string(process));
-    }
-}
-
-void endAll(const std::vector<pid_t>& processes) {
-    for (const pid_t process : processes) {
-        if (processIsRunning(process)) ::kill(process, SIGKILL);
-    }
-    // Those whose parent has gone have come to this process.
-    for (const pid_t process : processes) ::waitpid(process, nullptr, WNOHANG);
 }
 
 }  // namespace brindle::test

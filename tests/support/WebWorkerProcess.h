@@ -9,9 +9,12 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/ExitStatus.h"
 #include "support/Json.h"
 #include "support/StatusJournal.h"
+#include "support/TemporaryDirectory.h"
 #include "support/TestDisplay.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 
@@ -93,10 +96,5 @@ class WebWorkerProcess {
     StatusJournal journal_;
     std::unique_ptr<BackendProcess> process_;
 };
-
-/// Waits until none of the processes runs any more.
-void waitForEnds(const std::vector<pid_t>& processes);
-/// Kills what still runs and collects what has ended.
-void endAll(const std::vector<pid_t>& processes);
 
 }  // namespace brindle::test

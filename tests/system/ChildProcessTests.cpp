@@ -13,8 +13,11 @@
 #include <filesystem>
 #include <memory>
 
-#include "support/BackendProcess.h"
+#include "support/Files.h"
 #include "support/Pipes.h"
+#include "support/Processes.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 #include "text/Failure.h"
 
 namespace brindle {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/BackendProcess.h"
+#include "support/TextForms.h"
 
 namespace brindle {
 namespace {

@@ -19,7 +19,8 @@
 #include <functional>
 #include <thread>
 
-#include "support/BackendProcess.h"
+#include "support/Files.h"
+#include "support/TemporaryDirectory.h"
 #include "system/Descriptor.h"
 #include "system/FileSystemFailure.h"
 

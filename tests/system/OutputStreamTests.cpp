@@ -19,9 +19,9 @@
 #include <string>
 #include <thread>
 
-#include "support/BackendProcess.h"
 #include "support/ChildProcesses.h"
 #include "support/Pipes.h"
+#include "support/Waiting.h"
 #include "system/FileSystemFailure.h"
 #include "system/Processes.h"
 

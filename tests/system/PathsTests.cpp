@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "support/BackendProcess.h"
+#include "support/TemporaryDirectory.h"
 
 namespace brindle {
 namespace {

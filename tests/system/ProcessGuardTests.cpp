@@ -9,7 +9,8 @@
 #include <array>
 #include <optional>
 
-#include "support/BackendProcess.h"
+#include "support/Processes.h"
+#include "support/Waiting.h"
 #include "support/WantOfMemory.h"
 
 namespace brindle {

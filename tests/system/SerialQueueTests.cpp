@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "support/BackendProcess.h"
 #include "support/Pipes.h"
+#include "support/Waiting.h"
 
 namespace brindle {
 namespace {

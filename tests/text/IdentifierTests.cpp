@@ -4,7 +4,7 @@
 
 #include <set>
 
-#include "support/BackendProcess.h"
+#include "support/TextForms.h"
 
 namespace brindle {
 namespace {

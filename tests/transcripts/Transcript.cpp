@@ -24,6 +24,11 @@
 
 #include "support/BackendProcess.h"
 #include "support/Executables.h"
+#include "support/ExitStatus.h"
+#include "support/Files.h"
+#include "support/TemporaryDirectory.h"
+#include "support/TextForms.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

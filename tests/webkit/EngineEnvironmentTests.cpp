@@ -5,6 +5,8 @@
 #include <string>
 
 #include "support/EnginePage.h"
+#include "support/Files.h"
+#include "support/TemporaryDirectory.h"
 
 namespace brindle::test {
 namespace {

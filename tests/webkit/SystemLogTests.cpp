@@ -6,6 +6,7 @@
 #include <string>
 
 #include "support/EnginePage.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

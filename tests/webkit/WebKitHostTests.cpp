@@ -6,6 +6,8 @@
 #include <utility>
 
 #include "support/EnginePage.h"
+#include "support/Files.h"
+#include "support/TemporaryDirectory.h"
 
 namespace brindle::test {
 namespace {

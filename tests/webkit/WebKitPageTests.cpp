@@ -12,8 +12,11 @@
 #include <vector>
 
 #include "support/EnginePage.h"
+#include "support/Files.h"
 #include "support/LoopbackServer.h"
+#include "support/TemporaryDirectory.h"
 #include "support/TestDisplay.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

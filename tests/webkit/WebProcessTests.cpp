@@ -9,6 +9,8 @@
 
 #include "support/EnginePage.h"
 #include "support/Processes.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {

@@ -9,60 +9,32 @@
 #include "support/EnginePage.h"
 #include "support/LoopbackServer.h"
 #include "support/Processes.h"
+#include "support/StoredLogin.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 
 namespace brindle::test {
 namespace {
 
 LoopbackServer::Response answer(const LoopbackServer::Request& request) {
-    if (request.path == "/cookie") {
-        return {.body = "set", .headers = "Set-Cookie: login=linked; Max-Age=86400; HttpOnly\r\n"};
-    }
-    if (request.path == "/cached") return {.body = "cached", .headers = "Cache-Control: max-age=86400\r\n"};
-    return {.body = "<title>page</title><body></body>"};
+    return answerWithLogin(request, {.body = "<title>page</title><body></body>"});
 }
 
-/// Stores something of every kind that a page can store; gives true once all of it is there.
-constexpr const char* store_everything = R"js(
-(() => {
-    if (window.storing) { return window.stored === 4; }
-    window.storing = true;
-    window.stored = 0;
-    const done = () => { window.stored += 1; };
-    localStorage.setItem("login", "linked");
-    const request = indexedDB.open("login", 1);
-    request.onupgradeneeded = () => { request.result.createObjectStore("keys").put("linked", "login"); };
-    request.onsuccess = () => { request.result.close(); done(); };
-    fetch("/cookie").then(done);
-    fetch("/cached").then(done);
-    caches.open("login").then((cache) => cache.put("/entry", new Response("linked"))).then(done);
-    return false;
-})()
-)js";
-
-/// What is stored, as one text.
-constexpr const char* list_everything = R"js(
-(() => {
-    if (window.listing) { return window.listed !== undefined; }
-    window.listing = true;
-    Promise.all([indexedDB.databases(), caches.keys()]).then(([databases, keys]) => {
-        window.listed = "local:" + localStorage.length + " databases:" + databases.length + " caches:" + keys.length;
-    });
-    return false;
-})()
-)js";
+void store(EnginePage& page) {
+    page.evaluate(login_functions + "storeALogin(); ''");
+    page.waitUntil("window.stored === " + std::to_string(login_parts));
+}
 
 std::string storedIn(EnginePage& page) {
-    page.waitUntil(list_everything);
+    page.evaluate(login_functions + "listWhatIsStored(); ''");
+    page.waitUntil("window.listed !== undefined");
     return page.evaluate("window.listed").value_or("nothing");
 }
 
-/// The header line by which the last request for "/" sent cookies.
-bool lastVisitSentCookie(const LoopbackServer& server) {
-    bool sent = false;
-    for (const auto& request : server.requests()) {
-        if (request.path == "/") sent = request.headers.find("login=linked") != std::string::npos;
-    }
-    return sent;
+void removeWebsiteData(EnginePage& page) {
+    bool removed = false;
+    page.page().removeAllWebsiteData([&](bool isGone) { removed = isGone; });
+    page.runUntil([&] { return removed; }, "the website data are removed");
 }
 
 /// Waits until the engine has let go of the data: a page that is gone leaves a process behind that still
@@ -78,13 +50,13 @@ TEST(WebsiteData, ALoginSurvivesARestart) {
     {
         EnginePage page(directory);
         page.loadAddress(server.url());
-        page.waitUntil(store_everything);
+        store(page);
         ASSERT_FALSE(lastVisitSentCookie(server));
     }
     waitForTheEndOfTheEngine();
     EnginePage page(directory);
     page.loadAddress(server.url());
-    EXPECT_EQ(storedIn(page), "local:1 databases:1 caches:1");
+    EXPECT_EQ(storedIn(page), all_of_a_login);
     EXPECT_TRUE(lastVisitSentCookie(server));
 }
 
@@ -92,12 +64,10 @@ TEST(WebsiteData, NothingIsLeftAfterItsRemoval) {
     const LoopbackServer server(answer);
     EnginePage page;
     page.loadAddress(server.url());
-    page.waitUntil(store_everything);
-    bool removed = false;
-    page.page().removeAllWebsiteData([&](bool isGone) { removed = isGone; });
-    page.runUntil([&] { return removed; }, "the website data are removed");
+    store(page);
+    removeWebsiteData(page);
     page.loadAddress(server.url());
-    EXPECT_EQ(storedIn(page), "local:0 databases:0 caches:0");
+    EXPECT_EQ(storedIn(page), nothing_of_a_login);
     EXPECT_FALSE(lastVisitSentCookie(server));
     const auto before = server.requests().size();
     page.evaluate("fetch('/cached').then(() => { window.fetched = true; }); ''");
@@ -111,19 +81,17 @@ TEST(WebsiteData, NothingComesBackWithARestartAfterItsRemoval) {
     {
         EnginePage page(directory);
         page.loadAddress(server.url());
-        page.waitUntil(store_everything);
+        store(page);
     }
     waitForTheEndOfTheEngine();
     {
         EnginePage page(directory);
-        bool removed = false;
-        page.page().removeAllWebsiteData([&](bool isGone) { removed = isGone; });
-        page.runUntil([&] { return removed; }, "the website data are removed");
+        removeWebsiteData(page);
     }
     waitForTheEndOfTheEngine();
     EnginePage page(directory);
     page.loadAddress(server.url());
-    EXPECT_EQ(storedIn(page), "local:0 databases:0 caches:0");
+    EXPECT_EQ(storedIn(page), nothing_of_a_login);
     EXPECT_FALSE(lastVisitSentCookie(server));
 }
 
@@ -131,13 +99,13 @@ TEST(WebsiteData, AreRemovedAllTheSameWhenTheNetworksProcessDiesMeanwhile) {
     const LoopbackServer server(answer);
     EnginePage page;
     page.loadAddress(server.url());
-    page.waitUntil(store_everything);
+    store(page);
     bool removed = false;
     page.page().removeAllWebsiteData([&](bool isGone) { removed = isGone; });
     for (const pid_t process : processesNamed(::getpid(), network_process_name)) ::kill(process, SIGKILL);
     page.runUntil([&] { return removed; }, "the website data are removed");
     page.loadAddress(server.url());
-    EXPECT_EQ(storedIn(page), "local:0 databases:0 caches:0");
+    EXPECT_EQ(storedIn(page), nothing_of_a_login);
     EXPECT_FALSE(lastVisitSentCookie(server));
 }
 

@@ -10,7 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/TextForms.h"
 #include "support/WantOfMemory.h"
 #include "support/WorkerParts.h"
 #include "system/FileSystemFailure.h"

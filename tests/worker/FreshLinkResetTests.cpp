@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "support/Files.h"
 #include "support/WorkerParts.h"
 
 namespace brindle {

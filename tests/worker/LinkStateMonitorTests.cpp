@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "support/Files.h"
 #include "support/WorkerParts.h"
 #include "text/Base64.h"
 

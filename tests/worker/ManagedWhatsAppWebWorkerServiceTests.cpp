@@ -18,7 +18,10 @@
 #include <vector>
 
 #include "exchange/EnvironmentKeys.h"
+#include "support/Files.h"
 #include "support/Json.h"
+#include "support/TemporaryDirectory.h"
+#include "support/Waiting.h"
 #include "support/WantOfMemory.h"
 #include "support/WorkerParts.h"
 #include "system/FileSystemFailure.h"

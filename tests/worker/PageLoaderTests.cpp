@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/Files.h"
 #include "support/WantOfMemory.h"
 #include "support/WorkerParts.h"
 

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "support/Files.h"
 #include "support/Json.h"
 #include "support/WantOfMemory.h"
 #include "support/WorkerParts.h"
