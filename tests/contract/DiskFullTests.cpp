@@ -66,6 +66,7 @@ bool succeedsInNamespaceOfItsOwn(std::vector<std::string> command) {
         setenv(inside_namespace_marker, "1", 1);
         // The one test must run there whatever share of the tests this process has.
         unsetenv("GTEST_TOTAL_SHARDS");
+        unsetenv("GTEST_SHARD_INDEX");
         execvp("unshare", arguments.data());
         _exit(127);
     }
