@@ -25,10 +25,10 @@ constexpr const char* program_name = "BrindleBridgeConsole";
 constexpr int usual_terminal_columns = 80;
 constexpr std::chrono::milliseconds key_patience{300};
 // libedit takes the prompt as a char* that it only reads.
-char prompt_text[] = "brindle> ";
+char promptText[] = "brindle> ";
 
 char* prompt(EditLine*) {
-    return prompt_text;
+    return promptText;
 }
 
 int terminalColumns() {
@@ -162,7 +162,7 @@ struct LineEditor::Implementation {
     /// The row of the edited line, counted from its first, that the cursor is in.
     int cursorRow() const {
         const LineInfoW* line = ::el_wline(editor.get());
-        int columns = static_cast<int>(std::string_view(prompt_text).size());
+        int columns = static_cast<int>(std::string_view(promptText).size());
         for (const wchar_t* at = line->buffer; at != line->cursor; ++at) {
             const int width = ::wcwidth(*at);
             // A control character is shown as two: ^A.

@@ -121,11 +121,11 @@ std::optional<QRCode> codeIn(const Area& area) {
     return QRCode(size, std::move(modules));
 }
 
-template <auto Release>
+template <auto release>
 struct Releaser {
     template <class Object>
     void operator()(Object* object) const {
-        Release(object);
+        release(object);
     }
 };
 

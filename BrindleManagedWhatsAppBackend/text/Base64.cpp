@@ -49,15 +49,15 @@ std::optional<std::string> base64Decoded(std::string_view text) {
     std::string bytes;
     bytes.reserve(text.size() / group_characters * group_bytes);
     std::uint32_t bits = 0;
-    unsigned pending_bits = 0;
+    unsigned pendingBits = 0;
     for (const char c : digits) {
         const auto sextet = sextets[static_cast<unsigned char>(c)];
         if (sextet == not_in_alphabet) return std::nullopt;
         bits = bits << 6 | sextet;
-        pending_bits += 6;
-        if (pending_bits < 8) continue;
-        pending_bits -= 8;
-        bytes += static_cast<char>(bits >> pending_bits & 0xFFU);
+        pendingBits += 6;
+        if (pendingBits < 8) continue;
+        pendingBits -= 8;
+        bytes += static_cast<char>(bits >> pendingBits & 0xFFU);
     }
     return bytes;
 }

@@ -333,8 +333,8 @@ TEST_P(FaultInjectionTests, FailedStatusWriteIsLoggedAndKeepsTheOldFile) {
             };
             EXPECT_EQ(publishing.status() == publishing.oldStatus, failed("runtime-status.json"));
             EXPECT_EQ(publishing.control() == publishing.oldControl, failed("worker-control.json"));
-            EXPECT_TRUE(test::Json::accept(publishing.status()));
-            EXPECT_TRUE(test::Json::accept(publishing.control()));
+            EXPECT_TRUE(test::Json::parseIfPossible(publishing.status()).has_value());
+            EXPECT_TRUE(test::Json::parseIfPossible(publishing.control()).has_value());
             // A worker status that cannot be read, when even its existence cannot be told, is none.
             const bool isAbsent = std::any_of(failures.begin(), failures.end(),
                                               [](const auto& each) { return each.starts_with("look for "); });

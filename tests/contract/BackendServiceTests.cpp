@@ -202,8 +202,8 @@ TEST(BackendService, MalformedLineYieldsOneErrorAndTheLoopContinues) {
 TEST(BackendService, MalformedLineLeavesTheStateUnchangedAndIsNotLogged) {
     BackendProcess backend;
     backend.connectAndListen();
-    const Json bad_scope = {{"conversation", {{"id", "x"}}}};
-    backend.send(startListeningRequest(bad_scope));
+    const Json badScope = {{"conversation", {{"id", "x"}}}};
+    backend.send(startListeningRequest(badScope));
     EXPECT_NE(messageInError(backend.nextEnvelope()), "");
     backend.waitForStatusWrites(2);
     const Json status = backend.readJson("runtime/runtime-status.json");

@@ -52,17 +52,17 @@ BackendOptions optionsWithDataDirectory(const std::string& value) {
 }
 
 /// Options that name no data directory, with the general temporary directory in a place of the test.
-BackendOptions optionsWithDefaultDirectory(const fs::path& general_temporary_directory) {
+BackendOptions optionsWithDefaultDirectory(const fs::path& generalTemporaryDirectory) {
     BackendOptions options;
     options.environment.erase("BRINDLE_MANAGED_BRIDGE_DATA_DIR");
     options.environment.erase("XDG_RUNTIME_DIR");
-    options.environment["TMPDIR"] = general_temporary_directory.string();
+    options.environment["TMPDIR"] = generalTemporaryDirectory.string();
     return options;
 }
 
 /// The data directory that a backend with these options publishes in the given place.
-std::string publishedDirectory(const fs::path& data_directory) {
-    return readJsonFile(data_directory / "runtime/runtime-status.json").at("dataDirectoryPath");
+std::string publishedDirectory(const fs::path& dataDirectory) {
+    return readJsonFile(dataDirectory / "runtime/runtime-status.json").at("dataDirectoryPath");
 }
 
 fs::path makeDirectory(const fs::path& path, fs::perms mode) {
@@ -331,8 +331,8 @@ TEST_P(BlockedDirectory, EndsTheStartAtItsPlaceInTheOrder) {
     BackendOptions options;
     const fs::path data = options.dataDirectory->path();
     const std::string& blocked = directories_in_order.at(GetParam());
-    const bool is_below_runtime = blocked.starts_with("runtime/");
-    if (is_below_runtime) fs::create_directory(data / "runtime");
+    const bool isBelowRuntime = blocked.starts_with("runtime/");
+    if (isBelowRuntime) fs::create_directory(data / "runtime");
     writeFileAtomically(data / blocked, "in the way");
 
     BackendProcess backend(options);
@@ -504,8 +504,8 @@ TEST_F(RecordForm, RecordFilesArePrettyPrinted) {
                                  backend_.path("runtime/worker-control.json")}) {
         const std::string text = readFile(file);
         const Json document = Json::parse(text);
-        const auto line_feeds = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-        EXPECT_GT(line_feeds, document.size()) << text;
+        const auto lineFeeds = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+        EXPECT_GT(lineFeeds, document.size()) << text;
     }
 }
 
@@ -555,10 +555,10 @@ TEST_F(RecordForm, AttachmentsAreCarriedFieldByField) {
                        {"dataBase64", "not inspected/=="},
                        {"caption", "\xE2\x98\x95"}};
     const Json bare = {{"kind", "file"}, {"fileName", ""}, {"mimeType", ""}};
-    Json with_extras = bare;
-    with_extras["note"] = {{"any", Json::array({1, nullptr})}};
-    with_extras["caption"] = nullptr;
-    sendMessage({{"conversationId", "c"}, {"text", "t"}, {"attachments", {full, with_extras}}});
+    Json withExtras = bare;
+    withExtras["note"] = {{"any", Json::array({1, nullptr})}};
+    withExtras["caption"] = nullptr;
+    sendMessage({{"conversationId", "c"}, {"text", "t"}, {"attachments", {full, withExtras}}});
     EXPECT_EQ(outboundRecord().at("attachments"), Json::array({full, bare}));
 }
 

@@ -110,13 +110,13 @@ class DiskFull : public testing::Test {
     }
     /// Fills the disk; when this returns both records have failed once, and every later write fails too.
     void fill() {
-        const std::size_t failed_status_writes = linesWith(status_failure_prefix).size();
-        const std::size_t failed_control_writes = linesWith(control_failure_prefix).size();
+        const std::size_t failedStatusWrites = linesWith(status_failure_prefix).size();
+        const std::size_t failedControlWrites = linesWith(control_failure_prefix).size();
         waitUntil(
             [&] {
                 takeFreeSpace();
-                return linesWith(status_failure_prefix).size() > failed_status_writes &&
-                       linesWith(control_failure_prefix).size() > failed_control_writes;
+                return linesWith(status_failure_prefix).size() > failedStatusWrites &&
+                       linesWith(control_failure_prefix).size() > failedControlWrites;
             },
             "a failed write of both records");
     }

@@ -57,9 +57,9 @@ std::vector<std::string> messageIdsUpToHere(BackendProcess& backend) {
     }
 }
 
-Json recordOf(const std::string& id, const std::string& conversation_id, const std::string& title) {
+Json recordOf(const std::string& id, const std::string& conversationId, const std::string& title) {
     Json record = inboundRecord(id, "text of " + id);
-    record["conversationId"] = conversation_id;
+    record["conversationId"] = conversationId;
     record["conversationTitle"] = title;
     return record;
 }
@@ -933,10 +933,10 @@ TEST(ParentMonitor, BackendWithAnotherParentThanAtItsStartEndsEvenWhileTheFirstO
     const auto backend = BackendProcess::startUnderIntermediateParent();
     backend->greet();
     // Not reaped yet, the first parent still answers a probe.
-    const pid_t first_parent = parentOf(backend->pid());
-    ASSERT_EQ(kill(first_parent, SIGKILL), 0);
+    const pid_t firstParent = parentOf(backend->pid());
+    ASSERT_EQ(kill(firstParent, SIGKILL), 0);
     backend->waitForStandardError(parent_gone_line);
-    EXPECT_EQ(kill(first_parent, 0), 0);
+    EXPECT_EQ(kill(firstParent, 0), 0);
     backend->killIntermediateParent();
     EXPECT_EQ(backend->waitForExit(), exitedWith(0));
 }
@@ -1033,9 +1033,9 @@ TEST(ParentMonitor, BackendWithoutAnyParentEnds) {
     const TemporaryDirectory place;
     BackendOptions options;
     const fs::path wrapper = place.path() / "wrapper";
-    const std::string user_namespace = isRoot() ? "" : "--map-root-user ";
+    const std::string userNamespace = isRoot() ? "" : "--map-root-user ";
     writeScript(wrapper,
-                "exec unshare " + user_namespace + "--pid --fork --kill-child '" + backendExecutable() + "'");
+                "exec unshare " + userNamespace + "--pid --fork --kill-child '" + backendExecutable() + "'");
     options.executable = wrapper.string();
     BackendProcess backend(options);
     EXPECT_EQ(backend.waitForExit(), exitedWith(0)) << backend.standardError();

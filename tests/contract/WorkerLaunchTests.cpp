@@ -415,7 +415,7 @@ TEST_F(WorkerSurroundings, BuiltInWorkerGetsTheRoleAndTheProcessIdOfTheBackend) 
     // It may end at once where it cannot show a page, so that it takes a quick look, or several.
     Environment seen;
     Environment expected;
-    const auto is_caught_alive = [&] {
+    const auto isCaughtAlive = [&] {
         start();
         expected = expectedEnvironment();
         while (backend().isRunning() && backend().rawOutput().empty()) {
@@ -426,7 +426,7 @@ TEST_F(WorkerSurroundings, BuiltInWorkerGetsTheRoleAndTheProcessIdOfTheBackend) 
         }
         return false;
     };
-    waitUntil(is_caught_alive, "a look at the built-in worker");
+    waitUntil(isCaughtAlive, "a look at the built-in worker");
     expected["BRINDLE_MANAGED_BRIDGE_WORKER_ROLE"] = "runtime-worker";
     EXPECT_EQ(seen, expected);
 }

@@ -362,12 +362,12 @@ TEST(WorkerSupervision, StatesOfAWorkerThatEndsAtOnceFollowEachOther) {
         BackendProcess backend(optionsWithWorker("/bin/false"));
         backend.waitForFile("runtime/runtime-status.json");
         std::vector<std::string> states;
-        const auto has_exited = [&] {
+        const auto hasExited = [&] {
             const std::string state = runtimeStatusOf(backend).at("workerState");
             if (states.empty() || states.back() != state) states.push_back(state);
             return state == "exited";
         };
-        waitUntil(has_exited, "the state exited");
+        waitUntil(hasExited, "the state exited");
         const std::vector<std::string> order = {"not_configured", "launching", "exited"};
         const auto comesBefore = [&](const std::string& left, const std::string& right) {
             return std::find(order.begin(), order.end(), left) < std::find(order.begin(), order.end(), right);

@@ -18,7 +18,7 @@ std::string shown(const std::string& line) {
 }  // namespace
 
 std::string errorMessageOf(const std::string& line) {
-    const Json envelope = Json::accept(line) ? Json::parse(line) : Json();
+    const Json envelope = Json::parseIfPossible(line).value_or(Json());
     constexpr auto place = "/error/_0/message";
     if (!envelope.containsPointer(place) || !envelope.atPointer(place).isString() ||
         envelope != Json{{"error", {{"_0", {{"message", envelope.atPointer(place)}}}}}}) {
@@ -35,7 +35,7 @@ std::string errorMessageOf(const std::string& line) {
 }
 
 std::string selfTestTitleOf(const std::string& line) {
-    const Json envelope = Json::accept(line) ? Json::parse(line) : Json();
+    const Json envelope = Json::parseIfPossible(line).value_or(Json());
     constexpr auto place = "/inboundEvent/_0/event/conversationTitle";
     if (!envelope.containsPointer(place) || !envelope.atPointer(place).isString()) {
         throw TestFailure("not a self-test event: " + shown(line));

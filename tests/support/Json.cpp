@@ -102,13 +102,15 @@ Json Json::object() {
 }
 
 Json Json::parse(std::string_view text) {
-    const auto document = nlohmann::ordered_json::parse(text, nullptr, false);
-    if (document.is_discarded()) throw std::runtime_error("not a JSON document: " + std::string(text));
-    return Codec::from(document);
+    auto document = parseIfPossible(text);
+    if (!document) throw std::runtime_error("not a JSON document: " + std::string(text));
+    return std::move(*document);
 }
 
-bool Json::accept(std::string_view text) {
-    return nlohmann::json::accept(text);
+std::optional<Json> Json::parseIfPossible(std::string_view text) {
+    const auto document = nlohmann::ordered_json::parse(text, nullptr, false);
+    if (document.is_discarded()) return std::nullopt;
+    return Codec::from(document);
 }
 
 std::string Json::dump(int indentSpaces) const {

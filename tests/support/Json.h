@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -53,8 +54,8 @@ class Json {
 
     /// The one document in `text`; anything else is an error that shows the text.
     static Json parse(std::string_view text);
-    /// Whether `text` is one document.
-    static bool accept(std::string_view text);
+    /// The one document in `text`; nothing when it is something else.
+    static std::optional<Json> parseIfPossible(std::string_view text);
     /// The document with sorted names: compact, or with each member on a line of its own.
     std::string dump(int indentSpaces = -1) const;
     /// The same, compact, with the names in the order in which they were parsed or added.
@@ -101,8 +102,8 @@ class Json {
     const Json& operator[](int index) const { return at(static_cast<std::size_t>(index)); }
     const Json& at(std::size_t index) const;
     const Json& at(int index) const { return at(static_cast<std::size_t>(index)); }
-    void push_back(
-        Json element);  // NOLINT(readability-identifier-naming): as the standard containers name it
+    // NOLINTNEXTLINE(readability-identifier-naming): as the standard's containers name it.
+    void push_back(Json element);
     const Json& front() const { return at(std::size_t{0}); }
     Array::const_iterator begin() const;
     Array::const_iterator end() const;
@@ -153,7 +154,6 @@ template <>
 std::vector<std::string> Json::get<std::vector<std::string>>() const;
 
 /// How GoogleTest shows a document.
-void PrintTo(const Json& value,
-             std::ostream* stream);  // NOLINT(readability-identifier-naming): as GoogleTest asks
+void PrintTo(const Json& value, std::ostream* stream);
 
 }  // namespace brindle::test

@@ -112,12 +112,11 @@ void StatusJournal::takeReplacedFile() {
 }
 
 void StatusJournal::take(const std::string& content) {
-    if (!Json::accept(content)) return;
-    auto document = Json::parse(content);
+    auto document = Json::parseIfPossible(content);
     // Other files of the directory are written the same way; only this record has such a key.
-    if (!document.contains("supportsLiveCapture")) return;
+    if (!document || !document->contains("supportsLiveCapture")) return;
     const std::lock_guard lock(mutex_);
-    statuses_.push_back(std::move(document));
+    statuses_.push_back(std::move(*document));
     changed_.notify_all();
 }
 

@@ -31,14 +31,14 @@ IdleWorker::IdleWorker() : worker_(onSamplePage()) {
 }
 
 std::vector<ProcessCost> IdleWorker::measure(std::chrono::seconds idle) {
-    using clock = std::chrono::steady_clock;
+    using Clock = std::chrono::steady_clock;
     const auto tree = worker_.tree();
-    const auto start = clock::now();
+    const auto start = Clock::now();
     std::map<pid_t, double> before;
     for (const pid_t process : tree) before[process] = processorSeconds(process);
     // The worker's own beat tells the time: it publishes on every tick.
-    while (clock::now() - start < idle) worker_.waitForMoreStatuses(1);
-    const double elapsed = std::chrono::duration<double>(clock::now() - start).count();
+    while (Clock::now() - start < idle) worker_.waitForMoreStatuses(1);
+    const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
     std::vector<ProcessCost> costs;
     for (const pid_t process : tree) {
         constexpr double percent = 100;
