@@ -563,8 +563,8 @@ TEST_F(RecordForm, AttachmentsAreCarriedFieldByField) {
 }
 
 TEST_F(RecordForm, TextIsCarriedExactly) {
-    const std::string text("nul \0 quote \" backslash \\ line\nfeed tab\t e\xCC\x81 \xF0\x9F\x98\x80 \x7F",
-                           52);
+    using namespace std::string_literals;
+    const auto text = "nul \0 quote \" backslash \\ line\nfeed tab\t e\xCC\x81 \xF0\x9F\x98\x80 \x7F"s;
     sendMessage({{"conversationId", " padded "}, {"text", text}});
     EXPECT_EQ(outboundRecord().at("text").get<std::string>(), text);
     EXPECT_EQ(outboundRecord().at("conversationId"), " padded ");

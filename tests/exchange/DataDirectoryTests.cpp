@@ -138,7 +138,7 @@ TEST_F(DataDirectoryTests, LastComponentIsThePlatform) {
 }
 
 TEST_F(DataDirectoryTests, FindingTouchesNothing) {
-    DataDirectory(temporary(), files_, "whatsapp");
+    const DataDirectory found(temporary(), files_, "whatsapp");
     EXPECT_TRUE(fs::is_empty(home_.path()));
 }
 

@@ -79,8 +79,7 @@ TEST_F(HostilePage, TamperedJson) {
 
 TEST_F(HostilePage, TamperedArrays) {
     expectToSurvive({
-        "for (const name of Object.getOwnPropertyNames(Array.prototype)) {"
-        " if (name !== 'length') { Array.prototype[name] = () => { throw new Error('No') } } }",
+        "for (const name of Object.getOwnPropertyNames(Array.prototype)) { if (name !== 'length') { Array.prototype[name] = () => { throw new Error('No') } } }",
         "Array.prototype.filter = () => 'x'",
         "Array.prototype.forEach = undefined",
         "Array.prototype.push = function () { return this.length }",

@@ -126,6 +126,7 @@ class Json {
     /// Keeps integers apart from the constructor for truth values.
     struct Number {
         std::int64_t value;
+        // NOLINTNEXTLINE(modernize-use-nullptr): it means the comparison with zero that the compiler writes.
         auto operator<=>(const Number&) const = default;
     };
     explicit Json(Number value);

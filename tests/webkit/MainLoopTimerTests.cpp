@@ -21,58 +21,58 @@ microseconds now() {
 
 class MainLoopTimer : public testing::Test {
   protected:
-    EnginePage page;
-    WebWorkerHost& host = page.host();
+    EnginePage page_;
+    WebWorkerHost& host_ = page_.host();
 };
 
 TEST_F(MainLoopTimer, OnceFiresOneTime) {
     int once = 0;
     int repeated = 0;
-    const auto timer = host.once(milliseconds(1), [&] { ++once; });
-    const auto other = host.repeat(milliseconds(2), milliseconds(0), [&] { ++repeated; });
-    page.runUntil([&] { return repeated >= 5; }, "the other timer repeats");
+    const auto timer = host_.once(milliseconds(1), [&] { ++once; });
+    const auto other = host_.repeat(milliseconds(2), milliseconds(0), [&] { ++repeated; });
+    page_.runUntil([&] { return repeated >= 5; }, "the other timer repeats");
     EXPECT_EQ(once, 1);
 }
 
 TEST_F(MainLoopTimer, OnceNeverFiresFromWithinTheCall) {
     bool fired = false;
-    const auto timer = host.once(milliseconds(0), [&] { fired = true; });
+    const auto timer = host_.once(milliseconds(0), [&] { fired = true; });
     EXPECT_FALSE(fired);
-    page.runUntil([&] { return fired; }, "the timer fires");
+    page_.runUntil([&] { return fired; }, "the timer fires");
 }
 
 TEST_F(MainLoopTimer, NeverFiresEarly) {
     const auto start = std::chrono::steady_clock::now();
     std::chrono::steady_clock::duration passed{};
     bool fired = false;
-    const auto timer = host.repeat(milliseconds(30), milliseconds(20), [&] {
+    const auto timer = host_.repeat(milliseconds(30), milliseconds(20), [&] {
         if (!fired) passed = std::chrono::steady_clock::now() - start;
         fired = true;
     });
-    page.runUntil([&] { return fired; }, "the timer fires");
+    page_.runUntil([&] { return fired; }, "the timer fires");
     EXPECT_GE(passed, milliseconds(30));
 }
 
 TEST_F(MainLoopTimer, MayBeDestroyedInItsOwnTick) {
     int ticks = 0;
     std::unique_ptr<HostTimer> timer;
-    timer = host.repeat(milliseconds(1), milliseconds(0), [&] {
+    timer = host_.repeat(milliseconds(1), milliseconds(0), [&] {
         ++ticks;
         timer.reset();
     });
     int others = 0;
-    const auto other = host.repeat(milliseconds(1), milliseconds(0), [&] { ++others; });
-    page.runUntil([&] { return others >= 5; }, "the other timer repeats");
+    const auto other = host_.repeat(milliseconds(1), milliseconds(0), [&] { ++others; });
+    page_.runUntil([&] { return others >= 5; }, "the other timer repeats");
     EXPECT_EQ(ticks, 1);
 }
 
 TEST_F(MainLoopTimer, ActionThatFailsLeavesTheLoopRunning) {
     int ticks = 0;
-    const auto timer = host.repeat(milliseconds(1), milliseconds(0), [&] {
+    const auto timer = host_.repeat(milliseconds(1), milliseconds(0), [&] {
         ++ticks;
         throw std::bad_alloc();
     });
-    page.runUntil([&] { return ticks >= 3; }, "the timer fires again and again");
+    page_.runUntil([&] { return ticks >= 3; }, "the timer fires again and again");
 }
 
 TEST_F(MainLoopTimer, OneThatIsLateFiresOnceAndKeepsItsRhythm) {
@@ -80,19 +80,19 @@ TEST_F(MainLoopTimer, OneThatIsLateFiresOnceAndKeepsItsRhythm) {
     std::vector<microseconds> ticks;
     // The rhythm begins somewhere in between.
     const auto before = now();
-    const auto timer = host.repeat(interval, milliseconds(0), [&] { ticks.push_back(now()); });
+    const auto timer = host_.repeat(interval, milliseconds(0), [&] { ticks.push_back(now()); });
     const auto after = now();
     // Whoever runs the loop is busy until the first tick is two and a half intervals late.
     std::this_thread::sleep_for(interval * 7 / 2);
     const auto next = (now() - after) / interval + 1;
-    page.runUntil([&] { return ticks.size() >= 2; }, "the timer fires twice");
+    page_.runUntil([&] { return ticks.size() >= 2; }, "the timer fires twice");
     EXPECT_GE(ticks[1], before + next * interval) << "a tick that was missed has been made up for";
     // On a busy machine some ticks are late, but hardly all of them; a new rhythm is met by none.
     constexpr std::size_t most_ticks = 25;
     const auto lastIsOnTime = [&] {
         return (ticks.back() - before) % interval < interval / 4 + (after - before);
     };
-    page.runUntil([&] { return lastIsOnTime() || ticks.size() >= most_ticks; }, "a tick in the rhythm");
+    page_.runUntil([&] { return lastIsOnTime() || ticks.size() >= most_ticks; }, "a tick in the rhythm");
     EXPECT_TRUE(lastIsOnTime()) << "none of " << most_ticks << " ticks came in the rhythm of the first";
 }
 
@@ -101,8 +101,8 @@ TEST_F(MainLoopTimer, TimersOfOneToleranceWakeTogether) {
     constexpr milliseconds tolerance(200);
     const auto runFor = [&](milliseconds duration) {
         bool passed = false;
-        const auto pause = host.once(duration, [&] { passed = true; });
-        page.runUntil([&] { return passed; }, "a while has passed");
+        const auto pause = host_.once(duration, [&] { passed = true; });
+        page_.runUntil([&] { return passed; }, "a while has passed");
     };
     int firstTicks = 0;
     int secondTicks = 0;
@@ -120,9 +120,9 @@ TEST_F(MainLoopTimer, TimersOfOneToleranceWakeTogether) {
         first.reset();
         while (now() % tolerance > tolerance / 4) runFor(milliseconds(1));
         begin = now();
-        first = host.repeat(period, tolerance, [&] { ++firstTicks; });
+        first = host_.repeat(period, tolerance, [&] { ++firstTicks; });
         runFor(apart);
-        second = host.repeat(period, tolerance, [&] { ++secondTicks; });
+        second = host_.repeat(period, tolerance, [&] { ++secondTicks; });
     } while (nextMultiple(begin) != nextMultiple(now()));
     firstTicks = 0;
     secondTicks = 0;
@@ -140,7 +140,7 @@ TEST_F(MainLoopTimer, TimersOfOneToleranceWakeTogether) {
         secondTicks = 0;
         return sharedInARow == enough_in_a_row || wakeUps == most_wake_ups;
     };
-    page.runUntil(look, "the timers fire");
+    page_.runUntil(look, "the timers fire");
     EXPECT_EQ(sharedInARow, enough_in_a_row) << "in " << wakeUps << " wake-ups";
 }
 
