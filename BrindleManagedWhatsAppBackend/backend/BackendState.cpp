@@ -3,27 +3,27 @@
 namespace brindle {
 
 void BackendState::setConnected(bool connected) {
-    const std::lock_guard hold(stateLock_);
+    const MutexHold hold(stateLock_);
     isConnected_ = connected;
 }
 
 bool BackendState::isConnected() const {
-    const std::lock_guard hold(stateLock_);
+    const MutexHold hold(stateLock_);
     return isConnected_;
 }
 
 void BackendState::setActiveScope(std::optional<BridgeScope> scope) {
-    const std::lock_guard hold(stateLock_);
+    const MutexHold hold(stateLock_);
     activeScope_ = std::move(scope);
 }
 
 std::optional<BridgeScope> BackendState::activeScope() const {
-    const std::lock_guard hold(stateLock_);
+    const MutexHold hold(stateLock_);
     return activeScope_;
 }
 
 void BackendState::setWorkerState(ManagedWhatsAppWorkerLaunchSnapshot worker) {
-    const std::lock_guard hold(stateLock_);
+    const MutexHold hold(stateLock_);
     workerConfiguredExecutablePath_ = std::move(worker.configuredExecutablePath);
     workerFallbackState_ = std::move(worker.state);
     workerFallbackDetail_ = std::move(worker.detail);
@@ -31,12 +31,12 @@ void BackendState::setWorkerState(ManagedWhatsAppWorkerLaunchSnapshot worker) {
 }
 
 std::optional<std::string> BackendState::workerConfiguredExecutablePath() const {
-    const std::lock_guard hold(stateLock_);
+    const MutexHold hold(stateLock_);
     return workerConfiguredExecutablePath_;
 }
 
 ManagedWhatsAppRuntimeStateSnapshot BackendState::takeSnapshot() const {
-    const std::lock_guard hold(stateLock_);
+    const MutexHold hold(stateLock_);
     return {.isConnected = isConnected_,
             .activeScope = activeScope_,
             .workerLaunchSnapshot = {.configuredExecutablePath = workerConfiguredExecutablePath_,

@@ -1,12 +1,12 @@
 #pragma once
 
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "bridge/BridgeMessages.h"
 #include "exchange/ExchangeWords.h"
+#include "system/Mutex.h"
 
 namespace brindle {
 
@@ -43,13 +43,13 @@ class BackendState {
     ManagedWhatsAppRuntimeStateSnapshot takeSnapshot() const;
 
   private:
-    mutable std::mutex stateLock_;
-    bool isConnected_ = false;
-    std::optional<BridgeScope> activeScope_;
-    std::optional<std::string> workerConfiguredExecutablePath_;
-    bool workerProcessRunning_ = false;
-    std::string workerFallbackState_{worker_state::not_configured};
-    std::optional<std::string> workerFallbackDetail_{no_worker_detail};
+    mutable Mutex stateLock_;
+    bool isConnected_ BRINDLE_GUARDED_BY(stateLock_) = false;
+    std::optional<BridgeScope> activeScope_ BRINDLE_GUARDED_BY(stateLock_);
+    std::optional<std::string> workerConfiguredExecutablePath_ BRINDLE_GUARDED_BY(stateLock_);
+    bool workerProcessRunning_ BRINDLE_GUARDED_BY(stateLock_) = false;
+    std::string workerFallbackState_ BRINDLE_GUARDED_BY(stateLock_){worker_state::not_configured};
+    std::optional<std::string> workerFallbackDetail_ BRINDLE_GUARDED_BY(stateLock_){no_worker_detail};
 };
 
 }  // namespace brindle

@@ -58,13 +58,13 @@ void StatusPublisher::writeRuntimeStatus() noexcept {
 }
 
 void StatusPublisher::writeStatus(std::string& workerProblem) {
-    const std::lock_guard hold(writeLock_);
+    const MutexHold hold(writeLock_);
     const auto record = statusRecord(uses_.state.takeSnapshot(), workerProblem);
     writeRecord(uses_.fileManager, uses_.directory.runtimeStatusFile, record, Durability::process);
 }
 
 void StatusPublisher::writeWorkerControl() {
-    const std::lock_guard hold(writeLock_);
+    const MutexHold hold(writeLock_);
     const auto snapshot = uses_.state.takeSnapshot();
     ManagedWhatsAppWorkerControlRecord record;
     record.platform = uses_.platform;

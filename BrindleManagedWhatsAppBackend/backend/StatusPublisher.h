@@ -1,6 +1,5 @@
 #pragma once
 
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -10,6 +9,7 @@
 #include "exchange/ExchangeRecords.h"
 #include "system/Clock.h"
 #include "system/FileManager.h"
+#include "system/Mutex.h"
 
 namespace brindle {
 
@@ -49,7 +49,7 @@ class StatusPublisher {
     Uses uses_;
     // Held from taking a snapshot to having written it, so that an older snapshot never replaces a newer one:
     // the last status of an ending backend stays the last.
-    std::mutex writeLock_;
+    Mutex writeLock_;
 };
 
 }  // namespace brindle

@@ -133,7 +133,7 @@ void WorkerSupervisor::start(const ManagedWhatsAppWorkerLaunchConfiguration& con
 /// A worker that cannot be watched must not go on.
 void WorkerSupervisor::abandon(const ChildProcess& process) {
     {
-        const std::lock_guard hold(processLock_);
+        const MutexHold hold(processLock_);
         outputWatch_.reset();
         errorWatch_.reset();
         endWatch_.reset();
@@ -146,7 +146,7 @@ void WorkerSupervisor::abandon(const ChildProcess& process) {
 }
 
 void WorkerSupervisor::watch(const std::shared_ptr<ChildProcess>& process) {
-    const std::lock_guard hold(processLock_);
+    const MutexHold hold(processLock_);
     workerProcess_ = process;
     workerStdoutHandle_ = std::make_shared<const Descriptor>(std::move(process->standardOutput()));
     workerStderrHandle_ = std::make_shared<const Descriptor>(std::move(process->standardError()));
@@ -197,7 +197,7 @@ void WorkerSupervisor::workerEnded(const ChildProcess& process) {
     Handle output;
     Handle error;
     {
-        const std::lock_guard hold(processLock_);
+        const MutexHold hold(processLock_);
         output = std::move(workerStdoutHandle_);
         error = std::move(workerStderrHandle_);
         outputWatch_.reset();
@@ -226,7 +226,7 @@ void WorkerSupervisor::stopWorker() noexcept {
     // Before the signal, so that the end it causes is never taken for an unexpected one.
     didRequestWorkerStop_ = true;
     {
-        const std::lock_guard hold(processLock_);
+        const MutexHold hold(processLock_);
         outputWatch_.reset();
         errorWatch_.reset();
         workerStdoutHandle_.reset();

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,6 +15,7 @@
 #include "system/ChildProcess.h"
 #include "system/Clock.h"
 #include "system/FileManager.h"
+#include "system/Mutex.h"
 #include "system/SerialQueue.h"
 
 namespace brindle {
@@ -71,13 +71,13 @@ class WorkerSupervisor {
     std::atomic<bool> didRequestWorkerStop_ = false;
 
     // Guards the process and its handles; stop may come from the request thread while the queue sees the end.
-    std::mutex processLock_;
-    std::shared_ptr<ChildProcess> workerProcess_;
-    Handle workerStdoutHandle_;
-    Handle workerStderrHandle_;
-    std::unique_ptr<ReadinessWatch> outputWatch_;
-    std::unique_ptr<ReadinessWatch> errorWatch_;
-    std::unique_ptr<ReadinessWatch> endWatch_;
+    Mutex processLock_;
+    std::shared_ptr<ChildProcess> workerProcess_ BRINDLE_GUARDED_BY(processLock_);
+    Handle workerStdoutHandle_ BRINDLE_GUARDED_BY(processLock_);
+    Handle workerStderrHandle_ BRINDLE_GUARDED_BY(processLock_);
+    std::unique_ptr<ReadinessWatch> outputWatch_ BRINDLE_GUARDED_BY(processLock_);
+    std::unique_ptr<ReadinessWatch> errorWatch_ BRINDLE_GUARDED_BY(processLock_);
+    std::unique_ptr<ReadinessWatch> endWatch_ BRINDLE_GUARDED_BY(processLock_);
 };
 
 /// The process id in the text of a pid file: an optional sign and decimal digits in the range of 32 bits;
