@@ -109,7 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             "whatsapp",
             {{std::string(brindle::environment_key::data_directory), home.path().string()},
              {std::string(brindle::environment_key::disable_worker), "1"}},
-            files, clock, channel);
+            files, clock, channel, ::getppid());
         service.run();
     }
     require(contentOf(error).empty());

@@ -39,14 +39,15 @@ concept Request = std::same_as<T, BridgeConnectRequest> || std::same_as<T, Bridg
 
 ManagedWhatsAppBackendService::ManagedWhatsAppBackendService(std::string platform, Environment environment,
                                                              FileManager& fileManager, const Clock& clock,
-                                                             BridgeChannel& channel)
+                                                             BridgeChannel& channel,
+                                                             pid_t parentProcessIdentifier)
     : pollQueue_(std::string(poll_queue_label)),
       platform_(std::move(platform)),
       environment_(std::move(environment)),
       fileManager_(fileManager),
       clock_(clock),
       channel_(channel),
-      parentProcessIdentifier_(::getppid()),
+      parentProcessIdentifier_(parentProcessIdentifier),
       directory_(environment_, fileManager_, platform_),
       log_(channel_.emitter()),
       publisher_({.platform = platform_,

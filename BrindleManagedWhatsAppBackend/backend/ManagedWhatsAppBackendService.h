@@ -25,9 +25,10 @@ class ManagedWhatsAppBackendService {
   public:
     /// Creates the data directory, starts the two pollers and writes the first status. Throws
     /// FileSystemFailure when a directory cannot be created. `fileManager`, `clock` and `channel` outlive the
-    /// service.
+    /// service; `parentProcessIdentifier` is the process that started this one, recorded before anything took
+    /// its time.
     ManagedWhatsAppBackendService(std::string platform, Environment environment, FileManager& fileManager,
-                                  const Clock& clock, BridgeChannel& channel);
+                                  const Clock& clock, BridgeChannel& channel, pid_t parentProcessIdentifier);
     /// Cancels the timers and stops the worker.
     ~ManagedWhatsAppBackendService();
     ManagedWhatsAppBackendService(const ManagedWhatsAppBackendService&) = delete;

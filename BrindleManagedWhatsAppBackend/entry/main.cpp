@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "backend/DataDirectoryLock.h"
 #include "backend/ManagedWhatsAppBackendService.h"
 #include "bridge/BridgeChannel.h"
 #include "entry/CommandLine.h"
@@ -38,6 +39,10 @@ void writeToStandardError(std::string_view text) {
     writeInTime(STDERR_FILENO, text, standard_error_patience);
 }
 
+void reportFatal(const std::exception& error) {
+    writeToStandardError("[ManagedWhatsAppBackend] fatal: " + singleLine(descriptionOf(error)) + "\n");
+}
+
 /// The launch token stands in this process's memory, so it must never be dumped. One byte rather than none:
 /// with that value the kernel also spares programs that collect dumps through a pipe, which a limit of zero
 /// does not.
@@ -54,17 +59,29 @@ bool isWorkerRole(const Environment& environment) {
 }
 
 void runBackendRole(const std::string& platform, const Environment& environment, FileManager& fileManager) {
+    // Before anything that takes its time: a parent that dies meanwhile must be missed later.
+    const pid_t parent = ::getppid();
     // Inherited as ignored, it would throw the worker's exit status away.
     ::signal(SIGCHLD, SIG_DFL);
     TerminationSignals signals;
     const SystemClock clock;
     {
-        BridgeChannel channel({.input = STDIN_FILENO,
-                               .output = STDOUT_FILENO,
-                               .error = STDERR_FILENO,
-                               .endRequest = signals.descriptor()});
-        ManagedWhatsAppBackendService service(platform, environment, fileManager, clock, channel);
-        service.run();
+        const BridgeStreams streams{.input = STDIN_FILENO,
+                                    .output = STDOUT_FILENO,
+                                    .error = STDERR_FILENO,
+                                    .endRequest = signals.descriptor()};
+        BridgeChannel channel(streams);
+        const DataDirectory directory(environment, fileManager, platform);
+        const auto lock = lockDataDirectory({.directory = directory,
+                                             .fileManager = fileManager,
+                                             .clock = clock,
+                                             .input = streams.input,
+                                             .endRequest = streams.endRequest,
+                                             .parentProcessIdentifier = parent});
+        if (lock) {
+            ManagedWhatsAppBackendService service(platform, environment, fileManager, clock, channel, parent);
+            service.run();
+        }
     }
     if (const int signal = signals.take(); signal != 0) endBySignal(signal);
 }
@@ -113,9 +130,11 @@ int main(int argumentCount, char** arguments) {
     brindle::reserveStandardDescriptors();
     try {
         return brindle::run(argumentCount, arguments);
+    } catch (const brindle::DataDirectoryTaken& error) {
+        brindle::reportFatal(error);
+        return EX_TEMPFAIL;
     } catch (const std::exception& error) {
-        brindle::writeToStandardError(
-            "[ManagedWhatsAppBackend] fatal: " + brindle::singleLine(brindle::descriptionOf(error)) + "\n");
+        brindle::reportFatal(error);
         return EX_SOFTWARE;
     }
 }

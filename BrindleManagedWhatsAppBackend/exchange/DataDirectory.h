@@ -15,6 +15,8 @@ struct DataDirectory {
     /// Touches nothing.
     DataDirectory(const Environment& environment, FileManager& fileManager, std::string_view platform);
 
+    /// Creates the data directory itself, and what leads to it. Throws FileSystemFailure.
+    void createRoot(FileManager& fileManager) const;
     /// Creates what the backend needs, in order. Throws the first failure.
     void createForBackend(FileManager& fileManager) const;
     /// Creates what the worker needs, in order. Throws the first failure.
@@ -40,7 +42,6 @@ struct DataDirectory {
 
   private:
     void create(FileManager& fileManager, const std::string& directory) const;
-    void createRoot(FileManager& fileManager) const;
 
     /// Not empty when the directory lies in a temporary directory that other users share.
     std::string sharedBase_;

@@ -10,6 +10,12 @@ std::chrono::system_clock::time_point SystemClock::now() const {
     return std::chrono::system_clock::now();
 }
 
+std::chrono::nanoseconds SystemClock::sinceBoot() const {
+    timespec time{};
+    ::clock_gettime(CLOCK_BOOTTIME, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
 void SystemClock::sleep(std::chrono::milliseconds duration) const {
     std::this_thread::sleep_for(duration);
 }

@@ -11,6 +11,9 @@ class Clock {
     virtual ~Clock() = default;
     /// The wall clock.
     virtual std::chrono::system_clock::time_point now() const = 0;
+    /// Time since the system was started, sleep included (Linux CLOCK_BOOTTIME): unlike the wall clock,
+    /// nobody sets it.
+    virtual std::chrono::nanoseconds sinceBoot() const = 0;
     /// Blocks the calling thread.
     virtual void sleep(std::chrono::milliseconds duration) const = 0;
 };
@@ -19,6 +22,7 @@ class Clock {
 class SystemClock final : public Clock {
   public:
     std::chrono::system_clock::time_point now() const override;
+    std::chrono::nanoseconds sinceBoot() const override;
     void sleep(std::chrono::milliseconds duration) const override;
 };
 

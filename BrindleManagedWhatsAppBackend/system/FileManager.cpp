@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -96,6 +97,14 @@ class TemporaryFile {
     Descriptor descriptor_;
 };
 
+/// Whether the path still leads to what is open.
+bool isAtPath(const Descriptor& descriptor, const std::string& path) {
+    struct stat open {};
+    struct stat named {};
+    return ::fstat(descriptor.get(), &open) == 0 && ::stat(path.c_str(), &named) == 0 &&
+           open.st_dev == named.st_dev && open.st_ino == named.st_ino;
+}
+
 Descriptor openDirectory(const std::string& path) {
     Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory.isOpen()) throw FileSystemFailure("write", path, errno);
@@ -180,7 +189,9 @@ std::optional<FileAttributes> PosixFileManager::attributes(const std::string& pa
     }
     return FileAttributes{.owner = status.st_uid,
                           .permissions = status.st_mode & permission_bits,
-                          .isDirectory = S_ISDIR(status.st_mode)};
+                          .isDirectory = S_ISDIR(status.st_mode),
+                          .device = status.st_dev,
+                          .inode = status.st_ino};
 }
 
 std::string PosixFileManager::readFile(const std::string& path) {
@@ -217,6 +228,16 @@ void PosixFileManager::moveItem(const std::string& from, const std::string& to) 
     if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return;
     if (errno == EINVAL || errno == ENOSYS) return moveAfterLooking(from, to);
     failToMove(from, to, errno);
+}
+
+Descriptor PosixFileManager::lockDirectory(const std::string& path) {
+    Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.isOpen()) throw FileSystemFailure("lock", path, errno);
+    while (::flock(directory.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EINTR) throw FileSystemFailure("lock", path, errno);
+    }
+    if (!isAtPath(directory, path)) throw FileSystemFailure("lock", path, ESTALE);
+    return directory;
 }
 
 void PosixFileManager::removeItem(const std::string& path) {

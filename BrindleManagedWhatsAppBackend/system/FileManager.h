@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "system/Descriptor.h"
+
 namespace brindle {
 
 /// How sure a written file must be before it is visible.
@@ -24,6 +26,9 @@ struct FileAttributes {
     /// Permission bits.
     mode_t permissions = 0;
     bool isDirectory = false;
+    /// Together they tell one object from every other that exists at the time.
+    dev_t device = 0;
+    ino_t inode = 0;
 };
 
 /// Every touch of the file system. Operations that fail throw FileSystemFailure and have had no effect.
@@ -54,6 +59,10 @@ class FileManager {
                                      Durability durability) = 0;
     /// Renames; fails with EEXIST rather than replacing something.
     virtual void moveItem(const std::string& from, const std::string& to) = 0;
+    /// Takes the directory for this process (an exclusive flock), without waiting, until the descriptor is
+    /// closed or the process ends. Throws FileSystemFailure, with EWOULDBLOCK while another process has it
+    /// and with ESTALE when the path names another directory by now.
+    virtual Descriptor lockDirectory(const std::string& path) = 0;
     /// Removes a file or an empty directory.
     virtual void removeItem(const std::string& path) = 0;
 
@@ -72,6 +81,7 @@ class PosixFileManager final : public FileManager {
     std::string readFile(const std::string& path) override;
     void writeFileAtomically(const std::string& path, std::string_view bytes, Durability durability) override;
     void moveItem(const std::string& from, const std::string& to) override;
+    Descriptor lockDirectory(const std::string& path) override;
     void removeItem(const std::string& path) override;
 };
 

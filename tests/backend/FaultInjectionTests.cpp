@@ -98,7 +98,8 @@ Start startedWith(FaultInjectingFileManager& files, const Environment& environme
     Start start;
     try {
         BridgeChannel channel({.input = -1, .output = streams.output(), .error = streams.error()});
-        const ManagedWhatsAppBackendService service("whatsapp", environment, files, clock, channel);
+        const ManagedWhatsAppBackendService service("whatsapp", environment, files, clock, channel,
+                                                    ::getppid());
         // What follows is the end of the service.
         files.clear();
     } catch (const FileSystemFailure& failure) {
@@ -372,7 +373,8 @@ struct Sending {
     test::MemoryStreams streams;
     BridgeChannel channel{{.input = -1, .output = streams.output(), .error = streams.error()}};
     ManagedWhatsAppBackendService service{
-        "whatsapp", {{std::string(environment_key::data_directory), data.string()}}, files, clock, channel};
+        "whatsapp", {{std::string(environment_key::data_directory), data.string()}}, files, clock, channel,
+        ::getppid()};
 
     Sending() {
         service.handle(BridgeConnectRequest{"whatsapp"});

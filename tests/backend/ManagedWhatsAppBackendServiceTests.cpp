@@ -47,11 +47,9 @@ class BackendServiceTests : public testing::Test {
     test::MemoryStreams streams_;
     BridgeChannel channel_{{.input = -1, .output = streams_.output(), .error = streams_.error()}};
     ManagedWhatsAppBackendService service_{
-        "whatsapp",
-        {{std::string(environment_key::data_directory), (home_.path() / "data").string()}},
-        files_,
-        clock_,
-        channel_};
+        "whatsapp", {{std::string(environment_key::data_directory), (home_.path() / "data").string()}},
+        files_,     clock_,
+        channel_,   ::getppid()};
 };
 
 TEST_F(BackendServiceTests, ConstructionWritesTheFirstStatusAndSaysNothing) {
@@ -176,7 +174,7 @@ TEST(BackendServicePlatformTests, CanonicallyEquivalentPlatformsAreTheSame) {
     BridgeChannel channel({.input = -1, .output = streams.output(), .error = streams.error()});
     ManagedWhatsAppBackendService service(
         "caf\u00E9", {{std::string(environment_key::data_directory), home.path().string()}}, files, clock,
-        channel);
+        channel, ::getppid());
     service.handle(BridgeConnectRequest{"cafe\u0301"});
     EXPECT_EQ(linesOf(streams.text().output).size(), 2U);
 }
@@ -190,7 +188,7 @@ TEST(BackendServiceConstructionTests, FailsWhenADirectoryCannotBeCreated) {
     BridgeChannel channel({.input = -1, .output = streams.output(), .error = streams.error()});
     EXPECT_THROW(ManagedWhatsAppBackendService(
                      "whatsapp", {{std::string(environment_key::data_directory), home.path().string()}},
-                     files, clock, channel),
+                     files, clock, channel, ::getppid()),
                  FileSystemFailure);
     EXPECT_THAT(namesIn(home.path()), ElementsAre("inbound", "outbound"));
 }
@@ -208,7 +206,7 @@ class BackendConversationTests : public testing::Test {
             "whatsapp",
             {{std::string(environment_key::data_directory), home_.path().string()},
              {std::string(environment_key::disable_worker), "1"}},
-            files_, clock_, channel);
+            files_, clock_, channel, ::getppid());
         service.run();
     }
     /// What the service answers when its parent has said all of this and closed its end.

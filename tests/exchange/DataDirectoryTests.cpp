@@ -46,6 +46,7 @@ class ForeignOwnership final : public FileManager {
         real_.writeFileAtomically(path, bytes, durability);
     }
     void moveItem(const std::string& from, const std::string& to) override { real_.moveItem(from, to); }
+    Descriptor lockDirectory(const std::string& path) override { return real_.lockDirectory(path); }
     void removeItem(const std::string& path) override { real_.removeItem(path); }
 
   private:

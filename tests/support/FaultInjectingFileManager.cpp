@@ -109,6 +109,12 @@ void FaultInjectingFileManager::moveItem(const std::string& from, const std::str
     real_.moveItem(from, to);
 }
 
+Descriptor FaultInjectingFileManager::lockDirectory(const std::string& path) {
+    record("lock", path);
+    failIfDue("lock", path);
+    return real_.lockDirectory(path);
+}
+
 void FaultInjectingFileManager::removeItem(const std::string& path) {
     record("remove", path);
     failIfDue("remove", path);

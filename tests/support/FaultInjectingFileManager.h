@@ -55,6 +55,7 @@ class FaultInjectingFileManager final : public FileManager {
     std::string readFile(const std::string& path) override;
     void writeFileAtomically(const std::string& path, std::string_view bytes, Durability durability) override;
     void moveItem(const std::string& from, const std::string& to) override;
+    Descriptor lockDirectory(const std::string& path) override;
     void removeItem(const std::string& path) override;
 
   private:

@@ -48,6 +48,7 @@ class RecordingFileManager final : public FileManager {
         writes_.push_back({.path = path, .content = std::string(bytes), .durability = durability});
     }
     void moveItem(const std::string& from, const std::string& to) override { next_.moveItem(from, to); }
+    Descriptor lockDirectory(const std::string& path) override { return next_.lockDirectory(path); }
     void removeItem(const std::string& path) override { next_.removeItem(path); }
 
   private:

@@ -23,9 +23,21 @@ class TestClock final : public Clock {
     void sleep(std::chrono::milliseconds duration) const override {
         const std::lock_guard hold(lock_);
         now_ += duration;
+        sinceBoot_ += duration;
         sleeps_.push_back(duration);
     }
+    std::chrono::nanoseconds sinceBoot() const override {
+        const std::lock_guard hold(lock_);
+        return sinceBoot_;
+    }
 
+    /// Lets time go by, on the wall clock and since the system was started.
+    void pass(std::chrono::milliseconds duration) {
+        const std::lock_guard hold(lock_);
+        now_ += duration;
+        sinceBoot_ += duration;
+    }
+    /// Sets the wall clock alone, as people do.
     void turnTo(TimePoint time) {
         const std::lock_guard hold(lock_);
         now_ = time;
@@ -38,6 +50,7 @@ class TestClock final : public Clock {
   private:
     mutable std::mutex lock_;
     mutable TimePoint now_ = start;
+    mutable std::chrono::nanoseconds sinceBoot_ = std::chrono::hours{1};
     mutable std::vector<std::chrono::milliseconds> sleeps_;
 };
 

@@ -62,5 +62,12 @@ TEST(ClockTests, SystemClockSleepsAtLeastAsLongAsAsked) {
     EXPECT_GE(std::chrono::steady_clock::now() - before, milliseconds{5});
 }
 
+TEST(ClockTests, TimeSinceTheSystemWasStartedNeverGoesBack) {
+    const SystemClock clock;
+    const auto before = clock.sinceBoot();
+    clock.sleep(milliseconds{1});
+    EXPECT_GE(clock.sinceBoot(), before + milliseconds{1});
+}
+
 }  // namespace
 }  // namespace brindle

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -32,6 +33,12 @@ std::function<int(int)>& flushHook() {
     return hook;
 }
 
+/// Called before a file is locked.
+std::function<void()>& lockHook() {
+    static std::function<void()> hook;
+    return hook;
+}
+
 }  // namespace
 }  // namespace brindle
 
@@ -40,6 +47,15 @@ extern "C" int fsync(int descriptor) {
     const auto& hook = brindle::flushHook();
     return hook ? hook(descriptor) : static_cast<int>(::syscall(SYS_fsync, descriptor));
 }
+
+// The system has a structure of the same name.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"
+extern "C" int flock(int descriptor, int operation) noexcept {
+    if (const auto& hook = brindle::lockHook()) hook();
+    return static_cast<int>(::syscall(SYS_flock, descriptor, operation));
+}
+#pragma GCC diagnostic pop
 
 namespace brindle {
 namespace {
@@ -84,7 +100,10 @@ class LoweredLimit {
 
 class FileManagerTests : public testing::Test {
   protected:
-    void TearDown() override { flushHook() = nullptr; }
+    void TearDown() override {
+        flushHook() = nullptr;
+        lockHook() = nullptr;
+    }
 
     std::string at(const std::string& name) const { return (directory_.path() / name).string(); }
     void put(const std::string& name, const std::string& content) const {
@@ -570,6 +589,55 @@ TEST_F(FileManagerTests, RemoveIfPresentNeverFails) {
     files_.removeIfPresent(at("missing"));
     files_.removeIfPresent(at("a"));
     EXPECT_THAT(names(), ElementsAre("a"));
+}
+
+TEST_F(FileManagerTests, LockedDirectoryIsLockedForEverybodyElse) {
+    auto lock = files_.lockDirectory(directory_.path());
+    EXPECT_EQ(failureOf([&] { files_.lockDirectory(directory_.path()); }).code(), EWOULDBLOCK);
+    lock.reset();
+    EXPECT_TRUE(files_.lockDirectory(directory_.path()).isOpen());
+}
+
+TEST_F(FileManagerTests, LockIsNotPassedOnToPrograms) {
+    const auto lock = files_.lockDirectory(directory_.path());
+    EXPECT_EQ(::fcntl(lock.get(), F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(FileManagerTests, LockFollowsALink) {
+    fs::create_directory_symlink(directory_.path(), at("link"));
+    const auto lock = files_.lockDirectory(at("link"));
+    EXPECT_EQ(failureOf([&] { files_.lockDirectory(directory_.path()); }).code(), EWOULDBLOCK);
+}
+
+TEST_F(FileManagerTests, LockOfADirectoryThatWasReplacedMeanwhileIsNone) {
+    files_.createDirectory(at("a"));
+    lockHook() = [this] {
+        fs::rename(at("a"), at("old"));
+        files_.createDirectory(at("a"));
+    };
+    EXPECT_EQ(failureOf([&] { files_.lockDirectory(at("a")); }).code(), ESTALE);
+}
+
+TEST_F(FileManagerTests, LockOfADirectoryThatVanishedMeanwhileIsNone) {
+    files_.createDirectory(at("a"));
+    lockHook() = [this] { fs::remove(at("a")); };
+    EXPECT_EQ(failureOf([&] { files_.lockDirectory(at("a")); }).code(), ESTALE);
+}
+
+TEST_F(FileManagerTests, OnlyADirectoryIsLocked) {
+    put("file", "");
+    EXPECT_EQ(failureOf([&] { files_.lockDirectory(at("file")); }).code(), ENOTDIR);
+    EXPECT_EQ(failureOf([&] { files_.lockDirectory(at("missing")); }).code(), ENOENT);
+}
+
+TEST_F(FileManagerTests, AttributesTellObjectsApart) {
+    put("a", "");
+    put("b", "");
+    const auto a = files_.attributes(at("a"));
+    const auto b = files_.attributes(at("b"));
+    EXPECT_EQ(a->device, b->device);
+    EXPECT_NE(a->inode, b->inode);
+    EXPECT_EQ(a->inode, files_.attributes(at("a"))->inode);
 }
 
 TEST_F(FileManagerTests, LeavesNoDescriptorOpen) {
