@@ -1,14 +1,17 @@
+#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sysexits.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <exception>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "backend/DataDirectoryLock.h"
@@ -19,6 +22,7 @@
 #include "entry/WebHostModule.h"
 #include "exchange/EnvironmentKeys.h"
 #include "system/Clock.h"
+#include "system/Descriptor.h"
 #include "system/Environment.h"
 #include "system/FileManager.h"
 #include "system/ProcessGuard.h"
@@ -86,9 +90,29 @@ void runBackendRole(const std::string& platform, const Environment& environment,
     if (const int signal = signals.take(); signal != 0) endBySignal(signal);
 }
 
+bool hasEnded(pid_t process) {
+    const Descriptor end = processEndDescriptor(process);
+    pollfd state{.fd = end.get(), .events = POLLIN, .revents = 0};
+    // Until somebody has taken its status, an ended process still exists.
+    return !processExists(process) || (end.isOpen() && ::poll(&state, 1, 0) > 0);
+}
+
+/// The process that started this worker. A backend that was killed before this one could look has left it to
+/// a process that may live for long, so what the backend says about itself is asked as well.
+pid_t launchingProcess(const Environment& environment) {
+    const pid_t parent = ::getppid();
+    const auto named = environment.find(environment_key::parent_process);
+    if (named == environment.end()) return parent;
+    pid_t backend = -1;
+    const char* const end = named->second.data() + named->second.size();
+    const auto parsed = std::from_chars(named->second.data(), end, backend);
+    if (parsed.ec != std::errc() || parsed.ptr != end || backend <= 0) return parent;
+    return hasEnded(backend) ? backend : parent;
+}
+
 void runWorkerRole(const std::string& platform, const Environment& environment, FileManager& fileManager) {
     // Before anything that takes its time: a parent that dies meanwhile must be missed later.
-    const pid_t parent = ::getppid();
+    const pid_t parent = launchingProcess(environment);
     // While there is no other thread.
     const ProcessGuard guard;
     letTerminationSignalsThrough();

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +23,7 @@
 #include "support/Files.h"
 #include "support/Json.h"
 #include "support/Processes.h"
+#include "support/Spawning.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TextForms.h"
 #include "support/Waiting.h"
@@ -184,6 +186,20 @@ TEST_F(WebWorkerLifecycle, TheEndOfItsParentDuringTheStartEndsItToo) {
     worker.process().killIntermediateParent();
     EXPECT_EQ(worker.process().waitForExit(), exitedWith(0));
     EXPECT_THAT(runtimeFiles(worker), IsEmpty());
+}
+
+TEST_F(WebWorkerLifecycle, ABackendThatWasGoneBeforeTheStartEndsItToo) {
+    Start start{.commandLine = {"/bin/true"}, .environment = {}, .workingDirectory = {}};
+    const pid_t backend = spawn(start);
+    // As long as nobody has taken its status it is there, but it has ended.
+    ::siginfo_t ended{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(backend), &ended, WEXITED | WNOWAIT), 0);
+    auto options = WebWorkerOptions().withHtml(linked_page);
+    options.process.environment["BRINDLE_MANAGED_BRIDGE_PARENT_PID"] = std::to_string(backend);
+    WebWorkerProcess worker(options);
+    EXPECT_EQ(worker.process().waitForExit(), exitedWith(0));
+    EXPECT_THAT(runtimeFiles(worker), IsEmpty());
+    ::waitpid(backend, nullptr, 0);
 }
 
 TEST_F(WebWorkerLifecycle, ASecondSignalDoesNotCutTheEndShort) {
