@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -345,6 +346,15 @@ Json BackendProcess::nextEnvelope(milliseconds timeout) {
 
 std::vector<std::string> BackendProcess::receivedLines() const {
     return linesOf(rawOutput());
+}
+
+std::vector<std::string> BackendProcess::takeLines() {
+    const std::lock_guard lock(mutex_);
+    const auto end = output_.data.rfind('\n') + 1;  // 0 when there is none.
+    auto lines = linesOf(std::string_view(output_.data).substr(0, end).substr(std::min(outputCursor_, end)));
+    output_.data.erase(0, end);
+    outputCursor_ = 0;
+    return lines;
 }
 
 std::string BackendProcess::rawOutput() const {

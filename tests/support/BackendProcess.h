@@ -97,6 +97,8 @@ class BackendProcess {
     Json nextEnvelope(std::chrono::milliseconds timeout = must_happen_deadline);
     /// Every line of standard output so far, whether taken by nextLine() or not.
     std::vector<std::string> receivedLines() const;
+    /// Every whole line so far that no other call has taken, and forgets them: for what runs for long.
+    std::vector<std::string> takeLines();
     /// Every byte of standard output so far.
     std::string rawOutput() const;
     /// Ends the input, waits for the exit and returns every line that standard output ever carried.
