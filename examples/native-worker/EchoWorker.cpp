@@ -36,8 +36,8 @@ bool isChat(const ManagedWhatsAppWorkerControlScope& scope) {
 
 }  // namespace
 
-EchoWorker::EchoWorker(WorkerSettings settings, FileManager& fileManager)
-    : settings_(std::move(settings)), fileManager_(fileManager) {}
+EchoWorker::EchoWorker(WorkerSettings settings, FileManager& fileManager, std::function<bool()> mustEnd)
+    : settings_(std::move(settings)), fileManager_(fileManager), mustEnd_(std::move(mustEnd)) {}
 
 EchoWorker::~EchoWorker() {
     removeOwnFiles();
@@ -83,6 +83,7 @@ void EchoWorker::refreshControl() {
 
 void EchoWorker::handleOutbound() {
     for (const auto& outgoing : readOutbound()) {
+        if (mustEnd_()) return;
         deliver(outgoing);
         // Last of all: a worker that dies before this line finds the record again.
         fileAway(outgoing.fileName, settings_.directory.workerProcessedOutbound);
@@ -94,6 +95,8 @@ std::vector<EchoWorker::Outgoing> EchoWorker::readOutbound() {
     std::vector<Outgoing> waiting;
     for (const auto& name : fileManager_.visibleEntries(settings_.directory.outbound)) {
         if (!isRecordFileName(name)) continue;
+        // The round is over; none of what was read is sent any more.
+        if (mustEnd_()) return {};
         if (auto outgoing = readOutgoing(name)) waiting.push_back(std::move(*outgoing));
     }
     std::sort(waiting.begin(), waiting.end(), [](const Outgoing& left, const Outgoing& right) {

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,7 +25,9 @@ struct WorkerSettings {
 /// `writeEcho` does. Everything else is the contract of the data directory and can stay.
 class EchoWorker {
   public:
-    EchoWorker(WorkerSettings settings, brindle::FileManager& fileManager);
+    /// `mustEnd` is asked between two records: nobody waits for a worker that was asked to end, so that even
+    /// a long round has to break off.
+    EchoWorker(WorkerSettings settings, brindle::FileManager& fileManager, std::function<bool()> mustEnd);
     /// Takes this worker's own files away.
     ~EchoWorker();
     EchoWorker(const EchoWorker&) = delete;
@@ -56,6 +59,7 @@ class EchoWorker {
 
     WorkerSettings settings_;
     brindle::FileManager& fileManager_;
+    std::function<bool()> mustEnd_;
     /// The chat to watch; none when the control record names none.
     std::optional<brindle::ManagedWhatsAppWorkerControlScope> watched_;
     std::string lastProblems_;

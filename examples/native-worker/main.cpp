@@ -10,6 +10,7 @@
 #include <array>
 #include <charconv>
 #include <chrono>
+#include <functional>
 #include <iostream>
 #include <string>
 
@@ -78,18 +79,18 @@ class DirectoryWatch {
     Descriptor descriptor_;
 };
 
-/// Runs rounds until a signal asks for the end or the backend is gone.
-void work(EchoWorker& worker, const WorkerSettings& settings, TerminationSignals& signals) {
+/// Runs rounds until the end is asked for.
+void work(EchoWorker& worker, const WorkerSettings& settings, const TerminationSignals& signals,
+          const std::function<bool()>& mustEnd) {
     const DirectoryWatch outbound(settings.directory.outbound);
     const Descriptor backendEnd = processEndDescriptor(settings.backend);
-    while (isParentAlive(settings.backend)) {
+    while (!mustEnd()) {
         outbound.clear();
         worker.tick();
         std::array<pollfd, 3> set{{{.fd = signals.descriptor(), .events = POLLIN, .revents = 0},
                                    {.fd = backendEnd.get(), .events = POLLIN, .revents = 0},
                                    {.fd = outbound.descriptor(), .events = POLLIN, .revents = 0}}};
         ::poll(set.data(), set.size(), static_cast<int>(heartbeat_interval.count()));
-        if (signals.take() != 0) return;
     }
 }
 
@@ -98,9 +99,15 @@ int run(int argumentCount) {
     TerminationSignals signals;
     PosixFileManager fileManager;
     const auto settings = settingsFrom(currentEnvironment(), fileManager);
-    EchoWorker worker(settings, fileManager);
+    // A signal asks for the end, or the backend is gone.
+    bool isAsked = false;
+    const std::function<bool()> mustEnd = [&] {
+        isAsked = isAsked || signals.take() != 0;
+        return isAsked || !isParentAlive(settings.backend);
+    };
+    EchoWorker worker(settings, fileManager, mustEnd);
     worker.start();
-    work(worker, settings, signals);
+    work(worker, settings, signals, mustEnd);
     return EX_OK;
 }
 

@@ -349,6 +349,27 @@ TEST_F(NativeWorkerTest, EndsOnATerminationSignalAndTakesItsFilesAway) {
     }
 }
 
+TEST_F(NativeWorkerTest, EndsInTheMiddleOfALongRound) {
+    constexpr int records = 500;
+    for (int count = 0; count < records; ++count) {
+        writeFileAtomically(path("outbound") / (std::to_string(count) + ".json"), "{");
+    }
+    auto settings = options();
+    settings.stderrPipeBytes = 4096;
+    settings.readOutputAtOnce = false;
+    auto& worker = startWith(std::move(settings));
+    // It says why it rejects each of them, and cannot go on while nobody reads that.
+    constexpr std::size_t room_for_no_line = 256;
+    worker.waitUntil([&] { return worker.unreadErrorBytes() > 4096 - room_for_no_line; },
+                     "a round to be under way");
+    worker.signal(SIGTERM);
+    worker.resumeReadingOutput();
+    worker.resumeReadingError();
+    EXPECT_EQ(worker.waitForExit(), exitedWith(0));
+    EXPECT_THAT(namesIn(path("outbound")), testing::Not(IsEmpty()));
+    EXPECT_FALSE(fs::exists(path("runtime/worker.pid")));
+}
+
 TEST_F(NativeWorkerTest, LeavesTheFilesOfALaterWorkerAlone) {
     auto& worker = start();
     worker.waitForFile("runtime/worker-status.json");
