@@ -72,7 +72,13 @@ ManagedWhatsAppBackendService::ManagedWhatsAppBackendService(std::string platfor
                    .publisher = publisher_,
                    .emitter = channel_.emitter(),
                    .log = log_,
-                   .queue = pollQueue_}) {
+                   .queue = pollQueue_}),
+      housekeeping_({.environment = environment_,
+                     .directory = directory_,
+                     .fileManager = fileManager_,
+                     .clock = clock_,
+                     .log = log_,
+                     .queue = pollQueue_}) {
     directory_.createForBackend(fileManager_);
     startPollers();
     publisher_.writeRuntimeStatus();
@@ -113,6 +119,7 @@ void ManagedWhatsAppBackendService::checkParent() noexcept {
 
 void ManagedWhatsAppBackendService::run() {
     supervisor_.launchWorkerIfConfigured();
+    housekeeping_.start();
     startParentMonitor();
     try {
         greet();

@@ -7,6 +7,7 @@
 
 #include "backend/BackendState.h"
 #include "backend/DiagnosticLog.h"
+#include "backend/Housekeeping.h"
 #include "backend/InboundDelivery.h"
 #include "backend/StatusPublisher.h"
 #include "backend/WorkerSupervisor.h"
@@ -73,6 +74,7 @@ class ManagedWhatsAppBackendService {
     StatusPublisher publisher_;
     InboundDelivery delivery_;
     WorkerSupervisor supervisor_;
+    Housekeeping housekeeping_;
     std::unique_ptr<RepeatingTimer> inboundPoller_;
     std::unique_ptr<RepeatingTimer> statusPoller_;
     std::unique_ptr<RepeatingTimer> parentMonitor_;

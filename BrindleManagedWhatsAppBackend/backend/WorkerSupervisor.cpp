@@ -6,10 +6,8 @@
 #include <unistd.h>
 
 #include <array>
-#include <charconv>
-#include <chrono>
 
-#include "system/Processes.h"
+#include "backend/EarlierWorker.h"
 #include "text/Text.h"
 #include "text/WithoutFailing.h"
 
@@ -20,21 +18,9 @@ constexpr std::string_view nothing_to_launch_detail =
     "No managed WhatsApp worker configured. Install the protocol worker dependencies or provide an explicit worker executable.";
 constexpr std::string_view stopped_detail = "Managed WhatsApp worker stopped.";
 
-constexpr int termination_probes = 20;
-constexpr std::chrono::milliseconds termination_probe_interval{50};
 constexpr std::size_t relay_chunk_bytes = std::size_t{64} << 10U;
 
 }  // namespace
-
-std::optional<pid_t> parsedProcessIdentifier(std::string_view text) {
-    text = trimmed(text);
-    // from_chars knows no plus sign.
-    if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
-    pid_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
-}
 
 void WorkerSupervisor::launchWorkerIfConfigured() {
     const auto configuration = resolveLaunchConfiguration({.environment = uses_.environment,
@@ -49,7 +35,7 @@ void WorkerSupervisor::launchWorkerIfConfigured() {
         uses_.publisher.writeRuntimeStatus();
         return;
     }
-    clearUpAfterEarlierWorker();
+    endEarlierWorker(uses_.directory, uses_.fileManager, uses_.clock);
     removeWorkerFiles();
     const auto& description = configuration->launchDescription;
     if (configuration->requiresExecutableBit &&
@@ -80,28 +66,6 @@ void WorkerSupervisor::removeWorkerFiles() {
     uses_.fileManager.removeIfPresent(uses_.directory.workerStatusFile);
     uses_.fileManager.removeIfPresent(uses_.directory.workerQRCodeFile);
     uses_.fileManager.removeIfPresent(uses_.directory.workerPIDFile);
-}
-
-void WorkerSupervisor::clearUpAfterEarlierWorker() {
-    try {
-        const auto process =
-            parsedProcessIdentifier(uses_.fileManager.readFile(uses_.directory.workerPIDFile));
-        // After a reboot the number may be anybody's; that it is our own is the one case that can be told.
-        if (process && *process > 0 && *process != ::getpid()) terminateEarlierWorker(*process);
-    } catch (const Failure&) {
-        // No file, or one that cannot be read: nothing is known of an earlier worker.
-    }
-    uses_.fileManager.removeIfPresent(uses_.directory.workerPIDFile);
-}
-
-void WorkerSupervisor::terminateEarlierWorker(pid_t process) {
-    if (::kill(process, 0) != 0) return;
-    ::kill(process, SIGTERM);
-    for (int probe = 0; probe < termination_probes; ++probe) {
-        if (::kill(process, 0) != 0) return;
-        uses_.clock.sleep(termination_probe_interval);
-    }
-    if (::kill(process, 0) == 0) ::kill(process, SIGKILL);
 }
 
 void WorkerSupervisor::start(const ManagedWhatsAppWorkerLaunchConfiguration& configuration) {

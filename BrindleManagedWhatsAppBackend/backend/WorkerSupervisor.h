@@ -57,8 +57,6 @@ class WorkerSupervisor {
                         bool running);
     void fail(const std::string& description, std::string_view state, const std::string& message);
     void removeWorkerFiles();
-    void clearUpAfterEarlierWorker();
-    void terminateEarlierWorker(pid_t process);
     void start(const ManagedWhatsAppWorkerLaunchConfiguration& configuration);
     void abandon(const ChildProcess& process);
     void watch(const std::shared_ptr<ChildProcess>& process);
@@ -79,9 +77,5 @@ class WorkerSupervisor {
     std::unique_ptr<ReadinessWatch> errorWatch_ BRINDLE_GUARDED_BY(processLock_);
     std::unique_ptr<ReadinessWatch> endWatch_ BRINDLE_GUARDED_BY(processLock_);
 };
-
-/// The process id in the text of a pid file: an optional sign and decimal digits in the range of 32 bits;
-/// nothing for any other text.
-std::optional<pid_t> parsedProcessIdentifier(std::string_view text);
 
 }  // namespace brindle

@@ -8,6 +8,7 @@ namespace brindle::environment_key {
 inline constexpr std::string_view launch_token = "BRINDLE_HELPER_LAUNCH_TOKEN";
 inline constexpr std::string_view launch_token_file = "BRINDLE_HELPER_LAUNCH_TOKEN_FILE";
 inline constexpr std::string_view data_directory = "BRINDLE_MANAGED_BRIDGE_DATA_DIR";
+inline constexpr std::string_view retention_days = "BRINDLE_MANAGED_BRIDGE_RETENTION_DAYS";
 inline constexpr std::string_view platform = "BRINDLE_MANAGED_BRIDGE_PLATFORM";
 inline constexpr std::string_view parent_process = "BRINDLE_MANAGED_BRIDGE_PARENT_PID";
 inline constexpr std::string_view worker_role = "BRINDLE_MANAGED_BRIDGE_WORKER_ROLE";

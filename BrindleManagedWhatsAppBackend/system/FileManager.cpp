@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -22,6 +23,8 @@ namespace {
 constexpr mode_t private_directory_mode = 0700;
 constexpr mode_t permission_bits = 07777;
 constexpr std::string_view temporary_name_template = ".brindle-XXXXXX";
+constexpr char placeholder = 'X';
+constexpr std::uintmax_t allocation_unit_bytes = 512;
 
 std::string parentDirectory(const std::string& path) {
     const auto slash = path.rfind('/');
@@ -33,6 +36,36 @@ bool isDirectory(const std::string& path) {
     struct stat status {};
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
+
+std::chrono::system_clock::time_point timePoint(const timespec& time) {
+    return std::chrono::system_clock::time_point(
+        std::chrono::duration_cast<std::chrono::system_clock::duration>(
+            std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec)));
+}
+
+class PosixDirectoryReader final : public DirectoryReader {
+  public:
+    explicit PosixDirectoryReader(const std::string& directory)
+        : directory_(directory), stream_(::opendir(directory.c_str()), &::closedir) {
+        if (!stream_) throw FileSystemFailure("list", directory, errno);
+    }
+
+    std::optional<std::string> next() override {
+        for (;;) {
+            errno = 0;
+            // The stream is this object's own, which is all that readdir needs to be safe.
+            const dirent* entry = ::readdir(stream_.get());  // NOLINT(concurrency-mt-unsafe)
+            if (entry == nullptr && errno != 0) throw FileSystemFailure("list", directory_, errno);
+            if (entry == nullptr) return std::nullopt;
+            const std::string_view name(static_cast<const char*>(entry->d_name));
+            if (name != "." && name != "..") return std::string(name);
+        }
+    }
+
+  private:
+    std::string directory_;
+    std::unique_ptr<DIR, int (*)(DIR*)> stream_;
+};
 
 /// A regular file open for reading, and its size.
 struct OpenFile {
@@ -134,6 +167,11 @@ void moveAfterLooking(const std::string& from, const std::string& to) {
 
 }  // namespace
 
+bool isTemporaryName(std::string_view name) {
+    const auto prefix = temporary_name_template.substr(0, temporary_name_template.find(placeholder));
+    return name.starts_with(prefix) && name.size() == temporary_name_template.size();
+}
+
 void FileManager::removeIfPresent(const std::string& path) noexcept {
     try {
         if (fileExists(path)) removeItem(path);
@@ -170,6 +208,16 @@ std::vector<std::string> PosixFileManager::visibleEntries(const std::string& dir
     return names;
 }
 
+std::unique_ptr<DirectoryReader> PosixFileManager::readDirectory(const std::string& directory) {
+    return std::make_unique<PosixDirectoryReader>(directory);
+}
+
+std::uintmax_t PosixFileManager::fileSystemBytes(const std::string& path) {
+    struct statvfs status {};
+    if (::statvfs(path.c_str(), &status) != 0) throw FileSystemFailure("look at", path, errno);
+    return std::uintmax_t{status.f_blocks} * status.f_frsize;
+}
+
 bool PosixFileManager::fileExists(const std::string& path) {
     struct stat status {};
     return ::stat(path.c_str(), &status) == 0;
@@ -187,11 +235,16 @@ std::optional<FileAttributes> PosixFileManager::attributes(const std::string& pa
         if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
         throw FileSystemFailure("look at", path, errno);
     }
-    return FileAttributes{.owner = status.st_uid,
-                          .permissions = status.st_mode & permission_bits,
-                          .isDirectory = S_ISDIR(status.st_mode),
-                          .device = status.st_dev,
-                          .inode = status.st_ino};
+    return FileAttributes{
+        .owner = status.st_uid,
+        .permissions = status.st_mode & permission_bits,
+        .isDirectory = S_ISDIR(status.st_mode),
+        .isRegularFile = S_ISREG(status.st_mode),
+        .device = status.st_dev,
+        .inode = status.st_ino,
+        .modification = timePoint(status.st_mtim),
+        .statusChange = timePoint(status.st_ctim),
+        .allocatedBytes = static_cast<std::uintmax_t>(status.st_blocks) * allocation_unit_bytes};
 }
 
 std::string PosixFileManager::readFile(const std::string& path) {

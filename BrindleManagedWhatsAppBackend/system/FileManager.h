@@ -2,7 +2,10 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,10 +29,30 @@ struct FileAttributes {
     /// Permission bits.
     mode_t permissions = 0;
     bool isDirectory = false;
+    bool isRegularFile = false;
     /// Together they tell one object from every other that exists at the time.
     dev_t device = 0;
     ino_t inode = 0;
+    /// When its content was last written, which whoever may write it can set as he likes.
+    std::chrono::system_clock::time_point modification;
+    /// When it last changed in any way; a new name counts as a change. Nobody can set it.
+    std::chrono::system_clock::time_point statusChange;
+    /// The space that it takes.
+    std::uintmax_t allocatedBytes = 0;
 };
+
+/// The names in a directory, one after the other: for directories that may be too large for one go.
+class DirectoryReader {
+  public:
+    virtual ~DirectoryReader() = default;
+    /// The next name, hidden ones included, in no order; nothing at the end. What comes or goes meanwhile may
+    /// be left out. Throws FileSystemFailure.
+    virtual std::optional<std::string> next() = 0;
+};
+
+/// Whether a file of that name is the unfinished work of FileManager::writeFileAtomically, here or in another
+/// process.
+bool isTemporaryName(std::string_view name);
 
 /// Every touch of the file system. Operations that fail throw FileSystemFailure and have had no effect.
 class FileManager {
@@ -44,6 +67,10 @@ class FileManager {
     virtual void createDirectory(const std::string& path) = 0;
     /// Names of the entries, hidden ones (".…") left out, in no order; not recursive.
     virtual std::vector<std::string> visibleEntries(const std::string& directory) = 0;
+    /// Begins to read a directory; not recursive.
+    virtual std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) = 0;
+    /// The size of the file system that the path lies on; 0 when it has no bound.
+    virtual std::uintmax_t fileSystemBytes(const std::string& path) = 0;
     /// True when something exists at the path, links followed.
     virtual bool fileExists(const std::string& path) = 0;
     /// True for a regular file that this process may execute.
@@ -75,6 +102,8 @@ class PosixFileManager final : public FileManager {
   public:
     void createDirectory(const std::string& path) override;
     std::vector<std::string> visibleEntries(const std::string& directory) override;
+    std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) override;
+    std::uintmax_t fileSystemBytes(const std::string& path) override;
     bool fileExists(const std::string& path) override;
     bool isExecutableFile(const std::string& path) override;
     std::optional<FileAttributes> attributes(const std::string& path) override;

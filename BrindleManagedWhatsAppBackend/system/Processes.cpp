@@ -41,6 +41,10 @@ Descriptor processEndDescriptor(pid_t process) {
     return Descriptor(::pidfd_open(process, 0));
 }
 
+bool signalProcess(const Descriptor& process, int signal) {
+    return ::pidfd_send_signal(process.get(), signal, nullptr, 0) == 0;
+}
+
 void reserveStandardDescriptors() {
     for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
         if (::fcntl(number, F_GETFD) != -1 || errno != EBADF) continue;

@@ -13,8 +13,13 @@ bool processExists(pid_t process);
 /// than 1, it still is this process's parent, and it exists.
 bool isParentAlive(pid_t recordedParent);
 
-/// A descriptor that becomes readable when the process ends (Linux pidfd); not open when there is none.
+/// A descriptor of the process itself, whoever has its number later, that becomes readable when the process
+/// ends (Linux pidfd); not open when there is none.
 Descriptor processEndDescriptor(pid_t process);
+
+/// Sends a signal to the process of such a descriptor, or, with 0, asks whether that is possible; false when
+/// it is not.
+bool signalProcess(const Descriptor& process, int signal);
 
 /// Opens the null device in the wrong direction for each of the descriptors 0 to 2 that is closed, so that no
 /// later file takes its number and using it still fails.

@@ -27,28 +27,6 @@ using test::WantOfMemory;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-class ProcessIdentifierTests : public testing::TestWithParam<std::pair<std::string, std::optional<pid_t>>> {};
-
-TEST_P(ProcessIdentifierTests, IsASignedDecimalNumberOf32Bits) {
-    EXPECT_EQ(parsedProcessIdentifier(GetParam().first), GetParam().second) << '"' << GetParam().first << '"';
-}
-
-using Parsed = std::pair<std::string, std::optional<pid_t>>;
-INSTANTIATE_TEST_SUITE_P(
-    Texts, ProcessIdentifierTests,
-    testing::Values(Parsed{"1", 1}, Parsed{"12345", 12345}, Parsed{" 42\n", 42}, Parsed{"\u00A042\u2028", 42},
-                    Parsed{"+42", 42}, Parsed{"-42", -42}, Parsed{"0", 0}, Parsed{"-0", 0}, Parsed{"007", 7},
-                    Parsed{"2147483647", std::numeric_limits<pid_t>::max()},
-                    Parsed{"-2147483648", std::numeric_limits<pid_t>::min()},
-                    Parsed{"2147483648", std::nullopt}, Parsed{"-2147483649", std::nullopt},
-                    Parsed{"99999999999999999999", std::nullopt}, Parsed{"", std::nullopt},
-                    Parsed{" ", std::nullopt}, Parsed{"+", std::nullopt}, Parsed{"-", std::nullopt},
-                    Parsed{"+-1", std::nullopt}, Parsed{"++1", std::nullopt}, Parsed{"-+1", std::nullopt},
-                    Parsed{"--1", std::nullopt}, Parsed{"abc", std::nullopt}, Parsed{"12a", std::nullopt},
-                    Parsed{"a12", std::nullopt}, Parsed{"1 2", std::nullopt}, Parsed{"1.5", std::nullopt},
-                    Parsed{"0x10", std::nullopt}, Parsed{"1e3", std::nullopt}, Parsed{"+ 1", std::nullopt},
-                    Parsed{"\u0661", std::nullopt}, Parsed{std::string("1\0", 2), std::nullopt}));
-
 /// A supervisor with its queue, and workers that are shell scripts.
 class WorkerSupervisorTests : public testing::Test {
   protected:

@@ -743,6 +743,15 @@ TEST_F(EarlierWorker, IsAskedBeforeItIsKilled) {
     EXPECT_TRUE(earlier.hasMarked("asked"));
 }
 
+TEST_F(EarlierWorker, NumberThatIsAnotherProcessByNowIsSpared) {
+    const BystanderProcess stranger("stay");
+    const auto file = runtimeFile(options_, "worker.pid");
+    writeFileAtomically(file, std::to_string(stranger.pid()));
+    fs::last_write_time(file, fs::last_write_time(file) - std::chrono::hours(1));
+    start();
+    EXPECT_FALSE(stranger.hasEnded());
+}
+
 TEST_F(EarlierWorker, ThatIsGoneAlreadyOnlyHasItsPidFileRemoved) {
     pid_t gone = 0;
     {

@@ -38,6 +38,10 @@ class ForeignOwnership final : public FileManager {
     std::vector<std::string> visibleEntries(const std::string& path) override {
         return real_.visibleEntries(path);
     }
+    std::unique_ptr<DirectoryReader> readDirectory(const std::string& path) override {
+        return real_.readDirectory(path);
+    }
+    std::uintmax_t fileSystemBytes(const std::string& path) override { return real_.fileSystemBytes(path); }
     bool fileExists(const std::string& path) override { return real_.fileExists(path); }
     bool isExecutableFile(const std::string& path) override { return real_.isExecutableFile(path); }
     std::string readFile(const std::string& path) override { return real_.readFile(path); }

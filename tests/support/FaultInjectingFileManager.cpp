@@ -67,6 +67,36 @@ std::vector<std::string> FaultInjectingFileManager::visibleEntries(const std::st
     return real_.visibleEntries(directory);
 }
 
+/// Fails when its turn comes, as everything else does.
+class FaultInjectingFileManager::Reader final : public DirectoryReader {
+  public:
+    Reader(FaultInjectingFileManager& files, std::string directory)
+        : files_(files), directory_(std::move(directory)), real_(files.real_.readDirectory(directory_)) {}
+
+    std::optional<std::string> next() override {
+        files_.record("list on", directory_);
+        files_.failIfDue("list", directory_);
+        return real_->next();
+    }
+
+  private:
+    FaultInjectingFileManager& files_;
+    std::string directory_;
+    std::unique_ptr<DirectoryReader> real_;
+};
+
+std::unique_ptr<DirectoryReader> FaultInjectingFileManager::readDirectory(const std::string& directory) {
+    record("list", directory);
+    failIfDue("list", directory);
+    return std::make_unique<Reader>(*this, directory);
+}
+
+std::uintmax_t FaultInjectingFileManager::fileSystemBytes(const std::string& path) {
+    record("look at", path);
+    failIfDue("look at", path);
+    return pretendedBytes_ ? *pretendedBytes_ : real_.fileSystemBytes(path);
+}
+
 // The two questions have no way to fail but to answer no.
 bool FaultInjectingFileManager::fileExists(const std::string& path) {
     record("look for", path);
@@ -81,7 +111,11 @@ bool FaultInjectingFileManager::isExecutableFile(const std::string& path) {
 std::optional<FileAttributes> FaultInjectingFileManager::attributes(const std::string& path) {
     record("look at", path);
     failIfDue("look at", path);
-    return real_.attributes(path);
+    auto found = real_.attributes(path);
+    const std::lock_guard hold(lock_);
+    const auto pretended = pretendedChanges_.find(path);
+    if (found && pretended != pretendedChanges_.end()) found->statusChange = pretended->second;
+    return found;
 }
 
 std::string FaultInjectingFileManager::readFile(const std::string& path) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -49,6 +50,8 @@ class FaultInjectingFileManager final : public FileManager {
 
     void createDirectory(const std::string& path) override;
     std::vector<std::string> visibleEntries(const std::string& directory) override;
+    std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) override;
+    std::uintmax_t fileSystemBytes(const std::string& path) override;
     bool fileExists(const std::string& path) override;
     bool isExecutableFile(const std::string& path) override;
     std::optional<FileAttributes> attributes(const std::string& path) override;
@@ -58,12 +61,23 @@ class FaultInjectingFileManager final : public FileManager {
     Descriptor lockDirectory(const std::string& path) override;
     void removeItem(const std::string& path) override;
 
+    /// When the object at a path is said to have changed last, which cannot be set.
+    void pretendStatusChange(const std::string& path, std::chrono::system_clock::time_point time) {
+        const std::lock_guard hold(lock_);
+        pretendedChanges_.insert_or_assign(path, time);
+    }
+    /// What every file system is said to hold; nothing for the truth.
+    void pretendFileSystemBytes(std::optional<std::uintmax_t> bytes) { pretendedBytes_ = bytes; }
+
   private:
+    class Reader;
     void record(std::string_view action, const std::string& path);
     bool mustFail(std::string_view action, const std::string& path, Stage stage);
     void failIfDue(std::string_view action, const std::string& path, Stage stage = Stage::beforeAnyEffect);
 
     PosixFileManager real_;
+    std::optional<std::uintmax_t> pretendedBytes_;
+    std::map<std::string, std::chrono::system_clock::time_point> pretendedChanges_;
     mutable std::mutex lock_;
     std::optional<Fault> fault_;
     std::thread::id thread_;

@@ -36,6 +36,10 @@ class RecordingFileManager final : public FileManager {
     std::vector<std::string> visibleEntries(const std::string& directory) override {
         return next_.visibleEntries(directory);
     }
+    std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) override {
+        return next_.readDirectory(directory);
+    }
+    std::uintmax_t fileSystemBytes(const std::string& path) override { return next_.fileSystemBytes(path); }
     bool fileExists(const std::string& path) override { return next_.fileExists(path); }
     bool isExecutableFile(const std::string& path) override { return next_.isExecutableFile(path); }
     std::optional<FileAttributes> attributes(const std::string& path) override {

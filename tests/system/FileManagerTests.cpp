@@ -9,6 +9,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -638,6 +639,55 @@ TEST_F(FileManagerTests, AttributesTellObjectsApart) {
     EXPECT_EQ(a->device, b->device);
     EXPECT_NE(a->inode, b->inode);
     EXPECT_EQ(a->inode, files_.attributes(at("a"))->inode);
+}
+
+TEST_F(FileManagerTests, AttributesTellWhatIsThere) {
+    put("file", "text");
+    files_.createDirectory(at("directory"));
+    fs::create_symlink("file", at("link"));
+    EXPECT_TRUE(files_.attributes(at("file"))->isRegularFile);
+    EXPECT_FALSE(files_.attributes(at("directory"))->isRegularFile);
+    EXPECT_FALSE(files_.attributes(at("link"))->isRegularFile);
+}
+
+TEST_F(FileManagerTests, ModificationCanBeSetAndStatusChangeCannot) {
+    put("file", "text");
+    const auto before = files_.attributes(at("file"));
+    fs::last_write_time(at("file"), fs::last_write_time(at("file")) - std::chrono::hours(1));
+    const auto after = files_.attributes(at("file"));
+    EXPECT_EQ(after->modification, before->modification - std::chrono::hours(1));
+    EXPECT_GE(after->statusChange, before->statusChange);
+}
+
+TEST_F(FileManagerTests, SpaceThatAFileTakesIsKnown) {
+    constexpr std::size_t bytes = 1U << 20U;
+    files_.writeFileAtomically(at("file"), std::string(bytes, 'x'), Durability::disk);
+    EXPECT_GE(files_.attributes(at("file"))->allocatedBytes, bytes);
+}
+
+TEST_F(FileManagerTests, ReadsADirectoryNameByName) {
+    put("a", "");
+    put(".b", "");
+    files_.createDirectory(at("c"));
+    const auto reader = files_.readDirectory(directory_.path());
+    std::vector<std::string> found;
+    while (auto name = reader->next()) found.push_back(*std::move(name));
+    EXPECT_THAT(found, UnorderedElementsAre("a", ".b", "c"));
+    EXPECT_EQ(failureOf([&] { files_.readDirectory(at("a")); }).code(), ENOTDIR);
+}
+
+TEST_F(FileManagerTests, SizeOfTheFileSystemIsKnown) {
+    struct statvfs status {};
+    ASSERT_EQ(::statvfs(directory_.path().c_str(), &status), 0);
+    EXPECT_EQ(files_.fileSystemBytes(directory_.path()), std::uintmax_t{status.f_blocks} * status.f_frsize);
+    EXPECT_EQ(failureOf([&] { files_.fileSystemBytes(at("missing")); }).code(), ENOENT);
+}
+
+TEST_F(FileManagerTests, UnfinishedFilesAreKnownByTheirNames) {
+    EXPECT_TRUE(isTemporaryName(".brindle-a1B2c3"));
+    for (const char* name : {".brindle-a1B2c", ".brindle-a1B2c34", "brindle-a1B2c3", ".brindle.a1B2c3", ""}) {
+        EXPECT_FALSE(isTemporaryName(name)) << name;
+    }
 }
 
 TEST_F(FileManagerTests, LeavesNoDescriptorOpen) {

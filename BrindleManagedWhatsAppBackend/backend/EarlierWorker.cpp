@@ -1,0 +1,92 @@
+#include "backend/EarlierWorker.h"
+
+#include <signal.h>
+
+#include <charconv>
+#include <chrono>
+#include <string>
+#include <system_error>
+
+#include "exchange/EnvironmentKeys.h"
+#include "system/Environment.h"
+#include "system/Paths.h"
+#include "system/ProcessFacts.h"
+#include "system/Processes.h"
+#include "text/Failure.h"
+#include "text/Text.h"
+
+namespace brindle {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr int termination_probes = 20;
+constexpr milliseconds termination_probe_interval{50};
+/// By so much a process may seem to be younger than the file that it has written: clocks are coarse.
+constexpr milliseconds pid_file_tolerance{2000};
+
+bool isSameObject(FileManager& fileManager, const std::string& path, const std::string& other) {
+    // The directories themselves, wherever links lead.
+    const auto first = fileManager.attributes(joinedPath(path, "."));
+    const auto second = fileManager.attributes(joinedPath(other, "."));
+    return first && second && first->device == second->device && first->inode == second->inode;
+}
+
+/// Whether the process was started to work in the directory.
+bool worksIn(pid_t process, const DataDirectory& directory, FileManager& fileManager) {
+    const auto value = nonBlankValue(environmentOf(process, fileManager), environment_key::data_directory);
+    if (!value) return false;
+    return standardizedPath(*value) == directory.path || isSameObject(fileManager, *value, directory.path);
+}
+
+bool beganAfter(pid_t process, std::chrono::system_clock::time_point time, FileManager& fileManager) {
+    const auto facts = processFacts(process, fileManager);
+    return facts && facts->start > time + pid_file_tolerance;
+}
+
+bool isInnocent(pid_t process, const DataDirectory& directory, FileManager& fileManager) {
+    if (isSelfOrAncestor(process, fileManager)) return true;
+    const auto file = fileManager.attributes(directory.workerPIDFile);
+    return file && beganAfter(process, file->modification, fileManager) &&
+           !worksIn(process, directory, fileManager);
+}
+
+void terminate(const Descriptor& process, const Clock& clock) {
+    if (!signalProcess(process, 0)) return;
+    signalProcess(process, SIGTERM);
+    for (int probe = 0; probe < termination_probes; ++probe) {
+        if (!signalProcess(process, 0)) return;
+        clock.sleep(termination_probe_interval);
+    }
+    signalProcess(process, SIGKILL);
+}
+
+}  // namespace
+
+std::optional<pid_t> parsedProcessIdentifier(std::string_view text) {
+    text = trimmed(text);
+    // from_chars knows no plus sign.
+    if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
+    pid_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return value;
+}
+
+void endEarlierWorker(const DataDirectory& directory, FileManager& fileManager, const Clock& clock) {
+    try {
+        const auto identifier = parsedProcessIdentifier(fileManager.readFile(directory.workerPIDFile));
+        if (identifier && *identifier > 0) {
+            // Before anything is learnt of the process, so that what is learnt is told of the one that is
+            // signalled: once it ends, its number may become another's.
+            const auto process = processEndDescriptor(*identifier);
+            if (process.isOpen() && !isInnocent(*identifier, directory, fileManager))
+                terminate(process, clock);
+        }
+    } catch (const Failure&) {
+        // No file, or one that cannot be read: nothing is known of an earlier worker.
+    }
+    fileManager.removeIfPresent(directory.workerPIDFile);
+}
+
+}  // namespace brindle
