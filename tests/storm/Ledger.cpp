@@ -43,11 +43,15 @@ std::vector<std::string> Ledger::settle(const LifeEnd& end) {
     problems_.clear();
     readOutput(end);
     places_.clear();
+    const auto temporariesBefore = temporaries_;
     for (const char* directory : record_directories) readDirectory(directory);
     checkPlaces();
     checkInbound(end);
     checkOutbound(end);
     checkLeftovers();
+    if (end.isWhole && temporaries_ > temporariesBefore) {
+        problems_.emplace_back("temporary files outlive a life that was not cut short");
+    }
     startLife();
     return std::move(problems_);
 }

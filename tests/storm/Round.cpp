@@ -191,7 +191,17 @@ void Round::goOnWithoutVictim(Life& life, const LifePlan& plan) {
         life, [&] { return hasMessageOfPageAfter(life, now) || hasNoWorker(); }, "the page to be shown anew");
 }
 
+/// As if the last kill had been long ago.
+void Round::ageTemporaries() const {
+    constexpr std::chrono::minutes age{2};
+    for (const auto& entry : fs::recursive_directory_iterator(data_->path())) {
+        if (!entry.path().filename().string().starts_with(".brindle-")) continue;
+        fs::last_write_time(entry, fs::file_time_type::clock::now() - age);
+    }
+}
+
 void Round::runWholeLife() {
+    ageTemporaries();
     auto life = start(nullptr);
     placeInbound(2);
     request(life, {Series::outbound, numbers_[Series::outbound]++});

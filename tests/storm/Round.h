@@ -59,6 +59,7 @@ class Round {
     void makeTrafficUntilKilled(Life& life, const LifePlan& plan);
     void goOnWithoutVictim(Life& life, const LifePlan& plan);
     void runWholeLife();
+    void ageTemporaries() const;
     void end(Life& life, const LifePlan* plan);
     void requireEndOfAllProcesses();
     void requireProblemFree(const Life& life, std::vector<std::string> problems) const;
