@@ -322,6 +322,14 @@ TEST_F(WebWorkerNeeds, NamespacesForTheSandboxAndSaysHowToProvideThem) {
                 AllOf(HasSubstr("cannot sandbox"), HasSubstr("let this user create user namespaces")));
 }
 
+TEST_F(WebWorkerNeeds, ATrialOfTheSandboxThatEndsAlsoWhenItIsKilledAndLeavesAProcess) {
+    WebWorkerOptions options;
+    options.on(TestDisplay::shared());
+    writeScript(options.place->path() / "bwrap", "sleep 1000 &\nkill -KILL $$");
+    options.process.environment["PATH"] = options.place->path().string() + ":/usr/bin:/bin";
+    EXPECT_THAT(fatalLineOf(options), AllOf(HasSubstr("cannot sandbox"), HasSubstr("was ended by signal 9")));
+}
+
 class WebWorkerLog : public WebWorkerTest {};
 
 TEST_F(WebWorkerLog, GoesToStandardErrorWithItsCategoryWhereThereIsNoJournal) {

@@ -55,6 +55,12 @@ void requireWorkingNamespaces() {
         &error));
     const GErrorPointer owned(error);
     if (!trial) failWithoutSandbox(error->message);
+    // Its end alone: when it is killed, what it has started may keep its output open for ever.
+    g_subprocess_wait(trial.get(), nullptr, nullptr);
+    if (g_subprocess_get_if_signaled(trial.get())) {
+        failWithoutSandbox("the trial of it was ended by signal " +
+                           std::to_string(g_subprocess_get_term_sig(trial.get())));
+    }
     char* complaint = nullptr;
     g_subprocess_communicate_utf8(trial.get(), nullptr, nullptr, nullptr, &complaint, nullptr);
     const GText text(complaint);
