@@ -191,13 +191,21 @@ void Round::goOnWithoutVictim(Life& life, const LifePlan& plan) {
         life, [&] { return hasMessageOfPageAfter(life, now) || hasNoWorker(); }, "the page to be shown anew");
 }
 
+/// What killed writers have left. A helper that writes has one at times, too.
+std::vector<fs::path> Round::temporaries() const {
+    std::vector<fs::path> found;
+    for (const char* directory : {"inbound", "outbound", "processed", "rejected", "runtime"}) {
+        for (const auto& name : namesIn(data_->path() / directory)) {
+            if (name.starts_with(".brindle-")) found.push_back(data_->path() / directory / name);
+        }
+    }
+    return found;
+}
+
 /// As if the last kill had been long ago.
 void Round::ageTemporaries() const {
     constexpr std::chrono::minutes age{2};
-    for (const auto& entry : fs::recursive_directory_iterator(data_->path())) {
-        if (!entry.path().filename().string().starts_with(".brindle-")) continue;
-        fs::last_write_time(entry, fs::file_time_type::clock::now() - age);
-    }
+    for (const auto& file : temporaries()) fs::last_write_time(file, fs::file_time_type::clock::now() - age);
 }
 
 void Round::runWholeLife() {
@@ -218,6 +226,9 @@ void Round::runWholeLife() {
         waitFor(
             life, [&] { return isIdle(); }, "everything to be carried out");
     }
+    // It goes through the directories a few files at a time.
+    waitFor(
+        life, [&] { return temporaries().empty(); }, "the temporary files of killed writers to go");
     end(life, nullptr);
 }
 

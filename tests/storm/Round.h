@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -59,6 +60,7 @@ class Round {
     void makeTrafficUntilKilled(Life& life, const LifePlan& plan);
     void goOnWithoutVictim(Life& life, const LifePlan& plan);
     void runWholeLife();
+    std::vector<std::filesystem::path> temporaries() const;
     void ageTemporaries() const;
     void end(Life& life, const LifePlan* plan);
     void requireEndOfAllProcesses();
