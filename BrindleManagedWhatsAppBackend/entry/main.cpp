@@ -67,6 +67,7 @@ void runBackendRole(const std::string& platform, const Environment& environment,
     const pid_t parent = ::getppid();
     // Inherited as ignored, it would throw the worker's exit status away.
     ::signal(SIGCHLD, SIG_DFL);
+    giveLargeMemoryBackAtOnce();
     TerminationSignals signals;
     const SystemClock clock;
     {

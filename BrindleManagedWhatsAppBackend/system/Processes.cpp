@@ -17,6 +17,8 @@
 namespace brindle {
 namespace {
 
+constexpr int large_memory_bytes = 1 << 20;
+
 sigset_t terminationSet() {
     sigset_t set;
     sigemptyset(&set);
@@ -61,6 +63,10 @@ void ignoreSignalsOfFailedWrites() {
 void letTerminationSignalsThrough() {
     const sigset_t set = terminationSet();
     ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+void giveLargeMemoryBackAtOnce() {
+    ::mallopt(M_MMAP_THRESHOLD, large_memory_bytes);
 }
 
 void returnFreedMemory() {

@@ -33,6 +33,11 @@ void ignoreSignalsOfFailedWrites();
 /// end.
 void letTerminationSignalsThrough();
 
+/// From now on a piece of memory of a megabyte or more is taken from the system by itself and goes back as
+/// soon as it is freed. Left alone, the allocator learns from the first large piece to keep such pieces, and
+/// what a single large message has taken stays with a thread for good.
+void giveLargeMemoryBackAtOnce();
+
 /// Hands freed memory back to the system.
 void returnFreedMemory();
 
