@@ -62,7 +62,8 @@ ManagedWhatsAppBackendService::ManagedWhatsAppBackendService(std::string platfor
                  .state = state_,
                  .emitter = channel_.emitter(),
                  .departureWatch = channel_.departureWatch(),
-                 .log = log_}),
+                 .log = log_,
+                 .queue = pollQueue_}),
       supervisor_({.platform = platform_,
                    .environment = environment_,
                    .directory = directory_,
@@ -81,6 +82,7 @@ ManagedWhatsAppBackendService::ManagedWhatsAppBackendService(std::string platfor
                      .queue = pollQueue_}) {
     directory_.createForBackend(fileManager_);
     startPollers();
+    channel_.emitter().diagnostics().useQueue(pollQueue_);
     publisher_.writeRuntimeStatus();
 }
 
@@ -92,11 +94,16 @@ ManagedWhatsAppBackendService::~ManagedWhatsAppBackendService() {
     supervisor_.stopWorker();
     if (!pollQueue_.stop(poll_queue_patience)) channel_.departureWatch().abandonOutput();
     pollQueue_.join();
+    channel_.emitter().diagnostics().stopUsingQueue();
+    delivery_.putBackWhatWasNotRead();
 }
 
 void ManagedWhatsAppBackendService::startPollers() {
-    inboundPoller_ = std::make_unique<RepeatingTimer>(pollQueue_, poller_first_fire, inbound_interval,
-                                                      [this] { delivery_.drainUnlessUnderWay(); });
+    inboundPoller_ =
+        std::make_unique<RepeatingTimer>(pollQueue_, poller_first_fire, inbound_interval, [this] {
+            supervisor_.resumeRelay();
+            delivery_.drainUnlessUnderWay();
+        });
     statusPoller_ = std::make_unique<RepeatingTimer>(pollQueue_, poller_first_fire, status_interval,
                                                      [this] { publisher_.writeRuntimeStatus(); });
 }
@@ -113,6 +120,8 @@ void ManagedWhatsAppBackendService::checkParent() noexcept {
     log_.write("bridge service parent is no longer alive; stopping the managed backend and worker.");
     supervisor_.stopWorker();
     publisher_.writeRuntimeStatus();
+    delivery_.putBackWhatWasNotRead();
+    channel_.emitter().diagnostics().finish(milliseconds{0});
     // From this thread no orderly return through main is possible: main may be waiting for input for ever.
     ::_exit(0);
 }
@@ -124,6 +133,7 @@ void ManagedWhatsAppBackendService::run() {
     try {
         greet();
         while (channel_.waitForRequest()) answerRequest();
+        delivery_.completeWhatIsUnderWay();
     } catch (const OutputAbandoned&) {
         // Nobody reads and the input has ended: a normal end.
     } catch (...) {

@@ -115,15 +115,16 @@ void WorkerSupervisor::watch(const std::shared_ptr<ChildProcess>& process) {
     workerStdoutHandle_ = std::make_shared<const Descriptor>(std::move(process->standardOutput()));
     workerStderrHandle_ = std::make_shared<const Descriptor>(std::move(process->standardError()));
     outputWatch_ = std::make_unique<ReadinessWatch>(
-        uses_.queue, workerStdoutHandle_->get(),
+        uses_.queue, workerStdoutHandle_->get(), Readiness::readable,
         [this, handle = workerStdoutHandle_] { return relayAvailable(handle, Stream::output); });
     errorWatch_ = std::make_unique<ReadinessWatch>(
-        uses_.queue, workerStderrHandle_->get(),
+        uses_.queue, workerStderrHandle_->get(), Readiness::readable,
         [this, handle = workerStderrHandle_] { return relayAvailable(handle, Stream::error); });
-    endWatch_ = std::make_unique<ReadinessWatch>(uses_.queue, process->endDescriptor(), [this, process] {
-        workerEnded(*process);
-        return false;
-    });
+    endWatch_ = std::make_unique<ReadinessWatch>(uses_.queue, process->endDescriptor(), Readiness::readable,
+                                                 [this, process] {
+                                                     workerEnded(*process);
+                                                     return false;
+                                                 });
 }
 
 bool WorkerSupervisor::relayAvailable(const Handle& handle, Stream stream) {
@@ -132,7 +133,17 @@ bool WorkerSupervisor::relayAvailable(const Handle& handle, Stream stream) {
     if (got < 0) return errno == EAGAIN || errno == EINTR;
     // Text that is lost for want of memory must not keep what follows from being read.
     withoutFailing([&] { relay(std::string_view(data.data(), static_cast<std::size_t>(got)), stream); });
-    return got > 0;
+    if (got == 0 || !uses_.emitter.diagnostics().isCongested()) return got > 0;
+    isRelayPaused_ = true;
+    return false;
+}
+
+void WorkerSupervisor::resumeRelay() noexcept {
+    if (!isRelayPaused_.exchange(false)) return;
+    const std::lock_guard hold(processLock_);
+    for (auto* watch : {outputWatch_.get(), errorWatch_.get()}) {
+        if (watch != nullptr) withoutFailing([&] { watch->resume(); });
+    }
 }
 
 /// What the pipe holds now. No more than that, because another process may have inherited it and write on.
@@ -153,7 +164,7 @@ void WorkerSupervisor::relay(std::string_view data, Stream stream) {
         const auto lineEnd = rest.find('\n');
         const auto piece = trimmed(rest.substr(0, lineEnd));
         rest.remove_prefix(lineEnd == std::string_view::npos ? rest.size() : lineEnd + 1);
-        if (!piece.empty()) uses_.emitter.log(std::string(prefix).append(piece).append("\n"));
+        if (!piece.empty()) uses_.emitter.relay(std::string(prefix).append(piece).append("\n"));
     }
 }
 

@@ -47,6 +47,10 @@ class WorkerSupervisor {
     /// Asks the worker to end, without waiting, and takes its files away. Callable from any thread,
     /// repeatedly.
     void stopWorker() noexcept;
+    /// What the poller does at each beat: reads on what the worker prints. Else that rests while much of it
+    /// waits to be read: a reader that is merely slow gets every line, and a worker whose words nobody reads
+    /// never stands still for long.
+    void resumeRelay() noexcept;
 
   private:
     /// The read end of one of the worker's pipes; closed when the last user lets go.
@@ -67,6 +71,7 @@ class WorkerSupervisor {
 
     Uses uses_;
     std::atomic<bool> didRequestWorkerStop_ = false;
+    std::atomic<bool> isRelayPaused_ = false;
 
     // Guards the process and its handles; stop may come from the request thread while the queue sees the end.
     Mutex processLock_;

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include "system/Processes.h"
 #include "text/Text.h"
 
 namespace brindle {
@@ -10,11 +9,9 @@ namespace brindle {
 static_assert(LineReader::padding_bytes >= JsonParser::padding_bytes);
 
 BridgeChannel::BridgeChannel(const BridgeStreams& streams)
-    : lines_(streams.input, streams.endRequest),
-      parentEnd_(processEndDescriptor(::getppid())),
-      emitter_(streams.output, streams.error, departureWatch_) {
+    : lines_(streams.input, streams.endRequest), emitter_(streams.output, streams.error, departureWatch_) {
     departureWatch_.addSign(streams.input, false);
-    if (parentEnd_.isOpen()) departureWatch_.addSign(parentEnd_.get(), true);
+    departureWatch_.addParent(::getppid());
     if (streams.endRequest >= 0) departureWatch_.addSign(streams.endRequest, true);
 }
 

@@ -3,7 +3,6 @@
 #include "bridge/BridgeMessages.h"
 #include "bridge/ManagedWhatsAppBackendEmitter.h"
 #include "records/Json.h"
-#include "system/Descriptor.h"
 #include "system/LineReader.h"
 #include "system/OutputStream.h"
 
@@ -44,7 +43,6 @@ class BridgeChannel {
     LineReader lines_;
     std::string_view request_;
     JsonParser parser_;
-    Descriptor parentEnd_;
     DepartureWatch departureWatch_;
     ManagedWhatsAppBackendEmitter emitter_;
 };

@@ -14,9 +14,15 @@ inline constexpr std::string_view record_file_extension = ".json";
 bool isRecordFileName(std::string_view name);
 
 /// Files a record away: moves it from one directory to another under its own name or, when that is taken
-/// there, under a fresh one with its own at the end, so that nothing is ever replaced. Throws
+/// there, under a fresh one with its own at the end, so that nothing is ever replaced. Answers the name it
+/// has got. Throws FileSystemFailure.
+std::string moveRecordFile(FileManager& fileManager, std::string_view name, const std::string& fromDirectory,
+                           const std::string& toDirectory);
+
+/// Puts a record that was filed away back into a directory under the name it had or, when that is taken
+/// again, under one that comes just before it in the order of names: it is the older of the two. Throws
 /// FileSystemFailure.
-void moveRecordFile(FileManager& fileManager, std::string_view name, const std::string& fromDirectory,
-                    const std::string& toDirectory);
+void putRecordFileBack(FileManager& fileManager, const std::string& file, const std::string& directory,
+                       std::string_view name);
 
 }  // namespace brindle

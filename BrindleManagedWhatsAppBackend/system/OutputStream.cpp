@@ -3,103 +3,30 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <sys/eventfd.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <system_error>
 #include <utility>
 
-#include "system/FileSystemFailure.h"
-
 namespace brindle {
-namespace {
-
-using SteadyClock = std::chrono::steady_clock;
-
-// The order of a poll set: the output, the wake-up, then the signs.
-constexpr std::size_t first_sign = 2;
-
-/// For poll: rounded up, and without end for the clock's last moment.
-int millisecondsUntil(SteadyClock::time_point deadline) {
-    if (deadline == SteadyClock::time_point::max()) return -1;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
-    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
-}
-
-}  // namespace
-
-DepartureWatch::DepartureWatch() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (wake_.isOpen()) return;
-    throw Failure("Cannot prepare the giving up of unread output: " + std::generic_category().message(errno) +
-                  ".");
-}
-
-void DepartureWatch::addSign(int descriptor, bool readableMeansGone) {
-    const short events = readableMeansGone ? POLLIN : POLLRDHUP;
-    signs_.push_back({.fd = descriptor, .events = events, .revents = 0});
-}
-
-void DepartureWatch::abandonOutput() {
-    abandoned_ = true;
-    ::eventfd_write(wake_.get(), 1);
-}
-
-std::vector<pollfd> DepartureWatch::pollSet(int output, bool withSigns) const {
-    std::vector<pollfd> set{{.fd = output, .events = POLLOUT, .revents = 0},
-                            {.fd = wake_.get(), .events = POLLIN, .revents = 0}};
-    if (withSigns) set.insert(set.end(), signs_.begin(), signs_.end());
-    return set;
-}
-
-bool DepartureWatch::isDepartureOver() {
-    if (!departureSeen_) {
-        auto set = signs_;
-        if (::poll(set.data(), set.size(), 0) <= 0 || !anyDeparted(set.begin(), set.end())) return false;
-        departureSeen_ = SteadyClock::now();
-    }
-    return SteadyClock::now() - *departureSeen_ >= unread_output_grace;
-}
-
-bool DepartureWatch::anyDeparted(PollIterator begin, PollIterator end) {
-    return std::any_of(begin, end, [](const pollfd& sign) {
-        return (sign.revents & (sign.events | POLLHUP | POLLERR)) != 0;
-    });
-}
-
-bool DepartureWatch::waitUntilWritable(int output) {
-    auto set = pollSet(output, true);
-    auto deadline = SteadyClock::time_point::max();
-    for (;;) {
-        const int timeout_ms = abandoned_ ? 0 : millisecondsUntil(deadline);
-        if (::poll(set.data(), set.size(), timeout_ms) < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        if (set.front().revents != 0) return true;
-        if (abandoned_ || timeout_ms == 0) break;
-        if (deadline != SteadyClock::time_point::max() || !anyDeparted(set.begin() + first_sign, set.end()))
-            continue;
-        deadline = SteadyClock::now() + unread_output_grace;
-        set = pollSet(output, false);
-    }
-    abandoned_ = true;
-    throw OutputAbandoned();
-}
 
 OutputStream::OutputStream(int descriptor, std::string name, DepartureWatch& watch)
     : descriptor_(descriptor), name_(std::move(name)), watch_(watch) {
     struct stat status {};
     if (::fstat(descriptor, &status) != 0) return;
+    isPipe_ = S_ISFIFO(status.st_mode);
     if (S_ISSOCK(status.st_mode)) manner_ = Manner::socket;
-    if (!S_ISFIFO(status.st_mode) && ::isatty(descriptor) == 0) return;
+    if (!isPipe_ && ::isatty(descriptor) == 0) return;
     const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
     reopened_ = Descriptor(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
     if (reopened_.isOpen()) manner_ = Manner::nonblocking;
 }
 
+/// Never waits: what cannot be written now fails with EAGAIN.
 ssize_t OutputStream::writeSome(std::string_view bytes) {
     switch (manner_) {
         case Manner::nonblocking:
@@ -109,34 +36,101 @@ ssize_t OutputStream::writeSome(std::string_view bytes) {
         case Manner::pieces:
             break;
     }
-    if (!wait()) return -1;
-    return ::write(descriptor_, bytes.data(), std::min<std::size_t>(bytes.size(), PIPE_BUF));
+    if (takesMore()) return ::write(descriptor_, bytes.data(), std::min<std::size_t>(bytes.size(), PIPE_BUF));
+    errno = EAGAIN;
+    return -1;
+}
+
+/// Takes off what could be written; true when nothing is left.
+bool OutputStream::writeWhatFits(std::string_view& bytes) {
+    while (!bytes.empty()) {
+        const auto count = writeSome(bytes);
+        if (count >= 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(count));
+            written_ += static_cast<std::uint64_t>(count);
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            return false;
+        } else if (errno != EINTR) {
+            throw OutputFailure(name_, errno);
+        }
+    }
+    return true;
+}
+
+void OutputStream::requireWholeStream() const {
+    if (isCutOff_) throw OutputAbandoned();
+    if (breakCode_ != 0) throw OutputFailure(name_, breakCode_);
 }
 
 void OutputStream::write(std::string_view bytes) {
-    if (isCutOff_) throw OutputAbandoned();
-    if (breakCode_ != 0) throw FileSystemFailure("write to", name_, breakCode_);
-    const auto length = bytes.size();
-    while (!bytes.empty()) {
-        const auto written = writeSome(bytes);
-        if (written >= 0) {
-            bytes.remove_prefix(static_cast<std::size_t>(written));
-            continue;
-        }
-        const bool mustWait = errno == EAGAIN || errno == EWOULDBLOCK;
-        if (errno == EINTR || (mustWait && wait())) continue;
-        const int code = errno;
-        if (bytes.size() < length) breakCode_ = code;
-        throw FileSystemFailure("write to", name_, code);
+    while (!goOn()) waitForRoom();
+    const auto start = written();
+    try {
+        while (!writeWhatFits(bytes)) waitForRoom();
+    } catch (const OutputFailure& failure) {
+        if (written() > start) breakCode_ = failure.code();
+        throw;
     }
 }
 
-bool OutputStream::wait() {
+bool OutputStream::takesMore() const {
+    pollfd output{.fd = descriptor_, .events = POLLOUT, .revents = 0};
+    return ::poll(&output, 1, 0) != 0;
+}
+
+bool OutputStream::begin(std::string text) {
+    requireWholeStream();
+    std::string_view rest(text);
+    const auto start = written();
+    try {
+        if (writeWhatFits(rest)) return true;
+    } catch (const OutputFailure& failure) {
+        if (written() > start) breakCode_ = failure.code();
+        throw;
+    }
+    begunWritten_ = text.size() - rest.size();
+    begun_ = std::move(text);
+    return false;
+}
+
+bool OutputStream::goOn() {
+    requireWholeStream();
+    if (begun_.empty()) return true;
+    auto rest = std::string_view(begun_).substr(begunWritten_);
+    try {
+        const bool isDone = writeWhatFits(rest);
+        begunWritten_ = begun_.size() - rest.size();
+        if (isDone) {
+            // Assigning an empty one would keep the memory.
+            std::string().swap(begun_);
+        }
+        return isDone;
+    } catch (const OutputFailure& failure) {
+        breakCode_ = failure.code();
+        throw;
+    }
+}
+
+void OutputStream::waitForRoom() {
     // Until the wait has ended well, a text may stand half written at the stream's end.
     isCutOff_ = true;
-    const bool isWritable = watch_.waitUntilWritable(descriptor_);
+    const bool canWait = watch_.waitUntilWritable(descriptor_);
+    const int code = errno;
     isCutOff_ = false;
-    return isWritable;
+    if (!canWait) throw OutputFailure(name_, code);
+}
+
+std::uint64_t OutputStream::taken() const {
+    const std::uint64_t all = written_;
+    int unread = 0;
+    if (!isPipe_ || ::ioctl(descriptor_, FIONREAD, &unread) != 0) return all;
+    return all - std::min(all, static_cast<std::uint64_t>(unread));
+}
+
+bool OutputStream::hasLostReader(std::chrono::milliseconds patience) const {
+    if (!isPipe_) return false;
+    pollfd output{.fd = descriptor_, .events = 0, .revents = 0};
+    return ::poll(&output, 1, static_cast<int>(patience.count())) > 0 && (output.revents & POLLERR) != 0;
 }
 
 }  // namespace brindle

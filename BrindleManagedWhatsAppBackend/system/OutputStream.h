@@ -1,71 +1,69 @@
 #pragma once
 
-#include <poll.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
-#include <optional>
+#include <cstdint>
 #include <string>
 #include <string_view>
-#include <vector>
 
+#include "system/DepartureWatch.h"
 #include "system/Descriptor.h"
-#include "text/Failure.h"
+#include "system/FileSystemFailure.h"
 
 namespace brindle {
 
-/// Nobody takes our output any more and the process is on its way out; what was being written is given up.
-class OutputAbandoned : public Failure {
+/// A stream to the outside cannot be written.
+class OutputFailure : public FileSystemFailure {
   public:
-    OutputAbandoned() : Failure("The parent has stopped reading and closed its end.") {}
+    /// `name` is what messages call the stream; `code` is an errno value (POSIX).
+    OutputFailure(std::string_view name, int code) : FileSystemFailure("write to", name, code) {}
 };
 
-/// Tells writers that nobody will read their output any more. Shared by the streams of a process.
-class DepartureWatch {
-  public:
-    /// How long unread output is kept waiting once a sign of departure was seen.
-    static constexpr std::chrono::milliseconds unread_output_grace{1000};
-
-    /// Throws Failure when the process has no descriptor left for it.
-    DepartureWatch();
-    /// `descriptor` hanging up, or becoming readable when `readableMeansGone`, is a sign of departure. Called
-    /// before any writer waits.
-    void addSign(int descriptor, bool readableMeansGone);
-    /// From now on every write that would have to wait fails. Callable from any thread.
-    void abandonOutput();
-
-    /// True when a sign of departure was first seen, by this question, at least the grace ago. For long work
-    /// that asks now and then whether anybody still wants it. Not synchronised: one asker at a time.
-    bool isDepartureOver();
-
-    /// Waits until `output` takes more; false, with the reason in errno, when nothing can be waited for.
-    /// Throws OutputAbandoned when the reader has departed and takes nothing for the length of the grace.
-    bool waitUntilWritable(int output);
-
-  private:
-    std::vector<pollfd> pollSet(int output, bool withSigns) const;
-    using PollIterator = std::vector<pollfd>::const_iterator;
-    static bool anyDeparted(PollIterator begin, PollIterator end);
-
-    std::vector<pollfd> signs_;
-    std::optional<std::chrono::steady_clock::time_point> departureSeen_;
-    Descriptor wake_;
-    std::atomic<bool> abandoned_ = false;
-};
-
-/// Writes whole texts to a standard stream, blocking until every byte is taken, however the descriptor is set
-/// up, but never longer than its reader exists. Not synchronised: one writer at a time.
+/// Writes whole texts to a standard stream, however its descriptor is set up: at once and waiting, though
+/// never longer than its reader exists, or little by little whenever the reader takes some. Not synchronised
+/// unless said: one writer at a time.
+///
+/// After a failure in the middle of a text every further write fails likewise: what came next would be glued
+/// to half a text.
 class OutputStream {
   public:
     /// `name` is what messages call the stream.
     OutputStream(int descriptor, std::string name, DepartureWatch& watch);
-    /// Throws FileSystemFailure, or OutputAbandoned. After a failure in the middle of a text every further
-    /// write fails likewise: what came next would be glued to half a text.
+
+    /// Writes the whole text behind what has begun, waiting for the reader. Throws OutputFailure, or
+    /// OutputAbandoned.
     void write(std::string_view bytes);
+
+    /// Whether the reader takes the beginning of a text now. True as well when the next write will fail.
+    bool takesMore() const;
+    /// Begins a text behind the one that has begun, which must have been written; writes what the reader
+    /// takes without waiting. True when that was all. Throws as write.
+    bool begin(std::string text);
+    /// Goes on with the text that has begun; true when nothing is left of it. Throws as write.
+    bool goOn();
+
+    /// Whether nothing more can be written, whatever happens.
+    bool isBroken() const { return isCutOff_ || breakCode_ != 0; }
+
+    /// What was handed to the system since the stream was made, in bytes. Callable from any thread.
+    std::uint64_t written() const { return written_; }
+    /// The part of it that a reader may have got: all but what still lies in a pipe, which tells this also
+    /// after its reader has gone. What files and sockets took counts as got. Callable from any thread.
+    std::uint64_t taken() const;
+    /// Whether this is a pipe that nobody can read any more, now or within `patience`. Callable from any
+    /// thread.
+    bool hasLostReader(std::chrono::milliseconds patience) const;
+
+    /// What to wait for when the reader takes nothing.
+    int descriptor() const { return descriptor_; }
 
   private:
     ssize_t writeSome(std::string_view bytes);
-    bool wait();
+    bool writeWhatFits(std::string_view& bytes);
+    void waitForRoom();
+    void requireWholeStream() const;
 
     enum class Manner {
         /// A descriptor of our own that answers EAGAIN: the description that the parent may share stays as it
@@ -73,7 +71,7 @@ class OutputStream {
         nonblocking,
         /// Sockets can be asked call by call.
         socket,
-        /// Wait first, then write no more than is guaranteed not to block.
+        /// Ask first, then write no more than is guaranteed not to block.
         pieces,
     };
 
@@ -82,6 +80,11 @@ class OutputStream {
     DepartureWatch& watch_;
     Descriptor reopened_;
     Manner manner_ = Manner::pieces;
+    bool isPipe_ = false;
+    std::atomic<std::uint64_t> written_ = 0;
+    /// What is left of the text that has begun.
+    std::string begun_;
+    std::size_t begunWritten_ = 0;
     /// A text was given up, perhaps in its middle; nothing may follow it.
     bool isCutOff_ = false;
     /// The errno value by which a write has failed in the middle of a text; 0 for none.

@@ -102,21 +102,30 @@ void RepeatingTimer::await(const std::shared_ptr<State>& state) {
 }
 
 struct ReadinessWatch::State {
-    State(asio::io_context& context, int watched, std::function<bool()> work)
-        : descriptor(context, watched), handler(std::move(work)) {}
+    using Descriptor = asio::posix::stream_descriptor;
+
+    State(asio::io_context& context, int watched, Readiness readiness, std::function<bool()> work)
+        : descriptor(context, watched),
+          wait(readiness == Readiness::readable ? Descriptor::wait_read : Descriptor::wait_write),
+          handler(std::move(work)) {}
     State(const State&) = delete;
     State& operator=(const State&) = delete;
     // The number is only borrowed from its owner.
     ~State() { descriptor.release(); }
 
-    asio::posix::stream_descriptor descriptor;
+    Descriptor descriptor;
+    Descriptor::wait_type wait;
     std::function<bool()> handler;
     std::atomic<bool> cancelled = false;
+    /// Known to the queue alone.
+    bool isAwaited = false;
 };
 
-ReadinessWatch::ReadinessWatch(SerialQueue& queue, int descriptor, std::function<bool()> handler)
-    : state_(std::make_shared<State>(queue.implementation_->context, descriptor, std::move(handler))) {
-    queue.post([state = state_] { await(state); });
+ReadinessWatch::ReadinessWatch(SerialQueue& queue, int descriptor, Readiness readiness,
+                               std::function<bool()> handler)
+    : state_(std::make_shared<State>(queue.implementation_->context, descriptor, readiness,
+                                     std::move(handler))) {
+    resume();
 }
 
 ReadinessWatch::~ReadinessWatch() {
@@ -126,13 +135,20 @@ ReadinessWatch::~ReadinessWatch() {
     });
 }
 
+void ReadinessWatch::resume() {
+    asio::post(state_->descriptor.get_executor(), [state = state_] {
+        if (!state->isAwaited) await(state);
+    });
+}
+
 void ReadinessWatch::await(const std::shared_ptr<State>& state) {
     if (state->cancelled) return;
-    state->descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
-                                 [state](const std::error_code& error) {
-                                     if (error || state->cancelled) return;
-                                     if (state->handler()) await(state);
-                                 });
+    state->isAwaited = true;
+    state->descriptor.async_wait(state->wait, [state](const std::error_code& error) {
+        state->isAwaited = false;
+        if (error || state->cancelled) return;
+        if (state->handler()) await(state);
+    });
 }
 
 }  // namespace brindle

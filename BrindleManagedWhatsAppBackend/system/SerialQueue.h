@@ -51,16 +51,28 @@ class RepeatingTimer {
     std::shared_ptr<State> state_;
 };
 
-/// Calls a handler on a queue whenever a descriptor is readable (or has hung up), until the handler answers
-/// false or the watch is destroyed. The descriptor stays the caller's and must outlive the queue's interest
-/// in it: keep it alive in the handler.
+/// What a descriptor is watched for.
+enum class Readiness {
+    /// There is something to read, or the other side has hung up.
+    readable,
+    /// A write takes something, or fails.
+    writable,
+};
+
+/// Calls a handler on a queue whenever a descriptor is ready, until the handler answers false or the watch is
+/// destroyed. The descriptor stays the caller's and must outlive the queue's interest in it: keep it alive in
+/// the handler. A queue can have one watch of a descriptor at a time.
 class ReadinessWatch {
   public:
-    ReadinessWatch(SerialQueue& queue, int descriptor, std::function<bool()> handler);
+    ReadinessWatch(SerialQueue& queue, int descriptor, Readiness readiness, std::function<bool()> handler);
     /// Cancels. A handler that is running goes on to its end.
     ~ReadinessWatch();
     ReadinessWatch(const ReadinessWatch&) = delete;
     ReadinessWatch& operator=(const ReadinessWatch&) = delete;
+
+    /// Watches on after the handler has answered false; nothing else when it has not. Callable from any
+    /// thread.
+    void resume();
 
   private:
     struct State;

@@ -2,10 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <ostream>
 #include <thread>
@@ -15,6 +18,7 @@
 #include "support/Json.h"
 #include "support/Pipes.h"
 #include "support/TextForms.h"
+#include "support/Waiting.h"
 #include "support/WantOfMemory.h"
 
 namespace brindle {
@@ -349,7 +353,8 @@ TEST_F(InboundDeliveryTests, RecordStaysForTheNextBackendWhenNobodyReads) {
                      .state = parts_.state,
                      .emitter = emitter,
                      .departureWatch = watch,
-                     .log = parts_.log})
+                     .log = parts_.log,
+                     .queue = parts_.queue})
         .drainInboundDirectory();
     EXPECT_THAT(inbound(), ElementsAre("a.json"));
     EXPECT_THAT(rejected(), IsEmpty());
@@ -388,6 +393,228 @@ TEST_F(InboundDeliveryTests, NothingIsDeliveredAfterStop) {
     drainOnce();
     EXPECT_THAT(delivered_, IsEmpty());
     EXPECT_THAT(inbound(), ElementsAre("a.json"));
+}
+
+/// A delivery to a pipe, whose reader is the test.
+class PipedDeliveryTests : public testing::Test {
+  protected:
+    PipedDeliveryTests() {
+        parts_.state.setConnected(true);
+        parts_.state.setActiveScope(BridgeConversationScope{"room", "Room"});
+        watch_.addSign(sign_.reading.get(), false);
+    }
+    void SetUp() override { handler_ = ::signal(SIGPIPE, SIG_IGN); }
+    void TearDown() override {
+        watch_.abandonOutput();
+        parts_.queue.stop(std::chrono::milliseconds{0});
+        parts_.queue.join();
+        ::signal(SIGPIPE, handler_);
+    }
+
+    void put(const std::string& id, const std::string& text = "Hello") {
+        auto record = inboundRecord(id);
+        record["text"] = text;
+        parts_.putInbound(id + ".json", record.dump());
+    }
+    /// Identifiers that ascend as text.
+    std::vector<std::string> putBacklog(int count) {
+        std::vector<std::string> ids;
+        for (int i = 0; i < count; ++i) {
+            ids.push_back(std::to_string(100'000 + i));
+            put(ids.back());
+        }
+        return ids;
+    }
+    std::vector<std::string> inbound() const { return namesIn(parts_.directory.inbound); }
+    std::vector<std::string> processed() const { return namesIn(parts_.directory.processed); }
+    std::vector<std::string> rejected() const { return namesIn(parts_.directory.rejected); }
+    std::string log() const { return parts_.streams.text().error; }
+    /// Reads until so many messages have come, and answers their identifiers.
+    std::vector<std::string> read(std::size_t count) {
+        while (static_cast<std::size_t>(std::count(received_.begin(), received_.end(), '\n')) < count)
+            received_ += test::readSome(output_.reading);
+        std::vector<std::string> ids;
+        for (const auto& event : inboundEventsIn(received_)) ids.push_back(event["messageId"]);
+        return ids;
+    }
+    /// As one beat of the poller.
+    void beat() { delivery_.drainUnlessUnderWay(); }
+
+    BackendParts parts_;
+    test::PipeEnds output_ = test::makePipe();
+    test::PipeEnds sign_ = test::makePipe();
+    DepartureWatch watch_;
+    ManagedWhatsAppBackendEmitter emitter_{output_.writing.get(), parts_.streams.error(), watch_};
+    DiagnosticLog log_{emitter_};
+    InboundDelivery delivery_{{.directory = parts_.directory,
+                               .fileManager = parts_.files,
+                               .clock = parts_.clock,
+                               .state = parts_.state,
+                               .emitter = emitter_,
+                               .departureWatch = watch_,
+                               .log = log_,
+                               .queue = parts_.queue}};
+    std::string received_;
+
+  private:
+    sighandler_t handler_ = nullptr;
+};
+
+TEST_F(PipedDeliveryTests, GoesOnAsSoonAsTheParentReadsWithoutAnyBeat) {
+    const auto ids = putBacklog(1000);
+    delivery_.drainInboundDirectory();
+    EXPECT_GT(inbound().size(), 0U) << "a pipe does not hold them all";
+    EXPECT_EQ(read(ids.size()), ids);
+    test::waitUntil([&] { return processed().size() == ids.size(); }, "all of them to be filed away");
+    EXPECT_THAT(rejected(), IsEmpty());
+}
+
+TEST_F(PipedDeliveryTests, BeginsNoRecordWhileTheParentTakesNothing) {
+    test::fill(output_.writing);
+    put("a");
+    delivery_.drainInboundDirectory();
+    beat();
+    EXPECT_EQ(emitter_.output().written(), 0U);
+    EXPECT_THAT(inbound(), ElementsAre("a.json"));
+}
+
+TEST_F(PipedDeliveryTests, RecordStaysUntilItsWholeLineIsWritten) {
+    put("a", std::string(300'000, 'x'));
+    put("b");
+    delivery_.drainInboundDirectory();
+    beat();
+    EXPECT_GT(emitter_.output().written(), 0U);
+    EXPECT_THAT(inbound(), ElementsAre("a.json", "b.json"));
+    EXPECT_THAT(read(2), ElementsAre("a", "b"));
+    test::waitUntil([&] { return processed().size() == 2; }, "both to be filed away");
+}
+
+TEST_F(PipedDeliveryTests, LineThatHasBegunIsFinishedThoughNobodyListensAnyMore) {
+    put("a", std::string(300'000, 'x'));
+    put("b");
+    delivery_.drainInboundDirectory();
+    parts_.state.setActiveScope(std::nullopt);
+    EXPECT_THAT(read(1), ElementsAre("a"));
+    test::waitUntil([&] { return processed().size() == 1; }, "the message to be filed away");
+    EXPECT_THAT(inbound(), ElementsAre("b.json"));
+}
+
+TEST_F(PipedDeliveryTests, WhatWaitsFollowsTheScopeThatIsActiveThen) {
+    put("a", std::string(300'000, 'x'));
+    put("b");
+    auto other = inboundRecord("c", "other", "Other");
+    parts_.putInbound("c.json", other.dump());
+    delivery_.drainInboundDirectory();
+    parts_.state.setActiveScope(BridgeConversationScope{"other", "Other"});
+    delivery_.drainInboundDirectory();
+    EXPECT_THAT(read(2), ElementsAre("a", "c"));
+    EXPECT_THAT(inbound(), testing::Contains("b.json"));
+}
+
+TEST_F(PipedDeliveryTests, EndOfTheInputLetsAParentThatReadsHaveTheRest) {
+    const auto ids = putBacklog(1000);
+    delivery_.drainInboundDirectory();
+    std::vector<std::string> got;
+    std::thread reader([&] { got = read(ids.size()); });
+    delivery_.completeWhatIsUnderWay();
+    reader.join();
+    EXPECT_EQ(got, ids);
+    EXPECT_EQ(processed().size(), ids.size());
+}
+
+TEST_F(PipedDeliveryTests, EndOfTheInputDoesNotWaitForAParentThatDoesNotRead) {
+    putBacklog(1000);
+    delivery_.drainInboundDirectory();
+    const auto waiting = inbound();
+    watch_.abandonOutput();
+    delivery_.completeWhatIsUnderWay();
+    EXPECT_EQ(inbound(), waiting);
+}
+
+TEST_F(PipedDeliveryTests, ParentThatGoesLosesNoMessage) {
+    const auto ids = putBacklog(1000);
+    delivery_.drainInboundDirectory();
+    const auto read = this->read(100);
+    output_.reading.reset();
+    sign_.writing.reset();
+    beat();
+    test::waitUntil([&] { return processed().size() + inbound().size() == ids.size() && rejected().empty(); },
+                    "every message to be in its place");
+    EXPECT_THAT(processed(), testing::SizeIs(read.size())) << "what was read";
+    EXPECT_EQ(inbound().front(), ids[read.size()] + ".json");
+    EXPECT_EQ(log(), "");
+}
+
+TEST_F(PipedDeliveryTests, SignThatComesWithinASecondStillCounts) {
+    put("a");
+    output_.reading.reset();
+    beat();
+    beat();
+    sign_.writing.reset();
+    beat();
+    beat();
+    EXPECT_THAT(inbound(), ElementsAre("a.json"));
+    EXPECT_THAT(rejected(), IsEmpty());
+    EXPECT_EQ(log(), "");
+}
+
+TEST_F(PipedDeliveryTests, WithoutASignTheMessageAtHandIsRejectedAndNoOtherBegun) {
+    put("a");
+    put("b");
+    output_.reading.reset();
+    delivery_.drainInboundDirectory();
+    EXPECT_THAT(inbound(), ElementsAre("a.json", "b.json")) << "a sign may still come";
+    for (int i = 0; i < 5; ++i) beat();
+    delivery_.drainInboundDirectory();
+    EXPECT_THAT(rejected(), ElementsAre("a.json"));
+    EXPECT_THAT(inbound(), ElementsAre("b.json"));
+    EXPECT_EQ(
+        log(),
+        "[ManagedWhatsAppBackend] rejected inbound event at a.json: Cannot write to \"standard output\": "
+        "Broken pipe.\n");
+}
+
+TEST_F(PipedDeliveryTests, HalfALineOfAParentThatGoesIsNoMessage) {
+    put("a", std::string(300'000, 'x'));
+    delivery_.drainInboundDirectory();
+    sign_.writing.reset();
+    output_.reading.reset();
+    beat();
+    EXPECT_THAT(inbound(), ElementsAre("a.json"));
+}
+
+TEST_F(PipedDeliveryTests, WhatAParentHasNotReadGoesBackAtTheEnd) {
+    put("a");
+    put("b");
+    put("c");
+    delivery_.drainInboundDirectory();
+    EXPECT_THAT(processed(), ElementsAre("a.json", "b.json", "c.json"));
+    std::string first(encodedLine(BridgeErrorEvent{""}).size(), '\0');
+    ASSERT_GT(::read(output_.reading.get(), first.data(), first.size()), 0) << "a part of the first line";
+    output_.reading.reset();
+    delivery_.putBackWhatWasNotRead();
+    EXPECT_THAT(inbound(), ElementsAre("a.json", "b.json", "c.json"));
+}
+
+TEST_F(PipedDeliveryTests, WhatAParentMayStillReadStaysDelivered) {
+    put("a");
+    delivery_.drainInboundDirectory();
+    delivery_.putBackWhatWasNotRead();
+    EXPECT_THAT(processed(), ElementsAre("a.json"));
+}
+
+TEST_F(PipedDeliveryTests, MessageThatCannotGoBackIsLogged) {
+    put("a");
+    delivery_.drainInboundDirectory();
+    output_.reading.reset();
+    parts_.files.set({.operation = 1,
+                      .persistence = test::FaultInjectingFileManager::Persistence::fromThenOn,
+                      .code = EIO});
+    delivery_.putBackWhatWasNotRead();
+    parts_.files.clear();
+    EXPECT_THAT(processed(), ElementsAre("a.json"));
+    EXPECT_THAT(log(),
+                StartsWith("[ManagedWhatsAppBackend] failed to put back unread inbound event at a.json: "));
 }
 
 /// Delivers two records while the Nth piece of memory is refused; false when so many were not asked for.

@@ -13,6 +13,7 @@
 
 #include "support/ChildProcesses.h"
 #include "support/MemoryStreams.h"
+#include "support/Pipes.h"
 #include "system/FileSystemFailure.h"
 #include "system/Processes.h"
 
@@ -92,6 +93,60 @@ TEST_F(EmitterTests, LinesOfSeveralThreadsNeverInterleave) {
         ASSERT_EQ(counts.size(), static_cast<std::size_t>(writers));
         for (const auto& [line, count] : counts) EXPECT_EQ(count, lines_each);
     }
+}
+
+TEST_F(EmitterTests, LineThatHasBegunIsFinishedBeforeTheNext) {
+    auto ends = test::makeSmallPipe();
+    ManagedWhatsAppBackendEmitter emitter(ends.writing.get(), streams_.error(), watch_);
+    const BridgeErrorEvent large{std::string(20'000, 'x')};
+    const auto end = emitter.begin(large);
+    ASSERT_TRUE(end);
+    EXPECT_EQ(*end, encodedLine(large).size());
+    EXPECT_FALSE(emitter.isWrittenUpTo(*end));
+    std::string received;
+    std::thread reader([&] {
+        while (!received.ends_with(encodedLine(BridgeErrorEvent{"next"})))
+            received += test::readSome(ends.reading);
+    });
+    emitter.emit(BridgeErrorEvent{"next"});
+    reader.join();
+    EXPECT_TRUE(emitter.isWrittenUpTo(*end));
+    EXPECT_TRUE(received == encodedLine(large) + encodedLine(BridgeErrorEvent{"next"}));
+}
+
+TEST_F(EmitterTests, LineBeginsOnlyWhereNoOtherIsUnfinished) {
+    auto ends = test::makeSmallPipe();
+    ManagedWhatsAppBackendEmitter emitter(ends.writing.get(), streams_.error(), watch_);
+    EXPECT_TRUE(emitter.takesLine());
+    EXPECT_TRUE(emitter.begin(BridgeErrorEvent{std::string(20'000, 'x')}));
+    EXPECT_FALSE(emitter.takesLine());
+    EXPECT_FALSE(emitter.begin(BridgeErrorEvent{"next"}));
+}
+
+TEST_F(EmitterTests, DiagnosticWaitsForTheEnvelopeThatHasBegunOnTheSameStream) {
+    auto ends = test::makeSmallPipe();
+    ManagedWhatsAppBackendEmitter emitter(ends.writing.get(), ends.writing.get(), watch_);
+    const BridgeErrorEvent large{std::string(20'000, 'x')};
+    const auto end = emitter.begin(large);
+    emitter.log("diagnostic\n");
+    std::string received;
+    while (!emitter.isWrittenUpTo(*end)) received += test::readSome(ends.reading);
+    emitter.log("another\n");
+    while (!received.ends_with("another\n")) received += test::readSome(ends.reading);
+    EXPECT_TRUE(received == encodedLine(large) + "diagnostic\nanother\n");
+}
+
+TEST_F(EmitterTests, UnreadDiagnosticsKeepNobodyWaiting) {
+    auto ends = test::makePipe();
+    test::fill(ends.writing);
+    {
+        ManagedWhatsAppBackendEmitter emitter(streams_.output(), ends.writing.get(), watch_);
+        for (int i = 0; i < 1000; ++i) emitter.relay("a line\n");
+        emitter.log("a line\n");
+        emitter.emit(BridgeErrorEvent{"answer"});
+        watch_.abandonOutput();
+    }
+    EXPECT_EQ(streams_.text().output, encodedLine(BridgeErrorEvent{"answer"}));
 }
 
 /// Lets no file grow beyond so many bytes.

@@ -96,6 +96,12 @@ class DiskFull : public testing::Test {
     }
     BackendProcess& start() { return backend_.emplace(options_); }
     BackendProcess& backend() { return *backend_; }
+    const BackendOptions& options() const { return options_; }
+    /// From the next start on, standard output is appended to a file.
+    void writeOutputTo(const fs::path& file) {
+        options_.arguments = {"-c", "exec \"$0\" >>\"$1\"", options_.executable, file.string()};
+        options_.executable = "/bin/sh";
+    }
 
     fs::path filler() const { return options_.dataDirectory->path() / "filler"; }
 
@@ -277,6 +283,30 @@ TEST_F(DiskFull, WaitingInboundRecordsAreDeliveredOnceAndMoved) {
     EXPECT_EQ(backend().waitForEntries("rejected", 1), std::vector<std::string>{"b.json"});
     EXPECT_TRUE(backend().finishAndTakeRest().empty());
     EXPECT_EQ(linesWith("[ManagedWhatsAppBackend] rejected inbound event at ").size(), 1U);
+}
+
+TEST_F(DiskFull, NothingFollowsHalfALineOfStandardOutputThoughSpaceReturns) {
+    if (!prepare()) return;
+    // Its last block has room for the replies and a part of the message.
+    constexpr std::size_t block_bytes = 4096;
+    constexpr std::size_t room_bytes = 600;
+    const auto output = options().dataDirectory->path() / "output";
+    writeFileAtomically(output.string(), std::string(block_bytes - room_bytes, '-') + "\n");
+    writeOutputTo(output);
+    start().waitForFile("runtime/worker-control.json");
+    backend().send(connectRequest());
+    backend().send(startListeningRequest(conversationScope()));
+    backend().waitForControl([](const Json& control) { return control.contains("activeScope"); });
+    backend().writeInbound("m-1.json", inboundRecord("m-1", std::string(1000, 'x')));
+    fill();
+    backend().waitForEntries("rejected", 1);
+    makeRoom();
+    backend().waitForStatusWrites(1);
+    backend().send(connectRequest());
+    EXPECT_EQ(backend().waitForExit(), exitedWith(software_failure));
+    const auto text = readFile(output.string());
+    EXPECT_EQ(text.size(), block_bytes);
+    EXPECT_TRUE(text.ends_with("xxxx")) << text.substr(text.size() - 100);
 }
 
 TEST_F(DiskFull, EndOfInputEndsTheProcessNormally) {

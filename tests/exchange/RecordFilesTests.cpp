@@ -59,6 +59,28 @@ TEST_F(RecordFilesTests, RecordWhoseNameIsTakenGetsAFreshOne) {
     EXPECT_EQ(files_.readFile(to_ + "/" + fresh), "new");
 }
 
+TEST_F(RecordFilesTests, RecordIsPutBackUnderItsName) {
+    const auto filedAs = moveRecordFile(files_, "a.json", from_, to_);
+    EXPECT_EQ(filedAs, "a.json");
+    putRecordFileBack(files_, to_ + "/" + filedAs, from_, "a.json");
+    EXPECT_EQ(files_.readFile(from_ + "/a.json"), "new");
+    EXPECT_TRUE(fs::is_empty(to_));
+}
+
+TEST_F(RecordFilesTests, RecordThatIsPutBackComesBeforeTheOneThatHasItsNameNow) {
+    const auto filedAs = moveRecordFile(files_, "a.json", from_, to_);
+    test::writeFileAtomically(from_ + "/a.json", "newer");
+    test::writeFileAtomically(from_ + "/Z.json", "earlier name");
+    putRecordFileBack(files_, to_ + "/" + filedAs, from_, "a.json");
+    const auto found = namesIn(from_);
+    const std::vector<std::string> names(found.begin(), found.end());
+    ASSERT_EQ(names.size(), 3U);
+    EXPECT_EQ(names[0], "Z.json");
+    EXPECT_TRUE(names[1].starts_with("a-") && names[1].ends_with(".json")) << names[1];
+    EXPECT_EQ(files_.readFile(from_ + "/" + names[1]), "new");
+    EXPECT_EQ(names[2], "a.json");
+}
+
 TEST_F(RecordFilesTests, OtherFailuresLeaveTheRecordWhereItIs) {
     files_.set({.operation = 1, .code = EACCES});
     EXPECT_THROW(moveRecordFile(files_, "a.json", from_, to_), FileSystemFailure);

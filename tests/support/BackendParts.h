@@ -59,9 +59,10 @@ struct BackendParts {
                 .state = state,
                 .emitter = emitter,
                 .departureWatch = departureWatch,
-                .log = log};
+                .log = log,
+                .queue = queue};
     }
-    WorkerSupervisor::Uses forSupervisor(StatusPublisher& publisher, SerialQueue& queue) {
+    WorkerSupervisor::Uses forSupervisor(StatusPublisher& publisher, SerialQueue& where) {
         return {.platform = platform,
                 .environment = environment,
                 .directory = directory,
@@ -71,7 +72,7 @@ struct BackendParts {
                 .publisher = publisher,
                 .emitter = emitter,
                 .log = log,
-                .queue = queue};
+                .queue = where};
     }
 
     TemporaryDirectory home;
@@ -86,6 +87,7 @@ struct BackendParts {
     DepartureWatch departureWatch;
     ManagedWhatsAppBackendEmitter emitter{streams.output(), streams.error(), departureWatch};
     DiagnosticLog log{emitter};
+    SerialQueue queue{"queue"};
 };
 
 /// An inbound record as a worker writes it.

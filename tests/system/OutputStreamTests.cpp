@@ -305,6 +305,95 @@ TEST_F(OutputStreamTests, AbandonedOutputIsDescribedForPeople) {
     EXPECT_STREQ(OutputAbandoned().what(), "The parent has stopped reading and closed its end.");
 }
 
+TEST_F(OutputStreamTests, TextThatTheReaderDoesNotTakeGoesOnLater) {
+    const auto ends = makePipe();
+    OutputStream stream(ends.writing.get(), stream_name, watch_);
+    const auto text = numbered(more_than_any_buffer);
+    EXPECT_FALSE(stream.begin(text));
+    std::string received;
+    do {
+        received += readSome(ends.reading);
+    } while (!stream.goOn());
+    EXPECT_EQ(stream.written(), text.size());
+    while (received.size() < text.size()) received += readSome(ends.reading);
+    EXPECT_TRUE(received == text);
+}
+
+TEST_F(OutputStreamTests, TextThatTheReaderTakesIsWrittenAtOnce) {
+    for (auto* make : {&makePipe, &makeStreamConnection}) {
+        const auto ends = make();
+        OutputStream stream(ends.writing.get(), stream_name, watch_);
+        EXPECT_TRUE(stream.begin("text"));
+        EXPECT_EQ(readSome(ends.reading), "text");
+    }
+}
+
+TEST_F(OutputStreamTests, WaitingTextFollowsTheOneThatHasBegun) {
+    auto ends = makePipe();
+    const auto text = numbered(more_than_any_buffer);
+    std::string received;
+    std::thread reader;
+    {
+        const Descriptor writing = std::move(ends.writing);
+        OutputStream stream(writing.get(), stream_name, watch_);
+        EXPECT_FALSE(stream.begin(text));
+        reader = std::thread([&] { received = readAll(ends.reading); });
+        stream.write("next");
+    }
+    reader.join();
+    EXPECT_TRUE(received == text + "next");
+}
+
+TEST_F(OutputStreamTests, TakesMoreUnlessThePipeIsFull) {
+    auto ends = makePipe();
+    const OutputStream stream(ends.writing.get(), stream_name, watch_);
+    EXPECT_TRUE(stream.takesMore());
+    fill(ends.writing);
+    EXPECT_FALSE(stream.takesMore());
+    ends.reading.reset();
+    EXPECT_TRUE(stream.takesMore()) << "the next write tells that nobody reads";
+}
+
+TEST_F(OutputStreamTests, NothingFollowsABegunTextThatFailed) {
+    auto ends = makePipe();
+    OutputStream stream(ends.writing.get(), stream_name, watch_);
+    EXPECT_FALSE(stream.begin(numbered(more_than_any_buffer)));
+    EXPECT_FALSE(stream.isBroken());
+    ends.reading.reset();
+    EXPECT_THROW(stream.goOn(), OutputFailure);
+    EXPECT_TRUE(stream.isBroken());
+    EXPECT_THROW(stream.write("next"), OutputFailure);
+    EXPECT_THROW(stream.begin("next"), OutputFailure);
+}
+
+TEST_F(OutputStreamTests, PipeTellsWhatWasReadAlsoAfterItsReaderHasGone) {
+    auto ends = makePipe();
+    OutputStream stream(ends.writing.get(), stream_name, watch_);
+    stream.write("read ");
+    EXPECT_EQ(stream.taken(), 0U);
+    EXPECT_EQ(readSome(ends.reading), "read ");
+    stream.write("unread");
+    EXPECT_EQ(stream.taken(), 5U);
+    EXPECT_FALSE(stream.hasLostReader(std::chrono::milliseconds{0}));
+    ends.reading.reset();
+    EXPECT_TRUE(stream.hasLostReader(std::chrono::milliseconds{0}));
+    EXPECT_EQ(stream.taken(), 5U);
+    EXPECT_EQ(stream.written(), 11U);
+}
+
+TEST_F(OutputStreamTests, WhatASocketOrAFileTookCountsAsRead) {
+    auto ends = makeStreamConnection();
+    OutputStream stream(ends.writing.get(), stream_name, watch_);
+    stream.write("unread");
+    EXPECT_EQ(stream.taken(), 6U);
+    ends.reading.reset();
+    EXPECT_FALSE(stream.hasLostReader(std::chrono::milliseconds{0}));
+    const Descriptor file(::memfd_create("output", MFD_CLOEXEC));
+    OutputStream written(file.get(), stream_name, watch_);
+    written.write("text");
+    EXPECT_EQ(written.taken(), 4U);
+}
+
 /// How a write fails in a file that takes no more than `limit` bytes; 0 when it succeeds.
 int codeOfWrite(OutputStream& stream, std::string_view text, rlim_t limit) {
     const rlimit size{.rlim_cur = limit, .rlim_max = RLIM_INFINITY};
@@ -360,6 +449,19 @@ TEST_F(OutputStreamTests, OutputThatCannotBeWaitedForIsAFailure) {
                   }),
                   EINVAL);
     }
+}
+
+TEST(DepartureWatchTests, AnotherParentThanTheRecordedOneIsASign) {
+    DepartureWatch watch;
+    // A process that lives, though it never was this one's parent.
+    watch.addParent(::getpid());
+    EXPECT_TRUE(watch.isDeparting());
+}
+
+TEST(DepartureWatchTests, LivingParentIsNoSign) {
+    DepartureWatch watch;
+    watch.addParent(::getppid());
+    EXPECT_FALSE(watch.isDeparting());
 }
 
 TEST(DepartureWatchTests, FailsWhenNoDescriptorIsLeftToWakeWritersWith) {

@@ -226,7 +226,7 @@ TEST(ReadinessWatchTests, CallsWheneverThereIsSomethingToRead) {
     auto ends = makePipe();
     std::string received;
     std::promise<void> finished;
-    const ReadinessWatch watch(queue, ends.reading.get(), [&] {
+    const ReadinessWatch watch(queue, ends.reading.get(), Readiness::readable, [&] {
         char byte = 0;
         if (::read(ends.reading.get(), &byte, 1) == 1) received += byte;
         if (received.size() < 3) return true;
@@ -242,7 +242,7 @@ TEST(ReadinessWatchTests, CallsWhenTheOtherEndIsClosed) {
     SerialQueue queue("queue");
     auto ends = makePipe();
     std::promise<ssize_t> called;
-    const ReadinessWatch watch(queue, ends.reading.get(), [&] {
+    const ReadinessWatch watch(queue, ends.reading.get(), Readiness::readable, [&] {
         char byte = 0;
         called.set_value(::read(ends.reading.get(), &byte, 1));
         return false;
@@ -255,7 +255,7 @@ TEST(ReadinessWatchTests, EndsWhenTheHandlerAnswersFalse) {
     SerialQueue queue("queue");
     auto ends = makePipe();
     std::atomic<int> calls = 0;
-    const ReadinessWatch watch(queue, ends.reading.get(), [&] {
+    const ReadinessWatch watch(queue, ends.reading.get(), Readiness::readable, [&] {
         ++calls;
         return false;
     });
@@ -271,7 +271,7 @@ TEST(ReadinessWatchTests, IsSilentAfterItsDestruction) {
     SerialQueue queue("queue");
     auto ends = makePipe();
     std::atomic<int> calls = 0;
-    auto watch = std::make_unique<ReadinessWatch>(queue, ends.reading.get(), [&] {
+    auto watch = std::make_unique<ReadinessWatch>(queue, ends.reading.get(), Readiness::readable, [&] {
         ++calls;
         return true;
     });
@@ -288,12 +288,65 @@ TEST(ReadinessWatchTests, LeavesTheDescriptorToItsOwner) {
     SerialQueue queue("queue");
     auto ends = makePipe();
     {
-        const ReadinessWatch watch(queue, ends.reading.get(), [] { return false; });
+        const ReadinessWatch watch(queue, ends.reading.get(), Readiness::readable, [] { return false; });
     }
     flush(queue);
     char byte = 0;
     EXPECT_EQ(::write(ends.writing.get(), "a", 1), 1);
     EXPECT_EQ(::read(ends.reading.get(), &byte, 1), 1);
+}
+
+TEST(ReadinessWatchTests, WatchesOnOnceItIsResumed) {
+    SerialQueue queue("queue");
+    auto ends = makePipe();
+    std::atomic<int> calls = 0;
+    ReadinessWatch watch(queue, ends.reading.get(), Readiness::readable, [&] {
+        ++calls;
+        return false;
+    });
+    EXPECT_EQ(::write(ends.writing.get(), "a", 1), 1);
+    waitUntil([&] { return calls == 1; }, "a call");
+    watch.resume();
+    waitUntil([&] { return calls == 2; }, "another call");
+}
+
+TEST(ReadinessWatchTests, ResumedWhileItWatchesItCallsOnce) {
+    SerialQueue queue("queue");
+    auto ends = makePipe();
+    std::atomic<int> calls = 0;
+    ReadinessWatch watch(queue, ends.reading.get(), Readiness::readable, [&] {
+        ++calls;
+        return false;
+    });
+    watch.resume();
+    flush(queue);
+    EXPECT_EQ(::write(ends.writing.get(), "a", 1), 1);
+    waitUntil([&] { return calls >= 1; }, "a call");
+    std::atomic<int> beats = 0;
+    const RepeatingTimer timer(queue, milliseconds{1}, milliseconds{1}, [&] { ++beats; });
+    waitUntil([&] { return beats >= 5; }, "five beats of a timer");
+    EXPECT_EQ(calls, 1);
+}
+
+TEST(ReadinessWatchTests, CallsOnceAFullPipeTakesMore) {
+    SerialQueue queue("queue");
+    auto ends = makePipe();
+    test::fill(ends.writing);
+    std::atomic<int> calls = 0;
+    ReadinessWatch watch(queue, ends.writing.get(), Readiness::writable, [&] {
+        ++calls;
+        return false;
+    });
+    flush(queue);
+    EXPECT_EQ(calls, 0);
+    test::readSome(ends.reading);
+    waitUntil([&] { return calls == 1; }, "a call");
+    test::fill(ends.writing);
+    watch.resume();
+    flush(queue);
+    EXPECT_EQ(calls, 1);
+    ends.reading.reset();
+    waitUntil([&] { return calls == 2; }, "a call for the reader that has gone");
 }
 
 }  // namespace
