@@ -183,6 +183,9 @@ void Retention::remove(const std::string& path) {
 }
 
 void Retention::report(const std::exception& error) noexcept {
+    // A directory that has vanished holds nothing old; whoever needs it says that it is missing.
+    const auto* failure = dynamic_cast<const FileSystemFailure*>(&error);
+    if (failure != nullptr && failure->code() == ENOENT) return;
     if (std::exchange(hasReported_, true)) return;
     withoutFailing([&] { uses_.log.write("failed to remove old records: " + descriptionOf(error)); });
 }

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -219,16 +220,26 @@ TEST_F(RetentionTests, LongSleepOfTheMachinePostponesNothing) {
 TEST_F(RetentionTests, FailureIsLoggedOnceASweepAndTheRestGoes) {
     for (const char* name : {"a.json", "b.json", "c.json"}) put(directory_.processed, name, days{4});
     put(directory_.rejected, "d.json", days{40});
-    fs::remove_all(directory_.workerProcessedOutbound);
-    fs::remove_all(directory_.workerRejectedOutbound);
+    for (const auto& each : {directory_.workerProcessedOutbound, directory_.workerRejectedOutbound}) {
+        fs::remove_all(each);
+        std::ofstream(each) << "in the directory's place";
+    }
     Retention retention(uses());
     sweep(retention);
     EXPECT_THAT(namesIn(directory_.processed), IsEmpty());
     EXPECT_THAT(namesIn(directory_.rejected), IsEmpty());
     EXPECT_THAT(log(), ElementsAre("[ManagedWhatsAppBackend] failed to remove old records: Cannot list \"" +
-                                   directory_.workerProcessedOutbound + "\": No such file or directory."));
+                                   directory_.workerProcessedOutbound + "\": Not a directory."));
     sweep(retention);
     EXPECT_THAT(log(), SizeIs(2));
+}
+
+TEST_F(RetentionTests, DirectoryThatHasVanishedIsNothingToReport) {
+    put(directory_.processed, "a.json", days{4});
+    fs::remove_all(directory_.rejected);
+    sweep();
+    EXPECT_THAT(namesIn(directory_.processed), IsEmpty());
+    EXPECT_THAT(log(), IsEmpty());
 }
 
 TEST_F(RetentionTests, EndsWhateverFails) {
