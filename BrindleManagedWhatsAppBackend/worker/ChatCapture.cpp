@@ -77,9 +77,13 @@ Task<> ChatCapture::pollInboundMessages() {
     try {
         co_await captureInboundMessages(watched);
     } catch (const std::exception& error) {
-        publisher_.publish(worker_state::error, "Managed WhatsApp worker failed to poll inbound messages: " +
-                                                    descriptionOf(error));
+        publishFailure(error);
     }
+}
+
+void ChatCapture::publishFailure(const std::exception& error) {
+    publisher_.publish(worker_state::error,
+                       "Managed WhatsApp worker failed to poll inbound messages: " + descriptionOf(error));
 }
 
 Task<ManagedWhatsAppChatActivationPayload> ChatCapture::probeChatActivation(std::string watchedTitle) {
@@ -98,13 +102,36 @@ Task<ManagedWhatsAppChatActivationPayload> ChatCapture::probeChatActivation(std:
 
 Task<> ChatCapture::captureInboundMessages(WatchedChat watched) {
     auto script = scriptWithWatchedTitle(page_script::inbound_capture, watched.title);
-    const auto result = co_await scripts_.evaluateJavaScriptStringAsync(std::move(script));
+    std::optional<std::string> result;
+    try {
+        result = co_await scripts_.evaluateJavaScriptStringAsync(std::move(script));
+    } catch (const LateAnswer& late) {
+        expectLateMessages(takeLateMessages(late.answer(), std::move(watched)));
+        throw;
+    }
     if (!result) co_return;
     auto drain = decodedPageResult<ManagedWhatsAppObservedInboundDrainPayload>(*result);
     if (drain.state == capture_state::ok) {
         co_await takeMessages(std::move(drain), std::move(watched));
     } else {
         publishNoMessages(drain, watched);
+    }
+}
+
+void ChatCapture::expectLateMessages(Task<> task) {
+    std::erase_if(lateCaptures_, [](const Task<>& each) { return each.isDone(); });
+    lateCaptures_.push_back(std::move(task));
+    lateCaptures_.back().start();
+}
+
+Task<> ChatCapture::takeLateMessages(Answer<EvaluationOutcome> answer, WatchedChat watched) {
+    try {
+        const EvaluationOutcome outcome = co_await answer;
+        if (!outcome.value) co_return;
+        auto drain = decodedPageResult<ManagedWhatsAppObservedInboundDrainPayload>(*outcome.value);
+        if (drain.state == capture_state::ok) co_await takeMessages(std::move(drain), std::move(watched));
+    } catch (const std::exception& error) {
+        publishFailure(error);
     }
 }
 

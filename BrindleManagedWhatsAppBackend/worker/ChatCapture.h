@@ -1,8 +1,10 @@
 #pragma once
 
+#include <exception>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "exchange/ExchangeRecords.h"
 #include "system/Clock.h"
@@ -54,6 +56,11 @@ class ChatCapture {
     };
 
     Task<> captureInboundMessages(WatchedChat watched);
+    void publishFailure(const std::exception& error);
+    void expectLateMessages(Task<> task);
+    /// The page has given the messages away when its answer comes, however late: nobody else has them. What
+    /// else it says is out of date by then.
+    Task<> takeLateMessages(Answer<EvaluationOutcome> answer, WatchedChat watched);
     void publishNoMessages(const ManagedWhatsAppObservedInboundDrainPayload& drain,
                            const WatchedChat& watched);
     Task<> takeMessages(ManagedWhatsAppObservedInboundDrainPayload drain, WatchedChat watched);
@@ -69,6 +76,8 @@ class ChatCapture {
     WorkerState& state_;
     const WorkerStatusPublisher& publisher_;
     const WorkerLog& log_;
+    /// Last, so that they are given up before anything they use is gone.
+    std::vector<Task<>> lateCaptures_;
 };
 
 }  // namespace brindle

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 #include <utility>
+#include <variant>
 
 #include "worker/PageScripts.h"
 
@@ -12,8 +13,8 @@ namespace {
 /// A page that hangs must not keep a timer's work waiting for ever.
 constexpr std::chrono::seconds script_time_limit{30};
 
-/// A page that merely works hard answers one of them. Two timers wait for answers, so a page that hangs is
-/// given up after one to two minutes.
+/// A page that merely works hard answers one of them, be it late. Two timers wait for answers, so a page that
+/// hangs is given up after one to two minutes.
 constexpr int unanswered_scripts_of_a_dead_page = 4;
 
 }  // namespace
@@ -33,27 +34,37 @@ std::string scriptWithWatchedTitle(std::string_view script, std::string_view wat
     }
 }
 
+LateAnswer::LateAnswer(Answer<EvaluationOutcome> answer)
+    : Failure("The page did not answer a script within " + std::to_string(script_time_limit.count()) +
+              " seconds."),
+      answer_(std::move(answer)) {}
+
 Task<std::optional<std::string>> PageScriptRunner::evaluateJavaScriptStringAsync(std::string script) {
-    // Nothing stands for the end of the patience.
-    Answer<std::optional<EvaluationOutcome>> answer;
-    const auto deliver = answer.callback();
+    const Answer<EvaluationOutcome> answer;
+    // By the answer or by the end of the patience.
+    const Answer<std::monostate> end;
+    const auto endWait = end.callback();
     const std::unique_ptr<HostTimer> limit =
-        host_.once(script_time_limit, [deliver] { deliver(std::nullopt); });
-    page_.evaluate(script, deliver);
-    std::optional<EvaluationOutcome> outcome = co_await answer;
-    if (!outcome) {
+        host_.once(script_time_limit, [endWait] { endWait(std::monostate()); });
+    page_.evaluate(script, [deliver = answer.callback(), endWait,
+                            unanswered = unansweredScripts_](EvaluationOutcome outcome) {
+        *unanswered = 0;
+        deliver(std::move(outcome));
+        endWait(std::monostate());
+    });
+    co_await end;
+    if (!answer.hasArrived()) {
         noteSilence();
-        throw Failure("The page did not answer a script within " + std::to_string(script_time_limit.count()) +
-                      " seconds.");
+        throw LateAnswer(answer);
     }
-    unansweredScripts_ = 0;
-    if (outcome->error) throw Failure(*outcome->error);
-    co_return std::move(outcome->value);
+    EvaluationOutcome outcome = co_await answer;
+    if (outcome.error) throw Failure(*outcome.error);
+    co_return std::move(outcome.value);
 }
 
 void PageScriptRunner::noteSilence() {
-    if (++unansweredScripts_ < unanswered_scripts_of_a_dead_page) return;
-    unansweredScripts_ = 0;
+    if (++*unansweredScripts_ < unanswered_scripts_of_a_dead_page) return;
+    *unansweredScripts_ = 0;
     page_.endProcess();
 }
 

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "records/Json.h"
 #include "records/Record.h"
+#include "text/Failure.h"
 #include "worker/Task.h"
 #include "worker/WebWorkerHost.h"
 
@@ -21,6 +23,18 @@ Payload decodedPageResult(std::string_view result) {
     return decodedRecord<Payload>(withoutLoneSurrogates(result));
 }
 
+/// The page did not answer a script in time; it may still do so.
+class LateAnswer : public Failure {
+  public:
+    explicit LateAnswer(Answer<EvaluationOutcome> answer);
+
+    /// For whoever wants the answer whenever it comes, which may be never.
+    const Answer<EvaluationOutcome>& answer() const { return answer_; }
+
+  private:
+    Answer<EvaluationOutcome> answer_;
+};
+
 /// Runs scripts in the page.
 class PageScriptRunner {
   public:
@@ -28,8 +42,8 @@ class PageScriptRunner {
     PageScriptRunner(WebPage& page, WebWorkerHost& host) : page_(page), host_(host) {}
 
     /// The string that the script results in; nothing for every other result. Throws Failure when the
-    /// evaluation fails or the page does not answer in time; a later answer is ignored. A page that leaves
-    /// several scripts in a row without an answer is given up, and its process ended.
+    /// evaluation fails, LateAnswer when the page does not answer in time. A page that leaves several scripts
+    /// in a row without any answer is given up, and its process ended.
     Task<std::optional<std::string>> evaluateJavaScriptStringAsync(std::string script);
 
   private:
@@ -37,7 +51,8 @@ class PageScriptRunner {
 
     WebPage& page_;
     WebWorkerHost& host_;
-    int unansweredScripts_ = 0;
+    /// In a row. Shared with the answers still to come, which may outlive everything.
+    std::shared_ptr<int> unansweredScripts_ = std::make_shared<int>(0);
 };
 
 }  // namespace brindle

@@ -126,6 +126,8 @@ class Answer {
         };
     }
 
+    /// Whether it has arrived, so that awaiting it does not wait.
+    bool hasArrived() const { return state_->value.has_value(); }
     auto operator co_await() const { return Awaiter(state_); }
 
   private:

@@ -420,6 +420,72 @@ TEST_F(InboundCaptureTests, FailedWriteInTheMiddleEndsTheDrain) {
     EXPECT_EQ(state_.lastSeenMessageFingerprint, "2");
 }
 
+/// The page has given the messages away, so dropping a late answer would lose them.
+class LateCaptureTests : public ChatCaptureTests {
+  protected:
+    /// A step in which the page does not answer the capture in time.
+    void pollSlowPage() {
+        auto task = capture_.pollInboundMessages();
+        task.start();
+        parts_.host.answer(parts_.host.pending.size() - 1, test::result(R"({"state":"active"})"));
+        parts_.host.advance(std::chrono::seconds(30));
+        EXPECT_TRUE(task.isDone());
+        EXPECT_THAT(
+            parts_.published().back(),
+            StartsWith("error: Managed WhatsApp worker failed to poll inbound messages: The page did not"));
+    }
+};
+
+TEST_F(LateCaptureTests, MessagesAreDelivered) {
+    pollSlowPage();
+    state_.currentWatchedTitle = "Work";
+    state_.currentConversationID = "work-id";
+    parts_.host.answerOnly(test::result(drain({message("a", "1"), message("b", "2")}).dump()));
+    EXPECT_THAT(texts(), ElementsAre("a", "b"));
+    EXPECT_EQ(records().at(0)["conversationId"], "family-id");
+    EXPECT_THAT(parts_.published().back(), HasSubstr("Captured 2 inbound message(s)."));
+}
+
+TEST_F(LateCaptureTests, EveryLateAnswerCounts) {
+    pollSlowPage();
+    pollSlowPage();
+    parts_.host.answer(0, test::result(drain({message("a")}).dump()));
+    pollSlowPage();
+    parts_.host.answer(0, test::result(drain({message("b")}).dump()));
+    parts_.host.answer(0, test::result(drain({message("c")}).dump()));
+    EXPECT_THAT(texts(), ElementsAre("a", "b", "c"));
+}
+
+TEST_F(LateCaptureTests, WhatElseALateAnswerSaysIsOutOfDate) {
+    for (const auto& answer :
+         {test::result(R"({"state":"wrong-chat"})"), test::noResult(), test::failure("The page is gone.")}) {
+        pollSlowPage();
+        const auto publishedBefore = parts_.published().size();
+        parts_.host.answerOnly(answer);
+        EXPECT_THAT(parts_.published(), SizeIs(publishedBefore));
+    }
+}
+
+TEST_F(LateCaptureTests, FailedWriteIsPublished) {
+    pollSlowPage();
+    parts_.faults.set(Fault{.operation = 1, .code = ENOSPC});
+    parts_.host.answerOnly(test::result(drain({message("a")}).dump()));
+    EXPECT_THAT(parts_.published().back(), AllOf(StartsWith("error: "), HasSubstr("No space left")));
+}
+
+TEST_F(LateCaptureTests, AnswerAfterTheEndOfTheCaptureDoesNothing) {
+    {
+        ChatCapture ended(parts_.scripts, parts_.host, parts_.files, parts_.directory.inbound, parts_.clock,
+                          state_, parts_.publisher, parts_.log);
+        auto task = ended.pollInboundMessages();
+        task.start();
+        parts_.host.answerOnly(test::result(R"({"state":"active"})"));
+        parts_.host.advance(std::chrono::seconds(30));
+    }
+    parts_.host.answerOnly(test::result(drain({message("a")}).dump()));
+    EXPECT_THAT(records(), IsEmpty());
+}
+
 TEST_F(InboundCaptureTests, HalfSurrogatesDoNotLoseTheMessage) {
     pollOpenChat(test::result(
         R"({"state":"ok","activeChatTitle":"Fam\ud83d","messages":[{"text":"cut \ud83d","fingerprint":"f"}]})"));

@@ -95,6 +95,25 @@ TEST_F(PageScriptRunnerTests, LaterAnswerIsIgnored) {
     EXPECT_EQ(log_.size(), 1U);
 }
 
+TEST_F(PageScriptRunnerTests, WhoeverWantsTheLaterAnswerGetsIt) {
+    const auto patient = [](PageScriptRunner& scripts, std::string& answer) -> Task<> {
+        std::optional<Answer<EvaluationOutcome>> later;
+        try {
+            std::string script = "s";
+            co_await scripts.evaluateJavaScriptStringAsync(std::move(script));
+        } catch (const LateAnswer& late) {
+            later = late.answer();
+        }
+        if (later) answer = (co_await *later).value.value();
+    };
+    std::string answer;
+    auto task = patient(parts_.scripts, answer);
+    task.start();
+    parts_.host.advance(seconds(3600));
+    parts_.host.answerOnly(test::result("late"));
+    EXPECT_EQ(answer, "late");
+}
+
 TEST_F(PageScriptRunnerTests, AnswerInTimeStopsTheLimit) {
     auto task = runScript("s");
     task.start();
@@ -203,6 +222,16 @@ TEST_F(PageScriptRunnerTests, AnAnswerInBetweenKeepsThePage) {
         task.start();
         if (i % 4 == 3) parts_.host.answer(parts_.host.pending.size() - 1, test::failure("Error: no."));
         parts_.host.advance(seconds(30));
+    }
+    EXPECT_EQ(parts_.host.count("endProcess"), 0U);
+}
+
+TEST_F(PageScriptRunnerTests, AnAnswerThatComesLateKeepsThePageToo) {
+    for (int i = 0; i < 8; ++i) {
+        auto task = runScript("s");
+        task.start();
+        parts_.host.advance(seconds(30));
+        if (i % 3 == 2) parts_.host.answer(0, test::result("late"));
     }
     EXPECT_EQ(parts_.host.count("endProcess"), 0U);
 }
