@@ -182,7 +182,7 @@ TEST_F(WebWorkerLifecycle, TheEndOfItsParentEndsItWithALastStatus) {
 TEST_F(WebWorkerLifecycle, TheEndOfItsParentDuringTheStartEndsItToo) {
     WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page), true);
     // The guard comes first of all, the engine long after it.
-    waitUntil([&] { return !processesNamed(worker.pid(), guard_name).empty(); }, "the guard");
+    worker.waitUntil([&] { return !processesNamed(worker.pid(), guard_name).empty(); }, "the guard");
     worker.process().killIntermediateParent();
     EXPECT_EQ(worker.process().waitForExit(), exitedWith(0));
     EXPECT_THAT(runtimeFiles(worker), IsEmpty());
@@ -207,7 +207,7 @@ TEST_F(WebWorkerLifecycle, ASecondSignalDoesNotCutTheEndShort) {
     worker.waitForState("linked");
     const auto tree = worker.tree();
     worker.process().signal(SIGTERM);
-    waitUntil([&] { return runtimeFiles(worker).empty(); }, "the files to be removed");
+    worker.waitUntil([&] { return runtimeFiles(worker).empty(); }, "the files to be removed");
     while (worker.process().isRunning()) worker.process().signal(SIGTERM);
     EXPECT_EQ(worker.process().waitForExit(), exitedWith(0));
     waitForEnds(tree);

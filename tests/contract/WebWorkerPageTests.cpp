@@ -174,7 +174,7 @@ TEST_F(WebWorkerQRCode, IsTheCanvasOfThePageByteForByteAndFollowsIt) {
     page.run("client.draw(2)");
     const auto second = canvasBytes(page);
     ASSERT_NE(first, second);
-    waitUntil([&] { return pictureIn(worker) == second; }, "the renewed picture");
+    worker.waitUntil([&] { return pictureIn(worker) == second; }, "the renewed picture");
 }
 
 TEST_F(WebWorkerQRCode, GoesWithTheCanvasAndTheStateWithIt) {
@@ -185,14 +185,14 @@ TEST_F(WebWorkerQRCode, GoesWithTheCanvasAndTheStateWithIt) {
     page.run("client.chats(['Team Room'])");
     const auto linked = worker.waitForState("linked");
     // A tick looks for the picture before the link: the page may have changed in between.
-    waitUntil([&] { return pictureIn(worker) == "none"; }, "the end of the picture");
+    worker.waitUntil([&] { return pictureIn(worker) == "none"; }, "the end of the picture");
     EXPECT_EQ(worker.journal().statuses()[linked]["displayName"], "WhatsApp Web");
     page.run("client.login(3)");
     const auto waiting = worker.waitForState("waiting_for_qr", linked);
     EXPECT_FALSE(worker.journal().statuses()[waiting].contains("displayName"));
     page.run("client.clear()");
     worker.waitForDetail(waiting_detail, waiting);
-    waitUntil([&] { return pictureIn(worker) == "none"; }, "the end of the second picture");
+    worker.waitUntil([&] { return pictureIn(worker) == "none"; }, "the end of the second picture");
 }
 
 class WebWorkerNoPicture : public WebWorkerTest, public testing::WithParamInterface<const char*> {};
@@ -202,7 +202,7 @@ TEST_P(WebWorkerNoPicture, TakesAStalePictureAway) {
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     const auto waiting = worker.waitForState("waiting_for_qr");
     page.run(std::string("document.querySelector('canvas').toDataURL = () => ") + GetParam());
-    waitUntil([&] { return pictureIn(worker) == "none"; }, "the end of the picture");
+    worker.waitUntil([&] { return pictureIn(worker) == "none"; }, "the end of the picture");
     worker.waitForDetail(waiting_detail, waiting);
 }
 
@@ -236,7 +236,7 @@ TEST_F(WebWorkerLink, ACanvasDoesNotUndoALink) {
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.waitForState("linked");
     page.run("client.element(document.body, 'canvas', { width: 8, height: 8 })");
-    waitUntil([&] { return pictureIn(worker) != "none"; }, "the picture of the canvas");
+    worker.waitUntil([&] { return pictureIn(worker) != "none"; }, "the picture of the canvas");
     const auto from = worker.journal().size();
     worker.waitForMoreStatuses();
     const auto statuses = worker.journal().statuses();
@@ -303,8 +303,8 @@ WebWorkerOptions optionsWithLogin(DrivenPage& page) {
     WebWorkerProcess worker(options);
     worker.waitForState("waiting_for_qr");
     page.run("storeALogin()");
-    waitUntil([&] { return page.run("window.stored") == std::to_string(login_parts); },
-              "the login to be stored");
+    worker.waitUntil([&] { return page.run("window.stored") == std::to_string(login_parts); },
+                     "the login to be stored");
     worker.terminate();
     return options;
 }
@@ -345,7 +345,7 @@ TEST_F(WebWorkerLogin, IsForgottenWhenAFreshLinkWasRequestedBeforeTheStart) {
     EXPECT_FALSE(lastVisitSentCookie(page.server()));
     const auto requests = page.server().requests().size();
     page.run("fetch('/cached').then(() => { window.fetched = true; })");
-    waitUntil([&] { return page.run("window.fetched") == "true"; }, "the answer");
+    worker.waitUntil([&] { return page.run("window.fetched") == "true"; }, "the answer");
     const auto all = page.server().requests();
     EXPECT_TRUE(std::any_of(all.begin() + static_cast<std::ptrdiff_t>(requests), all.end(),
                             [](const auto& request) { return request.path == "/cached"; }))

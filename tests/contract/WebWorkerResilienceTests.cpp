@@ -59,7 +59,7 @@ TEST_F(WebWorkerResilience, APageThatKeepsDyingIsTakenUpAgainEachTime) {
         const auto before = worker.journal().size();
         ::kill(web, death % 2 == 0 ? SIGKILL : SIGABRT);
         worker.waitForDetail("The page's process crashed or was killed.", before);
-        waitUntil([&] { return page.loads() > death; }, "the page to be loaded again");
+        worker.waitUntil([&] { return page.loads() > death; }, "the page to be loaded again");
     }
     const auto before = worker.journal().size();
     worker.waitForState("watching_chat", before);
@@ -77,8 +77,8 @@ TEST_F(WebWorkerResilience, TheNetworksProcessMayDieToo) {
     waitForEnds(network);
     // The first of its requests may still be one that the dead process has sent.
     const auto before = page.server().requests().size();
-    waitUntil([&] { return page.server().requests().size() >= before + 3; },
-              "the page to reach its server again");
+    worker.waitUntil([&] { return page.server().requests().size() >= before + 3; },
+                     "the page to reach its server again");
     page.run("client.receive('Team Room', { id: 'm1', sender: 'Ann', text: 'without a break' })");
     EXPECT_THAT(worker.waitForTexts(1), ElementsAre("without a break"));
 }

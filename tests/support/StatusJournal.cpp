@@ -31,7 +31,7 @@ std::string contentOf(int file) {
     }
 }
 
-std::string listed(const std::vector<Json>& statuses) {
+std::string listedAsText(const std::vector<Json>& statuses) {
     std::string text;
     std::string last;
     for (const auto& status : statuses) {
@@ -131,6 +131,10 @@ std::vector<std::string> StatusJournal::details() const {
     return details;
 }
 
+std::string StatusJournal::listed() const {
+    return listedAsText(statuses());
+}
+
 std::size_t StatusJournal::waitFor(const Predicate& predicate, std::size_t from,
                                    std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
@@ -142,7 +146,7 @@ std::size_t StatusJournal::waitFor(const Predicate& predicate, std::size_t from,
         return false;
     };
     if (changed_.wait_for(lock, timeout, isThere)) return position;
-    throw TestFailure("the expected worker status never came; those that came:" + listed(statuses_));
+    throw TestFailure("the expected worker status never came; those that came:" + listedAsText(statuses_));
 }
 
 }  // namespace brindle::test

@@ -42,6 +42,8 @@ class StatusJournal {
     /// Every `detail` so far.
     std::vector<std::string> details() const;
     std::size_t size() const { return statuses().size(); }
+    /// Every status as a line of text; those that say the same again are left out.
+    std::string listed() const;
 
     /// Waits for a status at or behind position `from` that fulfils the predicate; its position.
     std::size_t waitFor(const Predicate& predicate, std::size_t from = 0,

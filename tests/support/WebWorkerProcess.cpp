@@ -119,6 +119,15 @@ std::size_t WebWorkerProcess::waitFor(const StatusJournal::Predicate& predicate,
     }
 }
 
+void WebWorkerProcess::waitUntil(const std::function<bool()>& condition, std::string_view what) {
+    try {
+        test::waitUntil(condition, what);
+    } catch (const TestFailure& failure) {
+        throw TestFailure(std::string(failure.what()) + "\nworker statuses:" + journal_.listed() +
+                          "\nstandard error:\n" + process_->standardError());
+    }
+}
+
 void WebWorkerProcess::waitForMoreStatuses(std::size_t count) {
     const auto wanted = journal_.size() + count;
     waitUntil([&] { return journal_.size() >= wanted; }, "further worker statuses");

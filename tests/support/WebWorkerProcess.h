@@ -3,9 +3,11 @@
 #include <sys/types.h>
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "support/BackendProcess.h"
@@ -74,6 +76,9 @@ class WebWorkerProcess {
     /// As watch(); returns once the chat is open and its history is known.
     void watchUntilOpen(const std::string& title, const std::string& id = "team-room");
 
+    /// Waits until `condition` holds; a wait in vain shows every status and all of the standard error, so
+    /// that slow and lost can be told apart.
+    void waitUntil(const std::function<bool()>& condition, std::string_view what);
     /// Waits until `count` records have arrived, and gives them by the times of their files. Those are too
     /// coarse to tell in which order records arrived that came within some milliseconds.
     std::vector<Json> waitForRecords(std::size_t count);
