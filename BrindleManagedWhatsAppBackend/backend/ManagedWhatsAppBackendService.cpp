@@ -30,11 +30,6 @@ constexpr std::string_view self_test_reference = "managed-whatsapp-backend-self-
 constexpr std::string_view self_test_sender = "managed-whatsapp-backend";
 constexpr std::string_view self_test_text = "/skiff help";
 
-template <class T>
-concept Request = std::same_as<T, BridgeConnectRequest> || std::same_as<T, BridgeDisconnectRequest> ||
-    std::same_as<T, BridgeStartListeningRequest> || std::same_as<T, BridgeStopListeningRequest> ||
-    std::same_as<T, BridgeSendMessageRequest>;
-
 }  // namespace
 
 ManagedWhatsAppBackendService::ManagedWhatsAppBackendService(std::string platform, Environment environment,
@@ -180,8 +175,9 @@ bool ManagedWhatsAppBackendService::isForUs(const std::string& platform) const {
 
 void ManagedWhatsAppBackendService::handle(BridgeEnvelope envelope) {
     std::visit(
-        [this]<class Payload>(Payload& payload) {
-            if constexpr (Request<Payload>) {
+        [this](auto& payload) {
+            // The other envelopes are the ones that we send.
+            if constexpr (requires { perform(std::move(payload)); }) {
                 if (!isForUs(payload.platform)) return;
                 perform(std::move(payload));
                 publisher_.writeRuntimeStatus();
