@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -259,6 +260,18 @@ TEST_P(ConsoleSignalTest, EndsEvenThoughNobodyReadsTheHelpersLog) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, ConsoleSignalTest, testing::Values(SIGINT, SIGTERM, SIGHUP));
+
+TEST_P(ConsoleSignalTest, EndsWithASentenceWhereItCanNoLongerWaitForOne) {
+    auto& console = start();
+    waitForGreeting(console);
+    const auto helper = waitForOnlyChild(console.pid());
+    const rlimit none{.rlim_cur = 0, .rlim_max = 0};
+    ASSERT_EQ(::prlimit(console.pid(), RLIMIT_NOFILE, &none, nullptr), 0);
+    console.signal(GetParam());
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_THAT(console.standardError(), HasSubstr("Cannot wait for input any longer: Invalid argument."));
+    waitUntilGone(helper);
+}
 
 TEST_F(ConsoleTest, HelperIsOutOfReachOfTheTerminalsSignals) {
     auto& console = start();
@@ -534,11 +547,14 @@ class TerminalTest : public testing::Test {
         const auto console = consoleExecutable();
         const auto state = "XDG_STATE_HOME=" + state_.path().string();
         const auto data = "BRINDLE_MANAGED_BRIDGE_DATA_DIR=" + data_.path().string();
+        // A killed console leaves its launch token behind.
+        const auto temporary = "TMPDIR=" + temporary_.path().string();
         session_->process = ::forkpty(&session_->terminal, nullptr, nullptr, &size);
         ASSERT_GE(session_->process, 0);
         if (session_->process > 0) return;
-        const std::array<const char*, 6> environment{state.c_str(),    data.c_str(),         "TERM=xterm",
-                                                     "LC_ALL=C.UTF-8", "PATH=/usr/bin:/bin", nullptr};
+        const std::array<const char*, 7> environment{state.c_str(), data.c_str(),     temporary.c_str(),
+                                                     "TERM=xterm",  "LC_ALL=C.UTF-8", "PATH=/usr/bin:/bin",
+                                                     nullptr};
         const std::array<const char*, 3> arguments{console.c_str(), "--no-worker", nullptr};
         ::execve(console.c_str(), const_cast<char* const*>(arguments.data()),
                  const_cast<char* const*>(environment.data()));
@@ -586,6 +602,7 @@ class TerminalTest : public testing::Test {
 
     TemporaryDirectory state_;
     TemporaryDirectory data_;
+    TemporaryDirectory temporary_;
     std::unique_ptr<Session> session_;
     int status_ = -1;
 };
