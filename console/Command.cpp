@@ -9,6 +9,7 @@
 
 #include "console/CommandWords.h"
 #include "exchange/ExchangeRecords.h"
+#include "exchange/ExchangeWords.h"
 #include "text/Failure.h"
 #include "text/Text.h"
 
@@ -54,11 +55,11 @@ Command parsePlain(Arguments& arguments) {
 Command parseListen(Arguments& arguments) {
     const auto kind = arguments.take();
     ListenCommand command;
-    if (kind == "conversation") {
+    if (kind == scope_kind::conversation) {
         command.scope = BridgeConversationScope{.id = arguments.take(), .title = arguments.take()};
-    } else if (kind == "channel") {
+    } else if (kind == scope_kind::channel) {
         command.scope = BridgeChannelScope{.id = arguments.take(), .title = arguments.take()};
-    } else if (kind == "thread") {
+    } else if (kind == scope_kind::thread) {
         BridgeThreadScope thread{.id = arguments.take(), .title = std::nullopt};
         if (!arguments.isEmpty()) thread.title = arguments.take();
         command.scope = std::move(thread);
