@@ -11,6 +11,7 @@
 #include "console/LoginCodeDisplay.h"
 #include "console/RuntimeStatus.h"
 #include "exchange/PlatformArgument.h"
+#include "system/Polling.h"
 #include "text/Failure.h"
 #include "text/Text.h"
 
@@ -235,7 +236,7 @@ void Console::waitForEvents() {
     const bool takesCommands = !wait_ && !helper_.isCongested();
     entries.push_back({.fd = takesCommands ? input_.descriptor() : -1, .events = POLLIN, .revents = 0});
     helper_.addPollEntries(entries);
-    if (::poll(entries.data(), entries.size(), wait_ ? wait_->pollTimeout() : -1) < 0) return;
+    polled(entries, wait_ ? wait_->pollTimeout() : -1);
     helper_.pump();
     if (entries[1].revents != 0) input_.receive();
     isDone_ = isDone_ || isAskedToEnd();
@@ -244,7 +245,7 @@ void Console::waitForEvents() {
 /// The signal stays where it is: it also keeps output from waiting for a reader any longer.
 bool Console::isAskedToEnd() const {
     pollfd signal{.fd = signals_.descriptor(), .events = POLLIN, .revents = 0};
-    return ::poll(&signal, 1, 0) > 0;
+    return polled({&signal, 1}, 0) > 0;
 }
 
 void Console::checkWait() {

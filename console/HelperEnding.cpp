@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "system/Polling.h"
+
 namespace brindle::console {
 namespace {
 
@@ -18,7 +20,7 @@ bool helperEndsWithin(HelperProcess& helper, std::chrono::milliseconds patience)
         if (left.count() <= 0) return false;
         std::vector<pollfd> entries;
         helper.addPollEntries(entries);
-        ::poll(entries.data(), entries.size(), static_cast<int>(left.count()));
+        polled(entries, static_cast<int>(left.count()));
         // A helper that still takes and answers what was sent is busy, not stuck.
         if (helper.pump()) deadline = std::chrono::steady_clock::now() + patience;
     }

@@ -27,12 +27,20 @@ constexpr const char* guard_name = "brindle-guard";
 // Enough to flush a database, short enough to end within a second.
 constexpr std::chrono::milliseconds grace{400};
 
+// How often a guard asks that cannot be told.
+constexpr std::chrono::milliseconds question_interval{100};
+
+void pause(std::chrono::milliseconds duration) {
+    const timespec pause{.tv_sec = 0, .tv_nsec = std::chrono::nanoseconds(duration).count()};
+    ::nanosleep(&pause, nullptr);
+}
+
 void waitForEndOfParent(pid_t parent) {
     const Descriptor descriptor = processEndDescriptor(parent);
-    // Asked now and then only where the system has no descriptor for a process's end.
-    const int patience_ms = descriptor.isOpen() ? -1 : 100;
     pollfd end{.fd = descriptor.get(), .events = POLLIN, .revents = 0};
-    while (::getppid() == parent && ::poll(&end, 1, patience_ms) <= 0) {
+    while (::getppid() == parent) {
+        // There may be no descriptor for a process's end, or none that may still be opened and waited for.
+        if (!descriptor.isOpen() || (::poll(&end, 1, -1) < 0 && errno != EINTR)) pause(question_interval);
     }
 }
 
@@ -44,8 +52,7 @@ void waitForEndOfParent(pid_t parent) {
     for (const int signal : {SIGHUP, SIGINT, SIGTERM, SIGQUIT, SIGTSTP}) ::signal(signal, SIG_IGN);
     if (!leadsSession) ::setpgid(0, 0);
     waitForEndOfParent(guarded);
-    const timespec pause{.tv_sec = 0, .tv_nsec = std::chrono::nanoseconds(grace).count()};
-    ::nanosleep(&pause, nullptr);
+    pause(grace);
     ::kill(0, SIGKILL);
     ::_exit(0);
 }

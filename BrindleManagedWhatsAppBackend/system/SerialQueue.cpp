@@ -12,6 +12,7 @@
 #include <system_error>
 #include <thread>
 
+#include "text/Failure.h"
 #include "text/WithoutFailing.h"
 
 namespace brindle {
@@ -37,13 +38,17 @@ struct SerialQueue::Implementation {
     std::thread thread;
 };
 
-SerialQueue::SerialQueue(std::string label)
+SerialQueue::SerialQueue(std::string label) try
     : label_(std::move(label)), implementation_(std::make_unique<Implementation>()) {
+    // Takes the descriptors that timers and pipes share, so that their want is noticed here.
+    const asio::steady_timer first(implementation_->context);
     implementation_->thread = std::thread([implementation = implementation_.get()] {
         ::pthread_setname_np(::pthread_self(), "pollQueue");
         implementation->runToTheEnd();
         implementation->ended.set_value();
     });
+} catch (const std::system_error& error) {
+    throw Failure("Cannot prepare the work in the background: " + error.code().message() + ".");
 }
 
 SerialQueue::~SerialQueue() {

@@ -8,11 +8,13 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <functional>
 #include <iostream>
 #include <string>
+#include <thread>
 
 #include "EchoWorker.h"
 #include "exchange/EnvironmentKeys.h"
@@ -90,7 +92,9 @@ void work(EchoWorker& worker, const WorkerSettings& settings, const TerminationS
         std::array<pollfd, 3> set{{{.fd = signals.descriptor(), .events = POLLIN, .revents = 0},
                                    {.fd = backendEnd.get(), .events = POLLIN, .revents = 0},
                                    {.fd = outbound.descriptor(), .events = POLLIN, .revents = 0}}};
-        ::poll(set.data(), set.size(), static_cast<int>(heartbeat_interval.count()));
+        const int ready = ::poll(set.data(), set.size(), static_cast<int>(heartbeat_interval.count()));
+        // A process that may have no descriptors any more cannot wait for them either.
+        if (ready < 0 && errno != EINTR) std::this_thread::sleep_for(heartbeat_interval);
     }
 }
 

@@ -1,4 +1,6 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <csignal>
 #include <filesystem>
@@ -7,6 +9,7 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
+#include "support/ExitStatus.h"
 #include "support/Json.h"
 #include "support/Processes.h"
 #include "support/Sanitizers.h"
@@ -18,6 +21,7 @@ namespace brindle::test {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::HasSubstr;
 
 Json recordWithText(const std::string& text) {
     return {{"conversationId", "room"},
@@ -117,7 +121,7 @@ TEST(Resilience, FileSizeLimitIsAFailureAndNotADeath) {
 
 TEST(Resilience, WantOfDescriptorsNeverLeavesAWorkerBehind) {
     if (sanitizerOfExecutables() != Sanitizer::none) GTEST_SKIP() << descriptors_are_needed;
-    for (int descriptors = 9; descriptors <= 20; ++descriptors) {
+    for (int descriptors = 5; descriptors <= 20; ++descriptors) {
         const WorkerScript worker("echo $$ > $HERE/own-pid; mark ready; stay");
         BackendProcess backend(
             limited(optionsWithWorker(worker.path()), "-n " + std::to_string(descriptors)));
@@ -125,11 +129,25 @@ TEST(Resilience, WantOfDescriptorsNeverLeavesAWorkerBehind) {
         const auto status = backend.waitForExit();
         EXPECT_TRUE(status.exited) << descriptors;
         EXPECT_TRUE(status.code == 0 || status.code == 70) << descriptors << ": " << status.code;
+        if (status.code == 70) {
+            EXPECT_THAT(backend.standardError(), HasSubstr("[ManagedWhatsAppBackend] fatal: Cannot "))
+                << descriptors;
+        }
         pid_t pid = 0;
         if (std::ifstream(worker.file("own-pid")) >> pid) {
             waitUntil([&] { return !processIsRunning(pid); }, "the end of the worker");
         }
     }
+}
+
+TEST(Resilience, WhereItMayHaveNoDescriptorsAnyMoreItStillSaysWhyItEnds) {
+    BackendProcess backend;
+    backend.greet();
+    const rlimit none{.rlim_cur = 0, .rlim_max = 0};
+    ASSERT_EQ(::prlimit(backend.pid(), RLIMIT_NOFILE, &none, nullptr), 0);
+    backend.send(connect_line);
+    EXPECT_EQ(backend.waitForExit(), exitedWith(70));
+    EXPECT_THAT(backend.standardError(), HasSubstr("[ManagedWhatsAppBackend] fatal: "));
 }
 
 TEST(Resilience, MessagesThatHadArrivedAreRecordedBeforeATerminationSignalTakesEffect) {

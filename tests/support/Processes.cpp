@@ -100,6 +100,11 @@ bool processIsRunning(pid_t pid) {
     return readEntry(pid, entry) && !hasEnded(entry);
 }
 
+bool isAsleep(pid_t pid) {
+    Entry entry;
+    return readEntry(pid, entry) && entry.state == "S";
+}
+
 std::vector<pid_t> processTree(pid_t root) {
     std::vector<pid_t> tree;
     addTree(allProcesses(), root, tree);

@@ -16,6 +16,9 @@ namespace brindle::test {
 /// Whether a process runs; one that ended but was not reaped yet does not.
 bool processIsRunning(pid_t pid);
 
+/// Whether a process waits for something at this moment: one that spins never does.
+bool isAsleep(pid_t pid);
+
 /// A process and everything that it started, directly or not, as the system lists them now.
 std::vector<pid_t> processTree(pid_t root);
 /// The members of a process's tree with that name (its "comm", which the system cuts at 15 characters).

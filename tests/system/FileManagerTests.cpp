@@ -22,6 +22,7 @@
 #include <thread>
 
 #include "support/Files.h"
+#include "support/LoweredLimit.h"
 #include "support/TemporaryDirectory.h"
 #include "system/Descriptor.h"
 #include "system/FileSystemFailure.h"
@@ -80,24 +81,6 @@ bool isDirectoryDescriptor(int descriptor) {
     struct stat status {};
     return ::fstat(descriptor, &status) == 0 && S_ISDIR(status.st_mode);
 }
-
-/// Sets a limit of this process for as long as it lives.
-class LoweredLimit {
-  public:
-    LoweredLimit(__rlimit_resource resource, rlim_t value) : resource_(resource) {
-        ::getrlimit(resource, &original_);
-        rlimit lowered = original_;
-        lowered.rlim_cur = value;
-        EXPECT_EQ(::setrlimit(resource, &lowered), 0);
-    }
-    LoweredLimit(const LoweredLimit&) = delete;
-    LoweredLimit& operator=(const LoweredLimit&) = delete;
-    ~LoweredLimit() { ::setrlimit(resource_, &original_); }
-
-  private:
-    __rlimit_resource resource_;
-    rlimit original_{};
-};
 
 class FileManagerTests : public testing::Test {
   protected:
@@ -421,7 +404,7 @@ TEST_P(FileManagerWriteTests, KeepsOldFileWhenOnlyAPartCouldBeWritten) {
     put("file", "old");
     const auto handler = ::signal(SIGXFSZ, SIG_IGN);
     {
-        const LoweredLimit limit(RLIMIT_FSIZE, 1000);
+        const test::LoweredLimit limit(RLIMIT_FSIZE, 1000);
         EXPECT_EQ(writeFailure(at("file"), std::string(5000, 'x'), GetParam()).code(), EFBIG);
     }
     ::signal(SIGXFSZ, handler);
@@ -435,7 +418,7 @@ TEST_P(FileManagerWriteTests, KeepsOldFileForEveryNumberOfDescriptorsLeft) {
         const int next = Descriptor(::dup(STDERR_FILENO)).get();
         bool failed = false;
         {
-            const LoweredLimit limit(RLIMIT_NOFILE, static_cast<rlim_t>(next) + left);
+            const test::LoweredLimit limit(RLIMIT_NOFILE, static_cast<rlim_t>(next) + left);
             try {
                 files_.writeFileAtomically(at("file"), "new", GetParam());
             } catch (const FileSystemFailure& failure) {

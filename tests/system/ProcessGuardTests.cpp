@@ -9,6 +9,7 @@
 #include <array>
 #include <optional>
 
+#include "support/LoweredLimit.h"
 #include "support/Processes.h"
 #include "support/Waiting.h"
 #include "support/WantOfMemory.h"
@@ -19,7 +20,7 @@ namespace {
 /// A guarded process that starts another one, which ignores every signal that can be ignored.
 class GuardedProcess {
   public:
-    enum class End { itself, withoutMemory, onSignal };
+    enum class End { itself, withoutMemory, onSignal, onSignalWithoutDescriptors };
 
     GuardedProcess(bool leadsSession, End end) {
         // Whoever loses its parent comes to this process, which tells its end from the outside.
@@ -55,11 +56,13 @@ class GuardedProcess {
         if (leadsSession) ::setsid();
         std::optional<test::WantOfMemory> want;
         {
+            std::optional<test::LoweredLimit> limit;
+            if (end == End::onSignalWithoutDescriptors) limit.emplace(RLIMIT_NOFILE, 0);
             const ProcessGuard guard;
             const pid_t started = ::fork();
             if (started == 0) endure();
             if (::write(ends_[1], &started, sizeof started) < 0) ::_exit(1);
-            if (end == End::onSignal) ::pause();
+            if (end == End::onSignal || end == End::onSignalWithoutDescriptors) ::pause();
             if (end == End::withoutMemory) want.emplace(1, test::WantOfMemory::Persistence::fromThenOn);
         }
         ::_exit(0);
@@ -79,6 +82,16 @@ class ProcessGuardTests : public testing::TestWithParam<bool> {};
 
 TEST_P(ProcessGuardTests, NothingOutlivesAKilledProcess) {
     const GuardedProcess guarded(GetParam(), GuardedProcess::End::onSignal);
+    ::kill(guarded.process(), SIGKILL);
+    test::waitUntil([&] { return !test::processIsRunning(guarded.started()); },
+                    "the end of what was started");
+}
+
+TEST_P(ProcessGuardTests, AGuardWithoutDescriptorsSleepsAndGuardsAllTheSame) {
+    const GuardedProcess guarded(GetParam(), GuardedProcess::End::onSignalWithoutDescriptors);
+    const auto guards = test::processesNamed(guarded.process(), "brindle-guard");
+    ASSERT_EQ(guards.size(), 1U);
+    test::waitUntil([&] { return test::isAsleep(guards.front()); }, "the guard to sleep");
     ::kill(guarded.process(), SIGKILL);
     test::waitUntil([&] { return !test::processIsRunning(guarded.started()); },
                     "the end of what was started");

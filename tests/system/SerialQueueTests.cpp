@@ -13,8 +13,10 @@
 #include <utility>
 #include <vector>
 
+#include "support/LoweredLimit.h"
 #include "support/Pipes.h"
 #include "support/Waiting.h"
+#include "text/Failure.h"
 
 namespace brindle {
 namespace {
@@ -33,6 +35,17 @@ void flush(SerialQueue& queue) {
 
 TEST(SerialQueueTests, KeepsItsLabel) {
     EXPECT_EQ(SerialQueue("a.b.poll").label(), "a.b.poll");
+}
+
+TEST(SerialQueueTests, WantOfDescriptorsIsASentence) {
+    const test::LoweredLimit limit(RLIMIT_NOFILE, 0);
+    try {
+        const SerialQueue queue("queue");
+        FAIL() << "a queue needs descriptors";
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.what(),
+                  std::string("Cannot prepare the work in the background: Too many open files."));
+    }
 }
 
 TEST(SerialQueueTests, RunsWorkInOrder) {

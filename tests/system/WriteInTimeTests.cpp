@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 
+#include "support/LoweredLimit.h"
 #include "support/Pipes.h"
 
 namespace brindle {
@@ -44,6 +45,15 @@ TEST(WriteInTimeTests, WritesOfALongTextWhatAPipeTakesInOnePiece) {
     writeInTime(ends.writing.get(), std::string(PIPE_BUF + 1, 'x'), no_patience);
     ends.writing.reset();
     EXPECT_EQ(test::readAll(ends.reading).size(), std::size_t{PIPE_BUF});
+}
+
+TEST(WriteInTimeTests, WritesWhereAProcessMayHaveNoDescriptorsAnyMore) {
+    const auto ends = test::makePipe();
+    {
+        const test::LoweredLimit limit(RLIMIT_NOFILE, 0);
+        writeInTime(ends.writing.get(), "text\n", no_patience);
+    }
+    EXPECT_EQ(test::readSome(ends.reading), "text\n");
 }
 
 TEST(WriteInTimeTests, PassesOverADescriptorThatCannotBeWritten) {
