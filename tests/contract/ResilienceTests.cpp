@@ -145,6 +145,7 @@ TEST(Resilience, WhereItMayHaveNoDescriptorsAnyMoreItStillSaysWhyItEnds) {
     backend.greet();
     const rlimit none{.rlim_cur = 0, .rlim_max = 0};
     ASSERT_EQ(::prlimit(backend.pid(), RLIMIT_NOFILE, &none, nullptr), 0);
+    backend.closeOutputReader();
     backend.send(connect_line);
     EXPECT_EQ(backend.waitForExit(), exitedWith(70));
     EXPECT_THAT(backend.standardError(), HasSubstr("[ManagedWhatsAppBackend] fatal: "));
