@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <csignal>
 #include <filesystem>
@@ -9,7 +8,6 @@
 #include <vector>
 
 #include "support/BackendProcess.h"
-#include "support/ExitStatus.h"
 #include "support/Json.h"
 #include "support/Processes.h"
 #include "support/Sanitizers.h"
@@ -138,17 +136,6 @@ TEST(Resilience, WantOfDescriptorsNeverLeavesAWorkerBehind) {
             waitUntil([&] { return !processIsRunning(pid); }, "the end of the worker");
         }
     }
-}
-
-TEST(Resilience, WhereItMayHaveNoDescriptorsAnyMoreItStillSaysWhyItEnds) {
-    BackendProcess backend;
-    backend.greet();
-    const rlimit none{.rlim_cur = 0, .rlim_max = 0};
-    ASSERT_EQ(::prlimit(backend.pid(), RLIMIT_NOFILE, &none, nullptr), 0);
-    backend.closeOutputReader();
-    backend.send(connect_line);
-    EXPECT_EQ(backend.waitForExit(), exitedWith(70));
-    EXPECT_THAT(backend.standardError(), HasSubstr("[ManagedWhatsAppBackend] fatal: "));
 }
 
 TEST(Resilience, MessagesThatHadArrivedAreRecordedBeforeATerminationSignalTakesEffect) {
