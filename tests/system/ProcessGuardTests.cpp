@@ -89,9 +89,11 @@ TEST_P(ProcessGuardTests, NothingOutlivesAKilledProcess) {
 
 TEST_P(ProcessGuardTests, AGuardWithoutDescriptorsSleepsAndGuardsAllTheSame) {
     const GuardedProcess guarded(GetParam(), GuardedProcess::End::onSignalWithoutDescriptors);
-    const auto guards = test::processesNamed(guarded.process(), "brindle-guard");
-    ASSERT_EQ(guards.size(), 1U);
-    test::waitUntil([&] { return test::isAsleep(guards.front()); }, "the guard to sleep");
+    const auto sleeps = [&] {
+        const auto guards = test::processesNamed(guarded.process(), "brindle-guard");
+        return guards.size() == 1 && test::isAsleep(guards.front());
+    };
+    test::waitUntil(sleeps, "the guard to sleep");
     ::kill(guarded.process(), SIGKILL);
     test::waitUntil([&] { return !test::processIsRunning(guarded.started()); },
                     "the end of what was started");
