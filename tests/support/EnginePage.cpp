@@ -29,6 +29,13 @@ class EngineEnvironment final : public testing::Environment {
 // GoogleTest owns it.
 const auto* const engine_environment = testing::AddGlobalTestEnvironment(new EngineEnvironment);
 
+/// Where the engine keeps what is its process's and no page's. It remembers the first such directory for as
+/// long as the process lives, so that must not be a page's.
+const TemporaryDirectory& runtimeDirectory() {
+    static const TemporaryDirectory directory;
+    return directory;
+}
+
 MakeWebWorkerHost loadModule() {
     void* module = ::dlopen(webHostModule().c_str(), RTLD_NOW | RTLD_LOCAL);
     if (module == nullptr) throw TestFailure(::dlerror());
@@ -42,6 +49,7 @@ MakeWebWorkerHost loadModule() {
 EnginePage::EnginePage(std::shared_ptr<TemporaryDirectory> directory, const WebWorkerHostOptions& options)
     : directory_(std::move(directory)) {
     TestDisplay::shared().use();
+    ::setenv("XDG_RUNTIME_DIR", runtimeDirectory().path().c_str(), 1);
     ::setenv("XDG_DATA_HOME", dataDirectory().c_str(), 1);
     ::setenv("XDG_CACHE_HOME", cacheDirectory().c_str(), 1);
     host_ = loadModule()(options);
