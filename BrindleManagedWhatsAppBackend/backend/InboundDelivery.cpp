@@ -90,7 +90,7 @@ bool InboundDelivery::deliver(std::vector<std::string>& names) {
     const auto scope = scopeToDeliver();
     if (!scope || failed_) return true;
     if (names.empty()) {
-        names = recordNames();
+        names = waitingRecords(uses_.fileManager, uses_.directory.inbound);
         std::reverse(names.begin(), names.end());
     }
     // As above.
@@ -107,13 +107,6 @@ std::optional<BridgeScope> InboundDelivery::scopeToDeliver() const {
     if (!scope || !uses_.state.isConnected() || std::holds_alternative<BridgeTestOnlyScope>(*scope))
         return std::nullopt;
     return scope;
-}
-
-std::vector<std::string> InboundDelivery::recordNames() {
-    auto names = uses_.fileManager.visibleEntries(uses_.directory.inbound);
-    std::erase_if(names, [](const std::string& name) { return !isRecordFileName(name); });
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 /// Begins to deliver a record that belongs to the scope; false when somebody else is writing meanwhile.

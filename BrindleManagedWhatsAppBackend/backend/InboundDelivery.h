@@ -89,7 +89,6 @@ class InboundDelivery {
     void deliverWhatFits() BRINDLE_REQUIRES(drainLock_);
     bool deliver(std::vector<std::string>& names) BRINDLE_REQUIRES(drainLock_);
     std::optional<BridgeScope> scopeToDeliver() const;
-    std::vector<std::string> recordNames();
     bool begin(const std::string& name, const BridgeScope& scope) BRINDLE_REQUIRES(drainLock_);
     bool isBegunLineWritten() BRINDLE_REQUIRES(drainLock_);
     BridgeInboundMessageEvent eventFor(ManagedWhatsAppInboundRecord record, const std::string& name);

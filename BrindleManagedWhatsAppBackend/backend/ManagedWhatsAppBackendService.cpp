@@ -59,6 +59,7 @@ ManagedWhatsAppBackendService::ManagedWhatsAppBackendService(std::string platfor
                  .departureWatch = channel_.departureWatch(),
                  .log = log_,
                  .queue = pollQueue_}),
+      outboundIdentifiers_(fileManager_, directory_.outbound),
       supervisor_({.platform = platform_,
                    .environment = environment_,
                    .directory = directory_,
@@ -229,7 +230,7 @@ void ManagedWhatsAppBackendService::emitSelfTestEvent(const BridgeTestOnlyScope&
 
 void ManagedWhatsAppBackendService::writeOutboundRecord(BridgeOutboundMessage message) {
     ManagedWhatsAppOutboundRecord record;
-    record.messageId = randomIdentifier();
+    record.messageId = outboundIdentifiers_.next();
     record.conversationId = std::move(message.conversationId);
     record.text = std::move(message.text);
     record.replyToMessageId = std::move(message.replyToMessageId);

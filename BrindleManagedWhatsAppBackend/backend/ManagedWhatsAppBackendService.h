@@ -13,6 +13,7 @@
 #include "backend/WorkerSupervisor.h"
 #include "bridge/BridgeChannel.h"
 #include "exchange/DataDirectory.h"
+#include "exchange/RecordIdentifiers.h"
 #include "system/Clock.h"
 #include "system/Environment.h"
 #include "system/FileManager.h"
@@ -73,6 +74,8 @@ class ManagedWhatsAppBackendService {
     DiagnosticLog log_;
     StatusPublisher publisher_;
     InboundDelivery delivery_;
+    /// For the thread that answers requests.
+    RecordIdentifiers outboundIdentifiers_;
     WorkerSupervisor supervisor_;
     Housekeeping housekeeping_;
     std::unique_ptr<RepeatingTimer> inboundPoller_;

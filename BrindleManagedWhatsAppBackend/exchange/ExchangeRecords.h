@@ -84,7 +84,8 @@ struct ManagedWhatsAppOutboundRecord {
     static constexpr auto fields() {
         using Record = ManagedWhatsAppOutboundRecord;
         return std::tuple{
-            field("messageId", &Record::messageId, "A fresh UUID; also the file's base name."),
+            field("messageId", &Record::messageId,
+                  "A fresh UUID, greater than those before; also the file's base name."),
             field("conversationId", &Record::conversationId, "The conversation to send to."),
             field("text", &Record::text, "The message text."),
             field("replyToMessageId", &Record::replyToMessageId, "The message this one answers."),

@@ -2,14 +2,38 @@
 
 #include <errno.h>
 
+#include <algorithm>
+#include <utility>
+
 #include "system/FileSystemFailure.h"
 #include "system/Paths.h"
 #include "text/Identifier.h"
 
 namespace brindle {
+namespace {
+
+std::vector<std::string> recordsAmong(std::vector<std::string> names) {
+    std::erase_if(names, [](const std::string& name) { return !isRecordFileName(name); });
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+}  // namespace
 
 bool isRecordFileName(std::string_view name) {
     return name.ends_with(record_file_extension);
+}
+
+std::vector<std::string> waitingRecords(FileManager& fileManager, const std::string& directory) {
+    auto first = fileManager.listDirectory(directory);
+    auto names = recordsAmong(std::move(first.visibleEntries));
+    if (first.isSnapshot || names.empty()) return names;
+    // Whatever was written before the greatest of them was there before the second listing began, which
+    // therefore has it.
+    const auto greatest = std::move(names.back());
+    names = recordsAmong(fileManager.visibleEntries(directory));
+    names.erase(std::upper_bound(names.begin(), names.end(), greatest), names.end());
+    return names;
 }
 
 std::string moveRecordFile(FileManager& fileManager, std::string_view name, const std::string& fromDirectory,

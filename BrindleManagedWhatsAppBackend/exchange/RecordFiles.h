@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "system/FileManager.h"
 
@@ -12,6 +13,11 @@ inline constexpr std::string_view record_file_extension = ".json";
 
 /// Whether a visible file of that name is a record; others are nobody's business here.
 bool isRecordFileName(std::string_view name);
+
+/// The records that wait in a directory, in order of their names. When their writer's names ascend, none is
+/// there without those that it wrote before, even if it writes meanwhile; what it writes meanwhile may be
+/// missing. Throws FileSystemFailure.
+std::vector<std::string> waitingRecords(FileManager& fileManager, const std::string& directory);
 
 /// Files a record away: moves it from one directory to another under its own name or, when that is taken
 /// there, under a fresh one with its own at the end, so that nothing is ever replaced. Answers the name it

@@ -9,8 +9,8 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
-#include <memory>
 
 #include "system/Descriptor.h"
 #include "system/FileSystemFailure.h"
@@ -22,6 +22,8 @@ namespace {
 
 constexpr mode_t private_directory_mode = 0700;
 constexpr mode_t permission_bits = 07777;
+/// Room for about 500 record files.
+constexpr std::size_t listing_portion_bytes = std::size_t{32} << 10U;
 constexpr std::string_view temporary_name_template = ".brindle-XXXXXX";
 constexpr char placeholder = 'X';
 constexpr std::uintmax_t allocation_unit_bytes = 512;
@@ -154,6 +156,17 @@ void flushName(const Descriptor& directory, const std::string& path) {
     throw FileSystemFailure("write", path, code);
 }
 
+/// Takes the entries of one portion of a directory apart.
+void appendVisibleEntries(std::string_view portion, std::vector<std::string>& names) {
+    while (!portion.empty()) {
+        // Records of various lengths, each aligned for its type.
+        const auto* entry = reinterpret_cast<const dirent64*>(portion.data());
+        const std::string_view name(static_cast<const char*>(entry->d_name));
+        if (!name.starts_with('.')) names.emplace_back(name);
+        portion.remove_prefix(entry->d_reclen);
+    }
+}
+
 [[noreturn]] void failToMove(const std::string& from, const std::string& to, int code) {
     throw FileSystemFailure("move \"" + singleLine(from) + "\" to", to, code);
 }
@@ -192,20 +205,20 @@ void PosixFileManager::createDirectory(const std::string& path) {
     throw FileSystemFailure("create the directory", path, code);
 }
 
-std::vector<std::string> PosixFileManager::visibleEntries(const std::string& directory) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> stream(::opendir(directory.c_str()), &::closedir);
-    if (!stream) throw FileSystemFailure("list", directory, errno);
-    std::vector<std::string> names;
-    for (;;) {
-        errno = 0;
-        // The stream is this call's own, which is all that readdir needs to be safe.
-        const dirent* entry = ::readdir(stream.get());  // NOLINT(concurrency-mt-unsafe)
-        if (entry == nullptr) break;
-        const std::string_view name(static_cast<const char*>(entry->d_name));
-        if (!name.starts_with('.')) names.emplace_back(name);
+DirectoryListing PosixFileManager::listDirectory(const std::string& directory) {
+    const Descriptor descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!descriptor.isOpen()) throw FileSystemFailure("list", directory, errno);
+    DirectoryListing listing;
+    alignas(dirent64) std::array<char, listing_portion_bytes> portion;
+    for (int portions = 0;; ++portions) {
+        // Not readdir, which hides where one portion ends: the system locks the directory for one at a time.
+        const auto length = ::getdents64(descriptor.get(), portion.data(), portion.size());
+        if (length < 0) throw FileSystemFailure("list", directory, errno);
+        if (length == 0) break;
+        listing.isSnapshot = portions == 0;
+        appendVisibleEntries({portion.data(), static_cast<std::size_t>(length)}, listing.visibleEntries);
     }
-    if (errno != 0) throw FileSystemFailure("list", directory, errno);
-    return names;
+    return listing;
 }
 
 std::unique_ptr<DirectoryReader> PosixFileManager::readDirectory(const std::string& directory) {

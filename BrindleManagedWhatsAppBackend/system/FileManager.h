@@ -54,6 +54,15 @@ class DirectoryReader {
 /// process.
 bool isTemporaryName(std::string_view name);
 
+/// What a directory holds.
+struct DirectoryListing {
+    /// Names of the entries, hidden ones (".…") left out, in no order.
+    std::vector<std::string> visibleEntries;
+    /// The listing shows the directory as it was at one moment. A long one is read in several portions and is
+    /// no snapshot: it may show an entry that was made meanwhile, and not one that was made before that.
+    bool isSnapshot = true;
+};
+
 /// Every touch of the file system. Operations that fail throw FileSystemFailure and have had no effect.
 class FileManager {
   public:
@@ -65,8 +74,8 @@ class FileManager {
 
     /// Creates the directory and those above it, private to the user (0700). One that exists is no error.
     virtual void createDirectory(const std::string& path) = 0;
-    /// Names of the entries, hidden ones (".…") left out, in no order; not recursive.
-    virtual std::vector<std::string> visibleEntries(const std::string& directory) = 0;
+    /// Not recursive.
+    virtual DirectoryListing listDirectory(const std::string& directory) = 0;
     /// Begins to read a directory; not recursive.
     virtual std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) = 0;
     /// The size of the file system that the path lies on; 0 when it has no bound.
@@ -93,6 +102,10 @@ class FileManager {
     /// Removes a file or an empty directory.
     virtual void removeItem(const std::string& path) = 0;
 
+    /// The names alone, for those to whom the order of their making means nothing.
+    std::vector<std::string> visibleEntries(const std::string& directory) {
+        return listDirectory(directory).visibleEntries;
+    }
     /// Removes the file when it exists; never fails.
     void removeIfPresent(const std::string& path) noexcept;
 };
@@ -101,7 +114,7 @@ class FileManager {
 class PosixFileManager final : public FileManager {
   public:
     void createDirectory(const std::string& path) override;
-    std::vector<std::string> visibleEntries(const std::string& directory) override;
+    DirectoryListing listDirectory(const std::string& directory) override;
     std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) override;
     std::uintmax_t fileSystemBytes(const std::string& path) override;
     bool fileExists(const std::string& path) override;

@@ -9,7 +9,6 @@
 
 #include "exchange/DataDirectory.h"
 #include "text/Failure.h"
-#include "text/Identifier.h"
 #include "text/Text.h"
 #include "worker/PageScripts.h"
 
@@ -177,10 +176,10 @@ void ChatCapture::takeMessage(ManagedWhatsAppObservedInboundMessage message,
 }
 
 ManagedWhatsAppWorkerInboundRecord ChatCapture::recordFor(ManagedWhatsAppObservedInboundMessage message,
-                                                          const Conversation& conversation) const {
+                                                          const Conversation& conversation) {
     auto sender = std::move(message.senderDisplayName).value_or(std::string(default_sender));
     ManagedWhatsAppWorkerInboundRecord record;
-    record.messageId = randomIdentifier();
+    record.messageId = identifiers_.next();
     record.conversationId = conversation.id;
     record.conversationTitle = conversation.title;
     record.senderId = senderIdentifier(sender);

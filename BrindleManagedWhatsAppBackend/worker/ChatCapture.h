@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "exchange/ExchangeRecords.h"
+#include "exchange/RecordIdentifiers.h"
 #include "system/Clock.h"
 #include "system/FileManager.h"
 #include "worker/PagePayloads.h"
@@ -30,6 +31,7 @@ class ChatCapture {
           host_(host),
           fileManager_(fileManager),
           inboundDirectory_(std::move(inboundDirectory)),
+          identifiers_(fileManager_, inboundDirectory_),
           clock_(clock),
           state_(state),
           publisher_(publisher),
@@ -66,12 +68,13 @@ class ChatCapture {
     Task<> takeMessages(ManagedWhatsAppObservedInboundDrainPayload drain, WatchedChat watched);
     void takeMessage(ManagedWhatsAppObservedInboundMessage message, const Conversation& conversation);
     ManagedWhatsAppWorkerInboundRecord recordFor(ManagedWhatsAppObservedInboundMessage message,
-                                                 const Conversation& conversation) const;
+                                                 const Conversation& conversation);
 
     PageScriptRunner& scripts_;
     WebWorkerHost& host_;
     FileManager& fileManager_;
     std::string inboundDirectory_;
+    RecordIdentifiers identifiers_;
     const Clock& clock_;
     WorkerState& state_;
     const WorkerStatusPublisher& publisher_;

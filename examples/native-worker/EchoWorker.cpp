@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <iostream>
-#include <tuple>
 #include <utility>
 
 #include "exchange/ExchangeWords.h"
@@ -23,7 +22,7 @@ namespace {
 
 constexpr std::string_view account_name = "Echo";
 constexpr std::string_view sender_identifier = "echo";
-constexpr std::string_view echo_prefix = "echo-";
+constexpr std::string_view echo_infix = "-echo-";
 
 std::string now() {
     return iso8601(SystemClock().now());
@@ -37,7 +36,10 @@ bool isChat(const ManagedWhatsAppWorkerControlScope& scope) {
 }  // namespace
 
 EchoWorker::EchoWorker(WorkerSettings settings, FileManager& fileManager, std::function<bool()> mustEnd)
-    : settings_(std::move(settings)), fileManager_(fileManager), mustEnd_(std::move(mustEnd)) {}
+    : settings_(std::move(settings)),
+      fileManager_(fileManager),
+      mustEnd_(std::move(mustEnd)),
+      identifiers_(fileManager_, settings_.directory.inbound) {}
 
 EchoWorker::~EchoWorker() {
     removeOwnFiles();
@@ -81,33 +83,25 @@ void EchoWorker::refreshControl() {
     }
 }
 
+/// By name: the backend's names ascend, so that is the order in which the messages were accepted. Their times
+/// have whole seconds and go back when somebody sets the clock.
 void EchoWorker::handleOutbound() {
-    for (const auto& outgoing : readOutbound()) {
+    const auto waiting = waitingRecords(fileManager_, settings_.directory.outbound);
+    if (!waiting.empty() && !echoed_) echoed_ = echoedAmong(waiting);
+    for (const auto& fileName : waiting) {
         if (mustEnd_()) return;
-        deliver(outgoing);
+        const auto record = readOutgoing(fileName);
+        if (!record) continue;
+        deliver(*record);
         // Last of all: a worker that dies before this line finds the record again.
-        fileAway(outgoing.fileName, settings_.directory.workerProcessedOutbound);
+        fileAway(fileName, settings_.directory.workerProcessedOutbound);
+        echoed_->erase(record->messageId);
     }
 }
 
-/// Every record that waits, in the order in which the messages were accepted.
-std::vector<EchoWorker::Outgoing> EchoWorker::readOutbound() {
-    std::vector<Outgoing> waiting;
-    for (const auto& name : fileManager_.visibleEntries(settings_.directory.outbound)) {
-        if (!isRecordFileName(name)) continue;
-        // The round is over; none of what was read is sent any more.
-        if (mustEnd_()) return {};
-        if (auto outgoing = readOutgoing(name)) waiting.push_back(std::move(*outgoing));
-    }
-    std::sort(waiting.begin(), waiting.end(), [](const Outgoing& left, const Outgoing& right) {
-        return std::tie(left.record.createdAtISO8601, left.fileName) <
-               std::tie(right.record.createdAtISO8601, right.fileName);
-    });
-    return waiting;
-}
-
-/// The record in that file, or nothing when it had to be rejected.
-std::optional<EchoWorker::Outgoing> EchoWorker::readOutgoing(const std::string& fileName) {
+/// The record in that file, or nothing when it had to be rejected. Throws when it may be in order later;
+/// those behind it must not overtake it and wait as well.
+std::optional<ManagedWhatsAppOutboundRecord> EchoWorker::readOutgoing(const std::string& fileName) {
     try {
         const auto path = joinedPath(settings_.directory.outbound, fileName);
         auto record = readRecord<ManagedWhatsAppOutboundRecord>(fileManager_, path);
@@ -115,42 +109,53 @@ std::optional<EchoWorker::Outgoing> EchoWorker::readOutgoing(const std::string& 
         if (record.messageId + std::string(record_file_extension) != fileName) {
             throw Failure("Its message identifier is not its file name.");
         }
-        return Outgoing{.fileName = fileName, .record = std::move(record)};
+        return record;
     } catch (const FileSystemFailure& failure) {
         // Neither a regular file nor of any sensible size: it will never be in order. Anything else may pass.
-        if (failure.code() == EINVAL || failure.code() == EFBIG) return reject(fileName, failure);
-        std::cerr << "Cannot take outbound record " + singleLine(fileName) + " yet: " + failure.what() + "\n";
+        if (failure.code() != EINVAL && failure.code() != EFBIG) throw;
+        reject(fileName, failure);
     } catch (const Failure& failure) {
-        return reject(fileName, failure);
+        reject(fileName, failure);
     }
     return std::nullopt;
 }
 
-std::nullopt_t EchoWorker::reject(const std::string& fileName, const Failure& failure) {
+void EchoWorker::reject(const std::string& fileName, const Failure& failure) {
     std::cerr << "Rejected outbound record " + singleLine(fileName) + ": " + failure.what() + "\n";
     fileAway(fileName, settings_.directory.workerRejectedOutbound);
-    return std::nullopt;
 }
 
 /// A real worker sends here. Done twice it must have the effect of once, because a crash may come right
 /// after.
-void EchoWorker::deliver(const Outgoing& outgoing) {
-    const std::string messageId = std::string(echo_prefix) + outgoing.record.messageId;
-    if (hasEcho(messageId)) return;
-    writeEcho(messageId, outgoing.record);
-    std::cout << "Echoed message " + outgoing.record.messageId + ".\n" << std::flush;
+void EchoWorker::deliver(const ManagedWhatsAppOutboundRecord& record) {
+    if (echoed_->contains(record.messageId)) return;
+    writeEcho(record);
+    echoed_->insert(record.messageId);
+    std::cout << "Echoed message " + record.messageId + ".\n" << std::flush;
 }
 
-/// In the order in which the backend moves the file, so that one on its way is not missed.
-bool EchoWorker::hasEcho(const std::string& messageId) {
+/// The messages that wait although an earlier worker has echoed them. Looked for once: later on this worker
+/// knows itself.
+std::set<std::string> EchoWorker::echoedAmong(const std::vector<std::string>& waiting) {
     const auto& directory = settings_.directory;
-    const auto places = {directory.inbound, directory.processed, directory.rejected};
-    return std::any_of(places.begin(), places.end(), [&](const std::string& place) {
-        return fileManager_.fileExists(DataDirectory::recordFile(place, messageId));
-    });
+    std::set<std::string> messageIds;
+    // In the order in which the backend moves the file, so that one on its way is not missed.
+    for (const auto& place : {directory.inbound, directory.processed, directory.rejected}) {
+        for (const auto& name : fileManager_.visibleEntries(place)) {
+            const auto infix = name.find(echo_infix);
+            if (infix == std::string::npos) continue;
+            const auto fileName = name.substr(infix + echo_infix.size());
+            if (!std::binary_search(waiting.begin(), waiting.end(), fileName)) continue;
+            messageIds.insert(fileName.substr(0, fileName.size() - record_file_extension.size()));
+        }
+    }
+    return messageIds;
 }
 
-void EchoWorker::writeEcho(const std::string& messageId, const ManagedWhatsAppOutboundRecord& record) {
+/// The name begins with an ascending identifier, because the backend delivers in order of names, and ends
+/// with the identifier of the message, by which an echo is known again.
+void EchoWorker::writeEcho(const ManagedWhatsAppOutboundRecord& record) {
+    const std::string messageId = identifiers_.next().append(echo_infix).append(record.messageId);
     const std::string conversation = watched_ ? *watched_->id : record.conversationId;
     const ManagedWhatsAppWorkerInboundRecord echo{
         .messageId = messageId,

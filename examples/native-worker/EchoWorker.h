@@ -4,11 +4,13 @@
 
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "exchange/DataDirectory.h"
 #include "exchange/ExchangeRecords.h"
+#include "exchange/RecordIdentifiers.h"
 #include "system/FileManager.h"
 #include "text/Failure.h"
 
@@ -40,19 +42,13 @@ class EchoWorker {
     void tick();
 
   private:
-    struct Outgoing {
-        std::string fileName;
-        brindle::ManagedWhatsAppOutboundRecord record;
-    };
-
     void refreshControl();
     void handleOutbound();
-    std::vector<Outgoing> readOutbound();
-    std::optional<Outgoing> readOutgoing(const std::string& fileName);
-    std::nullopt_t reject(const std::string& fileName, const brindle::Failure& failure);
-    void deliver(const Outgoing& outgoing);
-    bool hasEcho(const std::string& messageId);
-    void writeEcho(const std::string& messageId, const brindle::ManagedWhatsAppOutboundRecord& record);
+    std::optional<brindle::ManagedWhatsAppOutboundRecord> readOutgoing(const std::string& fileName);
+    void reject(const std::string& fileName, const brindle::Failure& failure);
+    void deliver(const brindle::ManagedWhatsAppOutboundRecord& record);
+    std::set<std::string> echoedAmong(const std::vector<std::string>& waiting);
+    void writeEcho(const brindle::ManagedWhatsAppOutboundRecord& record);
     void fileAway(const std::string& fileName, const std::string& directory);
     void publishStatus();
     void removeOwnFiles() noexcept;
@@ -60,7 +56,10 @@ class EchoWorker {
     WorkerSettings settings_;
     brindle::FileManager& fileManager_;
     std::function<bool()> mustEnd_;
+    brindle::RecordIdentifiers identifiers_;
     /// The chat to watch; none when the control record names none.
     std::optional<brindle::ManagedWhatsAppWorkerControlScope> watched_;
+    /// The messages that are echoed and not filed away yet; not known before the first one waits.
+    std::optional<std::set<std::string>> echoed_;
     std::string lastProblems_;
 };

@@ -380,9 +380,21 @@ struct Sending {
         service.handle(BridgeConnectRequest{"whatsapp"});
         service.handle(BridgeStartListeningRequest{"whatsapp", BridgeConversationScope{"room", "Room"}});
     }
-    void send() {
+    /// The first message looks for what waits, as no later one does.
+    void sendFirst() {
+        send();
+        for (const auto& name : visibleOutbound()) files.removeItem((data / "outbound" / name).string());
+    }
+    void send(const std::string& text = "Hi") {
         service.handle(BridgeSendMessageRequest{
-            "whatsapp", {.conversationId = "room", .text = "Hi", .replyToMessageId = {}, .attachments = {}}});
+            "whatsapp", {.conversationId = "room", .text = text, .replyToMessageId = {}, .attachments = {}}});
+    }
+    std::vector<std::string> textsInOrderOfNames() {
+        std::vector<std::string> texts;
+        for (const auto& name : test::namesIn(data / "outbound")) {
+            texts.push_back(test::readJsonFile(data / "outbound" / name)["text"]);
+        }
+        return texts;
     }
     std::vector<std::string> visibleOutbound() { return files.visibleEntries(data / "outbound"); }
     std::string status() const { return test::readFile(data / "runtime" / "runtime-status.json"); }
@@ -413,6 +425,7 @@ TEST_P(FaultInjectionTests, FailedSendHasNoEffectAndSendingWorksAgain) {
     for (const auto stage : {Stage::beforeAnyEffect, Stage::afterTemporaryFile}) {
         const int met = forEveryOperation(stage, [&](const Fault& fault) {
             Sending sending;
+            sending.sendFirst();
             const auto status = sending.status();
             const auto control = sending.control();
             const auto result = sendWith(sending, fault);
@@ -443,8 +456,27 @@ TEST_P(FaultInjectionTests, FailedSendHasNoEffectAndSendingWorksAgain) {
     }
 }
 
+TEST(SendTests, MessagesStandInTheOrderOfTheRequests) {
+    Sending sending;
+    std::vector<std::string> sent;
+    for (int i = 0; i < 50; ++i) {
+        sent.push_back(std::to_string(i));
+        sending.send(sent.back());
+    }
+    EXPECT_EQ(sending.textsInOrderOfNames(), sent);
+}
+
+TEST(SendTests, DirectoryThatCannotBeListedDoesNotKeepAMessageBack) {
+    Sending sending;
+    const auto result = sendWith(sending, {.operation = 1, .code = EMFILE});
+    EXPECT_THAT(result.failures, ElementsAre("list " + (sending.data / "outbound").string()));
+    EXPECT_EQ(result.failure, std::nullopt);
+    EXPECT_EQ(sending.visibleOutbound().size(), 1U);
+}
+
 TEST(SendTests, OnlyTheMessageIsWrittenThroughToTheDisk) {
     Sending sending;
+    sending.sendFirst();
     const auto result = sendWith(sending, {.operation = far_too_many_operations});
     ASSERT_EQ(result.operations.size(), 3U);
     EXPECT_THAT(result.operations[0], StartsWith("write through " + (sending.data / "outbound/").string()));

@@ -11,10 +11,14 @@
 #include <chrono>
 #include <filesystem>
 #include <ostream>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "support/BackendParts.h"
 #include "support/Files.h"
+#include "support/ForwardingFileManager.h"
 #include "support/Json.h"
 #include "support/Pipes.h"
 #include "support/TextForms.h"
@@ -109,6 +113,47 @@ class InboundDeliveryTests : public testing::Test {
     std::string output_;
     std::vector<std::string> log_;
 };
+
+/// The real file system, where the first listing comes in portions: it does not show "b.json", which was
+/// written before "c.json", and while it is under way "d.json" is written.
+class PortionedListing final : public test::ForwardingFileManager {
+  public:
+    explicit PortionedListing(BackendParts& parts) : ForwardingFileManager(parts.files), parts_(parts) {}
+
+    DirectoryListing listDirectory(const std::string& directory) override {
+        auto listing = ForwardingFileManager::listDirectory(directory);
+        if (listed_++ > 0) return listing;
+        std::erase(listing.visibleEntries, "b.json");
+        listing.isSnapshot = false;
+        parts_.putInbound("d.json", inboundRecord("4").dump());
+        return listing;
+    }
+
+  private:
+    BackendParts& parts_;
+    int listed_ = 0;
+};
+
+TEST_F(InboundDeliveryTests, NoLaterMessageIsDeliveredBeforeAnEarlierOneWhileOthersArrive) {
+    for (const auto& [name, messageId] : {std::pair("a.json", "1"), {"b.json", "2"}, {"c.json", "3"}}) {
+        put(name, inboundRecord(messageId));
+    }
+    PortionedListing files(parts_);
+    const auto& uses = parts_.forDelivery();
+    InboundDelivery delivery({.directory = uses.directory,
+                              .fileManager = files,
+                              .clock = uses.clock,
+                              .state = uses.state,
+                              .emitter = uses.emitter,
+                              .departureWatch = uses.departureWatch,
+                              .log = uses.log,
+                              .queue = uses.queue});
+    delivery.drainInboundDirectory();
+    EXPECT_THAT(inbound(), ElementsAre("d.json"));
+    delivery.drainInboundDirectory();
+    finish();
+    EXPECT_THAT(delivered_, ElementsAre("1", "2", "3", "4"));
+}
 
 TEST_F(InboundDeliveryTests, DeliversInOrderOfFileNames) {
     put("b.json", inboundRecord("1"));

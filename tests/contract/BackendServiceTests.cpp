@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -351,6 +352,45 @@ TEST(BackendService, SameTextSentTwiceMakesTwoRecordsWithIdsOfTheirOwn) {
         EXPECT_TRUE(isCanonicalUuid(record.at("messageId").get<std::string>())) << record;
         EXPECT_EQ(name, record.at("messageId").get<std::string>() + ".json");
         EXPECT_EQ(record.at("text"), "again");
+    }
+}
+
+/// What waits in "outbound", in order of the names.
+std::vector<std::string> waitingTexts(const BackendProcess& backend) {
+    std::vector<std::string> texts;
+    for (const auto& name : namesIn(backend.path("outbound"))) {
+        texts.push_back(backend.readJson(fs::path("outbound") / name).at("text"));
+    }
+    return texts;
+}
+
+TEST(BackendService, FiftyQuickMessagesKeepTheirOrderByName) {
+    BackendProcess backend;
+    backend.greet();
+    std::vector<std::string> sent;
+    for (int i = 0; i < 50; ++i) {
+        sent.push_back("no " + std::to_string(i));
+        backend.send(sendMessageRequest(teamRoomMessage(sent.back())));
+    }
+    envelopesUpToHere(backend);
+    EXPECT_EQ(waitingTexts(backend), sent);
+}
+
+TEST(BackendService, OrderOfMessagesThatNoWorkerTookSurvivesRestarts) {
+    const BackendOptions options;
+    std::vector<std::string> sent;
+    for (int start = 0; start < 5; ++start) {
+        BackendProcess backend(options);
+        backend.greet();
+        for (int i = 0; i < 3; ++i) {
+            sent.push_back(std::to_string(start) + " " + std::to_string(i));
+            backend.send(sendMessageRequest(teamRoomMessage(sent.back())));
+        }
+        envelopesUpToHere(backend);
+        EXPECT_EQ(waitingTexts(backend), sent);
+        // A killed one leaves as much behind as one that ends.
+        backend.signal(start % 2 == 0 ? SIGKILL : SIGTERM);
+        backend.waitForExit();
     }
 }
 

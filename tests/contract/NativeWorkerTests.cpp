@@ -50,6 +50,13 @@ BackendOptions optionsWithNativeWorker() {
     return options;
 }
 
+/// Whether an echo is called what the sample calls the echo of that message.
+bool isEchoOf(const std::string& messageId, const std::string& echo) {
+    constexpr std::size_t identifier_characters = 36;
+    return isCanonicalUuid(echo.substr(0, identifier_characters)) &&
+           echo.substr(identifier_characters) == "-echo-" + messageId;
+}
+
 auto workerStateIs(const std::string& state) {
     return [state](const Json& status) { return status.at("workerState") == state; };
 }
@@ -78,22 +85,26 @@ TEST_F(NativeWorkerBehindBackendTest, EchoesAMessageIntoTheWatchedChat) {
     EXPECT_EQ(event.at("isDirectMessage"), true);
     EXPECT_TRUE(isTimestamp(event.at("timestampISO8601").get<std::string>()));
     const auto handled = backend_.waitForEntries("runtime/worker-processed-outbound", 1);
-    EXPECT_EQ(event.at("messageId"), "echo-" + fs::path(handled.front()).stem().string());
+    const auto sent = fs::path(handled.front()).stem().string();
+    EXPECT_TRUE(isEchoOf(sent, event.at("messageId"))) << event;
+    EXPECT_EQ(event.at("rawReference"), sent);
     EXPECT_THAT(namesIn(backend_.path("outbound")), IsEmpty());
     backend_.waitForStandardError("[ManagedWhatsAppWorker] Echoed message ");
 }
 
-TEST_F(NativeWorkerBehindBackendTest, EchoesEveryMessageOnce) {
+TEST_F(NativeWorkerBehindBackendTest, EchoesEveryMessageOnceAndInTheOrderOfTheRequests) {
     backend_.connectAndListen();
-    std::set<std::string> texts;
-    constexpr int message_count = 20;
+    std::vector<std::string> sent;
+    std::vector<std::string> received;
+    constexpr int message_count = 50;
     for (int i = 0; i < message_count; ++i) {
+        sent.push_back("Echo: " + std::to_string(i));
         backend_.send(sendMessageRequest({{"conversationId", "team-room"}, {"text", std::to_string(i)}}));
     }
     for (int i = 0; i < message_count; ++i) {
-        texts.insert(backend_.nextEnvelope().at("inboundEvent").at("_0").at("event").at("text"));
+        received.push_back(backend_.nextEnvelope().at("inboundEvent").at("_0").at("event").at("text"));
     }
-    EXPECT_EQ(texts.size(), static_cast<std::size_t>(message_count));
+    EXPECT_EQ(received, sent);
     backend_.waitForEntries("runtime/worker-processed-outbound", message_count);
     EXPECT_THAT(backend_.finishAndTakeRest(), IsEmpty());
 }
@@ -178,6 +189,13 @@ class NativeWorkerTest : public testing::Test {
         write("outbound/" + messageId + ".json", outboundRecord(messageId, text));
     }
 
+    /// The one echo that waits.
+    Json onlyEcho() const {
+        const auto names = namesIn(path("inbound"));
+        EXPECT_EQ(names.size(), 1U);
+        return readJsonFile(path("inbound") / names.front());
+    }
+
     std::shared_ptr<TemporaryDirectory> data_ = std::make_shared<TemporaryDirectory>();
     std::unique_ptr<BackendProcess> worker_;
 };
@@ -187,25 +205,26 @@ TEST_F(NativeWorkerTest, WritesAnEchoWithEveryField) {
     leaveOutbound("A", "hi");
     auto& worker = start();
     worker.waitForEntries("runtime/worker-processed-outbound", 1);
-    auto echo = worker.readJson("inbound/echo-A.json");
+    auto echo = onlyEcho();
     EXPECT_TRUE(isTimestamp(echo.at("timestampISO8601").get<std::string>()));
     echo.erase("timestampISO8601");
+    const auto messageId = echo.at("messageId").get<std::string>();
+    EXPECT_TRUE(isEchoOf("A", messageId)) << messageId;
+    EXPECT_THAT(namesIn(path("inbound")), ElementsAre(messageId + ".json"));
+    echo.erase("messageId");
     EXPECT_EQ(echo, (Json{{"conversationId", "news"},
                           {"conversationTitle", "News"},
                           {"isDirectMessage", false},
-                          {"messageId", "echo-A"},
                           {"rawReference", "A"},
                           {"senderDisplayName", "Echo"},
                           {"senderId", "echo"},
                           {"text", "Echo: hi"}}));
-    EXPECT_THAT(namesIn(path("inbound")), ElementsAre("echo-A.json"));
 }
 
 TEST_F(NativeWorkerTest, EchoesIntoTheMessagesConversationWhenNothingIsWatched) {
     leaveOutbound("A", "hi");
-    auto& worker = start();
-    worker.waitForEntries("runtime/worker-processed-outbound", 1);
-    const auto echo = worker.readJson("inbound/echo-A.json");
+    start().waitForEntries("runtime/worker-processed-outbound", 1);
+    const auto echo = onlyEcho();
     EXPECT_EQ(echo.at("conversationId"), "team-room");
     EXPECT_EQ(echo.at("conversationTitle"), "team-room");
 }
@@ -214,9 +233,8 @@ TEST_F(NativeWorkerTest, WatchesAThreadWithoutATitleByItsIdentifier) {
     write("runtime/worker-control.json",
           controlRecord({{"kind", "thread"}, {"id", "t-9"}, {"title", nullptr}}));
     leaveOutbound("A", "hi");
-    auto& worker = start();
-    worker.waitForEntries("runtime/worker-processed-outbound", 1);
-    EXPECT_EQ(worker.readJson("inbound/echo-A.json").at("conversationTitle"), "t-9");
+    start().waitForEntries("runtime/worker-processed-outbound", 1);
+    EXPECT_EQ(onlyEcho().at("conversationTitle"), "t-9");
 }
 
 TEST_F(NativeWorkerTest, WatchesNothingDuringASelfTestOrForAnotherPlatform) {
@@ -228,21 +246,47 @@ TEST_F(NativeWorkerTest, WatchesNothingDuringASelfTestOrForAnotherPlatform) {
         EXPECT_EQ(status.at("state"), "linked") << control;
         leaveOutbound("A", "hi");
         worker.waitForFile("runtime/worker-processed-outbound/A.json");
-        EXPECT_EQ(worker.readJson("inbound/echo-A.json").at("conversationId"), "team-room") << control;
-        fs::remove(path("inbound/echo-A.json"));
+        EXPECT_EQ(onlyEcho().at("conversationId"), "team-room") << control;
+        fs::remove(path("inbound") / namesIn(path("inbound")).front());
         fs::remove(path("runtime/worker-processed-outbound/A.json"));
         worker_.reset();
     }
 }
 
-TEST_F(NativeWorkerTest, TakesMessagesInTheOrderOfTheirTimesThenNames) {
-    write("outbound/a.json", outboundRecord("a", "3", "2026-01-05T09:30:02Z"));
-    write("outbound/c.json", outboundRecord("c", "2", "2026-01-05T09:30:01Z"));
-    write("outbound/b.json", outboundRecord("b", "1", "2026-01-05T09:30:01Z"));
+TEST_F(NativeWorkerTest, TakesMessagesInTheOrderOfTheirNamesWhateverTheirTimes) {
+    write("outbound/c.json", outboundRecord("c", "3", "2026-01-05T09:30:00Z"));
+    write("outbound/a.json", outboundRecord("a", "1", "2026-01-05T09:30:02Z"));
+    write("outbound/b.json", outboundRecord("b", "2", "2026-01-05T09:30:01Z"));
     auto& worker = start();
+    EXPECT_EQ(worker.nextLine(), "Echoed message a.");
     EXPECT_EQ(worker.nextLine(), "Echoed message b.");
     EXPECT_EQ(worker.nextLine(), "Echoed message c.");
+}
+
+TEST_F(NativeWorkerTest, EchoesStandBehindThoseThatAnEarlierWorkerLeft) {
+    // Many restarts: a worker that began anywhere would pass now and then.
+    std::string previous;
+    for (const std::string message : {"e", "d", "c", "b", "a"}) {
+        leaveOutbound(message, "hi");
+        start().waitForFile("runtime/worker-processed-outbound/" + message + ".json");
+        worker_.reset();
+        const auto names = namesIn(path("inbound"));
+        EXPECT_TRUE(names.back().ends_with("-echo-" + message + ".json")) << names.back();
+        EXPECT_GT(names.back(), previous);
+        previous = names.back();
+    }
+}
+
+TEST_F(NativeWorkerTest, MessagesDoNotOvertakeOneThatCannotBeTakenYet) {
+    leaveOutbound("a", "1");
+    leaveOutbound("b", "2");
+    fs::rename(path("outbound/a.json"), path("a.json"));
+    fs::create_symlink(path("a.json.later"), path("outbound/a.json"));
+    auto& worker = start();
+    worker.waitForStandardError("Cannot read ");
+    fs::rename(path("a.json"), path("a.json.later"));
     EXPECT_EQ(worker.nextLine(), "Echoed message a.");
+    EXPECT_EQ(worker.nextLine(), "Echoed message b.");
 }
 
 TEST_F(NativeWorkerTest, RejectsWhatItCannotUse) {
@@ -254,7 +298,7 @@ TEST_F(NativeWorkerTest, RejectsWhatItCannotUse) {
     worker.waitForEntries("runtime/worker-processed-outbound", 1);
     EXPECT_THAT(worker.waitForEntries("runtime/worker-rejected-outbound", 3),
                 ElementsAre("broken.json", "directory.json", "other.json"));
-    EXPECT_THAT(namesIn(path("inbound")), ElementsAre("echo-good.json"));
+    EXPECT_EQ(onlyEcho().at("rawReference"), "good");
     for (const auto* name : {"broken.json", "other.json", "directory.json"}) {
         worker.waitForStandardError(std::string("Rejected outbound record ") + name + ": ");
     }
@@ -281,7 +325,7 @@ TEST_F(NativeWorkerTest, KeepsBothRecordsWhenANameComesAgain) {
 
 TEST_F(NativeWorkerTest, DoesNotDoubleAnEchoThatWasWrittenBeforeACrash) {
     for (const auto* place : {"inbound", "processed", "rejected"}) {
-        const auto echo = fs::path(place) / "echo-A.json";
+        const auto echo = fs::path(place) / "6B29FC40-CA47-4067-B31D-00DD010662DA-echo-A.json";
         writeFileAtomically(path(echo), "from before the crash");
         leaveOutbound("A", "hi");
         auto& worker = start();
@@ -315,15 +359,16 @@ TEST_F(NativeWorkerTest, KilledInTheMiddleLosesAndDoublesNothing) {
 }
 
 TEST_F(NativeWorkerTest, KeepsAMessageWhoseEchoCannotBeWrittenAndTriesAgain) {
+    leaveOutbound("0", "hi");
     auto& worker = start();
-    worker.waitForFile("runtime/worker-status.json");
+    worker.waitForFile("runtime/worker-processed-outbound/0.json");
     makeVanish(path("inbound"));
     leaveOutbound("A", "hi");
     worker.waitForStandardError("Cannot write ");
     EXPECT_TRUE(fs::exists(path("outbound/A.json")));
     fs::create_directory(path("inbound"));
-    worker.waitForFile("inbound/echo-A.json");
     worker.waitForFile("runtime/worker-processed-outbound/A.json");
+    EXPECT_EQ(onlyEcho().at("rawReference"), "A");
 }
 
 TEST_F(NativeWorkerTest, KeepsItsHeartbeatWhileTheControlRecordIsBroken) {

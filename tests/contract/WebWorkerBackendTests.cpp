@@ -103,6 +103,17 @@ TEST_F(WebWorkerRoad, AMessageOfThePageBecomesAnInboundEvent) {
     backend().waitForEntries("inbound", 0);
 }
 
+TEST_F(WebWorkerRoad, MessagesOfOneMomentReachTheParentInThePagesOrder) {
+    constexpr int message_count = 20;
+    listen("team-room", "Team Room");
+    page().run("for (let n = 0; n < " + std::to_string(message_count) +
+               "; ++n) client.receive('Team Room', { id: 'm' + n, sender: 'Ann', text: 'no ' + n })");
+    for (int n = 0; n < message_count; ++n) {
+        const auto event = backend().nextEnvelope()["inboundEvent"]["_0"]["event"];
+        EXPECT_EQ(event["text"], "no " + std::to_string(n));
+    }
+}
+
 TEST_F(WebWorkerRoad, TheRuntimeStatusShowsTheWorkers) {
     const auto status = waitForWorkerState("linked");
     EXPECT_EQ(status["workerProcessRunning"], true);

@@ -23,6 +23,8 @@ using testing::Not;
 
 constexpr const char* three_chats = "client.chats(['Family', 'Team Room', 'Ann Lee'])";
 
+class WebWorkerInbound : public WebWorkerTest {};
+
 /// A linked page with some chats and a worker that has found it.
 class WebWorkerCapture : public WebWorkerTest {
   protected:
@@ -112,15 +114,31 @@ TEST_F(WebWorkerCapture, HistoryIsNotDeliveredAndWhatFollowsIsOnce) {
     receive("Team Room", {{"id", "m3"}, {"sender", "Bob"}, {"text", "and then"}});
     EXPECT_EQ(worker().waitForTexts(3).size(), 3U);
     worker().waitForMoreStatuses(4);
-    EXPECT_THAT(worker().waitForTexts(3), testing::UnorderedElementsAre("now", "now", "and then"));
+    EXPECT_THAT(worker().waitForTexts(3), ElementsAre("now", "now", "and then"));
 }
 
-TEST_F(WebWorkerCapture, MessagesOfOneDrainKeepTheirOrderInTheNumberPublished) {
+TEST_F(WebWorkerCapture, MessagesOfOneMomentStandInThePagesOrderByName) {
     worker().watchUntilOpen("Team Room");
     page().run(
         "for (let n = 0; n < 20; ++n) client.receive('Team Room', { id: 'm' + n, sender: 'Ann', text: 'no ' + n })");
-    EXPECT_EQ(worker().waitForTexts(20).size(), 20U);
+    std::vector<std::string> received;
+    for (int n = 0; n < 20; ++n) received.push_back("no " + std::to_string(n));
+    EXPECT_EQ(worker().waitForTexts(20), received);
     worker().waitForDetail("Captured 20 inbound message(s).");
+}
+
+TEST_F(WebWorkerInbound, MessagesStandBehindThoseThatAnEarlierWorkerLeft) {
+    const auto place = WebWorkerOptions();
+    std::vector<std::string> received;
+    for (const std::string text : {"first", "second", "third"}) {
+        received.push_back(text);
+        DrivenPage page(three_chats);
+        WebWorkerProcess worker(WebWorkerOptions(place).withUrl(page.url()));
+        worker.waitForState("linked");
+        worker.watchUntilOpen("Team Room");
+        page.run("client.receive('Team Room', { id: 'm1', sender: 'Ann', text: '" + text + "' })");
+        EXPECT_EQ(worker.waitForTexts(received.size()), received);
+    }
 }
 
 TEST_F(WebWorkerCapture, AMessageThatLeavesTheListBeforeTheNextLookIsDelivered) {
@@ -141,7 +159,7 @@ TEST_F(WebWorkerCapture, MessagesOfAGroupNameTheirSenders) {
         EXPECT_EQ(record["conversationTitle"], "Family");
         EXPECT_EQ(record["isDirectMessage"], true);
     }
-    EXPECT_THAT(senders, testing::UnorderedElementsAre("ann-lee: from Ann", "bob: from Bob"));
+    EXPECT_THAT(senders, ElementsAre("ann-lee: from Ann", "bob: from Bob"));
 }
 
 TEST_F(WebWorkerCapture, ComesBackToTheWatchedChatWhenAnotherOneWasOpened) {
@@ -244,8 +262,6 @@ TEST_F(WebWorkerCapture, ARecordForAnotherPlatformChangesNothing) {
     EXPECT_THAT(worker().waitForTexts(1), ElementsAre("still heard"));
     for (const auto& detail : worker().journal().details()) EXPECT_THAT(detail, Not(HasSubstr("Family")));
 }
-
-class WebWorkerInbound : public WebWorkerTest {};
 
 TEST_F(WebWorkerInbound, ARecordThatCannotBeWrittenIsAnErrorAndTheNextOneIsDelivered) {
     DrivenPage page(three_chats);

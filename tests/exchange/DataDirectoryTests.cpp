@@ -35,9 +35,7 @@ class ForeignOwnership final : public FileManager {
         return found;
     }
     void createDirectory(const std::string& path) override { real_.createDirectory(path); }
-    std::vector<std::string> visibleEntries(const std::string& path) override {
-        return real_.visibleEntries(path);
-    }
+    DirectoryListing listDirectory(const std::string& path) override { return real_.listDirectory(path); }
     std::unique_ptr<DirectoryReader> readDirectory(const std::string& path) override {
         return real_.readDirectory(path);
     }

@@ -1,12 +1,19 @@
 #include "exchange/RecordFiles.h"
 
 #include <errno.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "support/FaultInjectingFileManager.h"
 #include "support/Files.h"
+#include "support/ForwardingFileManager.h"
 #include "support/TemporaryDirectory.h"
 #include "system/FileSystemFailure.h"
 
@@ -15,6 +22,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::namesIn;
+using testing::ElementsAre;
+using testing::IsEmpty;
 
 constexpr std::size_t uuid_characters = 36;
 
@@ -37,6 +46,73 @@ TEST_F(RecordFilesTests, ExtensionIsMatchedExactly) {
     EXPECT_FALSE(isRecordFileName("a.JSON"));
     EXPECT_FALSE(isRecordFileName("a.json.part"));
     EXPECT_FALSE(isRecordFileName("ajson"));
+}
+
+/// Shows one listing after the other.
+class ListedFiles final : public test::ForwardingFileManager {
+  public:
+    explicit ListedFiles(std::vector<DirectoryListing> listings)
+        : ForwardingFileManager(real_), listings_(std::move(listings)) {}
+
+    DirectoryListing listDirectory(const std::string&) override { return listings_.at(listed_++); }
+    std::size_t listed() const { return listed_; }
+
+  private:
+    PosixFileManager real_;
+    std::vector<DirectoryListing> listings_;
+    std::size_t listed_ = 0;
+};
+
+TEST(WaitingRecordsTests, AreTheRecordsInOrderOfTheirNames) {
+    ListedFiles files({{.visibleEntries = {"b.json", "note.txt", "a.json", "B.json", "10.json", "9.json"}}});
+    EXPECT_THAT(waitingRecords(files, "/"), ElementsAre("10.json", "9.json", "B.json", "a.json", "b.json"));
+    EXPECT_EQ(files.listed(), 1U);
+}
+
+TEST(WaitingRecordsTests, ListingInPortionsIsRepeatedUpToItsGreatestName) {
+    ListedFiles files({{.visibleEntries = {"a.json", "d.json", "z.txt"}, .isSnapshot = false},
+                       {.visibleEntries = {"f.json", "d.json", "e.json", "b.json", "c.json", "a.json"},
+                        .isSnapshot = false}});
+    EXPECT_THAT(waitingRecords(files, "/"), ElementsAre("a.json", "b.json", "c.json", "d.json"));
+    EXPECT_EQ(files.listed(), 2U);
+}
+
+TEST(WaitingRecordsTests, NoneAmongManyOtherFilesAreNone) {
+    ListedFiles files({{.visibleEntries = {"z.txt"}, .isSnapshot = false}});
+    EXPECT_THAT(waitingRecords(files, "/"), IsEmpty());
+}
+
+TEST(WaitingRecordsTests, NoLaterOneIsShownWithoutAnEarlierOneWhileOthersArrive) {
+    // Enough for a listing of several portions from the beginning.
+    constexpr int waiting = 1500;
+    constexpr int altogether = 2500;
+    constexpr int least_digits = 100'000;
+    const test::TemporaryDirectory home;
+    const auto name = [](int index) { return std::to_string(least_digits + index) + ".json"; };
+    std::atomic<int> written = 0;
+    const auto writeUpTo = [&](int count) {
+        // Only the name counts, so a link, which is faster to make than a file.
+        for (; written < count; ++written) fs::create_symlink("nowhere", home.path() / name(written));
+    };
+    writeUpTo(waiting);
+    std::thread writer([&] { writeUpTo(altogether); });
+    PosixFileManager files;
+    std::vector<std::string> shown;
+    std::size_t incomplete = 0;
+    for (int due = waiting; due <= altogether; ++due) {
+        // Whoever lists all the time keeps the writer from writing.
+        while (written < due) std::this_thread::yield();
+        shown = waitingRecords(files, home.path());
+        for (std::size_t i = 0; i < shown.size(); ++i) {
+            if (shown[i] != name(static_cast<int>(i))) {
+                ++incomplete;
+                break;
+            }
+        }
+    }
+    writer.join();
+    EXPECT_EQ(incomplete, 0U);
+    EXPECT_EQ(shown.size(), static_cast<std::size_t>(altogether));
 }
 
 TEST_F(RecordFilesTests, RecordIsMovedUnderItsOwnName) {

@@ -42,6 +42,11 @@ bool isMadeByTheSystem(const std::string& name) {
     return isCanonicalUuid(stemOf(name));
 }
 
+/// The native worker's answer to a message.
+bool isEcho(const std::string& name) {
+    return name.find("-echo-") != std::string::npos;
+}
+
 bool isRecordDirectory(const std::string& directory) {
     return !directory.empty() && directory != "runtime";
 }
@@ -137,8 +142,7 @@ void DirectoryWatch::check(const Event& event) {
 
 void DirectoryWatch::checkContent(const Event& event) {
     // What the harness writes itself.
-    if (event.directory == "inbound" && !isMadeByTheSystem(event.name) && !event.name.starts_with("echo-"))
-        return;
+    if (event.directory == "inbound" && !isMadeByTheSystem(event.name) && !isEcho(event.name)) return;
     if (event.name.front() == static_cast<char>(Series::garbage)) return;
     std::string content;
     try {

@@ -61,10 +61,10 @@ void FaultInjectingFileManager::createDirectory(const std::string& path) {
     real_.createDirectory(path);
 }
 
-std::vector<std::string> FaultInjectingFileManager::visibleEntries(const std::string& directory) {
+DirectoryListing FaultInjectingFileManager::listDirectory(const std::string& directory) {
     record("list", directory);
     failIfDue("list", directory);
-    return real_.visibleEntries(directory);
+    return real_.listDirectory(directory);
 }
 
 /// Fails when its turn comes, as everything else does.

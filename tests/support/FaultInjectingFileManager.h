@@ -49,7 +49,7 @@ class FaultInjectingFileManager final : public FileManager {
     std::vector<std::string> operations() const;
 
     void createDirectory(const std::string& path) override;
-    std::vector<std::string> visibleEntries(const std::string& directory) override;
+    DirectoryListing listDirectory(const std::string& directory) override;
     std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) override;
     std::uintmax_t fileSystemBytes(const std::string& path) override;
     bool fileExists(const std::string& path) override;

@@ -159,17 +159,12 @@ std::vector<Json> WebWorkerProcess::waitForRecords(std::size_t count) {
         },
         std::to_string(count) + " inbound records");
     if (names.size() != count) throw TestFailure(std::to_string(names.size()) + " inbound records");
-    std::vector<std::pair<std::filesystem::file_time_type, Json>> records;
+    std::vector<Json> records;
     for (const auto& name : names) {
-        const auto file = path("inbound") / name;
-        records.emplace_back(std::filesystem::last_write_time(file), readJsonFile(file));
-        EXPECT_EQ(name, records.back().second["messageId"].get<std::string>() + ".json");
+        records.push_back(readJsonFile(path("inbound") / name));
+        EXPECT_EQ(name, records.back()["messageId"].get<std::string>() + ".json");
     }
-    std::stable_sort(records.begin(), records.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
-    std::vector<Json> result;
-    for (auto& record : records) result.push_back(std::move(record.second));
-    return result;
+    return records;
 }
 
 std::vector<std::string> WebWorkerProcess::waitForTexts(std::size_t count) {

@@ -79,8 +79,7 @@ class WebWorkerProcess {
     /// Waits until `condition` holds; a wait in vain shows every status and all of the standard error, so
     /// that slow and lost can be told apart.
     void waitUntil(const std::function<bool()>& condition, std::string_view what);
-    /// Waits until `count` records have arrived, and gives them by the times of their files. Those are too
-    /// coarse to tell in which order records arrived that came within some milliseconds.
+    /// Waits until `count` records have arrived, and gives them in order of their names.
     std::vector<Json> waitForRecords(std::size_t count);
     /// The texts of waitForRecords().
     std::vector<std::string> waitForTexts(std::size_t count);

@@ -406,8 +406,38 @@ TEST_F(InboundCaptureTests, UndecodableResultIsPublished) {
             "error: Managed WhatsApp worker failed to poll inbound messages: The data cannot be used because it is corrupt or has a value of the wrong type (at messages[0].text). (Account)"));
 }
 
+TEST_F(InboundCaptureTests, NamesStandInThePagesOrder) {
+    std::vector<test::Json> messages;
+    for (int i = 0; i < 20; ++i) messages.push_back(message(std::to_string(i), std::to_string(i)));
+    pollOpenChat(drain(messages));
+    pollOpenChat(drain(messages));
+    std::vector<std::string> paths;
+    for (const auto& write : parts_.files.writes()) {
+        if (write.path.starts_with(parts_.directory.inbound)) paths.push_back(write.path);
+    }
+    EXPECT_THAT(paths, SizeIs(40));
+    EXPECT_TRUE(std::is_sorted(paths.begin(), paths.end()));
+}
+
+TEST_F(InboundCaptureTests, NamesStandBehindThoseThatAnEarlierWorkerLeft) {
+    const std::string earlier = "EB29FC40-CA47-4067-B31D-00DD010662DA.json";
+    test::writeFileAtomically(parts_.directory.inbound + "/" + earlier, "{}");
+    pollOpenChat(drain({message("a", "1")}));
+    const auto names = test::namesIn(parts_.directory.inbound);
+    ASSERT_THAT(names, SizeIs(2));
+    EXPECT_EQ(names[0], earlier);
+}
+
+TEST_F(InboundCaptureTests, DirectoryThatCannotBeListedDoesNotLoseAMessage) {
+    parts_.faults.set(Fault{.operation = 1, .code = EMFILE});
+    pollOpenChat(drain({message("a", "1")}));
+    EXPECT_THAT(parts_.faults.failures(), ElementsAre("list " + parts_.directory.inbound));
+    EXPECT_THAT(texts(), ElementsAre("a"));
+}
+
 TEST_F(InboundCaptureTests, FailedWriteInTheMiddleEndsTheDrain) {
-    parts_.faults.set(Fault{.operation = 2, .code = ENOSPC});
+    // What waits is listed before the first write.
+    parts_.faults.set(Fault{.operation = 3, .code = ENOSPC});
     pollOpenChat(drain({message("a", "1"), message("b", "2"), message("c", "3")}));
     EXPECT_THAT(texts(), ElementsAre("a"));
     EXPECT_THAT(test::namesIn(parts_.directory.inbound), SizeIs(1));
