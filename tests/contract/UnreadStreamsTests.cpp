@@ -32,11 +32,13 @@ std::string nameOf(std::size_t number) {
     return std::to_string(100'000 + number);
 }
 
-/// A backlog of messages whose texts are the files' names.
-void putBacklog(const std::filesystem::path& inbound, std::size_t count) {
+/// A backlog of messages whose texts are the files' names and then `padding`.
+void putBacklog(const std::filesystem::path& inbound, std::size_t count, const std::string& padding = {}) {
     std::filesystem::create_directories(inbound);
-    for (std::size_t i = 0; i < count; ++i)
-        std::ofstream(inbound / (nameOf(i) + ".json")) << inboundRecord(nameOf(i), nameOf(i));
+    for (std::size_t i = 0; i < count; ++i) {
+        writeFileAtomically(inbound / (nameOf(i) + ".json"),
+                            inboundRecord(nameOf(i), nameOf(i) + padding).dump());
+    }
 }
 
 /// The texts of the messages among whole lines of standard output.
@@ -179,13 +181,14 @@ BackendOptions optionsWithSmallOutput() {
 }
 
 TEST(UnreadOutput, KeepsNeitherMessagesNorStatusNorTheEndWaitingForADelivery) {
-    // A pipe of four pages takes no more once the fourth is begun.
+    // A pipe of four pages takes no more once the fourth is begun, and each line begins one.
     constexpr std::size_t page_bytes = 4096;
+    const std::string padding(page_bytes * 4 / 5, 'x');
     BackendOptions options;
     options.stdoutPipeBytes = 4 * page_bytes;
     BackendProcess backend(options);
     backend.greet();
-    putBacklog(backend.path("inbound"), 200);
+    putBacklog(backend.path("inbound"), 200, padding);
     backend.send(connectRequest());
     EXPECT_EQ(backend.nextLine(), connecting_line);
     EXPECT_EQ(backend.nextLine(), connected_line);
