@@ -100,7 +100,7 @@ std::chrono::milliseconds parseSeconds(const std::string& text) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
     const bool isNumber = error == std::errc() && end == text.data() + text.size();
     if (!isNumber || !(seconds > 0) || seconds > longest_patience_seconds) {
-        throw Failure("\"" + text + "\" is not a number of seconds between 0 and 86400.");
+        throw Failure("\"" + singleLine(text) + "\" is not a number of seconds between 0 and 86400.");
     }
     return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
 }
@@ -139,7 +139,7 @@ Command parseWaitStatus(Arguments& arguments) {
         .field = arguments.take(), .value = arguments.take(), .patience = default_patience};
     const auto fields = record::fieldNames<ManagedWhatsAppRuntimeStatusRecord>();
     if (std::find(fields.begin(), fields.end(), command.field) == fields.end()) {
-        throw Failure("The runtime status has no field \"" + command.field + "\".");
+        throw Failure("The runtime status has no field \"" + singleLine(command.field) + "\".");
     }
     if (arguments.skip("within")) command.patience = parseSeconds(arguments.take());
     arguments.requireEnd();

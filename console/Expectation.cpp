@@ -6,6 +6,7 @@
 #include "bridge/BridgeMessages.h"
 #include "records/DecodingFailure.h"
 #include "text/Failure.h"
+#include "text/Text.h"
 
 namespace brindle::console {
 namespace {
@@ -78,7 +79,7 @@ Expectation Expectation::forName(std::string_view dottedName) {
     Expectation expectation;
     expectation.name = dottedName.substr(0, dot);
     if (!contains(BridgeEnvelope::case_names, expectation.name)) {
-        throw Failure("There is no envelope \"" + expectation.name + "\"; the envelopes are " +
+        throw Failure("There is no envelope \"" + singleLine(expectation.name) + "\"; the envelopes are " +
                       listed(BridgeEnvelope::case_names) + ".");
     }
     if (dot == std::string_view::npos) return expectation;
@@ -87,7 +88,7 @@ Expectation Expectation::forName(std::string_view dottedName) {
         throw Failure("The envelope " + expectation.name + " has no inner cases; only stateChanged has.");
     }
     if (!contains(BridgeConnectionState::case_names, expectation.innerName)) {
-        throw Failure("There is no state \"" + expectation.innerName + "\"; the states are " +
+        throw Failure("There is no state \"" + singleLine(expectation.innerName) + "\"; the states are " +
                       listed(BridgeConnectionState::case_names) + ".");
     }
     return expectation;

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "text/Text.h"
+
 namespace brindle::console {
 namespace {
 
@@ -32,8 +34,8 @@ int Wait::pollTimeout() const {
 }
 
 std::string Wait::failure() const {
-    return "Expected " + condition_.subject + ", which did not come within " + inSeconds(patience_) +
-           (condition_.remark ? condition_.remark() : "") + ".";
+    return singleLine("Expected " + condition_.subject + ", which did not come within " +
+                      inSeconds(patience_) + (condition_.remark ? condition_.remark() : "") + ".");
 }
 
 }  // namespace brindle::console

@@ -156,6 +156,14 @@ TEST(Command, WaitStatusRefusesAFieldThatTheStatusLacks) {
     EXPECT_THAT(refusal("wait-status workerState linked soon"), HasSubstr("Usage: wait-status"));
 }
 
+TEST(Command, RefusalIsOneLineWhateverAWordHolds) {
+    EXPECT_EQ(refusal("wait-status \"a\\nb\" linked"), "The runtime status has no field \"a?b\".");
+    EXPECT_THAT(refusal("expect \"a\\nb\""), HasSubstr("There is no envelope \"a?b\";"));
+    EXPECT_THAT(refusal("expect \"stateChanged.a\x1B[2J\""), HasSubstr("There is no state \"a?[2J\";"));
+    EXPECT_EQ(refusal("qr within \"1\\t\""), "\"1?\" is not a number of seconds between 0 and 86400.");
+    EXPECT_EQ(refusal("fly\\naway"), "Unknown command \"fly?away\"; \"help\" lists the commands.");
+}
+
 TEST(Command, QRTakesPatience) {
     EXPECT_EQ(parsed<QRCommand>("qr").patience, default_patience);
     EXPECT_EQ(parsed<QRCommand>("qr within 0.5").patience, std::chrono::milliseconds(500));

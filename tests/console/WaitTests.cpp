@@ -26,6 +26,12 @@ TEST(Wait, InVainNeedsNoRemark) {
     EXPECT_EQ(wait.failure(), "Expected a sign, which did not come within 0.1 s.");
 }
 
+TEST(Wait, InVainIsOneLineWhateverWasExpected) {
+    const Wait wait({.isFulfilled = [] { return false; }, .subject = "a\nb", .remark = {}},
+                    milliseconds(100));
+    EXPECT_EQ(wait.failure(), "Expected a?b, which did not come within 0.1 s.");
+}
+
 TEST(Wait, IsOverOnceItsTimeHasPassed) {
     EXPECT_TRUE(Wait(condition(false), milliseconds(0)).isOver());
     EXPECT_FALSE(Wait(condition(false), hours(1)).isOver());
