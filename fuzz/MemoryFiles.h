@@ -7,7 +7,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "system/FileManager.h"
 #include "system/FileSystemFailure.h"
@@ -33,7 +32,7 @@ class MemoryFiles final : public FileManager {
     }
 
     void createDirectory(const std::string&) override {}
-    std::vector<std::string> visibleEntries(const std::string& path) override { refuse("list", path); }
+    DirectoryListing listDirectory(const std::string& path) override { refuse("list", path); }
     std::unique_ptr<DirectoryReader> readDirectory(const std::string& path) override { refuse("list", path); }
     std::uintmax_t fileSystemBytes(const std::string& path) override { refuse("measure", path); }
     bool isExecutableFile(const std::string&) override { return false; }

@@ -65,6 +65,7 @@ std::vector<BridgeEnvelope> envelopesIn(std::string_view output) {
     require(lines.back().empty(), "the last line of the output is a whole one");
     lines.pop_back();
     std::vector<BridgeEnvelope> envelopes;
+    envelopes.reserve(lines.size());
     for (const auto line : lines) envelopes.push_back(decodedRecord<BridgeEnvelope>(line));
     return envelopes;
 }
