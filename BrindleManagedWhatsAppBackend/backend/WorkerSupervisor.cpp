@@ -140,7 +140,7 @@ bool WorkerSupervisor::relayAvailable(const Handle& handle, Stream stream) {
 
 void WorkerSupervisor::resumeRelay() noexcept {
     if (!isRelayPaused_.exchange(false)) return;
-    const std::lock_guard hold(processLock_);
+    const MutexHold hold(processLock_);
     for (auto* watch : {outputWatch_.get(), errorWatch_.get()}) {
         if (watch != nullptr) withoutFailing([&] { watch->resume(); });
     }

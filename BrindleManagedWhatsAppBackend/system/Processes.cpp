@@ -66,6 +66,8 @@ void letTerminationSignalsThrough() {
 }
 
 void giveLargeMemoryBackAtOnce() {
+    // Called at the start, before there is a second thread.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     ::mallopt(M_MMAP_THRESHOLD, large_memory_bytes);
 }
 
