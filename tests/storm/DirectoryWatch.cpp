@@ -171,6 +171,9 @@ void DirectoryWatch::checkOrder(const Event& event) {
     auto& waiting = waiting_[event.directory];
     if (event.mask & (IN_MOVED_FROM | IN_DELETE)) waiting.erase(event.name);
     if (!(event.mask & IN_MOVED_TO)) return;
+    if (!waiting.empty() && event.name < *waiting.rbegin()) {
+        report(event, "does not come after " + *waiting.rbegin() + ", which waits there");
+    }
     waiting.insert(event.name);
 }
 

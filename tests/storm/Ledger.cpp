@@ -106,7 +106,7 @@ void Ledger::takeEvent(const Message& message) {
     if (!receivedNow_.insert(message).second) return report(message, "was delivered twice in one life");
     if (filedAway_.contains(message)) report(message, "was delivered although it had been filed away before");
     const auto last = last_.find(message.series);
-    if (message.series == Series::inbound && last != last_.end() && message < last->second) {
+    if (last != last_.end() && message < last->second) {
         report(message, "was delivered after " + last->second.name());
     }
     last_[message.series] = message;

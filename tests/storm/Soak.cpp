@@ -45,8 +45,10 @@ class ProcessSamples {
     ProcessSamples(const std::string& name, pid_t process) : process_(process) {
         // Single pages come and go; what is lost for good shows in an hour.
         constexpr double memory_kibibytes = 256;
+        // Shared pages count the more the fewer others have them at the moment.
+        constexpr double shared_kibibytes = 512;
         constexpr double memory_share = 0.05;
-        quantities = {{name + " PSS KiB", memory_share, memory_kibibytes},
+        quantities = {{name + " PSS KiB", memory_share, shared_kibibytes},
                       {name + " dirty KiB", memory_share, memory_kibibytes},
                       {name + " fds", 0, 1},
                       {name + " threads", 0, 0.5}};

@@ -37,7 +37,6 @@ class Traffic {
     struct Direction {
         std::int64_t begun = 0;
         std::map<std::int64_t, Clock::time_point> underWay{};
-        bool isInOrder = true;
     };
 
     void begin(Direction& direction);
@@ -51,7 +50,7 @@ class Traffic {
 
     BackendProcess& process_;
     Direction inbound_;
-    Direction echoes_{.isInOrder = false};
+    Direction echoes_;
     std::size_t arrived_ = 0;
     std::size_t garbage_ = 0;
     std::size_t badLines_ = 0;
