@@ -44,7 +44,7 @@ WorkerKind workerFor(Random& random, const Preferences& preferences) {
 Victim victimFor(Random& random, const Preferences& preferences, WorkerKind worker) {
     if (preferences.only) return *preferences.only;
     constexpr int workers_share_percent = 30;
-    constexpr int parents_share_percent = 0;
+    constexpr int parents_share_percent = 30;
     constexpr int engines_share_percent = 60;
     if (worker != WorkerKind::none && random.hasPercent(workers_share_percent)) {
         if (worker == WorkerKind::native) return Victim::nativeWorker;
