@@ -498,7 +498,8 @@ TEST_F(LateCaptureTests, WhatElseALateAnswerSaysIsOutOfDate) {
 
 TEST_F(LateCaptureTests, FailedWriteIsPublished) {
     pollSlowPage();
-    parts_.faults.set(Fault{.operation = 3, .code = ENOSPC});
+    // What waits is listed before the first write.
+    parts_.faults.set(Fault{.operation = 2, .code = ENOSPC});
     parts_.host.answerOnly(test::result(drain({message("a")}).dump()));
     EXPECT_THAT(parts_.published().back(), AllOf(StartsWith("error: "), HasSubstr("No space left")));
 }
