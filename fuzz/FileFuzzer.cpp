@@ -50,14 +50,6 @@ void readProcessIdentifier(std::string_view content) {
             "a process identifier is a whole number with nothing but white space around it");
 }
 
-class DeafDelegate final : public WebPageDelegate {
-  public:
-    void pageFinished() override {}
-    void navigationFailed(const std::string&) override {}
-    void provisionalNavigationFailed(const std::string&) override {}
-    void pageLost(const std::string&) override {}
-};
-
 WorkerState watchingState() {
     WorkerState state;
     state.hasReceivedControlSnapshot = true;
@@ -106,7 +98,7 @@ void readControl(std::string_view content) {
     files.contents[control_file] = content;
     test::TestClock clock;
     test::ScriptedHost host(clock);
-    DeafDelegate delegate;
+    test::DeafDelegate delegate;
     const auto page = host.openPage(delegate);
     const WorkerLog log(host);
     auto state = watchingState();

@@ -31,14 +31,6 @@ constexpr auto status_file = "/data/runtime/worker-status.json";
 constexpr auto qr_code_file = "/data/runtime/worker-qr.png";
 constexpr std::string_view png_data_url_prefix = "data:image/png;base64,";
 
-class DeafDelegate final : public WebPageDelegate {
-  public:
-    void pageFinished() override {}
-    void navigationFailed(const std::string&) override {}
-    void provisionalNavigationFailed(const std::string&) override {}
-    void pageLost(const std::string&) override {}
-};
-
 /// The parts of the worker that listen to the page, in front of one that answers as it was told.
 struct Worker {
     explicit Worker(std::string_view watchedTitle) {
@@ -67,7 +59,7 @@ struct Worker {
     fuzz::MemoryFiles files;
     test::TestClock clock;
     test::ScriptedHost host{clock};
-    DeafDelegate delegate;
+    test::DeafDelegate delegate;
     std::unique_ptr<WebPage> page = host.openPage(delegate);
     WorkerState state;
     LoadRecovery recovery{clock};

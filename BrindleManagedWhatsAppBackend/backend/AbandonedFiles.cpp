@@ -11,7 +11,6 @@ namespace {
 
 /// No writer takes so long.
 constexpr std::chrono::minutes abandonment_age{1};
-constexpr int files_per_step = 32;
 
 }  // namespace
 
@@ -27,7 +26,7 @@ void AbandonedFiles::lookAgain() {
 }
 
 bool AbandonedFiles::step() noexcept {
-    for (int count = 0; count < files_per_step && !isOver(); ++count) {
+    for (int count = 0; count < DirectoryWalk::entries_per_step && !isOver(); ++count) {
         // What cannot be seen or removed stays.
         withoutFailing([this] { advance(); });
     }

@@ -93,7 +93,7 @@ bool InboundDelivery::deliver(std::vector<std::string>& names) {
         names = waitingRecords(uses_.fileManager, uses_.directory.inbound);
         std::reverse(names.begin(), names.end());
     }
-    // As above.
+    // What is left by the end of the process stays for the next backend.
     while (!names.empty() && !failed_ && !isStopped_ && !uses_.departureWatch.isDepartureOver()) {
         if (!uses_.emitter.takesLine() || !begin(names.back(), *scope)) return false;
         names.pop_back();

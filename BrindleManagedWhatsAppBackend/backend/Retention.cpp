@@ -23,16 +23,11 @@ constexpr int most_days = 36500;
 constexpr int refused_factor = 10;
 /// Delivered records take one part in so many of their file system, which is usually memory.
 constexpr std::uintmax_t share_of_file_system = 10;
-constexpr int files_per_step = 32;
 /// Clocks are corrected by less within an hour; by more they are set.
 constexpr std::chrono::minutes clock_tolerance{1};
 
 /// The directories of the delivered records come first.
 constexpr std::size_t delivered_directories = 2;
-
-bool isHidden(std::string_view name) {
-    return name.starts_with('.');
-}
 
 std::chrono::nanoseconds offsetOf(const Clock& clock) {
     return clock.now().time_since_epoch() - clock.sinceBoot();
@@ -92,7 +87,7 @@ void Retention::end() {
 
 bool Retention::step() noexcept {
     if (phase_ != Phase::none && hasClockBeenSet()) end();
-    for (int count = 0; count < files_per_step && phase_ != Phase::none; ++count) {
+    for (int count = 0; count < DirectoryWalk::entries_per_step && phase_ != Phase::none; ++count) {
         withoutFailing([this] { advance(); }, [this](const std::exception& error) { report(error); });
     }
     return phase_ != Phase::none;
@@ -118,7 +113,7 @@ std::optional<DirectoryWalk::Entry> Retention::nextRecord(FileAttributes& attrib
         walk_.reset();
         return std::nullopt;
     }
-    if (isHidden(entry->name) || !isRecordFileName(entry->name)) return std::nullopt;
+    if (isHiddenName(entry->name) || !isRecordFileName(entry->name)) return std::nullopt;
     const auto found = uses_.fileManager.attributes(entry->path);
     if (!found || !found->isRegularFile) return std::nullopt;
     attributes = *found;

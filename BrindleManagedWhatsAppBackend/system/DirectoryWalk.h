@@ -13,6 +13,9 @@ namespace brindle {
 /// Goes through the entries of several directories, one entry after the other.
 class DirectoryWalk {
   public:
+    /// How many entries at a time are a small piece of work, between which others get their turn.
+    static constexpr int entries_per_step = 32;
+
     struct Entry {
         /// Which of the directories, counted from 0.
         std::size_t directory = 0;

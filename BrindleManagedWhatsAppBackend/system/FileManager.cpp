@@ -162,7 +162,7 @@ void appendVisibleEntries(std::string_view portion, std::vector<std::string>& na
         // Records of various lengths, each aligned for its type.
         const auto* entry = reinterpret_cast<const dirent64*>(portion.data());
         const std::string_view name(static_cast<const char*>(entry->d_name));
-        if (!name.starts_with('.')) names.emplace_back(name);
+        if (!isHiddenName(name)) names.emplace_back(name);
         portion.remove_prefix(entry->d_reclen);
     }
 }
@@ -179,6 +179,10 @@ void moveAfterLooking(const std::string& from, const std::string& to) {
 }
 
 }  // namespace
+
+bool isHiddenName(std::string_view name) {
+    return name.starts_with('.');
+}
 
 bool isTemporaryName(std::string_view name) {
     const auto prefix = temporary_name_template.substr(0, temporary_name_template.find(placeholder));

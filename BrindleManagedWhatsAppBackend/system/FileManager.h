@@ -50,6 +50,8 @@ class DirectoryReader {
     virtual std::optional<std::string> next() = 0;
 };
 
+/// Whether an entry of that name is not for everybody's eyes: ".…".
+bool isHiddenName(std::string_view name);
 /// Whether a file of that name is the unfinished work of FileManager::writeFileAtomically, here or in another
 /// process.
 bool isTemporaryName(std::string_view name);

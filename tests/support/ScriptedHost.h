@@ -17,6 +17,15 @@
 
 namespace brindle::test {
 
+/// Hears nothing.
+class DeafDelegate final : public WebPageDelegate {
+  public:
+    void pageFinished() override {}
+    void navigationFailed(const std::string&) override {}
+    void provisionalNavigationFailed(const std::string&) override {}
+    void pageLost(const std::string&) override {}
+};
+
 /// An evaluation that succeeded with a string.
 inline EvaluationOutcome result(std::string text) {
     return {.value = std::move(text), .error = std::nullopt};

@@ -33,15 +33,6 @@ inline constexpr auto not_linked_answer = R"({"linked":false,"account":null})";
 /// What the host is asked for when the web client is loaded.
 inline constexpr auto load_web_client = "loadAddress https://web.whatsapp.com/ 60";
 
-/// Hears nothing.
-class DeafDelegate final : public WebPageDelegate {
-  public:
-    void pageFinished() override {}
-    void navigationFailed(const std::string&) override {}
-    void provisionalNavigationFailed(const std::string&) override {}
-    void pageLost(const std::string&) override {}
-};
-
 /// What a published status says, in short: "linked: Linked to ... (Ann)".
 inline std::string summaryOf(const std::string& statusDocument) {
     const auto status = Json::parse(statusDocument);
