@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
-#include <cstdlib>
 #include <exception>
 #include <string>
 #include <string_view>
@@ -29,6 +28,7 @@
 #include "system/Processes.h"
 #include "system/WriteInTime.h"
 #include "text/Text.h"
+#include "worker/EngineVariables.h"
 #include "worker/HostOptions.h"
 #include "worker/ManagedWhatsAppWebWorkerService.h"
 
@@ -114,13 +114,15 @@ pid_t launchingProcess(const Environment& environment) {
 void runWorkerRole(const std::string& platform, const Environment& environment, FileManager& fileManager) {
     // Before anything that takes its time: a parent that dies meanwhile must be missed later.
     const pid_t parent = launchingProcess(environment);
-    // While there is no other thread.
+    // Nobody needs it any more. Before the guard, which would keep a copy, and while there is no other
+    // thread.
+    for (const auto key : {environment_key::launch_token, environment_key::launch_token_file})
+        wipeVariable(key);
     const ProcessGuard guard;
     letTerminationSignalsThrough();
-    // The page is foreign code, and the engine's processes inherit the environment.
-    for (const auto key : {environment_key::launch_token, environment_key::launch_token_file}) {
-        ::unsetenv(std::string(key).c_str());  // NOLINT(concurrency-mt-unsafe): there is one thread yet.
-    }
+    // Before the engine is loaded, whose libraries look at variables at once and whose processes inherit
+    // them.
+    keepVariables(engineVariables());
     const SystemClock clock;
     const auto host = makeWebWorkerHost(webWorkerHostOptions());
     ManagedWhatsAppWebWorkerService service(platform, environment, fileManager, clock, *host, parent);

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -19,5 +20,13 @@ std::optional<std::string> nonBlankValue(const Environment& environment, std::st
 
 /// The flag test: true when the trimmed value is "1", "true", "yes" or "on" in any letter case.
 bool isFlagSet(const Environment& environment, std::string_view key);
+
+/// Removes a variable from the environment of this process (POSIX environ) and overwrites its value where it
+/// lies: /proc/PID/environ, of this process and of those that it forks later, holds it no more. There may be
+/// no other thread.
+void wipeVariable(std::string_view name);
+
+/// Removes every variable of this process (POSIX environ) but the named ones. There may be no other thread.
+void keepVariables(std::span<const std::string_view> names);
 
 }  // namespace brindle

@@ -308,7 +308,7 @@ TEST_F(WebWorkerNeeds, TheEnginesLibrariesAndNamesTheirPackage) {
 TEST_F(WebWorkerNeeds, TheSandboxProgramAndNamesItsPackage) {
     WebWorkerOptions options;
     options.on(TestDisplay::shared());
-    options.process.environment["PATH"] = options.place->path();
+    options.unshared("--mount", "mount --bind /dev/null /usr/bin/bwrap");
     EXPECT_THAT(fatalLineOf(options), AllOf(HasSubstr("cannot sandbox"), HasSubstr("bwrap is missing"),
                                             HasSubstr("install the packages bubblewrap")));
 }
@@ -325,8 +325,9 @@ TEST_F(WebWorkerNeeds, NamespacesForTheSandboxAndSaysHowToProvideThem) {
 TEST_F(WebWorkerNeeds, ATrialOfTheSandboxThatEndsAlsoWhenItIsKilledAndLeavesAProcess) {
     WebWorkerOptions options;
     options.on(TestDisplay::shared());
-    writeScript(options.place->path() / "bwrap", "sleep 1000 &\nkill -KILL $$");
-    options.process.environment["PATH"] = options.place->path().string() + ":/usr/bin:/bin";
+    const auto script = options.place->path() / "bwrap";
+    writeScript(script, "sleep 1000 &\nkill -KILL $$");
+    options.unshared("--mount", "mount --bind " + script.string() + " /usr/bin/bwrap");
     EXPECT_THAT(fatalLineOf(options), AllOf(HasSubstr("cannot sandbox"), HasSubstr("was ended by signal 9")));
 }
 

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
+#include <string>
+
 namespace brindle {
 namespace {
 
@@ -81,6 +84,39 @@ INSTANTIATE_TEST_SUITE_P(
                     std::pair("enabled", false), std::pair("y", false), std::pair("t", false),
                     std::pair("01", false), std::pair("1 1", false), std::pair("true.", false),
                     std::pair("\u200B1", false), std::pair("\xFF", false), std::pair("ｏｎ", false)));
+
+TEST(EnvironmentTests, WipedVariableIsOverwrittenWhereItLies) {
+    char wiped[] = "TOKEN=secret";
+    char longer[] = "TOKEN_FILE=path";
+    char again[] = "TOKEN=more";
+    char bare[] = "TOKEN";
+    char* entries[] = {wiped, longer, again, bare, nullptr};
+    const ReplacedEnvironment replaced(entries);
+    wipeVariable("TOKEN");
+    EXPECT_EQ(std::string(wiped, sizeof wiped), "TOKEN=" + std::string(7, '\0'));
+    EXPECT_EQ(std::string(again, sizeof again), "TOKEN=" + std::string(5, '\0'));
+    EXPECT_EQ(currentEnvironment(), (Environment{{"TOKEN_FILE", "path"}}));
+}
+
+TEST(EnvironmentTests, WipingAVariableThatIsNotThereDoesNothing) {
+    char other[] = "OTHER=1";
+    char* entries[] = {other, nullptr};
+    const ReplacedEnvironment replaced(entries);
+    wipeVariable("TOKEN");
+    EXPECT_EQ(currentEnvironment(), (Environment{{"OTHER", "1"}}));
+}
+
+TEST(EnvironmentTests, OnlyTheNamedVariablesAreKept) {
+    char kept[] = "KEPT=a=b";
+    char empty[] = "EMPTY=";
+    char prefixed[] = "KEPT_TOO=1";
+    char secret[] = "SECRET=1";
+    char noName[] = "=value";
+    char* entries[] = {kept, empty, prefixed, secret, noName, nullptr};
+    const ReplacedEnvironment replaced(entries);
+    keepVariables(std::array<std::string_view, 3>{"KEPT", "EMPTY", "ABSENT"});
+    EXPECT_EQ(currentEnvironment(), (Environment{{"KEPT", "a=b"}, {"EMPTY", ""}}));
+}
 
 TEST(EnvironmentTests, FlagOfMissingVariableIsNotSet) {
     EXPECT_FALSE(isFlagSet({}, "KEY"));

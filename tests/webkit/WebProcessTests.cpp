@@ -93,13 +93,5 @@ TEST(WebProcess, IsSandboxed) {
         EXPECT_NE(namespaceOf(process, kind), namespaceOf("self", kind)) << kind;
 }
 
-TEST(WebProcess, AVariableThatTurnsTheSandboxOffIsIgnored) {
-    ::setenv("WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS", "1", 1);
-    EnginePage page;
-    page.load("<body>here</body>");
-    EXPECT_NE(std::filesystem::read_symlink("/proc/" + std::to_string(webProcess(page)) + "/ns/mnt"),
-              std::filesystem::read_symlink("/proc/self/ns/mnt"));
-}
-
 }  // namespace
 }  // namespace brindle::test

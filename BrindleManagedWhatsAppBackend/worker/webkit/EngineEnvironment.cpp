@@ -1,6 +1,5 @@
 #include "worker/webkit/EngineEnvironment.h"
 
-#include <gio/gio.h>
 #include <glib/gstdio.h>
 #include <gtk/gtk.h>
 #include <unistd.h>
@@ -22,38 +21,52 @@ void nameWaylandSocketWithoutPath() {
     g_setenv("WAYLAND_DISPLAY", name.get(), TRUE);
 }
 
-/// The engine crashes where the directory for its sockets cannot be used, as after a change of user. Without
-/// the variable it takes the cache directory.
-void forgetUnusableRuntimeDirectory() {
+/// The engine crashes where the directory for its sockets cannot be used, as after a change of user, and
+/// where the path of one gets too long, as it may in a home of the engine's own.
+void replaceUnusableRuntimeDirectory(const std::string& cacheDirectory) {
     const char* directory = g_getenv("XDG_RUNTIME_DIR");
-    if (directory == nullptr) return;
-    if (!g_file_test(directory, G_FILE_TEST_IS_DIR) || g_access(directory, W_OK | X_OK) != 0) {
-        g_unsetenv("XDG_RUNTIME_DIR");
-    }
+    const bool isUsable = directory != nullptr && g_file_test(directory, G_FILE_TEST_IS_DIR) &&
+                          g_access(directory, W_OK | X_OK) == 0;
+    if (!isUsable) g_setenv("XDG_RUNTIME_DIR", cacheDirectory.c_str(), TRUE);
 }
 
-/// Where the session has no message bus, asking for it starts one, which nobody would ever end.
-void startNoMessageBus() {
-    if (g_getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr) return;
-    const GText socket(g_build_filename(g_get_user_runtime_dir(), "bus", nullptr));
-    if (!g_file_test(socket.get(), G_FILE_TEST_EXISTS)) {
-        g_setenv("DBUS_SESSION_BUS_ADDRESS", "disabled:", TRUE);
-    }
+/// Where X libraries look for it if nothing is said.
+void nameKeyToDisplay() {
+    const char* home = g_getenv("HOME");
+    if (home == nullptr || g_getenv("XAUTHORITY") != nullptr) return;
+    const GText key(g_build_filename(home, ".Xauthority", nullptr));
+    if (g_file_test(key.get(), G_FILE_TEST_EXISTS)) g_setenv("XAUTHORITY", key.get(), TRUE);
+}
+
+/// The sandbox lets a page's process see, and in places change, what the libraries of the engine keep in the
+/// home directory.
+void moveTo(const std::string& home) {
+    nameKeyToDisplay();
+    g_setenv("HOME", home.c_str(), TRUE);
+    for (const char* name : {"XDG_CACHE_HOME", "XDG_DATA_HOME"}) g_unsetenv(name);
+    // The sandbox lets a page write into the folder that the registry of media plug-ins lies in, once there
+    // is one. There never should be: nothing is to register, because there is no decoder, which is where
+    // engines break most often, for sound and pictures that nobody hears or sees.
+    const GText registry(g_build_filename(home.c_str(), "media", "registry.bin", nullptr));
+    const GText plugins(g_build_filename(home.c_str(), "no-plugins", nullptr));
+    g_setenv("GST_REGISTRY", registry.get(), TRUE);
+    g_setenv("GST_PLUGIN_SYSTEM_PATH_1_0", plugins.get(), TRUE);
 }
 
 }  // namespace
 
-void prepareEngineEnvironment() {
-    // Nobody looks at the hidden window: no bridge to screen readers, no settings daemon, no user's modules.
+void prepareEngineEnvironment(const std::string& home, const std::string& cacheDirectory) {
+    // Nobody looks at the hidden window: no bridge to screen readers, no settings daemon.
     g_setenv("NO_AT_BRIDGE", "1", TRUE);
     g_setenv("GSETTINGS_BACKEND", "memory", TRUE);
-    g_unsetenv("GTK_MODULES");
+    // No service of the user's session has anything to say to a page's process, and without an address one
+    // would be looked for or even started.
+    g_setenv("DBUS_SESSION_BUS_ADDRESS", "disabled:", TRUE);
+    // Else the sandbox lets the sound server's socket in, with which one can also listen.
+    g_setenv("PULSE_SERVER", "disabled:", TRUE);
     nameWaylandSocketWithoutPath();
-    forgetUnusableRuntimeDirectory();
-    startNoMessageBus();
-    // Each of these lets the engine run pages without a sandbox; a parent may pass them on unknowingly.
-    g_unsetenv("WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS");
-    g_unsetenv("SNAP");
+    replaceUnusableRuntimeDirectory(cacheDirectory);
+    moveTo(home);
 }
 
 void requireDisplay() {

@@ -12,6 +12,10 @@
 namespace brindle {
 namespace {
 
+// The engine runs these very files, whatever PATH says.
+constexpr const char* sandbox_program = "/usr/bin/bwrap";
+constexpr const char* bus_proxy_program = "/usr/bin/xdg-dbus-proxy";
+
 constexpr const char* sandbox_advice =
     "install the packages bubblewrap and xdg-dbus-proxy and let this user create user namespaces";
 
@@ -21,8 +25,9 @@ constexpr const char* sandbox_advice =
 }
 
 void requireProgram(const char* program) {
-    const GText path(g_find_program_in_path(program));
-    if (!path) failWithoutSandbox(std::string("the program ") + program + " is missing");
+    if (!g_file_test(program, G_FILE_TEST_IS_EXECUTABLE)) {
+        failWithoutSandbox(std::string("the program ") + program + " is missing");
+    }
 }
 
 std::string firstLine(const char* text) {
@@ -33,7 +38,7 @@ std::string firstLine(const char* text) {
 
 /// The engine quietly leaves the sandbox out where a trial like this one fails.
 void requireWorkingNamespaces() {
-    const std::array<const char*, 15> command{"bwrap",
+    const std::array<const char*, 15> command{sandbox_program,
                                               "--die-with-parent",
                                               "--unshare-pid",
                                               "--unshare-uts",
@@ -46,7 +51,7 @@ void requireWorkingNamespaces() {
                                               "--dev",
                                               "/dev",
                                               "--",
-                                              "true",
+                                              "/bin/true",
                                               nullptr};
     GError* error = nullptr;
     const GObjectPointer<GSubprocess> trial(g_subprocess_newv(
@@ -73,8 +78,8 @@ void requireSandbox() {
     if (g_file_test("/.flatpak-info", G_FILE_TEST_EXISTS)) {
         failWithoutSandbox("the engine does not set one up inside a Flatpak");
     }
-    requireProgram("bwrap");
-    requireProgram("xdg-dbus-proxy");
+    requireProgram(sandbox_program);
+    requireProgram(bus_proxy_program);
     requireWorkingNamespaces();
 }
 

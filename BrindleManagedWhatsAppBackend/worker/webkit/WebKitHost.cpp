@@ -2,9 +2,11 @@
 
 #include <glib-unix.h>
 #include <glib/gstdio.h>
+#include <pwd.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <utility>
 
 #include "text/Failure.h"
@@ -23,14 +25,22 @@ constexpr std::array end_signals{SIGTERM, SIGINT, SIGHUP};
 /// Far more than the engine needs to let go, should something keep the main loop busy for ever.
 constexpr int most_last_turns = 1000;
 
+/// The user's home directory. Not g_get_home_dir, which would keep the engine from taking another.
+std::string homeDirectory() {
+    const char* home = g_getenv("HOME");
+    if (home != nullptr && *home != '\0') return home;
+    const passwd* user = ::getpwuid(::getuid());  // NOLINT(concurrency-mt-unsafe): there is one thread yet.
+    return user == nullptr ? "/" : user->pw_dir;
+}
+
 /// A folder of the application below one of the user's base directories (XDG, freedesktop.org):
 /// `variable` names it, else it is `fallback` in the home directory.
 std::string ownFolder(const char* variable, const char* fallback, const std::string& applicationName) {
     const char* given = g_getenv(variable);
     const bool isUsable = given != nullptr && g_path_is_absolute(given);
-    const GText path(isUsable
-                         ? g_build_filename(given, applicationName.c_str(), nullptr)
-                         : g_build_filename(g_get_home_dir(), fallback, applicationName.c_str(), nullptr));
+    const GText path(
+        isUsable ? g_build_filename(given, applicationName.c_str(), nullptr)
+                 : g_build_filename(homeDirectory().c_str(), fallback, applicationName.c_str(), nullptr));
     // A login that cannot be stored would quietly be lost at the end.
     if (g_mkdir_with_parents(path.get(), private_directory_mode) != 0 ||
         g_access(path.get(), R_OK | W_OK | X_OK) != 0) {
@@ -41,14 +51,12 @@ std::string ownFolder(const char* variable, const char* fallback, const std::str
     return path.get();
 }
 
-GObjectPointer<WebKitWebsiteDataManager> openWebsiteData(const std::string& applicationName) {
-    const std::string data = ownFolder("XDG_DATA_HOME", ".local/share", applicationName);
-    const std::string cache = ownFolder("XDG_CACHE_HOME", ".cache", applicationName);
+GObjectPointer<WebKitWebsiteDataManager> openWebsiteData(const WebsiteDataFolders& folders) {
     GObjectPointer<WebKitWebsiteDataManager> manager(webkit_website_data_manager_new(
-        "base-data-directory", data.c_str(), "base-cache-directory", cache.c_str(), nullptr));
+        "base-data-directory", folders.data.c_str(), "base-cache-directory", folders.cache.c_str(), nullptr));
     // Passwords of pages are none of the worker's business.
     webkit_website_data_manager_set_persistent_credential_storage_enabled(manager.get(), FALSE);
-    const GText cookies(g_build_filename(data.c_str(), "cookies.sqlite", nullptr));
+    const GText cookies(g_build_filename(folders.data.c_str(), "cookies.sqlite", nullptr));
     webkit_cookie_manager_set_persistent_storage(
         webkit_website_data_manager_get_cookie_manager(manager.get()), cookies.get(),
         WEBKIT_COOKIE_PERSISTENT_STORAGE_SQLITE);
@@ -62,8 +70,9 @@ struct MemoryPressureSettingsFree {
 };
 using MemoryPressureSettings = std::unique_ptr<WebKitMemoryPressureSettings, MemoryPressureSettingsFree>;
 
-GObjectPointer<WebKitWebContext> makeContext(const WebWorkerHostOptions& options) {
-    const auto manager = openWebsiteData(options.applicationName);
+GObjectPointer<WebKitWebContext> makeContext(const WebWorkerHostOptions& options,
+                                             const WebsiteDataFolders& folders) {
+    const auto manager = openWebsiteData(folders);
     constexpr double at_the_limit = 1.0;
     const MemoryPressureSettings memory(webkit_memory_pressure_settings_new());
     webkit_memory_pressure_settings_set_memory_limit(memory.get(), options.pageMemoryLimit_mebibytes);
@@ -90,12 +99,16 @@ gboolean ignoreSignal(gpointer /*data*/) {
 }  // namespace
 
 WebKitHost::WebKitHost(const WebWorkerHostOptions& options)
-    : options_(options), log_(options.logSubsystem, options.logCategory) {
-    prepareEngineEnvironment();
+    : options_(options),
+      log_(options.logSubsystem, options.logCategory),
+      folders_{.data = ownFolder("XDG_DATA_HOME", ".local/share", options.applicationName),
+               .cache = ownFolder("XDG_CACHE_HOME", ".cache", options.applicationName)},
+      home_(folders_.cache) {
+    prepareEngineEnvironment(home_.path(), std::filesystem::path(folders_.cache).parent_path());
     requireDisplay();
     requireSandbox();
     g_set_prgname(options.applicationName.c_str());
-    context_ = makeContext(options);
+    context_ = makeContext(options, folders_);
     for (std::size_t index = 0; index < end_signals.size(); ++index) {
         GSource* source = g_unix_signal_source_new(end_signals.at(index));
         g_source_set_callback(source, endHost, this, nullptr);

@@ -7,10 +7,17 @@
 #include <string>
 
 #include "worker/WebWorkerHost.h"
+#include "worker/webkit/EngineHome.h"
 #include "worker/webkit/GObjectPointer.h"
 #include "worker/webkit/SystemLog.h"
 
 namespace brindle {
+
+/// Where the engine keeps what outlives it, the login above all.
+struct WebsiteDataFolders {
+    std::string data;
+    std::string cache;
+};
 
 /// The engine in this process: main loop, website data and log.
 class WebKitHost final : public WebWorkerHost {
@@ -32,6 +39,8 @@ class WebKitHost final : public WebWorkerHost {
   private:
     WebWorkerHostOptions options_;
     SystemLog log_;
+    WebsiteDataFolders folders_;
+    EngineHome home_;
     bool hasEnded_ = false;
     std::array<GSource*, 3> signalSources_{};
     GObjectPointer<WebKitWebContext> context_;
