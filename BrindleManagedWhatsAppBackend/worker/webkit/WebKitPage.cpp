@@ -5,6 +5,7 @@
 #include "text/WithoutFailing.h"
 #include "worker/webkit/InteractionDenial.h"
 #include "worker/webkit/OneLine.h"
+#include "worker/webkit/PageSettings.h"
 #include "worker/webkit/Urls.h"
 
 namespace brindle {
@@ -46,26 +47,8 @@ const char* describe(WebKitWebProcessTerminationReason reason) {
     return "The page's process crashed or was killed.";
 }
 
-GObjectPointer<WebKitSettings> makeSettings(const WebWorkerHostOptions& options) {
-    GObjectPointer<WebKitSettings> settings(webkit_settings_new());
-    webkit_settings_set_user_agent(settings.get(), options.userAgent.c_str());
-    // The engine's list of quirks would give some services another user agent.
-    webkit_settings_set_enable_site_specific_quirks(settings.get(), FALSE);
-    // Nobody looks at the picture, so no graphics processor needs to be woken for it.
-    webkit_settings_set_hardware_acceleration_policy(settings.get(),
-                                                     WEBKIT_HARDWARE_ACCELERATION_POLICY_NEVER);
-    webkit_settings_set_enable_smooth_scrolling(settings.get(), FALSE);
-    // Pages that were left are not kept in memory.
-    webkit_settings_set_enable_page_cache(settings.get(), FALSE);
-    webkit_settings_set_javascript_can_open_windows_automatically(settings.get(), FALSE);
-    webkit_settings_set_javascript_can_access_clipboard(settings.get(), FALSE);
-    webkit_settings_set_enable_media_stream(settings.get(), FALSE);
-    webkit_settings_set_media_playback_requires_user_gesture(settings.get(), TRUE);
-    return settings;
-}
-
 WebKitWebView* makeView(const WebWorkerHostOptions& options, WebKitWebContext& context) {
-    const auto settings = makeSettings(options);
+    const auto settings = pageSettings(options);
     auto* view = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", &context, "settings",
                                               settings.get(), "is-muted", TRUE, nullptr));
     gtk_widget_set_size_request(GTK_WIDGET(view), options.contentWidth_px, options.contentHeight_px);
