@@ -1,6 +1,7 @@
 #include "exchange/RecordFiles.h"
 
 #include <errno.h>
+#include <limits.h>
 
 #include <algorithm>
 #include <utility>
@@ -16,6 +17,15 @@ std::vector<std::string> recordsAmong(std::vector<std::string> names) {
     std::erase_if(names, [](const std::string& name) { return !isRecordFileName(name); });
     std::sort(names.begin(), names.end());
     return names;
+}
+
+/// A fresh name that ends like the given one. Of a name that leaves no room in front of it the beginning
+/// goes: a record that cannot be filed away would be delivered again and again and hold up all that wait
+/// behind it.
+std::string underFreshPrefix(std::string_view name) {
+    auto fresh = randomIdentifier().append("-");
+    name.remove_prefix(name.size() - std::min(name.size(), NAME_MAX - fresh.size()));
+    return fresh.append(name);
 }
 
 }  // namespace
@@ -44,7 +54,7 @@ std::string moveRecordFile(FileManager& fileManager, std::string_view name, cons
         fileManager.moveItem(file, joinedPath(toDirectory, filedAs));
     } catch (const FileSystemFailure& failure) {
         if (failure.code() != EEXIST) throw;
-        filedAs = randomIdentifier().append("-").append(name);
+        filedAs = underFreshPrefix(name);
         fileManager.moveItem(file, joinedPath(toDirectory, filedAs));
     }
     return filedAs;

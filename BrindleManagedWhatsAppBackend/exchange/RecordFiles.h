@@ -20,8 +20,8 @@ bool isRecordFileName(std::string_view name);
 std::vector<std::string> waitingRecords(FileManager& fileManager, const std::string& directory);
 
 /// Files a record away: moves it from one directory to another under its own name or, when that is taken
-/// there, under a fresh one with its own at the end, so that nothing is ever replaced. Answers the name it
-/// has got. Throws FileSystemFailure.
+/// there, under a fresh one with its own, or as much of it as a name has room for, at the end, so that
+/// nothing is ever replaced. Answers the name it has got. Throws FileSystemFailure.
 std::string moveRecordFile(FileManager& fileManager, std::string_view name, const std::string& fromDirectory,
                            const std::string& toDirectory);
 

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 
 #include <atomic>
 #include <filesystem>
@@ -133,6 +134,18 @@ TEST_F(RecordFilesTests, RecordWhoseNameIsTakenGetsAFreshOne) {
     EXPECT_TRUE(fresh.ends_with("-a.json")) << fresh;
     EXPECT_EQ(fresh.size(), uuid_characters + std::string("-a.json").size()) << fresh;
     EXPECT_EQ(files_.readFile(to_ + "/" + fresh), "new");
+}
+
+TEST_F(RecordFilesTests, RecordOfTheLongestNameIsFiledAwayThoughThatIsTaken) {
+    const std::string name = std::string(NAME_MAX - record_file_extension.size() - 1, 'a') + "b.json";
+    for (const auto& directory : {from_, to_})
+        files_.writeFileAtomically(directory + "/" + name, directory, Durability::process);
+    const auto filedAs = moveRecordFile(files_, name, from_, to_);
+    EXPECT_EQ(filedAs.size(), name.size());
+    EXPECT_EQ(filedAs.at(uuid_characters), '-');
+    EXPECT_TRUE(filedAs.ends_with("aab.json")) << filedAs;
+    EXPECT_EQ(files_.readFile(to_ + "/" + filedAs), from_);
+    EXPECT_EQ(files_.readFile(to_ + "/" + name), to_);
 }
 
 TEST_F(RecordFilesTests, RecordIsPutBackUnderItsName) {
