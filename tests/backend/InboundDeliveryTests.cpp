@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -482,6 +483,21 @@ class PipedDeliveryTests : public testing::Test {
         for (const auto& event : inboundEventsIn(received_)) ids.push_back(event["messageId"]);
         return ids;
     }
+    /// What lies in the pipe.
+    std::size_t unreadBytes() const {
+        int count = 0;
+        EXPECT_EQ(::ioctl(output_.reading.get(), FIONREAD, &count), 0);
+        return static_cast<std::size_t>(count);
+    }
+    /// Reads exactly so many bytes, and forgets them.
+    void takeUnread(std::size_t bytes) const {
+        std::string text(bytes, '\0');
+        for (std::size_t got = 0; got < bytes;) {
+            const auto count = ::read(output_.reading.get(), text.data() + got, bytes - got);
+            ASSERT_GT(count, 0);
+            got += static_cast<std::size_t>(count);
+        }
+    }
     /// As one beat of the poller.
     void beat() { delivery_.drainUnlessUnderWay(); }
 
@@ -520,7 +536,13 @@ TEST_F(PipedDeliveryTests, BeginsNoRecordWhileTheParentTakesNothing) {
     delivery_.drainInboundDirectory();
     beat();
     EXPECT_EQ(emitter_.output().written(), 0U);
-    EXPECT_THAT(inbound(), ElementsAre("a.json"));
+    // One that had begun would come first.
+    parts_.state.setActiveScope(BridgeConversationScope{"other", "Other"});
+    parts_.putInbound("b.json", inboundRecord("b", "other", "Other").dump());
+    delivery_.drainInboundDirectory();
+    takeUnread(unreadBytes());
+    EXPECT_THAT(read(1), ElementsAre("b"));
+    EXPECT_THAT(inbound(), testing::Contains("a.json"));
 }
 
 TEST_F(PipedDeliveryTests, RecordStaysUntilItsWholeLineIsWritten) {
@@ -630,6 +652,21 @@ TEST_F(PipedDeliveryTests, HalfALineOfAParentThatGoesIsNoMessage) {
     output_.reading.reset();
     beat();
     EXPECT_THAT(inbound(), ElementsAre("a.json"));
+}
+
+TEST_F(PipedDeliveryTests, MessageThatWasReadDoesNotComeBackWithTheOthers) {
+    put("a");
+    delivery_.drainInboundDirectory();
+    const auto first = unreadBytes();
+    put("b");
+    delivery_.drainInboundDirectory();
+    takeUnread(first);
+    put("c");
+    sign_.writing.reset();
+    output_.reading.reset();
+    beat();
+    EXPECT_THAT(processed(), ElementsAre("a.json"));
+    EXPECT_THAT(inbound(), ElementsAre("b.json", "c.json"));
 }
 
 TEST_F(PipedDeliveryTests, WhatAParentHasNotReadGoesBackAtTheEnd) {
