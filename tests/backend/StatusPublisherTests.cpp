@@ -2,13 +2,22 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
+#include <functional>
+#include <string>
+#include <string_view>
 #include <thread>
+#include <utility>
 
 #include "support/BackendParts.h"
 #include "support/Files.h"
+#include "support/ForwardingFileManager.h"
 #include "support/Json.h"
+#include "support/Processes.h"
+#include "support/Waiting.h"
 #include "support/WantOfMemory.h"
 
 namespace brindle {
@@ -145,6 +154,47 @@ TEST_F(StatusPublisherTests, ControlThatCannotBeWrittenIsLogged) {
                 StartsWith("[ManagedWhatsAppBackend] failed to write worker control: Cannot write \"" +
                            parts_.directory.workerControlFile + "\": "));
     EXPECT_EQ(parts_.runtimeStatus()["connectionState"], "disconnected");
+}
+
+/// Lets something else happen during the first write.
+class InterruptedFiles final : public test::ForwardingFileManager {
+  public:
+    using ForwardingFileManager::ForwardingFileManager;
+
+    void writeFileAtomically(const std::string& path, std::string_view bytes,
+                             Durability durability) override {
+        if (const auto happen = std::exchange(meanwhile, nullptr)) happen();
+        ForwardingFileManager::writeFileAtomically(path, bytes, durability);
+    }
+
+    std::function<void()> meanwhile;
+};
+
+TEST_F(StatusPublisherTests, OlderStateIsNeverPublishedAfterANewerOne) {
+    InterruptedFiles files(parts_.files);
+    const auto& uses = parts_.forPublisher();
+    StatusPublisher publisher({.platform = uses.platform,
+                               .directory = uses.directory,
+                               .fileManager = files,
+                               .clock = uses.clock,
+                               .state = uses.state,
+                               .log = uses.log});
+    std::atomic<pid_t> other = 0;
+    std::atomic<bool> hasPublished = false;
+    std::thread newer;
+    files.meanwhile = [&] {
+        parts_.state.setConnected(true);
+        newer = std::thread([&] {
+            other = ::gettid();
+            publisher.writeRuntimeStatus();
+            hasPublished = true;
+        });
+        test::waitUntil([&] { return hasPublished || (other != 0 && test::isAsleep(other)); },
+                        "the newer state to overtake, or to wait for its turn");
+    };
+    publisher.writeRuntimeStatus();
+    newer.join();
+    EXPECT_EQ(parts_.runtimeStatus()["connectionState"], "connected");
 }
 
 TEST_F(StatusPublisherTests, LastOfSeveralWritersPublishesTheLastState) {
