@@ -7,10 +7,10 @@ add_compile_options(
   -Wconversion
   -Wsign-conversion
   -Wshadow
-  -Wold-style-cast
+  $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
   -Wcast-align
-  -Wnon-virtual-dtor
-  -Woverloaded-virtual
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+  $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
   -Wformat=2
   -Wimplicit-fallthrough)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
@@ -19,6 +19,6 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   if(CMAKE_UNITY_BUILD OR BUILD_TESTING)
     # Where several sources make one translation unit, it takes them for headers, in which a type of an anonymous
     # namespace must not be a member.
-    add_compile_options(-Wno-subobject-linkage)
+    add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wno-subobject-linkage>)
   endif()
 endif()

@@ -2,6 +2,7 @@
 
 #include <fstream>
 #include <map>
+#include <utility>
 
 #include "support/Processes.h"
 
@@ -25,9 +26,11 @@ WebWorkerOptions onSamplePage() {
 
 }  // namespace
 
-IdleWorker::IdleWorker() : worker_(onSamplePage()) {
+IdleWorker::IdleWorker() : IdleWorker(onSamplePage(), "Team Room") {}
+
+IdleWorker::IdleWorker(WebWorkerOptions options, const std::string& chat) : worker_(std::move(options)) {
     worker_.waitForState("linked");
-    worker_.watchUntilOpen("Team Room");
+    worker_.watchUntilOpen(chat);
 }
 
 std::vector<ProcessCost> IdleWorker::measure(std::chrono::seconds idle) {

@@ -26,6 +26,8 @@ class IdleWorker {
   public:
     /// Returns once the watched chat is open.
     IdleWorker();
+    /// On another page, with another chat to be watched.
+    IdleWorker(WebWorkerOptions options, const std::string& chat);
 
     /// The cost of every process of the tree that lives on, measured over `idle`.
     std::vector<ProcessCost> measure(std::chrono::seconds idle);
