@@ -1,5 +1,7 @@
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -16,9 +18,11 @@
 #include "support/ExitStatus.h"
 #include "support/Files.h"
 #include "support/Processes.h"
+#include "support/TestDisplay.h"
 #include "support/Waiting.h"
 #include "support/WebWorkerProcess.h"
 #include "support/WebWorkerTest.h"
+#include "system/Descriptor.h"
 
 namespace brindle::test {
 namespace {
@@ -30,6 +34,7 @@ using testing::IsSubsetOf;
 using testing::Not;
 
 constexpr const char* secret = "do-not-show-me";
+constexpr const char* answering_page = "<body><div id=side></div></body>";
 
 /// What a process of the engine may have in its environment: what the worker lets through, what it sets, and
 /// what the sandbox adds.
@@ -55,9 +60,30 @@ std::set<std::string> variablesIn(const Environment& environment) {
     return names;
 }
 
+/// The page's process, once it answers: only then is everything that it sees in place.
+pid_t answeringPage(WebWorkerProcess& worker) {
+    worker.waitForState("linked");
+    return worker.waitForWebProcess();
+}
+
+/// A port at which nobody listens.
+std::string freePort() {
+    const Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        throw TestFailure("no port is free");
+    }
+    return std::to_string(ntohs(address.sin_port));
+}
+
 /// A parent that passes on all that it has: secrets, and variables by which a developer opens the sandbox.
 WebWorkerOptions withCarelessParent() {
     WebWorkerOptions options;
+    options.withHtml(answering_page);
     const auto home = options.place->path() / "home";
     auto& environment = options.process.environment;
     environment["MY_API_KEY"] = secret;
@@ -71,8 +97,8 @@ WebWorkerOptions withCarelessParent() {
     environment["SNAP"] = "/";
     environment["WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS"] = "1";
     environment["WEBKIT_ENABLE_DEBUG_PERMISSIONS_IN_SANDBOX"] = "1";
-    environment["WEBKIT_INSPECTOR_HTTP_SERVER"] = "127.0.0.1:0";
-    environment["WEBKIT_INSPECTOR_SERVER"] = "127.0.0.1:0";
+    environment["WEBKIT_INSPECTOR_HTTP_SERVER"] = "127.0.0.1:" + freePort();
+    environment["WEBKIT_INSPECTOR_SERVER"] = "127.0.0.1:" + freePort();
     return options;
 }
 
@@ -80,7 +106,7 @@ class WebWorkerSandbox : public WebWorkerTest {};
 
 TEST_F(WebWorkerSandbox, ProcessesOfTheEngineSeeNoVariableThatTheyNeedNot) {
     WebWorkerProcess worker(withCarelessParent());
-    worker.waitForWebProcess();
+    answeringPage(worker);
     int checked = 0;
     for (const char* name : {web_process_name, network_process_name, "bwrap"}) {
         for (const pid_t process : processesNamed(worker.pid(), name)) {
@@ -94,8 +120,8 @@ TEST_F(WebWorkerSandbox, ProcessesOfTheEngineSeeNoVariableThatTheyNeedNot) {
 }
 
 TEST_F(WebWorkerSandbox, TheLaunchTokenIsOverwrittenWhereTheWorkerAndItsGuardWereGivenIt) {
-    WebWorkerProcess worker;
-    worker.waitForWebProcess();
+    WebWorkerProcess worker(WebWorkerOptions().withHtml(answering_page));
+    answeringPage(worker);
     const auto token = worker.options().process.launchToken;
     for (const pid_t process : worker.tree()) {
         const auto bytes = readFile("/proc/" + std::to_string(process) + "/environ");
@@ -160,8 +186,7 @@ TEST_F(WebWorkerSandbox, NoVariableOpensIt) {
     const auto home = (options.place->path() / "home").string();
     fs::create_directory(home);
     WebWorkerProcess worker(std::move(options));
-    const pid_t page = worker.waitForWebProcess();
-    worker.waitForState("starting");
+    const pid_t page = answeringPage(worker);
     for (const char* kind : {"mnt", "net", "pid", "uts"}) {
         EXPECT_NE(namespaceOf(page, kind), namespaceOf(worker.pid(), kind)) << kind;
     }
@@ -170,12 +195,12 @@ TEST_F(WebWorkerSandbox, NoVariableOpensIt) {
 }
 
 TEST_F(WebWorkerSandbox, IsTriedWithTheProgramThatTheEngineRunsWhateverThePathSays) {
-    WebWorkerOptions options;
+    auto options = WebWorkerOptions().withHtml(answering_page);
     const auto trace = options.place->path() / "trace";
     writeScript(options.place->path() / "bwrap", "echo called >" + trace.string());
     options.process.environment["PATH"] = options.place->path().string() + ":/usr/bin:/bin";
     WebWorkerProcess worker(std::move(options));
-    worker.waitForWebProcess();
+    answeringPage(worker);
     for (const pid_t process : processesNamed(worker.pid(), "bwrap")) {
         EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(process) + "/exe"), "/usr/bin/bwrap");
     }
@@ -238,8 +263,7 @@ WebWorkerOptions withFurnishedHome() {
 
 TEST_F(WebWorkerSandbox, ThePageSeesNothingOfTheUserButItsOwnFoldersAndTheDisplay) {
     WebWorkerProcess worker(withFurnishedHome());
-    const pid_t page = worker.waitForWebProcess();
-    worker.waitForState("starting");
+    const pid_t page = answeringPage(worker);
     for (const auto& path : mountedFrom(worker.options().place->path(), page)) {
         const auto patterns = allowedPaths();
         EXPECT_TRUE(std::any_of(patterns.begin(), patterns.end(), [&](const auto& pattern) {
@@ -257,7 +281,7 @@ TEST_F(WebWorkerSandbox, ThePageSeesNothingOfTheUserButItsOwnFoldersAndTheDispla
 }
 
 TEST_F(WebWorkerSandbox, WhatAPageHasWrittenIsGoneWithTheWorkerOrAtTheNextStart) {
-    WebWorkerOptions options;
+    auto options = WebWorkerOptions().withHtml(answering_page);
     const auto cache = options.place->path() / "website-cache/BrindleManagedWhatsAppBackend";
     const auto homes = [&] {
         std::vector<std::string> names;
@@ -270,7 +294,7 @@ TEST_F(WebWorkerSandbox, WhatAPageHasWrittenIsGoneWithTheWorkerOrAtTheNextStart)
     writeFileAtomically(cache / "engine-killed/.cache/fontconfig/planted", "planted");
     {
         WebWorkerProcess worker(options);
-        worker.waitForWebProcess();
+        answeringPage(worker);
         ASSERT_EQ(homes().size(), 1U);
         EXPECT_NE(homes().front(), "engine-killed");
         EXPECT_EQ(worker.terminate(), exitedWith(0));
@@ -307,14 +331,26 @@ class BusSocket {
 };
 
 TEST_F(WebWorkerSandbox, NobodyAsksTheMessageBusOfTheSession) {
-    WebWorkerOptions options;
+    auto options = WebWorkerOptions().withHtml(answering_page);
     const BusSocket bus(options.place->path() / "bus");
     options.process.environment["DBUS_SESSION_BUS_ADDRESS"] =
         "unix:path=" + (options.place->path() / "bus").string();
     WebWorkerProcess worker(std::move(options));
-    worker.waitForWebProcess();
-    worker.waitForMoreStatuses();
+    answeringPage(worker);
     EXPECT_FALSE(bus.wasAsked());
+}
+
+TEST_F(WebWorkerSandbox, HasTheWaylandDisplayAndNoXServerWhereThereAreBoth) {
+    const TestDisplay wayland(TestDisplay::Kind::wayland);
+    auto options = WebWorkerOptions().withHtml(answering_page);
+    TestDisplay::shared().addTo(options.process.environment);
+    const std::string xServer = options.process.environment.at("DISPLAY");
+    options.on(wayland);
+    options.process.environment["DISPLAY"] = xServer;
+    WebWorkerProcess worker(std::move(options));
+    const auto points = mountPointsOf(answeringPage(worker));
+    EXPECT_THAT(points, testing::Contains(testing::EndsWith("/wayland-test")));
+    EXPECT_THAT(points, Not(testing::Contains(HasSubstr("X11"))));
 }
 
 }  // namespace
