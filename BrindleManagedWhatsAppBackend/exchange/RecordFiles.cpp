@@ -28,6 +28,14 @@ std::string underFreshPrefix(std::string_view name) {
     return fresh.append(name);
 }
 
+/// A fresh name of a record that comes just before the given one, as near as a name has room for.
+std::string justBefore(std::string_view name) {
+    // A hyphen comes before the full stop of the extension.
+    const auto ending = std::string("-").append(randomIdentifier()).append(record_file_extension);
+    name.remove_suffix(record_file_extension.size());
+    return std::string(name.substr(0, NAME_MAX - ending.size())).append(ending);
+}
+
 }  // namespace
 
 bool isRecordFileName(std::string_view name) {
@@ -66,10 +74,7 @@ void putRecordFileBack(FileManager& fileManager, const std::string& file, const 
         fileManager.moveItem(file, joinedPath(directory, name));
     } catch (const FileSystemFailure& failure) {
         if (failure.code() != EEXIST) throw;
-        // A hyphen comes before the full stop of the extension.
-        std::string before(name.substr(0, name.size() - record_file_extension.size()));
-        before.append("-").append(randomIdentifier()).append(record_file_extension);
-        fileManager.moveItem(file, joinedPath(directory, before));
+        fileManager.moveItem(file, joinedPath(directory, justBefore(name)));
     }
 }
 

@@ -25,6 +25,7 @@ namespace fs = std::filesystem;
 using test::namesIn;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 constexpr std::size_t uuid_characters = 36;
 
@@ -168,6 +169,16 @@ TEST_F(RecordFilesTests, RecordThatIsPutBackComesBeforeTheOneThatHasItsNameNow) 
     EXPECT_TRUE(names[1].starts_with("a-") && names[1].ends_with(".json")) << names[1];
     EXPECT_EQ(files_.readFile(from_ + "/" + names[1]), "new");
     EXPECT_EQ(names[2], "a.json");
+}
+
+TEST_F(RecordFilesTests, RecordOfTheLongestNameIsPutBackThoughThatIsTaken) {
+    const std::string name = std::string(NAME_MAX - record_file_extension.size(), 'a').append(".json");
+    test::writeFileAtomically(to_ + "/filed.json", "older");
+    test::writeFileAtomically(from_ + "/" + name, "newer");
+    putRecordFileBack(files_, to_ + "/filed.json", from_, name);
+    const auto names = namesIn(from_);
+    ASSERT_THAT(names, ElementsAre("a.json", SizeIs(name.size()), name));
+    EXPECT_EQ(files_.readFile(from_ + "/" + names[1]), "older");
 }
 
 TEST_F(RecordFilesTests, OtherFailuresLeaveTheRecordWhereItIs) {
