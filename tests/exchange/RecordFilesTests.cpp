@@ -174,7 +174,7 @@ TEST_F(RecordFilesTests, RecordThatIsPutBackComesBeforeTheOneThatHasItsNameNow) 
 TEST_F(RecordFilesTests, RecordOfTheLongestNameIsPutBackThoughThatIsTaken) {
     const std::string name = std::string(NAME_MAX - record_file_extension.size(), 'a').append(".json");
     test::writeFileAtomically(to_ + "/filed.json", "older");
-    test::writeFileAtomically(from_ + "/" + name, "newer");
+    files_.writeFileAtomically(from_ + "/" + name, "newer", Durability::process);
     putRecordFileBack(files_, to_ + "/filed.json", from_, name);
     const auto names = namesIn(from_);
     ASSERT_THAT(names, ElementsAre("a.json", SizeIs(name.size()), name));
