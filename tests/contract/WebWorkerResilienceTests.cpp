@@ -36,6 +36,7 @@ TEST_F(WebWorkerResilience, APageWhoseProcessIsKilledComesBackAndIsCapturedAgain
     worker.watchUntilOpen("Team Room");
     const pid_t killed = worker.waitForWebProcess();
     const auto before = worker.journal().size();
+    const auto loads = page.loads();
     ::kill(killed, SIGKILL);
     const auto failed = worker.waitForDetail(
         "Managed WhatsApp worker navigation failed: The page's process crashed or was killed.", before);
@@ -44,7 +45,7 @@ TEST_F(WebWorkerResilience, APageWhoseProcessIsKilledComesBackAndIsCapturedAgain
     EXPECT_FALSE(status.contains("displayName"));
     worker.waitForWebProcess(killed);
     worker.waitForState("watching_chat", failed);
-    EXPECT_EQ(page.loads(), 2U);
+    EXPECT_GT(page.loads(), loads);
     page.run("client.receive('Team Room', { id: 'm1', sender: 'Ann', text: 'after the crash' })");
     EXPECT_THAT(worker.waitForTexts(1), ElementsAre("after the crash"));
 }
@@ -54,12 +55,13 @@ TEST_F(WebWorkerResilience, APageThatKeepsDyingIsTakenUpAgainEachTime) {
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.watchUntilOpen("Team Room");
     pid_t web = -1;
-    for (std::size_t death = 1; death <= 4; ++death) {
+    for (int death = 1; death <= 4; ++death) {
         web = worker.waitForWebProcess(web);
         const auto before = worker.journal().size();
+        const auto loads = page.loads();
         ::kill(web, death % 2 == 0 ? SIGKILL : SIGABRT);
         worker.waitForDetail("The page's process crashed or was killed.", before);
-        worker.waitUntil([&] { return page.loads() > death; }, "the page to be loaded again");
+        worker.waitUntil([&] { return page.loads() > loads; }, "the page to be loaded again");
     }
     const auto before = worker.journal().size();
     worker.waitForState("watching_chat", before);
@@ -153,10 +155,11 @@ TEST_P(WebWorkerNuisance, DoesNotDisturbTheCapture) {
     if (const auto place = script.find(placeholder); place != std::string::npos) {
         script.replace(place, placeholder.size(), page.server().otherSiteUrl("/other"));
     }
+    const auto loads = page.loads();
     page.post(script);
     page.run("client.receive('Team Room', { id: 'm1', sender: 'Ann', text: 'undisturbed' })");
     EXPECT_THAT(worker.waitForTexts(1), ElementsAre("undisturbed"));
-    EXPECT_EQ(page.loads(), 1U);
+    EXPECT_EQ(page.loads(), loads);
     EXPECT_EQ(worker.waitForWebProcess(), worker.waitForWebProcess());
 }
 
@@ -200,8 +203,9 @@ TEST_F(WebWorkerResilience, APageThatAsksBeforeItIsLeftIsReloadedAllTheSame) {
         chats);
     WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
     worker.watchUntilOpen("Team Room");
+    const auto loads = page.loads();
     page.post("location.reload()");
-    waitUntil([&] { return page.loads() == 2; }, "the page to be loaded again");
+    waitUntil([&] { return page.loads() > loads; }, "the page to be loaded again");
     const auto before = worker.journal().size();
     worker.waitForState("watching_chat", before);
 }
