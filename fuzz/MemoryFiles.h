@@ -37,6 +37,7 @@ class MemoryFiles final : public FileManager {
     std::uintmax_t fileSystemBytes(const std::string& path) override { refuse("measure", path); }
     bool isExecutableFile(const std::string&) override { return false; }
     std::optional<FileAttributes> attributes(const std::string&) override { return std::nullopt; }
+    std::string readLink(const std::string& path) override { refuse("follow the link", path); }
     void moveItem(const std::string& from, const std::string&) override { refuse("move", from); }
     Descriptor lockDirectory(const std::string& path) override { refuse("lock", path); }
 

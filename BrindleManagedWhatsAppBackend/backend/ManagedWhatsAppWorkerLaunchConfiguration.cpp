@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include "exchange/EnvironmentKeys.h"
+#include "system/PathSteps.h"
+#include "text/Failure.h"
 #include "text/Text.h"
 
 namespace brindle {
@@ -26,20 +28,47 @@ bool nativeWorkersEnabled(const Environment& environment) {
     return true;
 }
 
-std::vector<std::string> nativeWorkerCandidates(const MainBundle& bundle) {
-    std::vector<std::string> candidates;
-    const auto add = [&](const std::string& directory) {
-        auto path = standardizedPath(joinedPath(directory, native_worker_name));
+/// A place where a native worker is looked for without being told.
+struct NativeWorkerCandidate {
+    /// Where the search begins; standardised.
+    std::string root;
+    /// From there on.
+    std::string place;
+
+    std::string path() const { return standardizedPath(joinedPath(root, place)); }
+};
+
+std::vector<NativeWorkerCandidate> nativeWorkerCandidates(const MainBundle& bundle) {
+    std::vector<NativeWorkerCandidate> candidates;
+    const auto add = [&](const std::string& root, std::string_view directory) {
+        NativeWorkerCandidate candidate{.root = standardizedPath(root),
+                                        .place = joinedPath(directory, native_worker_name)};
         for (const auto& earlier : candidates) {
-            if (earlier == path) return;
+            if (earlier.path() == candidate.path()) return;
         }
-        candidates.push_back(std::move(path));
+        candidates.push_back(std::move(candidate));
     };
-    if (bundle.executablePath) add(joinedPath(*bundle.executablePath, ".."));
-    if (bundle.resourceDirectory) add(*bundle.resourceDirectory);
-    add(std::string(native_worker_build_directory));
-    add(std::string(native_worker_directory));
+    if (bundle.executablePath) add(joinedPath(*bundle.executablePath, ".."), ".");
+    if (bundle.resourceDirectory) add(*bundle.resourceDirectory, ".");
+    add(".", native_worker_build_directory);
+    add(".", native_worker_directory);
     return candidates;
+}
+
+/// Whether nobody but this user and root can have put the candidate there or can change it: it would get the
+/// launch token, and a working directory may well be one that users share.
+bool isSafe(const NativeWorkerCandidate& candidate, const WorkerLaunchConditions& conditions) {
+    try {
+        const auto steps = stepsAlong(candidate.place, conditions.fileManager, candidate.root);
+        const auto step = firstStepOfOthers(steps, PrimaryGroup::isNotTrusted, conditions.fileManager);
+        if (!step) return true;
+        conditions.report("Passed over the native worker \"" + candidate.path() + "\", because \"" + *step +
+                          "\" belongs to another user or can be written by others; if it is to run, let " +
+                          std::string(key::native_worker_path) + " name it.");
+    } catch (const Failure& failure) {
+        conditions.report("Passed over the native worker \"" + candidate.path() + "\": " + failure.what());
+    }
+    return false;
 }
 
 std::optional<std::string> findNativeWorker(const WorkerLaunchConditions& conditions) {
@@ -49,8 +78,9 @@ std::optional<std::string> findNativeWorker(const WorkerLaunchConditions& condit
         if (!conditions.fileManager.fileExists(path)) return std::nullopt;
         return path;
     }
-    for (auto& candidate : nativeWorkerCandidates(conditions.bundle)) {
-        if (conditions.fileManager.fileExists(candidate)) return std::move(candidate);
+    for (const auto& candidate : nativeWorkerCandidates(conditions.bundle)) {
+        auto path = candidate.path();
+        if (conditions.fileManager.fileExists(path) && isSafe(candidate, conditions)) return path;
     }
     return std::nullopt;
 }

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -34,6 +35,8 @@ struct WorkerLaunchConditions {
     FileManager& fileManager;
     /// The place of the running executable.
     MainBundle bundle;
+    /// Told, in a sentence, of each native worker that was found and is not safe to run.
+    std::function<void(const std::string&)> report;
 };
 
 /// Decides which worker to run; nothing when none is configured.

@@ -23,11 +23,13 @@ constexpr std::size_t relay_chunk_bytes = std::size_t{64} << 10U;
 }  // namespace
 
 void WorkerSupervisor::launchWorkerIfConfigured() {
-    const auto configuration = resolveLaunchConfiguration({.environment = uses_.environment,
-                                                           .platform = uses_.platform,
-                                                           .dataDirectoryPath = uses_.directory.path,
-                                                           .fileManager = uses_.fileManager,
-                                                           .bundle = MainBundle::current()});
+    const auto configuration = resolveLaunchConfiguration(
+        {.environment = uses_.environment,
+         .platform = uses_.platform,
+         .dataDirectoryPath = uses_.directory.path,
+         .fileManager = uses_.fileManager,
+         .bundle = MainBundle::current(),
+         .report = [this](const std::string& sentence) { uses_.log.write(sentence); }});
     if (!configuration) {
         uses_.fileManager.removeIfPresent(uses_.directory.workerStatusFile);
         setWorkerState(std::nullopt, worker_state::not_configured, std::string(nothing_to_launch_detail),

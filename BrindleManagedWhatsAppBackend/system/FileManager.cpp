@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -254,14 +255,24 @@ std::optional<FileAttributes> PosixFileManager::attributes(const std::string& pa
     }
     return FileAttributes{
         .owner = status.st_uid,
+        .group = status.st_gid,
         .permissions = status.st_mode & permission_bits,
         .isDirectory = S_ISDIR(status.st_mode),
         .isRegularFile = S_ISREG(status.st_mode),
+        .isSymbolicLink = S_ISLNK(status.st_mode),
         .device = status.st_dev,
         .inode = status.st_ino,
         .modification = timePoint(status.st_mtim),
         .statusChange = timePoint(status.st_ctim),
         .allocatedBytes = static_cast<std::uintmax_t>(status.st_blocks) * allocation_unit_bytes};
+}
+
+std::string PosixFileManager::readLink(const std::string& path) {
+    std::string target(PATH_MAX, '\0');
+    const auto length = ::readlink(path.c_str(), target.data(), target.size());
+    if (length < 0) throw FileSystemFailure("follow the link", path, errno);
+    target.resize(static_cast<std::size_t>(length));
+    return target;
 }
 
 std::string PosixFileManager::readFile(const std::string& path) {

@@ -26,10 +26,12 @@ enum class Durability {
 /// What the system knows of the object that a path itself names (a link is not followed).
 struct FileAttributes {
     uid_t owner = 0;
+    gid_t group = 0;
     /// Permission bits.
     mode_t permissions = 0;
     bool isDirectory = false;
     bool isRegularFile = false;
+    bool isSymbolicLink = false;
     /// Together they tell one object from every other that exists at the time.
     dev_t device = 0;
     ino_t inode = 0;
@@ -88,6 +90,8 @@ class FileManager {
     virtual bool isExecutableFile(const std::string& path) = 0;
     /// Nothing when there is no such object.
     virtual std::optional<FileAttributes> attributes(const std::string& path) = 0;
+    /// What a symbolic link holds.
+    virtual std::string readLink(const std::string& path) = 0;
     /// The whole content of a regular file. Anything else at the path is a failure and is never opened; so is
     /// a file of more than longest_file_bytes.
     virtual std::string readFile(const std::string& path) = 0;
@@ -122,6 +126,7 @@ class PosixFileManager final : public FileManager {
     bool fileExists(const std::string& path) override;
     bool isExecutableFile(const std::string& path) override;
     std::optional<FileAttributes> attributes(const std::string& path) override;
+    std::string readLink(const std::string& path) override;
     std::string readFile(const std::string& path) override;
     void writeFileAtomically(const std::string& path, std::string_view bytes, Durability durability) override;
     void moveItem(const std::string& from, const std::string& to) override;

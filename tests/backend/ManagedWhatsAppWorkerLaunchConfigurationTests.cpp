@@ -1,6 +1,8 @@
 #include "backend/ManagedWhatsAppWorkerLaunchConfiguration.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -54,11 +56,13 @@ class LaunchConfigurationTests : public testing::Test {
     }
     std::optional<ManagedWhatsAppWorkerLaunchConfiguration> resolve(const Environment& environment) {
         const WorkingDirectory moved(place_.path() / "work");
-        return resolveLaunchConfiguration({.environment = environment,
-                                           .platform = platform_,
-                                           .dataDirectoryPath = dataDirectory_,
-                                           .fileManager = files_,
-                                           .bundle = bundle_});
+        return resolveLaunchConfiguration(
+            {.environment = environment,
+             .platform = platform_,
+             .dataDirectoryPath = dataDirectory_,
+             .fileManager = files_,
+             .bundle = bundle_,
+             .report = [this](const std::string& sentence) { reports_.push_back(sentence); }});
     }
     /// The launch description, or "none".
     std::string chosen(const Environment& environment) {
@@ -72,6 +76,7 @@ class LaunchConfigurationTests : public testing::Test {
     test::TemporaryDirectory place_;
     MainBundle bundle_;
     PosixFileManager files_;
+    std::vector<std::string> reports_;
     std::string platform_ = "whatsapp";
     std::string dataDirectory_ = at("data");
 };
@@ -182,6 +187,83 @@ TEST_F(LaunchConfigurationTests, ExistenceIsTheOnlyTestOfANativeWorker) {
     fs::remove(at(beside()));
     fs::create_symlink(at("nowhere"), at(beside()));
     EXPECT_EQ(chosen({}), "none");
+}
+
+/// A native worker that is found without being told, by what lies on the way to it from where the search
+/// begins: "." is that folder.
+class FoundNativeWorkerTests : public LaunchConfigurationTests,
+                               public testing::WithParamInterface<std::pair<std::string, std::string>> {
+  protected:
+    FoundNativeWorkerTests() : worker_(putFile(GetParam().first)) {}
+
+    void allow(mode_t mode) const { EXPECT_EQ(::chmod(at(GetParam().second).c_str(), mode), 0); }
+    void expectPassedOver() {
+        reports_.clear();
+        EXPECT_EQ(chosen({}), "none");
+        EXPECT_THAT(reports_, testing::ElementsAre(testing::StartsWith("Passed over the native worker \"" +
+                                                                       worker_ + "\", because \"" +
+                                                                       at(GetParam().second) + "\" ")));
+    }
+
+    std::string worker_;
+};
+
+TEST_P(FoundNativeWorkerTests, IsPassedOverWhenOthersMayWriteOnTheWayToIt) {
+    for (const mode_t mode : {0777U, 0775U, 0702U}) {
+        allow(mode);
+        expectPassedOver();
+    }
+    allow(0755);
+    reports_.clear();
+    EXPECT_EQ(chosen({}), native(worker_));
+    EXPECT_THAT(reports_, testing::IsEmpty());
+}
+
+TEST_P(FoundNativeWorkerTests, MayBeReachedThroughFoldersInWhichOnlyOwnersReplaceWhatIsTheirs) {
+    allow(01777);
+    if (fs::is_directory(at(GetParam().second))) {
+        EXPECT_EQ(chosen({}), native(worker_));
+    } else {
+        expectPassedOver();
+    }
+}
+
+std::vector<std::pair<std::string, std::string>> stepsToNativeWorkers() {
+    const std::string name(native_worker_name);
+    std::vector<std::pair<std::string, std::string>> steps;
+    for (const std::string place :
+         {"bin/", "bin/Resources/", "work/Support/ManagedWhatsAppNativeWorker/.build/",
+          "work/Support/ManagedWhatsAppNativeWorker/"}) {
+        const bool isResource = place == "bin/Resources/";
+        for (auto slash = place.find('/', isResource ? place.find('/') + 1 : 0); slash != std::string::npos;
+             slash = place.find('/', slash + 1)) {
+            steps.emplace_back(place + name, place.substr(0, slash));
+        }
+        steps.emplace_back(place + name, place + name);
+    }
+    return steps;
+}
+
+INSTANTIATE_TEST_SUITE_P(EachStep, FoundNativeWorkerTests, testing::ValuesIn(stepsToNativeWorkers()));
+
+TEST_F(LaunchConfigurationTests, NativeWorkerThatIsPassedOverMakesWayForTheNextCandidate) {
+    ASSERT_EQ(::chmod(putFile(beside()).c_str(), 0777), 0);
+    const auto next = putFile("bin/Resources/" + std::string(native_worker_name));
+    EXPECT_EQ(chosen({}), native(next));
+}
+
+TEST_F(LaunchConfigurationTests, LinkToANativeWorkerIsAsSafeAsWhatItLeadsTo) {
+    const auto real = putFile("elsewhere/worker");
+    fs::create_symlink(real, at(beside()));
+    EXPECT_EQ(chosen({}), native(at(beside())));
+    ASSERT_EQ(::chmod(at("elsewhere").c_str(), 0777), 0);
+    EXPECT_EQ(chosen({}), "none");
+}
+
+TEST_F(LaunchConfigurationTests, GivenNativeWorkerIsTakenWhereverItLies) {
+    const auto given = putFile("given/worker");
+    ASSERT_EQ(::chmod(at("given").c_str(), 0777), 0);
+    EXPECT_EQ(chosen(settings({{key::native_worker_path, given}})), native(given));
 }
 
 TEST_F(LaunchConfigurationTests, GivenNativeWorkerIsUsedWhenItExists) {

@@ -43,7 +43,7 @@ void FaultInjectingFileManager::record(std::string_view action, const std::strin
 bool FaultInjectingFileManager::mustFail(std::string_view action, const std::string& path, Stage stage) {
     const std::lock_guard hold(lock_);
     if (!fault_ || thread_ != std::this_thread::get_id()) return false;
-    if (fault_->stage != stage) return false;
+    if (fault_->stage != stage || (!fault_->action.empty() && fault_->action != action)) return false;
     ++count_;
     const bool isDue =
         fault_->persistence == Persistence::once ? count_ == fault_->operation : count_ >= fault_->operation;
@@ -116,6 +116,12 @@ std::optional<FileAttributes> FaultInjectingFileManager::attributes(const std::s
     const auto pretended = pretendedChanges_.find(path);
     if (found && pretended != pretendedChanges_.end()) found->statusChange = pretended->second;
     return found;
+}
+
+std::string FaultInjectingFileManager::readLink(const std::string& path) {
+    record("follow the link", path);
+    failIfDue("follow the link", path);
+    return real_.readLink(path);
 }
 
 std::string FaultInjectingFileManager::readFile(const std::string& path) {

@@ -34,6 +34,8 @@ class FaultInjectingFileManager final : public FileManager {
         /// The errno value.
         int code = 0;
         Stage stage = Stage::beforeAnyEffect;
+        /// Every other kind of operation passes and is not counted; empty for all kinds.
+        std::string action = {};
     };
 
     /// From now on counts this thread's operations and lets those fail that the fault names.
@@ -55,6 +57,7 @@ class FaultInjectingFileManager final : public FileManager {
     bool fileExists(const std::string& path) override;
     bool isExecutableFile(const std::string& path) override;
     std::optional<FileAttributes> attributes(const std::string& path) override;
+    std::string readLink(const std::string& path) override;
     std::string readFile(const std::string& path) override;
     void writeFileAtomically(const std::string& path, std::string_view bytes, Durability durability) override;
     void moveItem(const std::string& from, const std::string& to) override;

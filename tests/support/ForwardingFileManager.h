@@ -28,6 +28,7 @@ class ForwardingFileManager : public FileManager {
     std::optional<FileAttributes> attributes(const std::string& path) override {
         return next_.attributes(path);
     }
+    std::string readLink(const std::string& path) override { return next_.readLink(path); }
     std::string readFile(const std::string& path) override { return next_.readFile(path); }
     void writeFileAtomically(const std::string& path, std::string_view bytes,
                              Durability durability) override {

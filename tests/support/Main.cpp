@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,6 +9,8 @@
 #include <cstdlib>
 
 namespace {
+
+constexpr mode_t others_may_read = 022;
 
 /// Does what is left to the first process of a namespace, and answers how the tests ended.
 int keepHouseFor(pid_t tests) {
@@ -29,6 +32,8 @@ int main(int argc, char** argv) {
         if (tests > 0) return keepHouseFor(tests);
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     }
+    // What a test makes is nobody else's to write to, whatever the caller of the tests lets others do.
+    ::umask(others_may_read);
     testing::InitGoogleMock(&argc, argv);
     return RUN_ALL_TESTS();
 }
