@@ -9,6 +9,7 @@
 
 #include "exchange/EnvironmentKeys.h"
 #include "system/Environment.h"
+#include "system/PathSteps.h"
 #include "system/Paths.h"
 #include "system/ProcessFacts.h"
 #include "system/Processes.h"
@@ -47,6 +48,8 @@ bool beganAfter(pid_t process, std::chrono::system_clock::time_point time, FileM
 bool isInnocent(pid_t process, const DataDirectory& directory, FileManager& fileManager) {
     if (isSelfOrAncestor(process, fileManager)) return true;
     const auto file = fileManager.attributes(directory.workerPIDFile);
+    // Where a group may write, somebody else may have written it to have this user's process ended.
+    if (file && !isOwn(*file)) return true;
     return file && beganAfter(process, file->modification, fileManager) &&
            !worksIn(process, directory, fileManager);
 }

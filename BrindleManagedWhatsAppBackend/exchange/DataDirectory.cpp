@@ -8,17 +8,19 @@
 #include "exchange/EnvironmentKeys.h"
 #include "exchange/RecordFiles.h"
 #include "system/FileSystemFailure.h"
+#include "system/PathSteps.h"
 #include "system/Paths.h"
 #include "text/Failure.h"
+#include "text/Text.h"
 
 namespace brindle {
 namespace {
 
 constexpr std::string_view default_temporary_directory = "/tmp";
+constexpr std::string_view user_folder_prefix = "brindle-";
 constexpr std::string_view application_component = "Brindle";
 constexpr std::string_view bridge_component = "ManagedBridge";
 constexpr mode_t private_mode = 0700;
-constexpr mode_t writable_by_others = 022;
 
 /// The user's runtime directory (XDG base directories), when it is there and private.
 std::optional<std::string> privateRuntimeDirectory(const Environment& environment, FileManager& fileManager) {
@@ -36,24 +38,8 @@ std::optional<std::string> privateRuntimeDirectory(const Environment& environmen
     return directory;
 }
 
-std::string generalTemporaryDirectory(const Environment& environment) {
-    return standardizedPath(nonBlankValue(environment, environment_key::temporary_directory)
-                                .value_or(std::string(default_temporary_directory)));
-}
-
-/// In a directory that users share anybody can take a name first; what lies there must be ours alone before
-/// we use it.
-void requireOwnDirectory(FileManager& fileManager, const std::string& path) {
-    const auto attributes = fileManager.attributes(path);
-    if (attributes && attributes->isDirectory && attributes->owner == ::geteuid() &&
-        (attributes->permissions & writable_by_others) == 0) {
-        return;
-    }
-    throw FileSystemFailure(
-        "use the directory", path,
-        "It belongs to another user, is a link or can be written by others; remove it or set " +
-            std::string(environment_key::data_directory),
-        EPERM);
+[[noreturn]] void refuse(const std::string& path, const std::string& reason) {
+    throw FileSystemFailure("use the directory", path, reason, EPERM);
 }
 
 }  // namespace
@@ -64,7 +50,7 @@ DataDirectory::DataDirectory(const Environment& environment, FileManager& fileMa
         path = standardizedPath(*configured);
     } else {
         auto base = privateRuntimeDirectory(environment, fileManager);
-        if (!base) base = sharedBase_ = generalTemporaryDirectory(environment);
+        if (!base) base = baseBelowSharedDirectory(environment);
         path = joinedPath(joinedPath(joinedPath(*base, application_component), bridge_component), platform);
     }
     inbound = joinedPath(path, "inbound");
@@ -82,26 +68,82 @@ DataDirectory::DataDirectory(const Environment& environment, FileManager& fileMa
     workerRejectedOutbound = joinedPath(runtime, "worker-rejected-outbound");
 }
 
+std::string DataDirectory::baseBelowSharedDirectory(const Environment& environment) {
+    if (const auto given = nonBlankValue(environment, environment_key::temporary_directory)) {
+        return sharedBase_ = standardizedPath(*given);
+    }
+    sharedBase_ = default_temporary_directory;
+    // A folder for each user, because whoever made a common one would keep all others out.
+    return joinedPath(sharedBase_, std::string(user_folder_prefix) + std::to_string(::geteuid()));
+}
+
+std::array<const std::string*, 7> DataDirectory::folders() const {
+    return {&inbound,
+            &outbound,
+            &processed,
+            &rejected,
+            &runtime,
+            &workerProcessedOutbound,
+            &workerRejectedOutbound};
+}
+
+/// Below a shared directory what leads to the data directory has to be ours as well.
+std::vector<std::string> DataDirectory::directoriesToRoot() const {
+    std::vector<std::string> directories;
+    for (auto slash = path.find('/', sharedBase_.size() + 1);
+         !sharedBase_.empty() && slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        directories.push_back(path.substr(0, slash));
+    }
+    directories.push_back(path);
+    return directories;
+}
+
+/// Nobody else may be able to make the path lead elsewhere.
+void DataDirectory::requireSafeWay(FileManager& fileManager) const {
+    const bool isShared = !sharedBase_.empty();
+    const auto steps = stepsAlong(isShared ? sharedBase_ : path, fileManager);
+    const auto step = firstStepOfOthers(steps, PrimaryGroup::isTrusted, fileManager);
+    if (!step) return;
+    refuse(
+        path,
+        "\"" + singleLine(*step) + "\" belongs to another user, or others may replace what lies in it; let " +
+            std::string(isShared ? environment_key::temporary_directory : environment_key::data_directory) +
+            " name another place");
+}
+
+/// Whoever may write there can speak as the worker, and what a link leads to is not ours to change.
+void DataDirectory::requireOwn(FileManager& fileManager, const std::string& directory) const {
+    const bool isShared = !sharedBase_.empty();
+    // The one that was named may be a link; what it is to lead through is looked at elsewhere.
+    const bool mayBeLink = directory == path && !isShared;
+    const auto attributes = fileManager.attributes(mayBeLink ? joinedPath(directory, ".") : directory);
+    // Anything else in its place fails to become a directory.
+    if (!attributes || (!attributes->isDirectory && !attributes->isSymbolicLink)) return;
+    const auto group = isShared ? PrimaryGroup::isNotTrusted : PrimaryGroup::isTrusted;
+    if (attributes->isDirectory && isOwn(*attributes) && isClosedToOthers(*attributes, group)) return;
+    refuse(directory, "It belongs to another user, is a link or can be written by others; remove it or set " +
+                          std::string(environment_key::data_directory));
+}
+
 void DataDirectory::create(FileManager& fileManager, const std::string& directory) const {
     fileManager.createDirectory(directory);
-    if (!sharedBase_.empty()) requireOwnDirectory(fileManager, directory);
+    requireOwn(fileManager, directory);
 }
 
 void DataDirectory::createRoot(FileManager& fileManager) const {
-    // Below a shared directory step by step, so that nothing is ever made inside somebody else's directory.
-    for (auto slash = path.find('/', sharedBase_.size() + 1);
-         !sharedBase_.empty() && slash != std::string::npos; slash = path.find('/', slash + 1)) {
-        create(fileManager, path.substr(0, slash));
-    }
-    create(fileManager, path);
+    // Everything that is there already, so that nothing is made inside somebody else's directory.
+    const auto directories = directoriesToRoot();
+    for (const auto& directory : directories) requireOwn(fileManager, directory);
+    for (const auto* directory : folders()) requireOwn(fileManager, *directory);
+    requireSafeWay(fileManager);
+    // Step by step: between a look and the making another user may have been there.
+    for (const auto& directory : directories) create(fileManager, directory);
+    requireSafeWay(fileManager);
 }
 
 void DataDirectory::createForBackend(FileManager& fileManager) const {
     createRoot(fileManager);
-    for (const auto* directory : {&inbound, &outbound, &processed, &rejected, &runtime,
-                                  &workerProcessedOutbound, &workerRejectedOutbound}) {
-        create(fileManager, *directory);
-    }
+    for (const auto* directory : folders()) create(fileManager, *directory);
 }
 
 void DataDirectory::createForWorker(FileManager& fileManager) const {

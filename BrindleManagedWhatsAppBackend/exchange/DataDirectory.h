@@ -1,7 +1,9 @@
 #pragma once
 
+#include <array>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "system/Environment.h"
 #include "system/FileManager.h"
@@ -15,11 +17,12 @@ struct DataDirectory {
     /// Touches nothing.
     DataDirectory(const Environment& environment, FileManager& fileManager, std::string_view platform);
 
-    /// Creates the data directory itself, and what leads to it. Throws FileSystemFailure.
+    /// Creates the data directory itself, and what leads to it. Throws FileSystemFailure; before anything was
+    /// made, with EPERM, when another user could change what lies there or where it lies.
     void createRoot(FileManager& fileManager) const;
-    /// Creates what the backend needs, in order. Throws the first failure.
+    /// Creates what the backend needs, in order. Throws the first failure, as createRoot() does.
     void createForBackend(FileManager& fileManager) const;
-    /// Creates what the worker needs, in order. Throws the first failure.
+    /// Creates what the worker needs, in order. Throws the first failure, as createRoot() does.
     void createForWorker(FileManager& fileManager) const;
 
     /// The file of the record with that message identifier: `directory`/`messageId`.json.
@@ -41,6 +44,12 @@ struct DataDirectory {
     std::string workerRejectedOutbound;
 
   private:
+    std::string baseBelowSharedDirectory(const Environment& environment);
+    std::vector<std::string> directoriesToRoot() const;
+    /// In the order in which they are made.
+    std::array<const std::string*, 7> folders() const;
+    void requireSafeWay(FileManager& fileManager) const;
+    void requireOwn(FileManager& fileManager, const std::string& directory) const;
     void create(FileManager& fileManager, const std::string& directory) const;
 
     /// Not empty when the directory lies in a temporary directory that other users share.

@@ -134,7 +134,7 @@ TEST_F(DataDirectoryLockTests, DirectoryThatIsReplacedMeanwhileIsTaken) {
 }
 
 TEST_F(DataDirectoryLockTests, DirectoryThatIsReplacedWhileItIsTakenIsTakenAnew) {
-    files_.set({.operation = 2, .code = ESTALE});
+    files_.set({.operation = 1, .code = ESTALE, .action = "lock"});
     const auto lock = this->lock();
     ASSERT_TRUE(lock);
     EXPECT_TRUE(isLockOfThePath(*lock));
@@ -151,7 +151,7 @@ TEST_F(DataDirectoryLockTests, LinkLeadsToTheSameLock) {
 class NoLocksTests : public DataDirectoryLockTests, public testing::WithParamInterface<int> {};
 
 TEST_P(NoLocksTests, FileSystemWithoutLocksIsNoReasonToRefuse) {
-    files_.set({.operation = 2, .code = GetParam()});
+    files_.set({.operation = 1, .code = GetParam(), .action = "lock"});
     const auto lock = this->lock();
     ASSERT_TRUE(lock);
     EXPECT_FALSE(lock->isOpen());

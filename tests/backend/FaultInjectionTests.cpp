@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <set>
 #include <system_error>
 
@@ -110,8 +111,10 @@ Start startedWith(FaultInjectingFileManager& files, const Environment& environme
 }
 
 TEST_P(FaultInjectionTests, StartFailsOnlyBecauseOfADirectory) {
-    const int met = forEveryOperation(Stage::beforeAnyEffect, [](const Fault& fault) {
+    std::ptrdiff_t stepsOfTheWay = 0;
+    const int met = forEveryOperation(Stage::beforeAnyEffect, [&](const Fault& fault) {
         const test::TemporaryDirectory home;
+        stepsOfTheWay = std::distance(home.path().begin(), home.path().end());
         const Environment environment{
             {std::string(environment_key::temporary_directory), home.path().string()}};
         const auto data = home.path() / "Brindle" / "ManagedBridge" / "whatsapp";
@@ -143,8 +146,9 @@ TEST_P(FaultInjectionTests, StartFailsOnlyBecauseOfADirectory) {
                                 "worker-rejected-outbound"));
         return true;
     });
-    // Three levels of a shared place and seven directories below, each created and looked at; two files.
-    EXPECT_EQ(met, 22);
+    // The way to the shared place and who owns its root, before and after; three levels there and seven
+    // directories below, each looked at, created and looked at again; two files.
+    EXPECT_EQ(met, 2 * (stepsOfTheWay + 1) + 3 * (3 + 7) + 2);
 }
 
 /// What became of the records of a drain.

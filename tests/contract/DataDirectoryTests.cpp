@@ -228,8 +228,7 @@ TEST(DataDirectory, BlankRuntimeDirectoryCountsAsAbsent) {
 }
 
 /// Removes what a backend without any temporary directory of its own leaves below /tmp. No two tests on the
-/// machine have one at a time: they would take each other's common parents away, which must not stay for the
-/// tests of another user either.
+/// machine have one at a time: they would take each other's common parents away.
 class LeftoversBelowTmp {
   public:
     explicit LeftoversBelowTmp(const std::string& platform)
@@ -241,21 +240,16 @@ class LeftoversBelowTmp {
     ~LeftoversBelowTmp() {
         std::error_code ignored;
         fs::remove_all(path(), ignored);
-        fs::remove(path().parent_path(), ignored);  // Only when nothing else is there.
-        fs::remove(path().parent_path().parent_path(), ignored);
+        fs::path common = path();
+        // Only where nothing else is.
+        for (int level = 0; level < 3; ++level) fs::remove(common = common.parent_path(), ignored);
         ::close(tmp_);
     }
     LeftoversBelowTmp(const LeftoversBelowTmp&) = delete;
     LeftoversBelowTmp& operator=(const LeftoversBelowTmp&) = delete;
 
-    fs::path path() const { return fs::path("/tmp/Brindle/ManagedBridge") / platform_; }
-    /// Whether what is there already keeps a backend of this user out.
-    bool belongsToAnother() const {
-        for (const fs::path& directory : {path().parent_path().parent_path(), path().parent_path()}) {
-            struct stat status {};
-            if (lstat(directory.c_str(), &status) == 0 && status.st_uid != geteuid()) return true;
-        }
-        return false;
+    fs::path path() const {
+        return "/tmp/brindle-" + std::to_string(geteuid()) + "/Brindle/ManagedBridge/" + platform_;
     }
 
   private:
@@ -263,17 +257,20 @@ class LeftoversBelowTmp {
     int tmp_;
 };
 
-TEST(DataDirectory, TmpIsTheBaseWhereNoTemporaryDirectoryIsNamed) {
+TEST(DataDirectory, FolderOfTheUserInTmpIsTheBaseWhereNoTemporaryDirectoryIsNamed) {
     for (const bool isEmpty : {true, false}) {
         const std::string platform = "test-" + std::to_string(getpid());
         const LeftoversBelowTmp leftovers(platform);
-        if (leftovers.belongsToAnother()) GTEST_SKIP() << "/tmp/Brindle belongs to another user.";
         BackendOptions options = optionsWithDefaultDirectory("");
         if (!isEmpty) options.environment.erase("TMPDIR");
         options.arguments = {"--platform", platform};
         BackendProcess backend(options);
         greetAndFinish(backend);
         EXPECT_EQ(publishedDirectory(leftovers.path()), leftovers.path().string()) << isEmpty;
+        fs::path directory = leftovers.path();
+        for (int level = 0; level < 4; ++level, directory = directory.parent_path()) {
+            EXPECT_EQ(modeOf(directory), 0700U) << directory;
+        }
     }
 }
 

@@ -11,6 +11,7 @@
 
 #include "exchange/EnvironmentKeys.h"
 #include "support/Files.h"
+#include "support/ForwardingFileManager.h"
 #include "support/TemporaryDirectory.h"
 #include "system/FileSystemFailure.h"
 
@@ -24,32 +25,22 @@ using test::TemporaryDirectory;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-/// The real file system, on which some paths belong to another user.
-class ForeignOwnership final : public FileManager {
+/// The real file system, on which some paths belong to another user or group.
+class ForeignOwnership final : public test::ForwardingFileManager {
   public:
-    explicit ForeignOwnership(std::string foreignPath) : foreignPath_(std::move(foreignPath)) {}
+    explicit ForeignOwnership(std::string foreignPath)
+        : ForwardingFileManager(real_), foreignPath_(std::move(foreignPath)) {}
 
     std::optional<FileAttributes> attributes(const std::string& path) override {
-        auto found = real_.attributes(path);
-        if (found && path == foreignPath_) found->owner = ::geteuid() + 1;
+        auto found = ForwardingFileManager::attributes(path);
+        const bool isForeign = path == foreignPath_ || path == foreignPath_ + "/.";
+        if (found && isForeign && isGroupForeign) found->group = ::getegid() + 1;
+        if (found && isForeign && !isGroupForeign) found->owner = ::geteuid() + 1;
         return found;
     }
-    void createDirectory(const std::string& path) override { real_.createDirectory(path); }
-    DirectoryListing listDirectory(const std::string& path) override { return real_.listDirectory(path); }
-    std::unique_ptr<DirectoryReader> readDirectory(const std::string& path) override {
-        return real_.readDirectory(path);
-    }
-    std::uintmax_t fileSystemBytes(const std::string& path) override { return real_.fileSystemBytes(path); }
-    bool fileExists(const std::string& path) override { return real_.fileExists(path); }
-    bool isExecutableFile(const std::string& path) override { return real_.isExecutableFile(path); }
-    std::string readFile(const std::string& path) override { return real_.readFile(path); }
-    void writeFileAtomically(const std::string& path, std::string_view bytes,
-                             Durability durability) override {
-        real_.writeFileAtomically(path, bytes, durability);
-    }
-    void moveItem(const std::string& from, const std::string& to) override { real_.moveItem(from, to); }
-    Descriptor lockDirectory(const std::string& path) override { return real_.lockDirectory(path); }
-    void removeItem(const std::string& path) override { real_.removeItem(path); }
+
+    /// The group is the other one then, and not the owner.
+    bool isGroupForeign = false;
 
   private:
     PosixFileManager real_;
@@ -130,14 +121,15 @@ TEST_F(DataDirectoryTests, RuntimeDirectoryOfAnotherUserIsPassedOver) {
 }
 
 TEST_F(DataDirectoryTests, GeneralTemporaryDirectoryIsTheLastResort) {
-    EXPECT_EQ(pathFor({}), "/tmp/Brindle/ManagedBridge/whatsapp");
-    EXPECT_EQ(pathFor(with(key::temporary_directory, " ")), "/tmp/Brindle/ManagedBridge/whatsapp");
+    const auto own = "/tmp/brindle-" + std::to_string(::geteuid());
+    EXPECT_EQ(pathFor({}), own + "/Brindle/ManagedBridge/whatsapp");
+    EXPECT_EQ(pathFor(with(key::temporary_directory, " ")), own + "/Brindle/ManagedBridge/whatsapp");
     EXPECT_EQ(pathFor(with(key::temporary_directory, "/var//tmp/\n")),
               "/var/tmp/Brindle/ManagedBridge/whatsapp");
 }
 
 TEST_F(DataDirectoryTests, LastComponentIsThePlatform) {
-    EXPECT_EQ(pathFor({}, "other"), "/tmp/Brindle/ManagedBridge/other");
+    EXPECT_EQ(pathFor(temporary(), "other"), at("tmp") + "/Brindle/ManagedBridge/other");
 }
 
 TEST_F(DataDirectoryTests, FindingTouchesNothing) {
@@ -269,13 +261,131 @@ TEST_F(DataDirectoryTests, LinkInASharedPlaceIsRefused) {
     }
 }
 
-TEST_F(DataDirectoryTests, ConfiguredDirectoryMayBeALinkOrBelongToAnotherUser) {
-    const auto real = makeDirectory("real", 0700);
+TEST_F(DataDirectoryTests, WayToAConfiguredDirectoryMayLeadThroughLinksOfTheUser) {
+    const auto real = makeDirectory("real/d", 0700);
+    fs::create_directory_symlink("real", at("way"));
     fs::create_directory_symlink(real, at("link"));
-    ForeignOwnership files(at("link"));
-    const DataDirectory directory(with(key::data_directory, at("link")), files, "whatsapp");
-    directory.createForBackend(files);
-    EXPECT_TRUE(fs::is_directory(real + "/inbound"));
+    for (const auto& path : {at("way/d"), at("link")}) {
+        DataDirectory(with(key::data_directory, path), files_, "whatsapp").createForBackend(files_);
+        EXPECT_TRUE(fs::is_directory(real + "/inbound")) << path;
+    }
+}
+
+/// A configured data directory that is there already, and one of the directories in it, "." for itself.
+class ConfiguredDirectoryTests : public DataDirectoryTests, public testing::WithParamInterface<std::string> {
+  protected:
+    ConfiguredDirectoryTests() : directory_(with(key::data_directory, at("d")), files_, "whatsapp") {
+        files_.createDirectory(target());
+    }
+    std::string target() const { return GetParam() == "." ? at("d") : at("d/" + GetParam()); }
+    /// What a start with those files is refused for.
+    std::string refusal(FileManager& files) {
+        const auto before = namesIn(directory_.path);
+        try {
+            directory_.createForBackend(files);
+            return "none";
+        } catch (const FileSystemFailure& failure) {
+            EXPECT_EQ(failure.code(), EPERM);
+            EXPECT_EQ(namesIn(directory_.path), before) << "something was made";
+            return failure.what();
+        }
+    }
+    void allow(mode_t mode) const { EXPECT_EQ(::chmod(target().c_str(), mode), 0); }
+
+    DataDirectory directory_;
+};
+
+TEST_P(ConfiguredDirectoryTests, IsRefusedWhenItBelongsToAnotherUser) {
+    ForeignOwnership files(target());
+    EXPECT_THAT(refusal(files), HasSubstr("belongs to another user"));
+}
+
+TEST_P(ConfiguredDirectoryTests, IsRefusedWhenEverybodyMayWriteToIt) {
+    for (const mode_t mode : {0777U, 0702U, 01777U}) {
+        allow(mode);
+        EXPECT_THAT(refusal(files_), HasSubstr("can be written by others")) << mode;
+    }
+}
+
+TEST_P(ConfiguredDirectoryTests, MayBeWrittenByThePrimaryGroupOfTheUserAlone) {
+    allow(0770);
+    ForeignOwnership files(target());
+    files.isGroupForeign = true;
+    EXPECT_THAT(refusal(files), HasSubstr("can be written by others"));
+    EXPECT_EQ(refusal(files_), "none");
+}
+
+TEST_P(ConfiguredDirectoryTests, MayBeReadByOthers) {
+    allow(0755);
+    EXPECT_EQ(refusal(files_), "none");
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, ConfiguredDirectoryTests,
+                         testing::Values(".", "inbound", "outbound", "processed", "rejected", "runtime",
+                                         "runtime/worker-processed-outbound",
+                                         "runtime/worker-rejected-outbound"));
+
+TEST_F(DataDirectoryTests, FolderThatIsALinkIsRefused) {
+    const auto elsewhere = makeDirectory("elsewhere", 0700);
+    const DataDirectory directory(with(key::data_directory, at("d")), files_, "whatsapp");
+    for (const std::string name : {"inbound", "runtime", "rejected"}) {
+        makeDirectory("d", 0700);
+        fs::create_directory_symlink(elsewhere, at("d/" + name));
+        EXPECT_THROW(directory.createForBackend(files_), FileSystemFailure) << name;
+        EXPECT_THROW(directory.createForWorker(files_), FileSystemFailure) << name;
+        EXPECT_THAT(namesIn(directory.path), ElementsAre(name));
+        EXPECT_TRUE(fs::is_empty(elsewhere));
+        fs::remove_all(at("d"));
+    }
+}
+
+TEST_F(DataDirectoryTests, WayToAConfiguredDirectoryThatAnotherUserCouldChangeIsRefused) {
+    makeDirectory("real", 0700);
+    makeDirectory("open", 0777);
+    makeDirectory("group", 0770);
+    fs::create_directory_symlink("real", at("link"));
+    const auto refusal = [&](const std::string& name, FileManager& files) -> std::string {
+        const auto path = at(name + "/a/d");
+        try {
+            DataDirectory(with(key::data_directory, path), files, "whatsapp").createForBackend(files);
+            return "none";
+        } catch (const FileSystemFailure& failure) {
+            EXPECT_EQ(failure.code(), EPERM);
+            EXPECT_FALSE(fs::exists(at(name + "/a"))) << name;
+            EXPECT_THAT(failure.what(), HasSubstr("Cannot use the directory \"" + path + "\": "));
+            return failure.what();
+        }
+    };
+    const auto reason = [&](const std::string& name) {
+        return "\"" + at(name) +
+               "\" belongs to another user, or others may replace what lies in it; let BRINDLE_MANAGED_BRIDGE_DATA_DIR name another place.";
+    };
+    for (const std::string name : {"real", "link"}) {
+        ForeignOwnership files(at(name));
+        EXPECT_THAT(refusal(name, files), HasSubstr(reason(name)));
+    }
+    ForeignOwnership files(at("group"));
+    files.isGroupForeign = true;
+    EXPECT_THAT(refusal("group", files), HasSubstr(reason("group")));
+    EXPECT_THAT(refusal("open", files_), HasSubstr(reason("open")));
+    makeDirectory("open", 01777);
+    EXPECT_EQ(refusal("open", files_), "none");
+}
+
+TEST_F(DataDirectoryTests, TemporaryDirectoryThatAnotherUserCouldChangeIsRefused) {
+    makeDirectory("tmp", 0777);
+    EXPECT_THROW(DataDirectory(temporary(), files_, "whatsapp").createForBackend(files_), FileSystemFailure);
+    makeDirectory("tmp", 0755);
+    ForeignOwnership files(at("tmp"));
+    try {
+        DataDirectory(temporary(), files, "whatsapp").createForBackend(files);
+        ADD_FAILURE() << "accepted";
+    } catch (const FileSystemFailure& failure) {
+        EXPECT_THAT(failure.what(), HasSubstr("let TMPDIR name another place."));
+    }
+    EXPECT_TRUE(fs::is_empty(at("tmp")));
+    makeDirectory("tmp", 01777);
+    EXPECT_NO_THROW(DataDirectory(temporary(), files_, "whatsapp").createForBackend(files_));
 }
 
 }  // namespace
