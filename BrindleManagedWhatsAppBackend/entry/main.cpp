@@ -1,6 +1,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sysexits.h>
 #include <unistd.h>
 
@@ -36,6 +37,7 @@ namespace brindle {
 namespace {
 
 constexpr std::chrono::milliseconds standard_error_patience{1000};
+constexpr mode_t group_and_others = 077;
 
 /// Best effort: there is no place to report that standard error cannot be written, and a reader that does not
 /// read must not keep an ending process.
@@ -114,6 +116,8 @@ pid_t launchingProcess(const Environment& environment) {
 void runWorkerRole(const std::string& platform, const Environment& environment, FileManager& fileManager) {
     // Before anything that takes its time: a parent that dies meanwhile must be missed later.
     const pid_t parent = launchingProcess(environment);
+    // The engine gives its files, the login among them, whatever permissions this leaves.
+    ::umask(group_and_others);
     // Nobody needs it any more. Before the guard, which would keep a copy, and while there is no other
     // thread.
     for (const auto key : {environment_key::launch_token, environment_key::launch_token_file})

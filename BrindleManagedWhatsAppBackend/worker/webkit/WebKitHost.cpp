@@ -1,10 +1,7 @@
 #include "worker/webkit/WebKitHost.h"
 
 #include <glib-unix.h>
-#include <glib/gstdio.h>
-#include <pwd.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <utility>
@@ -13,43 +10,17 @@
 #include "worker/webkit/EngineEnvironment.h"
 #include "worker/webkit/InteractionDenial.h"
 #include "worker/webkit/MainLoopTimer.h"
+#include "worker/webkit/OwnFolder.h"
 #include "worker/webkit/SandboxCheck.h"
 #include "worker/webkit/WebKitPage.h"
 
 namespace brindle {
 namespace {
 
-constexpr int private_directory_mode = 0700;
 /// They end the worker.
 constexpr std::array end_signals{SIGTERM, SIGINT, SIGHUP};
 /// Far more than the engine needs to let go, should something keep the main loop busy for ever.
 constexpr int most_last_turns = 1000;
-
-/// The user's home directory. Not g_get_home_dir, which would keep the engine from taking another.
-std::string homeDirectory() {
-    const char* home = g_getenv("HOME");
-    if (home != nullptr && *home != '\0') return home;
-    const passwd* user = ::getpwuid(::getuid());  // NOLINT(concurrency-mt-unsafe): there is one thread yet.
-    return user == nullptr ? "/" : user->pw_dir;
-}
-
-/// A folder of the application below one of the user's base directories (XDG, freedesktop.org):
-/// `variable` names it, else it is `fallback` in the home directory.
-std::string ownFolder(const char* variable, const char* fallback, const std::string& applicationName) {
-    const char* given = g_getenv(variable);
-    const bool isUsable = given != nullptr && g_path_is_absolute(given);
-    const GText path(
-        isUsable ? g_build_filename(given, applicationName.c_str(), nullptr)
-                 : g_build_filename(homeDirectory().c_str(), fallback, applicationName.c_str(), nullptr));
-    // A login that cannot be stored would quietly be lost at the end.
-    if (g_mkdir_with_parents(path.get(), private_directory_mode) != 0 ||
-        g_access(path.get(), R_OK | W_OK | X_OK) != 0) {
-        throw Failure("The built-in web worker cannot keep website data in \"" + std::string(path.get()) +
-                      "\" (" + g_strerror(errno) + "); let " + variable +
-                      " name a directory that this user can write to.");
-    }
-    return path.get();
-}
 
 GObjectPointer<WebKitWebsiteDataManager> openWebsiteData(const WebsiteDataFolders& folders) {
     GObjectPointer<WebKitWebsiteDataManager> manager(webkit_website_data_manager_new(
