@@ -5,15 +5,21 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <string_view>
 
 #include "exchange/EnvironmentKeys.h"
 #include "system/FileManager.h"
 #include "system/FileSystemFailure.h"
+#include "system/PathSteps.h"
 #include "system/Paths.h"
 #include "text/Identifier.h"
+#include "text/WithoutFailing.h"
 
 namespace brindle::console {
 namespace {
+
+constexpr std::string_view directory_prefix = "brindle-console-";
+constexpr std::string_view token_file_name = "launch-token";
 
 std::string temporaryBase() {
     std::error_code error;
@@ -21,15 +27,52 @@ std::string temporaryBase() {
     return error ? "/tmp" : base.string();
 }
 
+/// Whether a console that ended long ago, without a chance to clear up, has left it.
+bool isLeftover(const std::string& path, FileManager& files) {
+    const auto attributes = files.attributes(path);
+    return attributes && attributes->isDirectory && isOwn(*attributes) &&
+           attributes->modification + LaunchTicket::leftover_age < std::chrono::system_clock::now();
+}
+
+/// The token, and the file that it may have been written to first.
+void removeTicket(const std::string& directory, FileManager& files) {
+    const auto entries = files.readDirectory(directory);
+    while (const auto name = entries->next()) {
+        if (*name == token_file_name || isTemporaryName(*name))
+            files.removeItem(joinedPath(directory, *name));
+    }
+    files.removeItem(directory);
+}
+
+void removeLeftovers(const std::string& base, FileManager& files) {
+    for (const auto& name : files.visibleEntries(base)) {
+        const auto path = joinedPath(base, name);
+        if (!name.starts_with(directory_prefix) || !isLeftover(path, files)) continue;
+        try {
+            // Fails while a console uses it, however long ago that one has begun.
+            const auto lock = files.lockDirectory(path);
+            removeTicket(path, files);
+        } catch (const FileSystemFailure&) {
+            // Nothing of ours, or a later console's turn: no reason to keep this one from its work.
+        }
+    }
+}
+
 }  // namespace
 
 LaunchTicket::LaunchTicket() : token_(randomIdentifier() + randomIdentifier()) {
-    std::string directory = joinedPath(temporaryBase(), "brindle-console-XXXXXX");
+    const auto base = temporaryBase();
+    withoutFailing([&] {
+        PosixFileManager files;
+        removeLeftovers(base, files);
+    });
+    std::string directory = joinedPath(base, std::string(directory_prefix) + "XXXXXX");
     if (::mkdtemp(directory.data()) == nullptr) {
         throw FileSystemFailure("create the directory", directory, errno);
     }
     directory_ = directory;
-    file_ = joinedPath(directory_, "launch-token");
+    file_ = joinedPath(directory_, token_file_name);
+    holdDirectory();
     try {
         PosixFileManager().writeFileAtomically(file_, token_, Durability::process);
     } catch (const FileSystemFailure&) {
@@ -41,6 +84,14 @@ LaunchTicket::LaunchTicket() : token_(randomIdentifier() + randomIdentifier()) {
 LaunchTicket::~LaunchTicket() {
     ::unlink(file_.c_str());
     ::rmdir(directory_.c_str());
+}
+
+void LaunchTicket::holdDirectory() {
+    try {
+        lock_ = PosixFileManager().lockDirectory(directory_);
+    } catch (const FileSystemFailure&) {
+        // Where there are no locks, nobody takes one to remove it either.
+    }
 }
 
 void LaunchTicket::addTo(Environment& environment) const {

@@ -1,16 +1,21 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 
+#include "system/Descriptor.h"
 #include "system/Environment.h"
 
 namespace brindle::console {
 
 /// What proves to a helper that its parent started it: a random token and a file that holds it, in a private
-/// directory. Both are gone with the object.
+/// directory. Both are gone with the object; what a console that was killed has left goes with a later one.
 class LaunchTicket {
   public:
-    /// Throws FileSystemFailure.
+    /// How long a directory that nobody uses is left alone: it may belong to a console that is just starting.
+    static constexpr std::chrono::hours leftover_age{24};
+
+    /// Also removes what is left of this user's earlier tickets. Throws FileSystemFailure.
     LaunchTicket();
     ~LaunchTicket();
     LaunchTicket(const LaunchTicket&) = delete;
@@ -21,7 +26,11 @@ class LaunchTicket {
     void addTo(Environment& environment) const;
 
   private:
+    void holdDirectory();
+
     std::string directory_;
+    /// Tells later consoles that the directory is in use.
+    Descriptor lock_;
     std::string file_;
     std::string token_;
 };

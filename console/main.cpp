@@ -50,7 +50,8 @@ Input chooseInput(const Options& options, const Environment& environment, Output
 }
 
 int runSession(const Options& options) {
-    TerminationSignals signals;
+    // The launch ticket must not outlive the console.
+    TerminationSignals signals(TerminationSignalSet::everyEnd);
     // Whoever ends the console need not wait for a reader that does not read.
     DepartureWatch watch;
     watch.addSign(signals.descriptor(), true);

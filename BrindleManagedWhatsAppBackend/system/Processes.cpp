@@ -28,6 +28,17 @@ sigset_t terminationSet() {
     return set;
 }
 
+sigset_t everyEndSet() {
+    sigset_t set;
+    sigfillset(&set);
+    // What a process brings upon itself cannot wait.
+    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) sigdelset(&set, fault);
+    // These end nothing: ends of others, and the keys and news of a terminal.
+    for (const int news : {SIGCHLD, SIGCONT, SIGTSTP, SIGTTIN, SIGTTOU, SIGWINCH, SIGURG, SIGPIPE, SIGXFSZ})
+        sigdelset(&set, news);
+    return set;
+}
+
 }  // namespace
 
 bool processExists(pid_t process) {
@@ -75,8 +86,8 @@ void returnFreedMemory() {
     ::malloc_trim(0);
 }
 
-TerminationSignals::TerminationSignals() {
-    const sigset_t set = terminationSet();
+TerminationSignals::TerminationSignals(TerminationSignalSet which) {
+    const sigset_t set = which == TerminationSignalSet::requests ? terminationSet() : everyEndSet();
     descriptor_ = Descriptor(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     // Held back without anybody to take them, they could no longer end the process.
     if (!descriptor_.isOpen()) {

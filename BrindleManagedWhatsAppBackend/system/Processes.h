@@ -41,12 +41,20 @@ void giveLargeMemoryBackAtOnce();
 /// Hands freed memory back to the system.
 void returnFreedMemory();
 
-/// Takes SIGTERM, SIGINT and SIGHUP out of asynchronous delivery for this and every later thread. Whoever
-/// waits for input also waits for the descriptor and ends in order.
+/// Which signals TerminationSignals takes.
+enum class TerminationSignalSet {
+    /// SIGTERM, SIGINT and SIGHUP, by which a process is asked to end.
+    requests,
+    /// Everything that would end the process and can be held back: for who has to clear up at any end.
+    everyEnd,
+};
+
+/// Takes signals out of asynchronous delivery for this and every later thread. Whoever waits for input also
+/// waits for the descriptor and ends in order.
 class TerminationSignals {
   public:
     /// Throws Failure when the process has no descriptor left for it; the signals keep their effect then.
-    TerminationSignals();
+    explicit TerminationSignals(TerminationSignalSet which = TerminationSignalSet::requests);
     /// Readable once one of the signals has come (signalfd).
     int descriptor() const { return descriptor_.get(); }
     /// The signal that came, taken off the queue; 0 when none did.

@@ -273,6 +273,18 @@ TEST_P(ConsoleSignalTest, EndsWithASentenceWhereItCanNoLongerWaitForOne) {
     waitUntilGone(helper);
 }
 
+class ConsoleOtherSignalTest : public ConsoleTest, public testing::WithParamInterface<int> {};
+
+TEST_P(ConsoleOtherSignalTest, LeavesNoTicketBehindEither) {
+    auto& console = start();
+    waitForGreeting(console);
+    console.signal(GetParam());
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, ConsoleOtherSignalTest,
+                         testing::Values(SIGQUIT, SIGALRM, SIGUSR1, SIGABRT, SIGXCPU));
+
 TEST_F(ConsoleTest, HelperIsOutOfReachOfTheTerminalsSignals) {
     auto& console = start();
     waitForGreeting(console);
