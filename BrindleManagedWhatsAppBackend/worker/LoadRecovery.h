@@ -11,10 +11,11 @@ namespace brindle {
 /// load of the page begins the counting anew; a reload does not.
 class LoadRecovery {
   public:
-    using TimePoint = std::chrono::system_clock::time_point;
+    /// Since the system was started: whoever sets the wall clock neither hurries a reload nor puts it off.
+    using TimePoint = std::chrono::nanoseconds;
 
     /// Counts from now, as if a load had just been issued. `clock` outlives it.
-    explicit LoadRecovery(const Clock& clock) : clock_(clock), pageLoadIssuedAt_(clock.now()) {}
+    explicit LoadRecovery(const Clock& clock) : clock_(clock), pageLoadIssuedAt_(clock.sinceBoot()) {}
 
     /// A load of the page is issued now.
     void beginAnew();

@@ -7,8 +7,10 @@
 #include <signal.h>
 #include <sys/eventfd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <thread>
 
 #include "support/BackendLines.h"
@@ -16,6 +18,8 @@
 #include "support/Files.h"
 #include "support/Json.h"
 #include "support/Pipes.h"
+#include "support/Requests.h"
+#include "support/StuckFileManager.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TextForms.h"
 #include "support/Waiting.h"
@@ -260,7 +264,8 @@ class BackendConversationTests : public testing::Test {
     };
 
     test::TemporaryDirectory home_;
-    PosixFileManager files_;
+    PosixFileManager real_;
+    test::StuckFileManager files_{real_};
     test::TestClock clock_;
     test::MemoryStreams streams_;
 
@@ -357,6 +362,54 @@ TEST_F(BackendConversationTests, DeliversWhatAWorkerLeavesMeanwhile) {
     test::writeFileAtomically(data("inbound/a.json"), test::inboundRecord("m1").dump());
     backend.hear(R"("messageId":"m1")");
     EXPECT_EQ(backend.finish().size(), 5U);
+}
+
+TEST_F(BackendConversationTests, GoesOnWhenSomebodySetsTheClock) {
+    Backend backend(*this);
+    backend.say(connect_request);
+    backend.say(listen_request);
+    backend.hear(R"("connected")");
+    int message = 0;
+    for (const auto jump : {std::chrono::hours(24 * 400), std::chrono::hours(-24 * 800)}) {
+        clock_.turnTo(clock_.now() + jump);
+        const auto time = iso8601(clock_.now());
+        test::waitUntil(
+            [&] {
+                const auto status = test::contentOrNothing(data("runtime/runtime-status.json"));
+                return status.find(time) != std::string::npos;
+            },
+            "a status of the new time");
+        const auto name = "m" + std::to_string(++message);
+        test::writeFileAtomically(data("inbound/" + name + ".json"), test::inboundRecord(name).dump());
+        backend.hear(R"("messageId":")" + name + "\"");
+    }
+    EXPECT_EQ(backend.finish().size(), 6U);
+    EXPECT_THAT(test::visibleNamesIn(data("processed")), ElementsAre("m1.json", "m2.json"));
+}
+
+TEST_F(BackendConversationTests, WaitsForADiskThatDoesNotAnswerAndGoesOnInOrder) {
+    Backend backend(*this);
+    backend.say(connect_request);
+    backend.hear(R"("connected")");
+    std::optional<test::StuckFileManager::Stuck> stuck(std::in_place, files_, data("outbound").string());
+    for (const std::string text : {"1", "2", "3"})
+        backend.say(test::sendMessageRequest({{"conversationId", "room"}, {"text", text}}).dump());
+    files_.awaitVictim();
+    EXPECT_THAT(test::visibleNamesIn(data("outbound")), IsEmpty());
+    // What lies elsewhere does not wait.
+    clock_.pass(std::chrono::seconds(10));
+    test::waitUntil(
+        [&] {
+            const auto status = test::contentOrNothing(data("runtime/runtime-status.json"));
+            return status.find(iso8601(clock_.now())) != std::string::npos;
+        },
+        "a later status");
+    stuck.reset();
+    EXPECT_EQ(backend.finish().size(), 4U);
+    std::vector<std::string> texts;
+    for (const auto& name : test::visibleNamesIn(data("outbound")))
+        texts.push_back(test::readJsonFile(data("outbound/" + name))["text"]);
+    EXPECT_THAT(texts, ElementsAre("1", "2", "3"));
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "system/FileManager.h"
+#include "support/QuickFileManager.h"
 
 namespace brindle::test {
 
@@ -78,7 +78,7 @@ class FaultInjectingFileManager final : public FileManager {
     bool mustFail(std::string_view action, const std::string& path, Stage stage);
     void failIfDue(std::string_view action, const std::string& path, Stage stage = Stage::beforeAnyEffect);
 
-    PosixFileManager real_;
+    QuickFileManager real_;
     std::optional<std::uintmax_t> pretendedBytes_;
     std::map<std::string, std::chrono::system_clock::time_point> pretendedChanges_;
     mutable std::mutex lock_;

@@ -220,7 +220,7 @@ class ScriptedHost final : public WebWorkerHost {
         timer.action();
     }
     void turnTo(std::chrono::milliseconds time) {
-        clock_.turnTo(clock_.now() + (time - now_));
+        clock_.pass(time - now_);
         now_ = time;
     }
 

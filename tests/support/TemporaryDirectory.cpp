@@ -1,6 +1,7 @@
 #include "support/TemporaryDirectory.h"
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -14,11 +15,20 @@
 namespace brindle::test {
 namespace {
 
-std::filesystem::path makeTemporaryDirectory() {
-    const char* base = ::getenv("TMPDIR");
+constexpr const char* place_in_memory = "/dev/shm";
+
+std::string base(TemporaryDirectory::Place place) {
+    if (place == TemporaryDirectory::Place::memory && ::access(place_in_memory, W_OK) == 0)
+        return place_in_memory;
+    const char* configured = ::getenv("TMPDIR");
     // A relative one would mean another place to a process that starts in another directory.
-    const bool isUsable = base != nullptr && *base == '/' && std::filesystem::is_directory(base);
-    std::string path = std::string(isUsable ? base : "/tmp") + "/brindle-test-XXXXXX";
+    const bool isUsable =
+        configured != nullptr && *configured == '/' && std::filesystem::is_directory(configured);
+    return isUsable ? configured : "/tmp";
+}
+
+std::filesystem::path makeTemporaryDirectory(TemporaryDirectory::Place place) {
+    std::string path = base(place) + "/brindle-test-XXXXXX";
     if (::mkdtemp(path.data()) == nullptr) throw TestFailure("mkdtemp " + path + ": " + std::strerror(errno));
     return path;
 }
@@ -32,7 +42,7 @@ bool isRemoved(const std::filesystem::path& directory) {
 
 }  // namespace
 
-TemporaryDirectory::TemporaryDirectory() : path_(makeTemporaryDirectory()) {}
+TemporaryDirectory::TemporaryDirectory(Place place) : path_(makeTemporaryDirectory(place)) {}
 
 TemporaryDirectory::~TemporaryDirectory() {
     // What is made while the rest is being removed keeps the directory; its maker is about to end.

@@ -8,7 +8,14 @@ namespace brindle::test {
 /// process that is just ending still writes there.
 class TemporaryDirectory {
   public:
-    TemporaryDirectory();
+    /// Where it lies.
+    enum class Place {
+        usual,
+        /// In memory, where the system has a place for that: for tests that make thousands of files.
+        memory,
+    };
+
+    explicit TemporaryDirectory(Place place = Place::usual);
     ~TemporaryDirectory();
     TemporaryDirectory(const TemporaryDirectory&) = delete;
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;

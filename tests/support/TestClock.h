@@ -15,6 +15,8 @@ class TestClock final : public Clock {
 
     /// 2026-01-05T09:30:00Z.
     static constexpr TimePoint start{std::chrono::seconds{1767605400}};
+    /// How long the system runs by then.
+    static constexpr std::chrono::nanoseconds boot_time_at_start = std::chrono::hours{1};
 
     TimePoint now() const override {
         const std::lock_guard hold(lock_);
@@ -37,6 +39,12 @@ class TestClock final : public Clock {
         now_ += duration;
         sinceBoot_ += duration;
     }
+    /// The same, until so much has gone by since the start.
+    void passUntil(std::chrono::milliseconds sinceStart) {
+        const std::lock_guard hold(lock_);
+        now_ += boot_time_at_start + sinceStart - sinceBoot_;
+        sinceBoot_ = boot_time_at_start + sinceStart;
+    }
     /// Sets the wall clock alone, as people do.
     void turnTo(TimePoint time) {
         const std::lock_guard hold(lock_);
@@ -50,7 +58,7 @@ class TestClock final : public Clock {
   private:
     mutable std::mutex lock_;
     mutable TimePoint now_ = start;
-    mutable std::chrono::nanoseconds sinceBoot_ = std::chrono::hours{1};
+    mutable std::chrono::nanoseconds sinceBoot_ = boot_time_at_start;
     mutable std::vector<std::chrono::milliseconds> sleeps_;
 };
 

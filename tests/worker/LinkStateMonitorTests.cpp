@@ -297,7 +297,7 @@ TEST_F(LinkStateTests, FailedStatusWriteStopsNothing) {
 class StalledLoginTests : public LinkStateMonitorTests {
   protected:
     void lookAt(milliseconds time) {
-        parts_.clock.turnTo(test::TestClock::start + time);
+        parts_.clock.passUntil(time);
         parts_.files.forget();
         refreshLinkState(test::result(test::not_linked_answer));
     }
@@ -323,7 +323,8 @@ TEST_F(StalledLoginTests, ReloadIsRemembered) {
     const auto issuedAt = parts_.recovery.pageLoadIssuedAt();
     lookAt(milliseconds(12'345));
     EXPECT_EQ(parts_.recovery.launchRecoveryAttemptCount(), 1);
-    EXPECT_EQ(parts_.recovery.lastRecoveryAttemptAt(), test::TestClock::start + milliseconds(12'345));
+    EXPECT_EQ(parts_.recovery.lastRecoveryAttemptAt(),
+              test::TestClock::boot_time_at_start + milliseconds(12'345));
     EXPECT_EQ(parts_.recovery.pageLoadIssuedAt(), issuedAt);
 }
 
@@ -351,13 +352,13 @@ TEST_F(StalledLoginTests, PageWithACodeIsNotReloaded) {
 }
 
 TEST_F(StalledLoginTests, LinkedPageIsNotReloaded) {
-    parts_.clock.turnTo(test::TestClock::start + seconds(60));
+    parts_.clock.passUntil(seconds(60));
     refreshLinkState(test::result(test::linked_answer));
     EXPECT_EQ(reloads(), 0U);
 }
 
 TEST_F(StalledLoginTests, SkippedCheckDoesNothing) {
-    parts_.clock.turnTo(test::TestClock::start + seconds(60));
+    parts_.clock.passUntil(seconds(60));
     monitor_.reloadIfLoginRenderStalled(true);
     EXPECT_EQ(reloads(), 0U);
     EXPECT_THAT(parts_.published(), IsEmpty());

@@ -16,16 +16,18 @@ using std::chrono::seconds;
 class LoadRecoveryTests : public testing::Test {
   protected:
     bool isDueAt(milliseconds time) {
-        clock_.turnTo(test::TestClock::start + time);
+        clock_.passUntil(time);
         return recovery_.isReloadDue();
     }
+
+    static constexpr auto started = test::TestClock::boot_time_at_start;
 
     test::TestClock clock_;
     LoadRecovery recovery_{clock_};
 };
 
 TEST_F(LoadRecoveryTests, CountsFromItsConstruction) {
-    EXPECT_EQ(recovery_.pageLoadIssuedAt(), test::TestClock::start);
+    EXPECT_EQ(recovery_.pageLoadIssuedAt(), started);
     EXPECT_EQ(recovery_.launchRecoveryAttemptCount(), 0);
     EXPECT_EQ(recovery_.lastRecoveryAttemptAt(), std::nullopt);
     EXPECT_FALSE(isDueAt(milliseconds(11'999)));
@@ -44,13 +46,30 @@ TEST_F(LoadRecoveryTests, ReloadsAreNumberedAndDueTwelveSecondsApart) {
 TEST_F(LoadRecoveryTests, NewLoadBeginsTheCountingAnew) {
     recovery_.countReload();
     recovery_.countReload();
-    clock_.turnTo(test::TestClock::start + seconds(99));
+    clock_.passUntil(seconds(99));
     recovery_.beginAnew();
-    EXPECT_EQ(recovery_.pageLoadIssuedAt(), test::TestClock::start + seconds(99));
+    EXPECT_EQ(recovery_.pageLoadIssuedAt(), started + seconds(99));
     EXPECT_EQ(recovery_.launchRecoveryAttemptCount(), 0);
     EXPECT_EQ(recovery_.lastRecoveryAttemptAt(), std::nullopt);
     EXPECT_FALSE(isDueAt(seconds(110)));
     EXPECT_TRUE(isDueAt(seconds(111)));
+}
+
+TEST_F(LoadRecoveryTests, WhoeverSetsTheClockBackPutsNoReloadOff) {
+    clock_.turnTo(test::TestClock::start - std::chrono::hours(24));
+    EXPECT_TRUE(isDueAt(seconds(12)));
+    recovery_.countReload();
+    clock_.turnTo(test::TestClock::start - std::chrono::hours(48));
+    EXPECT_TRUE(isDueAt(seconds(24)));
+}
+
+TEST_F(LoadRecoveryTests, WhoeverSetsTheClockForwardHurriesNoReload) {
+    clock_.turnTo(test::TestClock::start + std::chrono::hours(24));
+    EXPECT_FALSE(isDueAt(milliseconds(11'999)));
+    EXPECT_TRUE(isDueAt(seconds(12)));
+    recovery_.countReload();
+    clock_.turnTo(test::TestClock::start + std::chrono::hours(48));
+    EXPECT_FALSE(isDueAt(milliseconds(23'999)));
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 #include "exchange/EnvironmentKeys.h"
 #include "support/Files.h"
 #include "support/Json.h"
+#include "support/PageScriptKinds.h"
 #include "support/TemporaryDirectory.h"
 #include "support/Waiting.h"
 #include "support/WantOfMemory.h"
@@ -41,24 +42,14 @@ using testing::SizeIs;
 using testing::StartsWith;
 using Fault = test::FaultInjectingFileManager::Fault;
 
+using test::kindOf;
 using test::load_web_client;
+using test::Script;
 
 constexpr auto launching = "starting: Launching managed WhatsApp Web worker.";
 constexpr auto loading = "starting: Loading WhatsApp Web in the managed runtime worker.";
 constexpr auto page_loaded = "starting: WhatsApp worker page loaded. Detecting QR and link state.";
 constexpr auto stopping = "stopped: Managed WhatsApp worker is stopping because the managed backend exited.";
-
-enum class Script { qrCode, linkState, activation, capture };
-
-Script kindOf(const std::string& script) {
-    if (script == page_script::qr_code) return Script::qrCode;
-    if (script == page_script::link_state) return Script::linkState;
-    // Both begin alike, but what follows the title tells them apart.
-    const auto placeholder = page_script::chat_activation.find(page_script::watched_title_placeholder);
-    const auto tail =
-        page_script::chat_activation.substr(placeholder + page_script::watched_title_placeholder.size());
-    return script.ends_with(tail) ? Script::activation : Script::capture;
-}
 
 /// A service with a data directory, an engine and a clock that the test plays.
 class WebWorkerServiceTests : public testing::Test {
@@ -156,7 +147,7 @@ TEST_F(WebWorkerServiceTests, DirectoriesAreCreatedInOrder) {
 }
 
 TEST_F(WebWorkerServiceTests, FreshServiceKnowsNothing) {
-    clock_.turnTo(test::TestClock::start + seconds(7));
+    clock_.passUntil(seconds(7));
     const ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_,
                                                   ::getppid());
     const auto& state = service.state();
@@ -169,7 +160,7 @@ TEST_F(WebWorkerServiceTests, FreshServiceKnowsNothing) {
     EXPECT_EQ(state.currentWatchedTitle, std::nullopt);
     EXPECT_EQ(state.currentConversationID, std::nullopt);
     EXPECT_EQ(state.lastSeenMessageFingerprint, std::nullopt);
-    EXPECT_EQ(service.recovery().pageLoadIssuedAt(), test::TestClock::start + seconds(7));
+    EXPECT_EQ(service.recovery().pageLoadIssuedAt(), test::TestClock::boot_time_at_start + seconds(7));
     EXPECT_EQ(service.recovery().launchRecoveryAttemptCount(), 0);
     EXPECT_EQ(service.recovery().lastRecoveryAttemptAt(), std::nullopt);
 }
@@ -763,65 +754,6 @@ TEST_F(WebWorkerServiceTests, WantOfMemoryDoesNotKeepAWorkerWhoseBackendIsGone) 
     EXPECT_FALSE(fs::exists(directory_.workerPIDFile));
     EXPECT_FALSE(fs::exists(directory_.workerStatusFile));
 }
-
-/// A whole working day in short, with a fault in it.
-class FaultyDayTests : public WebWorkerServiceTests,
-                       public testing::WithParamInterface<test::FaultInjectingFileManager::Persistence> {
-  protected:
-    /// A code is shown, scanned, and messages arrive.
-    void answerAsBusyPage() {
-        host_.answerScript = [this](const std::string& script) -> std::optional<EvaluationOutcome> {
-            const bool isScanned = clock_.now() - test::TestClock::start > seconds(3);
-            switch (kindOf(script)) {
-                case Script::qrCode:
-                    return isScanned ? test::noResult() : test::result("data:image/png;base64,AAAA");
-                case Script::linkState:
-                    return test::result(isScanned ? test::linked_answer : R"({"linked":false})");
-                case Script::activation:
-                    return test::result(R"({"state":"active"})");
-                case Script::capture:
-                    break;
-            }
-            return test::result(
-                R"({"state":"ok","activeChatTitle":"Family","messages":[{"text":"a","fingerprint":"1"},)"
-                R"({"text":"b","fingerprint":"2"}]})");
-        };
-    }
-    void spendTheDay() {
-        watch("Family", "id");
-        service_->pageFinished();
-        host_.advance(seconds(6));
-    }
-};
-
-TEST_P(FaultyDayTests, NoFailingFileOperationEndsTheWorker) {
-    answerAsBusyPage();
-    bool wasMet = true;
-    int operation = 2;  // The first is the process identifier, without which there is no start.
-    for (; wasMet; ++operation) {
-        clock_.turnTo(test::TestClock::start);
-        ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_, ::getppid());
-        service_ = &service;
-        host_.whileRunning = [&] {
-            spendTheDay();
-            wasMet = faults_.wasMet();
-            faults_.clear();
-            EXPECT_FALSE(host_.hasEnded);
-            host_.advance(milliseconds(1500));
-            EXPECT_EQ(service.state().currentWatchedTitle, "Family") << operation;
-            EXPECT_TRUE(service.state().isLinked) << operation;
-            EXPECT_EQ(test::summaryOf(test::readFile(directory_.workerStatusFile)),
-                      service.state().workerState + ": " + service.state().workerDetail + " (Ann)");
-        };
-        faults_.set(Fault{.operation = operation, .persistence = GetParam(), .code = EIO});
-        EXPECT_NO_THROW(service.start()) << operation;
-    }
-    EXPECT_GT(operation, 30);
-}
-
-INSTANTIATE_TEST_SUITE_P(Persistence, FaultyDayTests,
-                         testing::Values(test::FaultInjectingFileManager::Persistence::once,
-                                         test::FaultInjectingFileManager::Persistence::fromThenOn));
 
 TEST_F(WebWorkerServiceTests, DestroyedServiceThatNeverStartedLeavesNothing) {
     {

@@ -67,9 +67,9 @@ TEST_F(PageLoaderTests, LoadsTheWebClient) {
 
 TEST_F(PageLoaderTests, LoadBeginsTheRecoveryAnew) {
     countTwoReloads();
-    parts_.clock.turnTo(test::TestClock::start + seconds(99));
+    parts_.clock.passUntil(seconds(99));
     loader_->loadPage();
-    EXPECT_EQ(parts_.recovery.pageLoadIssuedAt(), test::TestClock::start + seconds(99));
+    EXPECT_EQ(parts_.recovery.pageLoadIssuedAt(), test::TestClock::boot_time_at_start + seconds(99));
     EXPECT_EQ(parts_.recovery.launchRecoveryAttemptCount(), 0);
     EXPECT_EQ(parts_.recovery.lastRecoveryAttemptAt(), std::nullopt);
 }
@@ -212,10 +212,10 @@ TEST_F(CrashRecoveryTests, ErrorStaysReadableAfterTheReload) {
 
 TEST_F(CrashRecoveryTests, ReloadBeginsTheRecoveryAnew) {
     countTwoReloads();
-    parts_.clock.turnTo(test::TestClock::start + seconds(5));
+    parts_.clock.passUntil(seconds(5));
     end();
     parts_.host.advance(seconds(0));
-    EXPECT_EQ(parts_.recovery.pageLoadIssuedAt(), test::TestClock::start + seconds(5));
+    EXPECT_EQ(parts_.recovery.pageLoadIssuedAt(), test::TestClock::boot_time_at_start + seconds(5));
     EXPECT_EQ(parts_.recovery.launchRecoveryAttemptCount(), 0);
     EXPECT_EQ(parts_.recovery.lastRecoveryAttemptAt(), std::nullopt);
 }
@@ -340,7 +340,7 @@ TEST_F(FailedLoadTests, PageIsLoadedAnewHalfAMinuteLater) {
     parts_.host.advance(milliseconds(1));
     EXPECT_EQ(loads(), 1U);
     EXPECT_EQ(state_.workerDetail, "Loading WhatsApp Web in the managed runtime worker.");
-    EXPECT_EQ(parts_.recovery.pageLoadIssuedAt(), test::TestClock::start + seconds(30));
+    EXPECT_EQ(parts_.recovery.pageLoadIssuedAt(), test::TestClock::boot_time_at_start + seconds(30));
 }
 
 TEST_F(FailedLoadTests, HalfAMinuteCountsFromTheLastFailure) {
