@@ -4,14 +4,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "support/BackendLines.h"
@@ -20,6 +18,7 @@
 #include "support/Files.h"
 #include "support/Json.h"
 #include "support/Requests.h"
+#include "support/SmallFileSystem.h"
 #include "support/Waiting.h"
 
 namespace brindle::test {
@@ -31,29 +30,6 @@ const std::string no_space = "No space left on device";
 
 /// Set for the run of a test inside a namespace in which it may mount.
 constexpr const char* inside_namespace_marker = "BRINDLE_TEST_MAY_MOUNT";
-
-/// A small file system in memory, mounted for the life of the object.
-class SmallFileSystem {
-  public:
-    SmallFileSystem(const fs::path& directory, const std::string& limits) : directory_(directory) {
-        if (mount("tmpfs", directory.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
-                  ("mode=0700," + limits).c_str()) != 0) {
-            error_ = errno;
-        }
-    }
-    ~SmallFileSystem() {
-        if (isMounted()) umount2(directory_.c_str(), MNT_DETACH);
-    }
-    SmallFileSystem(const SmallFileSystem&) = delete;
-    SmallFileSystem& operator=(const SmallFileSystem&) = delete;
-
-    bool isMounted() const { return error_ == 0; }
-    std::string whyNot() const { return std::generic_category().message(error_); }
-
-  private:
-    fs::path directory_;
-    int error_ = 0;
-};
 
 /// Runs a command in a namespace of its own, where an ordinary user may mount too; whether it succeeds.
 bool succeedsInNamespaceOfItsOwn(std::vector<std::string> command) {
@@ -103,30 +79,35 @@ class DiskFull : public testing::Test {
         options_.executable = "/bin/sh";
     }
 
+    const SmallFileSystem& disk() const { return *disk_; }
     fs::path filler() const { return options_.dataDirectory->path() / "filler"; }
 
-    /// Takes every free block. A record that is being replaced meanwhile may still give its old block back.
-    void takeFreeSpace() const {
-        const int descriptor = open(filler().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        ASSERT_GE(descriptor, 0);
-        const std::array<char, 4096> block{};
-        while (write(descriptor, block.data(), block.size()) > 0) {
-        }
-        close(descriptor);
-    }
     /// Fills the disk; when this returns both records have failed once, and every later write fails too.
     void fill() {
         const std::size_t failedStatusWrites = linesWith(status_failure_prefix).size();
         const std::size_t failedControlWrites = linesWith(control_failure_prefix).size();
         waitUntil(
             [&] {
-                takeFreeSpace();
+                disk_->takeFreeSpace(filler());
                 return linesWith(status_failure_prefix).size() > failedStatusWrites &&
                        linesWith(control_failure_prefix).size() > failedControlWrites;
             },
             "a failed write of both records");
     }
     void makeRoom() const { fs::remove(filler()); }
+    /// Takes every free inode, as fill() does with the blocks.
+    void takeAllInodes() {
+        const std::size_t failedStatusWrites = linesWith(status_failure_prefix).size();
+        fs::create_directory(filler());
+        waitUntil(
+            [&] {
+                while (isAnotherFileMade()) {
+                }
+                return linesWith(status_failure_prefix).size() > failedStatusWrites;
+            },
+            "a failed write for want of an inode");
+    }
+    void giveInodesBack() const { fs::remove_all(filler()); }
 
     std::vector<std::string> linesWith(const std::string& prefix) {
         std::vector<std::string> lines = backend().standardErrorLines();
@@ -150,6 +131,13 @@ class DiskFull : public testing::Test {
     }
 
   private:
+    bool isAnotherFileMade() {
+        const auto file = filler() / std::to_string(++fillers_);
+        const int descriptor = open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        if (descriptor < 0) return false;
+        close(descriptor);
+        return true;
+    }
     void runElsewhere() const {
         const bool isElsewhere = getenv(inside_namespace_marker) != nullptr;
         if (!isElsewhere &&
@@ -166,6 +154,7 @@ class DiskFull : public testing::Test {
     BackendOptions options_;
     std::unique_ptr<SmallFileSystem> disk_;
     std::optional<BackendProcess> backend_;
+    int fillers_ = 0;
 };
 
 TEST_F(DiskFull, StatusAndControlFailuresAreLoggedWithPathAndReason) {
@@ -344,6 +333,86 @@ TEST_F(DiskFull, StartWithRoomForDirectoriesOnlyIsLoggedAndGoesOn) {
     EXPECT_EQ(backend().waitForExit(), exitedWith(0));
     EXPECT_EQ(namesIn(backend().path("runtime")),
               (std::vector<std::string>{"worker-processed-outbound", "worker-rejected-outbound"}));
+}
+
+TEST_F(DiskFull, WantOfInodesCostsNoMessage) {
+    if (!prepare("size=1m,nr_inodes=40")) return;
+    start().greet();
+    EXPECT_EQ(errorOfSending("first"), "");
+    backend().writeInbound("a.json", inboundRecord("a", "waits"));
+    takeAllInodes();
+    EXPECT_NE(errorOfSending("refused").find(no_space), std::string::npos);
+    EXPECT_EQ(namesIn(backend().path("outbound")).size(), 1U);
+    backend().send(connectRequest());
+    EXPECT_TRUE(backend().nextEnvelope().contains("stateChanged"));
+    EXPECT_TRUE(backend().nextEnvelope().contains("stateChanged"));
+    backend().send(startListeningRequest(conversationScope()));
+    EXPECT_EQ(backend().nextEnvelope().at("inboundEvent").at("_0").at("event"), inboundRecord("a", "waits"));
+    backend().waitForEntries("processed", 1);
+    giveInodesBack();
+    EXPECT_EQ(errorOfSending("second"), "");
+    EXPECT_EQ(namesIn(backend().path("outbound")).size(), 2U);
+}
+
+/// A disk that can be read and takes no change.
+class ReadOnlyDisk : public DiskFull {
+  protected:
+    static constexpr const char* read_only = "Read-only file system";
+};
+
+TEST_F(ReadOnlyDisk, RefusesMessagesToSendUntilItTakesThemAgain) {
+    if (!prepare()) return;
+    start().greet();
+    EXPECT_EQ(errorOfSending("first"), "");
+    disk().setReadOnly(true);
+    EXPECT_NE(errorOfSending("refused").find(read_only), std::string::npos);
+    backend().waitForStandardError(status_failure_prefix);
+    disk().setReadOnly(false);
+    EXPECT_EQ(errorOfSending("second"), "");
+    EXPECT_EQ(namesIn(backend().path("outbound")).size(), 2U);
+    EXPECT_TRUE(backend().finishAndTakeRest().empty());
+    EXPECT_EQ(backend().waitForExit(), exitedWith(0));
+}
+
+TEST_F(ReadOnlyDisk, MessageThatCameInIsDeliveredAtEveryLookUntilItCanBeFiledAway) {
+    if (!prepare()) return;
+    start().greet();
+    backend().writeInbound("a.json", inboundRecord("a", "again"));
+    disk().setReadOnly(true);
+    backend().send(connectRequest());
+    backend().send(startListeningRequest(conversationScope()));
+    EXPECT_TRUE(backend().nextEnvelope().contains("stateChanged"));
+    EXPECT_TRUE(backend().nextEnvelope().contains("stateChanged"));
+    for (int look = 0; look < 2; ++look) {
+        EXPECT_EQ(backend().nextEnvelope().at("inboundEvent").at("_0").at("event"),
+                  inboundRecord("a", "again"));
+    }
+    EXPECT_EQ(namesIn(backend().path("inbound")), std::vector<std::string>{"a.json"});
+    disk().setReadOnly(false);
+    EXPECT_EQ(backend().waitForEntries("processed", 1), std::vector<std::string>{"a.json"});
+    backend().finish();
+}
+
+TEST_F(ReadOnlyDisk, DoesNotKeepAHelperFromStartingWhereEverythingIsThere) {
+    if (!prepare()) return;
+    start().greet();
+    backend().finish();
+    disk().setReadOnly(true);
+    start().greet();
+    backend().waitForStandardError(status_failure_prefix);
+    EXPECT_TRUE(backend().finishAndTakeRest().empty());
+    EXPECT_EQ(backend().waitForExit(), exitedWith(0));
+}
+
+TEST_F(ReadOnlyDisk, StartWithoutItsDirectoriesIsFatal) {
+    if (!prepare()) return;
+    disk().setReadOnly(true);
+    start();
+    EXPECT_EQ(backend().waitForExit(), exitedWith(software_failure));
+    const auto lines = backend().standardErrorLines();
+    ASSERT_EQ(lines.size(), 1U) << backend().standardError();
+    EXPECT_TRUE(lines.front().starts_with(fatal_prefix)) << lines.front();
+    EXPECT_NE(lines.front().find(read_only), std::string::npos) << lines.front();
 }
 
 }  // namespace
