@@ -139,6 +139,12 @@ std::optional<FileAttributes> PowerLossFileManager::attributes(const std::string
     return real_.attributes(path);
 }
 
+std::string PowerLossFileManager::readLink(const std::string& path) {
+    const std::lock_guard hold(lock_);
+    requirePower("follow the link", path);
+    return real_.readLink(path);
+}
+
 std::string PowerLossFileManager::readFile(const std::string& path) {
     const std::lock_guard hold(lock_);
     requirePower("read", path);

@@ -55,6 +55,7 @@ class PowerLossFileManager final : public FileManager {
     bool fileExists(const std::string& path) override;
     bool isExecutableFile(const std::string& path) override;
     std::optional<FileAttributes> attributes(const std::string& path) override;
+    std::string readLink(const std::string& path) override;
     std::string readFile(const std::string& path) override;
     void writeFileAtomically(const std::string& path, std::string_view bytes, Durability durability) override;
     void moveItem(const std::string& from, const std::string& to) override;

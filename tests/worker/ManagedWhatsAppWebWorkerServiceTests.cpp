@@ -141,9 +141,12 @@ TEST_F(WebWorkerServiceTests, DirectoriesAreCreatedInOrder) {
     faults_.set(Fault{.operation = 99, .code = EIO});
     const ManagedWhatsAppWebWorkerService service("whatsapp", environment_, files_, clock_, host_,
                                                   ::getppid());
-    EXPECT_THAT(faults_.operations(), ElementsAre("create the directory " + directory_.path,
-                                                  "create the directory " + directory_.inbound,
-                                                  "create the directory " + directory_.runtime));
+    // Whose they are is looked at before and after.
+    auto operations = faults_.operations();
+    std::erase_if(operations, [](const auto& each) { return !each.starts_with("create "); });
+    EXPECT_THAT(operations, ElementsAre("create the directory " + directory_.path,
+                                        "create the directory " + directory_.inbound,
+                                        "create the directory " + directory_.runtime));
 }
 
 TEST_F(WebWorkerServiceTests, FreshServiceKnowsNothing) {
