@@ -32,6 +32,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::IsSubsetOf;
 using testing::Not;
+using testing::SizeIs;
 
 constexpr const char* secret = "do-not-show-me";
 constexpr const char* answering_page = "<body><div id=side></div></body>";
@@ -280,16 +281,21 @@ TEST_F(WebWorkerSandbox, ThePageSeesNothingOfTheUserButItsOwnFoldersAndTheDispla
     EXPECT_THAT(listeningSocketsOf(worker.pid()), IsEmpty());
 }
 
+fs::path cacheOf(const WebWorkerOptions& options) {
+    return options.place->path() / "website-cache/BrindleManagedWhatsAppBackend";
+}
+
+/// The homes that engines have got in a cache directory.
+std::vector<std::string> homesIn(const fs::path& cache) {
+    auto names = namesIn(cache);
+    std::erase_if(names, [](const auto& name) { return !name.starts_with("engine-"); });
+    return names;
+}
+
 TEST_F(WebWorkerSandbox, WhatAPageHasWrittenIsGoneWithTheWorkerOrAtTheNextStart) {
     auto options = WebWorkerOptions().withHtml(answering_page);
-    const auto cache = options.place->path() / "website-cache/BrindleManagedWhatsAppBackend";
-    const auto homes = [&] {
-        std::vector<std::string> names;
-        for (const auto& name : namesIn(cache)) {
-            if (name.starts_with("engine-")) names.push_back(name);
-        }
-        return names;
-    };
+    const auto cache = cacheOf(options);
+    const auto homes = [&] { return homesIn(cache); };
     fs::create_directories(cache / "engine-killed/.cache/fontconfig");
     writeFileAtomically(cache / "engine-killed/.cache/fontconfig/planted", "planted");
     {
@@ -300,6 +306,19 @@ TEST_F(WebWorkerSandbox, WhatAPageHasWrittenIsGoneWithTheWorkerOrAtTheNextStart)
         EXPECT_EQ(worker.terminate(), exitedWith(0));
     }
     EXPECT_THAT(homes(), IsEmpty());
+}
+
+TEST_F(WebWorkerSandbox, TwoWorkersWithOneCacheLeaveEachOtherTheirHomes) {
+    const auto options = WebWorkerOptions().withHtml(answering_page);
+    WebWorkerProcess first(options);
+    answeringPage(first);
+    const auto homes = homesIn(cacheOf(options));
+    ASSERT_EQ(homes.size(), 1U);
+    auto others = WebWorkerOptions().withHtml(answering_page);
+    others.process.environment["XDG_CACHE_HOME"] = options.process.environment.at("XDG_CACHE_HOME");
+    WebWorkerProcess second(others);
+    answeringPage(second);
+    EXPECT_THAT(homesIn(cacheOf(options)), testing::AllOf(SizeIs(2), testing::Contains(homes.front())));
 }
 
 /// A socket that stands for the session's message bus.

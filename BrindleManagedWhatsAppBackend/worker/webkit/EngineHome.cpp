@@ -1,7 +1,9 @@
 #include "worker/webkit/EngineHome.h"
 
+#include <fcntl.h>
 #include <glib.h>
 #include <glib/gstdio.h>
+#include <sys/file.h>
 
 #include <filesystem>
 #include <system_error>
@@ -21,22 +23,32 @@ void removeTree(const fs::path& path) {
     fs::remove_all(path, ignored);
 }
 
-void removeEarlierHomes(const std::string& folder) {
+/// Takes the home for this process; closed when another one has it. A file system without locks has no home
+/// that is not in use.
+Descriptor locked(const fs::path& home) {
+    Descriptor directory(::open(home.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (::flock(directory.get(), LOCK_EX | LOCK_NB) != 0) directory.reset();
+    return directory;
+}
+
+void removeAbandonedHomes(const std::string& folder) {
     std::error_code ignored;
     for (auto entry = fs::directory_iterator(folder, ignored); entry != fs::end(entry);
          entry.increment(ignored)) {
-        if (entry->path().filename().string().starts_with(name_prefix)) removeTree(entry->path());
+        const auto& path = entry->path();
+        if (path.filename().string().starts_with(name_prefix) && locked(path).isOpen()) removeTree(path);
     }
 }
 
 }  // namespace
 
 EngineHome::EngineHome(const std::string& folder) : path_(folder + "/" + name_prefix + "XXXXXX") {
-    removeEarlierHomes(folder);
+    removeAbandonedHomes(folder);
     if (g_mkdtemp(path_.data()) == nullptr) {
         throw Failure("The built-in web worker cannot make a directory in \"" + folder + "\" (" +
                       g_strerror(errno) + "); let this user write there.");
     }
+    lock_ = locked(path_);
 }
 
 EngineHome::~EngineHome() {

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "system/Descriptor.h"
+
 namespace brindle {
 
 /// A home directory of the engine's own, empty at every start.
@@ -11,7 +13,8 @@ namespace brindle {
 /// needed, and what a page's process has written must not be read by a later engine, outside of the sandbox.
 class EngineHome {
   public:
-    /// Makes one below `folder`, and removes those that killed workers have left there. Throws Failure.
+    /// Makes one below `folder`, and removes those that killed workers have left there; those of workers that
+    /// live are locked (flock). Throws Failure.
     explicit EngineHome(const std::string& folder);
     /// Removes it.
     ~EngineHome();
@@ -22,6 +25,8 @@ class EngineHome {
 
   private:
     std::string path_;
+    /// Tells other workers, as long as this one lives, that the home is in use.
+    Descriptor lock_;
 };
 
 }  // namespace brindle
