@@ -5,6 +5,7 @@
 #include <map>
 #include <utility>
 
+#include "ProcessFigures.h"
 #include "Table.h"
 #include "support/BackendProcess.h"
 #include "support/Executables.h"
@@ -12,6 +13,8 @@
 
 namespace brindle::bench {
 namespace {
+
+constexpr double nanoseconds_per_second = 1e9;
 
 /// One for all helpers: what makes it is no part of a start.
 const test::BackendOptions& launch() {
@@ -42,6 +45,29 @@ double secondsOf(const std::function<void()>& action) {
     const auto begin = std::chrono::steady_clock::now();
     action();
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+Cost costOf(const Program& program, const std::function<void()>& action) {
+    const auto before = processorNanoseconds(program.processIdentifier());
+    const double time = secondsOf(action);
+    const auto used = processorNanoseconds(program.processIdentifier()) - before;
+    return {.time = time, .processor = static_cast<double>(used) / nanoseconds_per_second};
+}
+
+void addInTurns(Bench& bench, Figure figure, double scale, int rounds, const std::function<Cost()>& helper,
+                const std::function<Cost()>& floor) {
+    auto processor = figure;
+    processor.name += ", processor time";
+    const auto keep = [&](const Cost& cost, std::vector<double> Figure::*samples) {
+        (figure.*samples).push_back(scale * cost.time);
+        (processor.*samples).push_back(scale * cost.processor);
+    };
+    for (int round = 0; round < rounds; ++round) {
+        keep(helper(), &Figure::helper);
+        keep(floor(), &Figure::floor);
+    }
+    bench.add(std::move(figure));
+    bench.add(std::move(processor));
 }
 
 Program startHelper(const std::filesystem::path& dataDirectory) {

@@ -49,6 +49,21 @@ void sampleInTurns(Figure& figure, int rounds, const std::function<double()>& he
 /// The time that something takes, in seconds.
 double secondsOf(const std::function<void()>& action);
 
+/// What something took, in seconds: by the clock, and of the program's processor time, which is hardly moved
+/// by what else the machine does.
+struct Cost {
+    double time = 0;
+    double processor = 0;
+};
+
+/// What it costs a program to do its part in something.
+Cost costOf(const Program& program, const std::function<void()>& action);
+
+/// As sampleInTurns(); adds the figure and a second one of the processor time. `scale` is how many of the
+/// figure's units make a second.
+void addInTurns(Bench& bench, Figure figure, double scale, int rounds, const std::function<Cost()>& helper,
+                const std::function<Cost()>& floor);
+
 constexpr double milliseconds_per_second = 1e3;
 constexpr double microseconds_per_second = 1e6;
 

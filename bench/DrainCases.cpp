@@ -16,7 +16,7 @@ namespace {
 using std::chrono::steady_clock;
 
 struct Drain {
-    double seconds = 0;
+    Cost cost{};
     std::size_t lineBytes = 0;
 };
 
@@ -37,7 +37,7 @@ Drain drainByHelper(const Place& place, std::size_t records) {
         helper.exchange(connectLine(), lines_until_connected);
         waitUntilQuiet(helper.processIdentifier());
         const auto before = helper.bytesRead();
-        drain.seconds = secondsOf([&] { helper.exchange(listenLine(watched_chat), records); });
+        drain.cost = costOf(helper, [&] { helper.exchange(listenLine(watched_chat), records); });
         drain.lineBytes = (helper.bytesRead() - before) / records;
         // Answered when the last record has been filed away.
         helper.exchange(badLine(), 1);
@@ -46,37 +46,37 @@ Drain drainByHelper(const Place& place, std::size_t records) {
     return drain;
 }
 
-double drainByFloor(const Place& place, std::size_t records, std::size_t lineBytes) {
+Cost drainByFloor(const Place& place, std::size_t records, std::size_t lineBytes) {
     const DataDirectory directory(place);
     directory.make();
     directory.fill(records, watched_chat);
-    double seconds = 0;
+    Cost cost;
     {
         Program floor =
             startFloor("floor_drain", {directory.path(), std::to_string(records), std::to_string(lineBytes)});
         floor.exchange("", 1);
-        seconds = secondsOf([&] { floor.exchange(badLine(), records); });
+        cost = costOf(floor, [&] { floor.exchange(badLine(), records); });
     }
     requireDrained(directory);
-    return seconds;
+    return cost;
 }
 
 void measureDrainOf(Bench& bench, const Place& place, std::size_t records, int rounds) {
-    Figure figure{.name = "drain, per record",
-                  .place = place.fileSystem,
-                  .size = static_cast<double>(records),
-                  .unit = "us"};
     const double scale = microseconds_per_second / static_cast<double>(records);
     std::size_t lineBytes = 0;
-    sampleInTurns(
-        figure, rounds,
+    addInTurns(
+        bench,
+        {.name = "drain, per record",
+         .place = place.fileSystem,
+         .size = static_cast<double>(records),
+         .unit = "us"},
+        scale, rounds,
         [&] {
             const auto drain = drainByHelper(place, records);
             lineBytes = drain.lineBytes;
-            return scale * drain.seconds;
+            return drain.cost;
         },
-        [&] { return scale * drainByFloor(place, records, lineBytes); });
-    bench.add(std::move(figure));
+        [&] { return drainByFloor(place, records, lineBytes); });
 }
 
 /// Seconds since the status was last published.

@@ -68,7 +68,7 @@ double peakKibibytes(pid_t process) {
 void waitUntilQuiet(pid_t process) {
     constexpr std::chrono::milliseconds moment{300};
     constexpr std::uint64_t next_to_nothing_ns = 3'000'000;
-    constexpr int most_moments = 100;
+    constexpr int most_moments = 20;
     auto before = processorNanoseconds(process);
     for (int count = 0; count < most_moments; ++count) {
         std::this_thread::sleep_for(moment);

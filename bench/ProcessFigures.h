@@ -20,7 +20,7 @@ double privateDirtyKibibytes(pid_t process);
 double peakKibibytes(pid_t process);
 
 /// Returns once the process has done next to nothing for a moment: what it does at its start, and after it
-/// has answered, is over.
+/// has answered, is over. One that never rests is left at it after some seconds.
 void waitUntilQuiet(pid_t process);
 
 }  // namespace brindle::bench

@@ -23,15 +23,16 @@ void measureConnectOn(Bench& bench, const Place& place, std::size_t requests) {
     constexpr std::size_t lines_per_connect = 2;
     const auto input = repeated(connectLine(), requests);
     const double scale = microseconds_per_second / static_cast<double>(requests);
-    Figure figure{.name = "connect, pipelined, per request",
-                  .place = place.fileSystem,
-                  .size = static_cast<double>(requests),
-                  .unit = "us"};
     const auto sample = [&](Program& program) {
-        return scale * secondsOf([&] { program.exchange(input, requests * lines_per_connect); });
+        return costOf(program, [&] { program.exchange(input, requests * lines_per_connect); });
     };
-    sampleInTurns(
-        figure, bench.inFull(21, 2),
+    addInTurns(
+        bench,
+        {.name = "connect, pipelined, per request",
+         .place = place.fileSystem,
+         .size = static_cast<double>(requests),
+         .unit = "us"},
+        scale, bench.inFull(15, 2),
         [&] {
             const DataDirectory directory(place);
             Program helper = startHelper(directory.path());
@@ -46,7 +47,6 @@ void measureConnectOn(Bench& bench, const Place& place, std::size_t requests) {
             floor.exchange("", 1);
             return sample(floor);
         });
-    bench.add(std::move(figure));
 }
 
 /// A message of about that many bytes with an attachment that no file stands behind.
@@ -62,14 +62,14 @@ std::string sendLine(std::size_t bytes) {
 }
 
 struct Send {
-    double milliseconds = 0;
+    Cost cost{};
     double peakKibibytes = 0;
 };
 
 /// Until the answer to a bad line behind the message, which costs nothing.
 Send sampleSend(Program& program, const std::string& input, const DataDirectory& directory) {
     Send send;
-    send.milliseconds = milliseconds_per_second * secondsOf([&] { program.exchange(input, 1); });
+    send.cost = costOf(program, [&] { program.exchange(input, 1); });
     send.peakKibibytes = peakKibibytes(program.processIdentifier());
     if (directory.entriesIn("outbound") != 1)
         throw std::runtime_error("The message was not accepted, so the request was not measured.");
@@ -96,17 +96,21 @@ void measureSendOf(Bench& bench, const Place& place, std::size_t bytes, int roun
     const auto input = sendLine(bytes) + badLine();
     const double lineKibibytes = static_cast<double>(input.size()) / 1024;
     const auto size = static_cast<double>(bytes);
-    Figure time{.name = "sendMessage", .place = place.fileSystem, .size = size, .unit = "ms"};
     Figure peak{
         .name = "sendMessage, peak memory", .place = place.fileSystem, .size = size, .unit = "x line"};
-    for (int round = 0; round < rounds; ++round) {
-        const auto helper = sendToHelper(place, input);
-        const auto floor = sendToFloor(place, input);
-        time.helper.push_back(helper.milliseconds);
-        time.floor.push_back(floor.milliseconds);
-        peak.helper.push_back(helper.peakKibibytes / lineKibibytes);
-    }
-    bench.add(std::move(time));
+    addInTurns(
+        bench, {.name = "sendMessage", .place = place.fileSystem, .size = size, .unit = "ms"},
+        milliseconds_per_second, rounds,
+        [&] {
+            const auto send = sendToHelper(place, input);
+            peak.helper.push_back(send.peakKibibytes / lineKibibytes);
+            return send.cost;
+        },
+        [&] {
+            const auto send = sendToFloor(place, input);
+            peak.floor.push_back(send.peakKibibytes / lineKibibytes);
+            return send.cost;
+        });
     bench.add(std::move(peak));
 }
 

@@ -19,13 +19,15 @@ Program floorIn(const DataDirectory& directory) {
 }
 
 /// From the start of the process to its first line, in a directory that nobody has made yet.
-double startMilliseconds(const Place& place, const Starter& start) {
+Cost startCost(const Place& place, const Starter& start) {
+    constexpr double nanoseconds_per_second = 1e9;
     const DataDirectory directory(place);
     const auto begin = std::chrono::steady_clock::now();
     Program program = start(directory);
     program.readSome();
-    const std::chrono::duration<double, std::milli> elapsed = std::chrono::steady_clock::now() - begin;
-    return elapsed.count();
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begin;
+    const auto used = static_cast<double>(processorNanoseconds(program.processIdentifier()));
+    return {.time = elapsed.count(), .processor = used / nanoseconds_per_second};
 }
 
 double kibibytesAfterStart(const Place& place, const Starter& start, double (*figure)(pid_t)) {
@@ -50,11 +52,10 @@ void measureMemory(Bench& bench, const std::string& name, double (*figure)(pid_t
 void measureStart(Bench& bench) {
     bench.announce("start");
     for (const auto& place : bench.places()) {
-        Figure start{.name = "start to hello", .place = place.fileSystem, .unit = "ms"};
-        sampleInTurns(
-            start, bench.inFull(101, 5), [&] { return startMilliseconds(place, helperIn); },
-            [&] { return startMilliseconds(place, floorIn); });
-        bench.add(std::move(start));
+        addInTurns(
+            bench, {.name = "start to hello", .place = place.fileSystem, .unit = "ms"},
+            milliseconds_per_second, bench.inFull(101, 5), [&] { return startCost(place, helperIn); },
+            [&] { return startCost(place, floorIn); });
     }
     measureMemory(bench, "resident after start", residentKibibytes);
     measureMemory(bench, "private dirty after start", privateDirtyKibibytes);

@@ -1,6 +1,6 @@
 /// Measures what the helper costs, each figure beside a C program that does the same system calls, and prints
-/// a table: bench [--smoke] [--only CASE]... [--results FILE] SCRATCH. What is measured on a disk happens
-/// below SCRATCH.
+/// a table: bench [--smoke] [--only CASE]... [--results FILE] DIRECTORY... Data directories are made in each
+/// of the directories; what needs only one takes the first.
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -34,7 +34,7 @@ struct Options {
     Effort effort = Effort::full;
     std::set<std::string> only{};
     std::filesystem::path results{};
-    std::filesystem::path scratch{};
+    std::vector<std::filesystem::path> directories{};
 };
 
 bool isCase(const std::string& name) {
@@ -56,33 +56,26 @@ std::optional<Options> parsed(const std::vector<std::string>& arguments) {
             options.only.insert(arguments[++index]);
         } else if (argument == "--results" && hasValue) {
             options.results = arguments[++index];
-        } else if (options.scratch.empty() && !argument.starts_with("-")) {
-            options.scratch = argument;
+        } else if (!argument.starts_with("-")) {
+            options.directories.emplace_back(argument);
         } else {
             return std::nullopt;
         }
     }
-    return options.scratch.empty() ? std::nullopt : std::optional(options);
-}
-
-/// Memory first, where the data directory is by default.
-std::vector<Place> placesFor(const Options& options) {
-    std::vector<Place> places;
-    const std::filesystem::path memory = "/dev/shm";
-    if (std::filesystem::is_directory(memory)) places.push_back(placeAt(memory));
-    places.push_back(placeAt(options.scratch));
-    return places;
+    return options.directories.empty() ? std::nullopt : std::optional(options);
 }
 
 int run(const std::vector<std::string>& arguments) {
     const auto options = parsed(arguments);
     if (!options) {
-        std::cerr << "usage: bench [--smoke] [--only CASE]... [--results FILE] SCRATCH\ncases:";
+        std::cerr << "usage: bench [--smoke] [--only CASE]... [--results FILE] DIRECTORY...\ncases:";
         for (const auto& one : cases) std::cerr << " " << one.name;
         std::cerr << "\n";
         return EXIT_FAILURE;
     }
-    Bench bench(options->effort, placesFor(*options));
+    std::vector<Place> places;
+    for (const auto& directory : options->directories) places.push_back(placeAt(directory));
+    Bench bench(options->effort, std::move(places));
     for (const auto& one : cases) {
         if (options->only.empty() || options->only.contains(one.name)) one.measure(bench);
     }
