@@ -16,7 +16,7 @@ namespace {
 using std::chrono::steady_clock;
 
 void measureRestOn(Bench& bench, const Place& place) {
-    const std::chrono::seconds time(bench.inFull(20, 2));
+    const std::chrono::seconds time(bench.inFull(20, 1));
     const DataDirectory directory(place);
     Program helper = startHelper(directory.path());
     connectAndListen(helper, watched_chat);
