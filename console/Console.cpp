@@ -146,7 +146,7 @@ void Console::perform(const SendCommand& command) {
 void Console::perform(const StatusCommand&) {
     const auto status =
         readRecord<ManagedWhatsAppRuntimeStatusRecord>(fileManager_, directory_.runtimeStatusFile);
-    if (display_.isJson()) return display_.answer(encodedRecord(status, JsonStyle::compact) + "\n");
+    if (display_.isJson()) return display_.jsonLine(encodedRecord(status, JsonStyle::compact));
     display_.answer(statusTable(statusFields(status)));
 }
 

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "bridge/BridgeMessages.h"
+#include "console/TerminalText.h"
 #include "records/DecodingFailure.h"
 #include "text/Failure.h"
 #include "text/Text.h"
@@ -40,15 +41,6 @@ std::string timeOfDay() {
     std::snprintf(text.data(), text.size(), "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
                   static_cast<int>(sinceEpoch.count() % 1000));
     return text.data();
-}
-
-/// Without control characters; those beyond ASCII (U+0080 to U+009F) are commands to some terminals too.
-std::string terminalSafe(std::string_view text) {
-    std::string safe = singleLine(text);
-    for (std::size_t at = safe.find('\xC2'); at != std::string::npos; at = safe.find('\xC2', at + 1)) {
-        if (static_cast<unsigned char>(safe[at + 1]) < 0xA0) safe.replace(at, 2, "?");
-    }
-    return safe;
 }
 
 /// JSON text without the escapes before slashes, which only hinder reading.
@@ -98,8 +90,10 @@ DisplayStyle DisplayStyle::from(const Options& options, const Environment& envir
         if (options.color != ColorChoice::automatic) return options.color == ColorChoice::always;
         return isColorTerminal(descriptor, environment);
     };
-    return {
-        .json = options.json, .colorsOutput = inColor(STDOUT_FILENO), .colorsError = inColor(STDERR_FILENO)};
+    return {.json = options.json,
+            .outputIsTerminal = ::isatty(STDOUT_FILENO) == 1,
+            .colorsOutput = inColor(STDOUT_FILENO),
+            .colorsError = inColor(STDERR_FILENO)};
 }
 
 std::string readableEnvelope(std::string_view line, bool inColor) {
@@ -118,12 +112,18 @@ std::string readableEnvelope(std::string_view line, bool inColor) {
 }
 
 void Display::envelope(Direction direction, std::string_view line) {
-    if (style_.json) return write(output_, std::string(line).append("\n"));
+    if (style_.json) return jsonLine(line);
     const bool isOutgoing = direction == Direction::toHelper;
     const bool inColor = style_.colorsOutput;
     write(output_, colored(timeOfDay(), dim_color, inColor) + " " +
                        colored(isOutgoing ? "-->" : "<--", isOutgoing ? cyan_color : green_color, inColor) +
                        " " + readableEnvelope(line, inColor) + "\n");
+}
+
+void Display::jsonLine(std::string_view line) {
+    // For programs a line stays as it is; a person at a terminal must not fall for what it holds.
+    const std::string shown = style_.outputIsTerminal ? terminalSafeJson(line) : std::string(line);
+    write(output_, shown + "\n");
 }
 
 void Display::helperDiagnostic(std::string_view line) {

@@ -16,6 +16,7 @@ enum class Direction { toHelper, fromHelper };
 struct DisplayStyle {
     /// Standard output carries bare protocol lines.
     bool json = false;
+    bool outputIsTerminal = false;
     bool colorsOutput = false;
     bool colorsError = false;
 
@@ -50,11 +51,15 @@ class Display {
     void stepAside(EditedLine* line) { editedLine_ = line; }
 
     void envelope(Direction direction, std::string_view line);
+    /// A JSON document on one line, as it is unless standard output is a terminal: that is shown escapes for
+    /// what it would obey.
+    void jsonLine(std::string_view line);
     /// A line of the helper's standard error.
     void helperDiagnostic(std::string_view line);
     /// A command from a script that is about to run.
     void command(std::string_view text);
-    /// The answer to a command; the line feed at its end included.
+    /// The answer to a command, which holds nothing that a terminal would obey; the line feed at its end
+    /// included.
     void answer(std::string_view text);
     /// One sentence about what went wrong.
     void problem(std::string_view sentence);

@@ -22,13 +22,13 @@ bool isLinkedState(std::string_view workerState) {
     return workerState == worker_state::linked || workerState == worker_state::watching_chat;
 }
 
-std::string jsonLine(std::string_view name, std::string_view value) {
+std::string jsonMember(std::string_view name, std::string_view value) {
     JsonWriter writer(JsonStyle::compact);
     writer.beginObject();
     writer.name(name);
     writer.string(value);
     writer.endObject();
-    return writer.finish() + "\n";
+    return writer.finish();
 }
 
 std::optional<QRCode> codeIn(const std::string& png, const std::string& file) {
@@ -44,8 +44,7 @@ std::optional<QRCode> codeIn(const std::string& png, const std::string& file) {
 bool LoginCodeDisplay::showNext(bool untilLinked) {
     const auto status = readableStatus(fileManager_, directory_.runtimeStatusFile);
     if (status && isLinkedState(status->workerState)) {
-        display_.answer(display_.isJson() ? jsonLine("workerState", status->workerState)
-                                          : "The worker is linked; there is no QR code to scan.\n");
+        sayLinked(status->workerState);
         return true;
     }
     std::string png;
@@ -55,6 +54,11 @@ bool LoginCodeDisplay::showNext(bool untilLinked) {
     show(png);
     shown_ = std::move(png);
     return !untilLinked;
+}
+
+void LoginCodeDisplay::sayLinked(std::string_view workerState) const {
+    if (display_.isJson()) return display_.jsonLine(jsonMember("workerState", workerState));
+    display_.answer("The worker is linked; there is no QR code to scan.\n");
 }
 
 /// False when there is no picture (any more).
@@ -73,7 +77,7 @@ void LoginCodeDisplay::show(const std::string& png) const {
     const auto code = codeIn(png, file);
     if (!code)
         throw Failure(file + " is a picture without a QR code that fills it; look at it with a viewer.");
-    if (display_.isJson()) return display_.answer(jsonLine("workerQRCodeFile", file));
+    if (display_.isJson()) return display_.jsonLine(jsonMember("workerQRCodeFile", file));
     const auto columns = Display::terminalColumns();
     if (columns && *columns < textColumns(*code)) {
         throw Failure("The QR code takes " + std::to_string(textColumns(*code)) +

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "console/Display.h"
 #include "exchange/DataDirectory.h"
@@ -20,6 +21,7 @@ class LoginCodeDisplay {
     bool showNext(bool untilLinked);
 
   private:
+    void sayLinked(std::string_view workerState) const;
     bool readPicture(std::string& png) const;
     void show(const std::string& png) const;
 

@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "console/Columns.h"
+#include "console/TerminalText.h"
 #include "text/Failure.h"
-#include "text/Text.h"
 
 namespace brindle::console {
 namespace {
@@ -54,7 +54,7 @@ std::string statusTable(const std::vector<StatusField>& fields) {
     std::string table;
     for (const auto& [name, value] : fields) {
         table.append("  ").append(leftAligned(name, name_columns));
-        table.append(value ? singleLine(*value) : "-").append("\n");
+        table.append(value ? terminalSafe(*value) : "-").append("\n");
     }
     return table;
 }

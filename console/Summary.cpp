@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "console/Columns.h"
-#include "text/Text.h"
+#include "console/TerminalText.h"
 
 namespace brindle::console {
 namespace {
@@ -23,7 +23,7 @@ std::string counted(std::size_t count, std::string_view noun) {
 }  // namespace
 
 void Summary::begin(std::string_view step, TimePoint now) {
-    name_ = singleLine(step);
+    name_ = terminalSafe(step);
     begin_ = now;
 }
 

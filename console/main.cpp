@@ -12,6 +12,7 @@
 #include "console/Display.h"
 #include "console/LineEditor.h"
 #include "console/Options.h"
+#include "console/TerminalText.h"
 #include "system/Environment.h"
 #include "system/OutputStream.h"
 #include "system/Paths.h"
@@ -90,7 +91,7 @@ int main(int argumentCount, char** arguments) {
         return runSession(std::get<Options>(parsed));
     } catch (const Failure& failure) {
         // Before there was a display to say it.
-        std::fprintf(stderr, "%s\n", failure.what());
+        std::fprintf(stderr, "%s\n", terminalSafe(failure.what()).c_str());
         return 1;
     }
 }

@@ -27,6 +27,7 @@
 #include "support/QRPictures.h"
 #include "support/TemporaryDirectory.h"
 #include "support/Waiting.h"
+#include "support/WorkerScript.h"
 
 namespace brindle::test {
 namespace {
@@ -541,6 +542,7 @@ class TerminalTest : public testing::Test {
         pid_t process = -1;
         int terminal = -1;
         std::string screen;
+        std::string everything;
 
         ~Session() {
             if (process > 0) {
@@ -553,7 +555,7 @@ class TerminalTest : public testing::Test {
 
     void SetUp() override { startSession(); }
 
-    void startSession() {
+    void startSession(const std::vector<std::string>& options = {"--no-worker"}) {
         winsize size{.ws_row = 24, .ws_col = 80, .ws_xpixel = 0, .ws_ypixel = 0};
         session_ = std::make_unique<Session>();
         const auto console = consoleExecutable();
@@ -567,7 +569,9 @@ class TerminalTest : public testing::Test {
         const std::array<const char*, 7> environment{state.c_str(), data.c_str(),     temporary.c_str(),
                                                      "TERM=xterm",  "LC_ALL=C.UTF-8", "PATH=/usr/bin:/bin",
                                                      nullptr};
-        const std::array<const char*, 3> arguments{console.c_str(), "--no-worker", nullptr};
+        std::vector<const char*> arguments{console.c_str()};
+        for (const auto& option : options) arguments.push_back(option.c_str());
+        arguments.push_back(nullptr);
         ::execve(console.c_str(), const_cast<char* const*>(arguments.data()),
                  const_cast<char* const*>(environment.data()));
         ::_exit(127);
@@ -601,6 +605,7 @@ class TerminalTest : public testing::Test {
         const auto count = ::read(session_->terminal, bytes.data(), bytes.size());
         if (count <= 0) return false;
         session_->screen.append(bytes.data(), static_cast<std::size_t>(count));
+        session_->everything.append(bytes.data(), static_cast<std::size_t>(count));
         return true;
     }
 
@@ -622,6 +627,78 @@ class TerminalTest : public testing::Test {
 TEST_F(TerminalTest, ShowsColorsAndAPrompt) {
     waitForScreen("brindle> ");
     waitForScreen("\033[32m<--");
+}
+
+/// A worker that says what a page may have told it: titles, messages and lines with what terminals obey, and
+/// with characters that turn the reading direction.
+class HostileTerminalTest : public TerminalTest {
+  protected:
+    void SetUp() override {}
+
+    void startSession(std::vector<std::string> options) {
+        options.insert(options.end(), {"--worker", worker_.path()});
+        TerminalTest::startSession(options);
+    }
+
+    /// Lets everything that the console shows of a worker come to the screen.
+    void showEverything() {
+        waitForScreen("stateChanged");
+        type("connect\r");
+        waitForScreen("connected\"");
+        type("listen conversation team Team\r");
+        waitUntil([&] { return fs::exists(data_.path() / "runtime/worker-control.json"); },
+                  "the control record");
+        const Json record = {{"conversationId", "team"},       {"conversationTitle", hostile + "title"},
+                             {"senderId", hostile + "sender"}, {"senderDisplayName", hostile + "name"},
+                             {"text", hostile + "text"},       {"isDirectMessage", true}};
+        writeFileAtomically(data_.path() / "inbound/m.json", record.dump());
+        waitForScreen("inboundEvent");
+        waitForScreen("text");
+        type("wait-status workerDetail nothing within 1\r");
+        waitForScreen("worker's detail");
+        type("status\r");
+        waitForScreen("worker's detail");
+        type("qr within 1\r");
+        waitForScreen("worker's state");
+        type("raw " + hostileOnTheLine + "\r");
+        waitForScreen("error");
+        worker_.allow("speak");
+        waitForScreen("worker's line");
+    }
+
+    void expectNothingToObey() const {
+        const auto& everything = session_->everything;
+        for (const char* obeyed : {"\033]", "\a", "\xC2\x9B", "\xC2\x85", "\xD8\x9C", "\xE2\x80\x8F",
+                                   "\xE2\x80\xA8", "\xE2\x80\xAE", "\xE2\x81\xA6"}) {
+            EXPECT_THAT(everything, Not(HasSubstr(obeyed)));
+        }
+    }
+
+    /// Sets a title, begins a sequence with C1, breaks the line in three ways, turns the direction in four.
+    const std::string hostile = "\033]0;x\a\u009B2J\u0085\u2028\u061C\u200F\u202E\u2066";
+    /// What a line of the protocol holds of it that can be typed.
+    const std::string hostileOnTheLine = R"({"\u001b]0;x\u0007\u009b2J\u202e":{}})";
+    WorkerScript worker_{
+        "publish worker-status.json '{\"state\":\"\\u001b]0;x\\u0007\\u009b2J\\u0085\\u2028\\u061c\\u200f\\u202e"
+        "\\u2066 worker'\\''s state\",\"detail\":\"\\u001b]0;x\\u0007\\u009b2J\\u0085\\u2028\\u061c\\u200f\\u202e"
+        "\\u2066 worker'\\''s detail\",\"supportsLiveCapture\":true,\"supportsOutbound\":true}'\n"
+        "await speak\n"
+        "printf '\\033]0;x\\007\\302\\2332J\\302\\205\\342\\200\\250\\330\\234\\342\\200\\217\\342\\200\\256\\342\\201\\246 "
+        "worker'\\''s line\\n' >&2\n"
+        "stay\n"};
+};
+
+TEST_F(HostileTerminalTest, ObeysNothingThatAPageHasWritten) {
+    startSession({"--color", "never"});
+    showEverything();
+    expectNothingToObey();
+}
+
+TEST_F(HostileTerminalTest, ObeysNothingInLinesOfTheProtocolEither) {
+    startSession({"--color", "never", "--json"});
+    showEverything();
+    expectNothingToObey();
+    EXPECT_THAT(session_->everything, HasSubstr(R"(\u009b2J\u0085\u2028\u061c\u200f\u202e\u2066text)"));
 }
 
 TEST_F(TerminalTest, GoesOnAfterAMistake) {
