@@ -12,6 +12,7 @@
 namespace brindle {
 namespace {
 
+constexpr std::string_view ellipsis = "\u2026";
 constexpr std::string_view replacement_character = "\xEF\xBF\xBD";
 constexpr std::size_t longest_utf8_sequence_bytes = 4;
 /// The one character whose lower case is two (Unicode SpecialCasing).
@@ -139,6 +140,17 @@ std::string singleLine(std::string_view text) {
     std::replace_if(
         result.begin(), result.end(),
         [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '?');
+    return result;
+}
+
+std::string shortened(std::string_view text, std::size_t mostCharacters) {
+    // Every byte but the continuing ones begins a character.
+    const auto begins = [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; };
+    std::size_t characters = 0;
+    const auto rest = std::find_if(text.begin(), text.end(),
+                                   [&](char c) { return begins(c) && ++characters > mostCharacters; });
+    std::string result(text.begin(), rest);
+    if (rest != text.end()) result.append(ellipsis);
     return result;
 }
 

@@ -29,6 +29,10 @@ std::string repairedUtf8(std::string_view bytes);
 /// `text` fit for a one-line diagnostic: valid UTF-8, with control characters shown as "?".
 std::string singleLine(std::string_view text);
 
+/// The beginning of a UTF-8 text that is longer than `mostCharacters` Unicode code points, with an ellipsis
+/// for the rest; a text that is not is answered whole.
+std::string shortened(std::string_view text, std::size_t mostCharacters);
+
 /// `text` in lower case by the mapping that Unicode gives each character by itself, whatever stands around it
 /// and whatever the language. Bytes that are not UTF-8 stay.
 std::string lowercased(std::string_view text);

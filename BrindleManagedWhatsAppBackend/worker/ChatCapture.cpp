@@ -22,8 +22,15 @@ constexpr std::string_view unknown_title = "?";
 /// lost. What comes beyond them a page has made up, and must not hold up the worker's end.
 constexpr std::size_t longest_queue_of_a_page = 200;
 
+/// How soon it is looked again whether there is room for a record.
+constexpr std::chrono::seconds room_interval{1};
+
+std::string budgetText() {
+    return std::to_string(RecordBudget::budget_bytes >> 20U) + " MiB";
+}
+
 std::string quoted(std::string_view title) {
-    return std::string("'").append(title).append("'");
+    return "'" + shortened(title, longest_shown_title) + "'";
 }
 
 /// What to publish while the watched chat is not open; nothing when it is.
@@ -46,19 +53,40 @@ std::optional<std::string> activationDetail(const ManagedWhatsAppChatActivationP
     return std::nullopt;
 }
 
+/// What is not is passed over.
+bool isDeliverable(const ManagedWhatsAppObservedInboundMessage& message) {
+    return message.text && message.fingerprint && !trimmed(*message.text).empty();
+}
+
 std::string senderIdentifier(std::string_view sender) {
     auto identifier = lowercased(sender);
     std::replace(identifier.begin(), identifier.end(), ' ', '-');
     return identifier;
 }
 
+/// Counts for as long as it lives.
+class Counted {
+  public:
+    explicit Counted(int& count) : count_(count) { ++count_; }
+    ~Counted() { --count_; }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+
+  private:
+    int& count_;
+};
+
+/// Lets everything else go first, and time pass.
+Task<> pause(WebWorkerHost& host, std::chrono::milliseconds duration) {
+    Answer<std::monostate> end;
+    const auto deliver = end.callback();
+    const std::unique_ptr<HostTimer> timer = host.once(duration, [deliver] { deliver(std::monostate()); });
+    co_await end;
+}
+
 /// Lets everything else that is due go first.
 Task<> nextTurn(WebWorkerHost& host) {
-    Answer<std::monostate> turn;
-    const auto deliver = turn.callback();
-    const std::unique_ptr<HostTimer> timer =
-        host.once(std::chrono::milliseconds(0), [deliver] { deliver(std::monostate()); });
-    co_await turn;
+    return pause(host, std::chrono::milliseconds(0));
 }
 
 }  // namespace
@@ -67,7 +95,7 @@ Task<> ChatCapture::pollInboundMessages() {
     // Taken once: while the page is awaited, the backend may ask for another chat.
     const WatchedChat watched{.title = state_.currentWatchedTitle.value_or(""),
                               .conversationID = state_.currentConversationID};
-    if (watched.title.empty()) co_return;
+    if (watched.title.empty() || waitingDeliveries_ > 0) co_return;
     const auto activation = co_await probeChatActivation(watched.title);
     if (const auto detail = activationDetail(activation, watched.title)) {
         publisher_.publish(worker_state::activating_chat, *detail);
@@ -159,8 +187,15 @@ Task<> ChatCapture::takeMessages(ManagedWhatsAppObservedInboundDrainPayload drai
                                     .title = *drain.activeChatTitle};
     std::size_t taken = 0;
     for (auto& message : *drain.messages) {
-        if (++taken > longest_queue_of_a_page) co_await nextTurn(host_);
-        takeMessage(std::move(message), conversation);
+        const bool isMadeUp = ++taken > longest_queue_of_a_page;
+        if (isMadeUp) co_await nextTurn(host_);
+        if (!isDeliverable(message)) continue;
+        auto fingerprint = message.fingerprint;
+        const auto record = recordFor(std::move(message), conversation);
+        const auto document = encodedRecord(record, JsonStyle::pretty);
+        co_await roomFor(document.size(), isMadeUp, conversation);
+        state_.lastSeenMessageFingerprint = std::move(fingerprint);
+        writeDocument(record.messageId, document);
     }
     publisher_.publish(worker_state::watching_chat, "Watching chat " + quoted(*drain.activeChatTitle) +
                                                         " through the managed WhatsApp worker. Captured " +
@@ -168,11 +203,22 @@ Task<> ChatCapture::takeMessages(ManagedWhatsAppObservedInboundDrainPayload drai
                                                         " inbound message(s).");
 }
 
-void ChatCapture::takeMessage(ManagedWhatsAppObservedInboundMessage message,
-                              const Conversation& conversation) {
-    if (!message.text || !message.fingerprint || trimmed(*message.text).empty()) return;
-    state_.lastSeenMessageFingerprint = message.fingerprint;
-    writeInboundRecord(recordFor(std::move(message), conversation));
+Task<> ChatCapture::roomFor(std::size_t record_bytes, bool isMadeUp, Conversation conversation) {
+    if (budget_.take(record_bytes)) co_return;
+    if (isMadeUp || !RecordBudget::canEverTake(record_bytes)) {
+        throw Failure(
+            "The page delivers more than the " + budgetText() +
+            " a minute that are taken from it, and more than it could have kept; the rest was dropped.");
+    }
+    const Counted waiting(waitingDeliveries_);
+    do {
+        publisher_.publish(
+            worker_state::watching_chat,
+            "Watching chat " + quoted(conversation.title) + ". The page has delivered " + budgetText() +
+                " of messages within a minute, which is all that is taken from it; the next ones "
+                "wait.");
+        co_await pause(host_, room_interval);
+    } while (!budget_.take(record_bytes));
 }
 
 ManagedWhatsAppWorkerInboundRecord ChatCapture::recordFor(ManagedWhatsAppObservedInboundMessage message,
@@ -193,9 +239,13 @@ ManagedWhatsAppWorkerInboundRecord ChatCapture::recordFor(ManagedWhatsAppObserve
 }
 
 void ChatCapture::writeInboundRecord(const ManagedWhatsAppWorkerInboundRecord& record) {
-    const auto file = DataDirectory::recordFile(inboundDirectory_, record.messageId);
+    writeDocument(record.messageId, encodedRecord(record, JsonStyle::pretty));
+}
+
+void ChatCapture::writeDocument(std::string_view messageId, std::string_view document) {
+    const auto file = DataDirectory::recordFile(inboundDirectory_, messageId);
     // The page has given the message away: from here on this file is the only copy.
-    writeRecord(fileManager_, file, record, Durability::disk);
+    fileManager_.writeFileAtomically(file, document, Durability::disk);
 }
 
 }  // namespace brindle

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <cstddef>
 #include <exception>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -12,6 +14,7 @@
 #include "system/FileManager.h"
 #include "worker/PagePayloads.h"
 #include "worker/PageScriptRunner.h"
+#include "worker/RecordBudget.h"
 #include "worker/Task.h"
 #include "worker/WebWorkerHost.h"
 #include "worker/WorkerLog.h"
@@ -33,6 +36,7 @@ class ChatCapture {
           inboundDirectory_(std::move(inboundDirectory)),
           identifiers_(fileManager_, inboundDirectory_),
           clock_(clock),
+          budget_(clock),
           state_(state),
           publisher_(publisher),
           log_(log) {}
@@ -66,7 +70,10 @@ class ChatCapture {
     void publishNoMessages(const ManagedWhatsAppObservedInboundDrainPayload& drain,
                            const WatchedChat& watched);
     Task<> takeMessages(ManagedWhatsAppObservedInboundDrainPayload drain, WatchedChat watched);
-    void takeMessage(ManagedWhatsAppObservedInboundMessage message, const Conversation& conversation);
+    /// Waits until so long a record may be written, and says so. Throws Failure for what does not wait: what
+    /// never will be, and what the page has made up.
+    Task<> roomFor(std::size_t record_bytes, bool isMadeUp, Conversation conversation);
+    void writeDocument(std::string_view messageId, std::string_view document);
     ManagedWhatsAppWorkerInboundRecord recordFor(ManagedWhatsAppObservedInboundMessage message,
                                                  const Conversation& conversation);
 
@@ -76,6 +83,9 @@ class ChatCapture {
     std::string inboundDirectory_;
     RecordIdentifiers identifiers_;
     const Clock& clock_;
+    RecordBudget budget_;
+    /// Deliveries that wait for room. Meanwhile the page keeps what it captures, as much as it can.
+    int waitingDeliveries_ = 0;
     WorkerState& state_;
     const WorkerStatusPublisher& publisher_;
     const WorkerLog& log_;

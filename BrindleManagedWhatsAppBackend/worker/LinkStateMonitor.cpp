@@ -6,16 +6,23 @@
 
 #include "text/Base64.h"
 #include "text/Failure.h"
+#include "text/Text.h"
 #include "worker/PageScripts.h"
 
 namespace brindle {
 namespace {
 
 constexpr std::string_view png_data_url_prefix = "data:image/png;base64,";
+/// How every PNG file begins (PNG specification, section 5.2).
+constexpr std::string_view png_signature = "\x89PNG\r\n\x1A\n";
 /// No picture of a code is longer; what a page makes up is not written to disk again and again.
-constexpr std::size_t longest_picture_characters = std::size_t{1} << 20U;
+constexpr std::size_t longest_picture_bytes = std::size_t{1} << 20U;
 constexpr std::string_view default_account = "WhatsApp Web";
 constexpr auto scan_detail = "Scan the QR code with WhatsApp on your phone.";
+
+bool canBeACode(const std::string& picture) {
+    return picture.starts_with(png_signature) && picture.size() <= longest_picture_bytes;
+}
 
 }  // namespace
 
@@ -30,12 +37,10 @@ Task<> LinkStateMonitor::refreshQRCode() {
 }
 
 void LinkStateMonitor::takeQRCode(const std::optional<std::string>& dataURL) {
-    if (!dataURL || !dataURL->starts_with(png_data_url_prefix) ||
-        dataURL->size() > longest_picture_characters) {
-        return qrCode_.removeIfPresent();
-    }
+    if (!dataURL || !dataURL->starts_with(png_data_url_prefix)) return qrCode_.removeIfPresent();
     const auto picture = base64Decoded(std::string_view(*dataURL).substr(png_data_url_prefix.size()));
     if (!picture) return;
+    if (!canBeACode(*picture)) return qrCode_.removeIfPresent();
     qrCode_.write(*picture);
     // The canvas of a linked page is no request to scan.
     const auto& word = state_.workerState;
@@ -70,7 +75,8 @@ bool LinkStateMonitor::takeLinkState(const ManagedWhatsAppLinkedStatePayload& pa
 }
 
 void LinkStateMonitor::publishLinked(const ManagedWhatsAppLinkedStatePayload& payload) {
-    state_.displayName = payload.account.value_or(std::string(default_account));
+    state_.displayName =
+        shortened(payload.account.value_or(std::string(default_account)), longest_shown_title);
     const auto watchedTitle = state_.currentWatchedTitle.value_or("");
     publisher_.publish(
         worker_state::linked,

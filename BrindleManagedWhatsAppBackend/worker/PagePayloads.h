@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,6 +12,9 @@
 
 /// What the page scripts result in, as JSON texts.
 namespace brindle {
+
+/// Of a title that the page tells, people are shown no more: in Unicode code points. Records keep it whole.
+inline constexpr std::size_t longest_shown_title = 1000;
 
 /// The result of the link state script.
 struct ManagedWhatsAppLinkedStatePayload {

@@ -2,10 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "support/DrivenPage.h"
@@ -321,6 +324,45 @@ TEST_F(WebWorkerHostile, ForgedMessagesStayInTheirDirectory) {
     worker().waitForMoreStatuses();
     expectNoHarm();
     expectCapture();
+}
+
+/// The most that files of the directory hold which were written within so long of each other, in bytes.
+std::uintmax_t mostBytesWrittenWithin(const fs::path& directory, std::chrono::seconds duration) {
+    std::vector<std::pair<fs::file_time_type, std::uintmax_t>> files;
+    for (const auto& name : namesIn(directory)) {
+        if (name.starts_with(".")) continue;
+        files.emplace_back(fs::last_write_time(directory / name), fs::file_size(directory / name));
+    }
+    std::sort(files.begin(), files.end());
+    std::uintmax_t most = 0;
+    std::uintmax_t sum = 0;
+    for (auto first = files.begin(), last = files.begin(); last != files.end(); ++last) {
+        sum += last->second;
+        for (; last->first - first->first > duration; ++first) sum -= first->second;
+        most = std::max(most, sum);
+    }
+    return most;
+}
+
+TEST_F(WebWorkerHostile, AForgedFloodIsHeldToWhatIsTakenInAMinuteAndTheStatusSaysSo) {
+    // A second shorter, for the moment between what is counted and what is written.
+    constexpr std::chrono::seconds nearly_a_minute{59};
+    worker().watchUntilOpen("Team Room");
+    page().run(R"js(
+        window.kept = JSON.stringify;
+        const messages = [];
+        for (let n = 0; n < 150; ++n) { messages.push({ text: "x".repeat(100 * 1024), fingerprint: "f" + n }); }
+        const answer = JSON.stringify({ linked: true, state: "ok", activeChatTitle: "Team Room", messages });
+        JSON.stringify = () => answer;
+    )js");
+    const auto full = worker().waitForDetail("The page has delivered 32 MiB of messages within a minute");
+    EXPECT_EQ(worker().journal().statuses()[full]["state"], "watching_chat");
+    worker().waitForMoreStatuses(5);
+    const auto written = mostBytesWrittenWithin(worker().path("inbound"), nearly_a_minute);
+    EXPECT_LE(written, 32 * mebibyte);
+    EXPECT_GT(written, 16 * mebibyte);
+    expectNoHarm();
+    EXPECT_EQ(worker().terminate(), exitedWith(0));
 }
 
 TEST_F(WebWorkerHostile, AForgedFloodLeavesTheWorkerAbleToEnd) {

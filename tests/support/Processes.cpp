@@ -210,6 +210,10 @@ std::size_t residentBytesOf(pid_t pid) {
     return bytesBehind("VmRSS:", folderOf(pid) / "status");
 }
 
+std::size_t peakBytesOf(pid_t pid) {
+    return bytesBehind("VmHWM:", folderOf(pid) / "status");
+}
+
 std::size_t proportionalSetBytes(pid_t process) {
     return bytesBehind("Pss:", folderOf(process) / "smaps_rollup");
 }

@@ -52,6 +52,8 @@ std::uint64_t signalSetOf(pid_t pid, std::string_view name);
 
 /// Resident memory of a process in bytes; 0 when it is gone.
 std::size_t residentBytesOf(pid_t pid);
+/// The most that was resident of it so far, in bytes; 0 when it is gone.
+std::size_t peakBytesOf(pid_t pid);
 /// Proportional set size of a process (Linux procfs), 0 when it is gone.
 std::size_t proportionalSetBytes(pid_t process);
 /// Processor time that a process has used so far, in seconds; 0 when it is gone.

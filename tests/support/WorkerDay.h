@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -60,7 +61,7 @@ class WorkerPlace {
 class WorkerDay {
   public:
     /// The picture of the code.
-    static constexpr auto picture = std::string_view("\0\0\0", 3);
+    static constexpr std::string_view picture = "\x89PNG\r\n\x1A\n";
 
     WorkerDay(const WorkerPlace& place, FileManager& files, std::string name)
         : service_("whatsapp", place.environment, files, clock_, host_, ::getppid()), name_(std::move(name)) {
@@ -105,7 +106,7 @@ class WorkerDay {
         const bool isScanned = clock_.now() - TestClock::start > scanned_after;
         switch (kind) {
             case Script::qrCode:
-                return isScanned ? noResult() : result("data:image/png;base64,AAAA");
+                return isScanned ? noResult() : result(code_answer);
             case Script::linkState:
                 return result(isScanned ? linked_answer : not_linked_answer);
             case Script::activation:

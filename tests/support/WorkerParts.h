@@ -30,6 +30,8 @@ namespace brindle::test {
 /// How a page answers that has an account, and one that has none.
 inline constexpr auto linked_answer = R"({"linked":true,"account":"Ann"})";
 inline constexpr auto not_linked_answer = R"({"linked":false,"account":null})";
+/// How a page answers that shows a code: the beginning of every PNG file.
+inline constexpr auto code_answer = "data:image/png;base64,iVBORw0KGgo=";
 /// What the host is asked for when the web client is loaded.
 inline constexpr auto load_web_client = "loadAddress https://web.whatsapp.com/ 60";
 

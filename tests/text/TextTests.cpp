@@ -179,6 +179,19 @@ TEST(SingleLineTests, RepairsText) {
     EXPECT_EQ(singleLine("\xFF\n"), "\uFFFD?");
 }
 
+TEST(ShortenedTests, KeepsWhatIsShortEnough) {
+    EXPECT_EQ(shortened("", 0), "");
+    EXPECT_EQ(shortened("abc", 3), "abc");
+    EXPECT_EQ(shortened("Zoë 🙂", 5), "Zoë 🙂");
+}
+
+TEST(ShortenedTests, CutsBetweenCharacters) {
+    EXPECT_EQ(shortened("abcd", 3), "abc…");
+    EXPECT_EQ(shortened("Zoë 🙂!", 5), "Zoë 🙂…");
+    EXPECT_EQ(shortened("🙂🙂", 1), "🙂…");
+    EXPECT_EQ(shortened("a", 0), "…");
+}
+
 TEST(LowercaseTests, LowersAsciiLettersOnly) {
     EXPECT_EQ(asciiLowercased("AZ az 09 ÄÉ @[`{"), "az az 09 ÄÉ @[`{");
 }

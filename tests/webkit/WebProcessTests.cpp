@@ -74,12 +74,31 @@ TEST(WebProcess, OneThatTakesTooMuchMemoryIsEnded) {
     options.pageMemoryLimit_mebibytes = 300;
     EnginePage page(std::make_shared<TemporaryDirectory>(), options);
     page.load("<body>here</body>");
-    page.evaluate(
-        "window.kept = []; for (let n = 0; n < 400; ++n) { kept.push(new Uint8Array(1024 * 1024).fill(n % 255 + 1)); } ''");
+    page.page().evaluate(
+        "window.kept = []; for (let n = 0; n < 400; ++n) { kept.push(new Uint8Array(1024 * 1024).fill(n % 255 + 1)); }",
+        [](auto) {});
     page.runUntil([&] { return !page.events().processEnds.empty(); }, "the end is reported",
                   2 * must_happen_deadline);
     EXPECT_EQ(page.events().processEnds,
               std::vector<std::string>{"The page's process used too much memory and was ended."});
+}
+
+TEST(WebProcess, OneThatNeverPausesIsEndedForItsMemoryToo) {
+    auto options = webWorkerHostOptions();
+    options.pageMemoryLimit_mebibytes = 300;
+    EnginePage page(std::make_shared<TemporaryDirectory>(), options);
+    page.load("<body>here</body>");
+    // It holds what it has taken, so that a machine of any size survives the wait for its end.
+    page.page().evaluate(
+        "window.kept = []; for (let n = 0;; n = (n + 1) % 400) { kept[n] ||= new Uint8Array(1024 * 1024).fill(n % 255 + 1); }",
+        [](auto) {});
+    page.runUntil([&] { return !page.events().processEnds.empty(); }, "the end is reported",
+                  2 * must_happen_deadline);
+    EXPECT_EQ(page.events().processEnds,
+              std::vector<std::string>{"The page's process used too much memory and was ended."});
+    page.load("<body>again</body>");
+    EXPECT_EQ(page.evaluate("document.body.textContent"), "again");
+    EXPECT_THAT(page.events().processEnds, testing::IsEmpty());
 }
 
 TEST(WebProcess, IsSandboxed) {

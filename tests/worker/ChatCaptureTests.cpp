@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -448,6 +449,111 @@ TEST_F(InboundCaptureTests, FailedWriteInTheMiddleEndsTheDrain) {
                        parts_.directory.inbound + "/"),
             HasSubstr("No space left on device."))));
     EXPECT_EQ(state_.lastSeenMessageFingerprint, "2");
+}
+
+TEST_F(InboundCaptureTests, TitlesOfThePageAreCutInSentencesAndWholeInRecords) {
+    const std::string title(1001, 'x');
+    const std::string shown = "'" + std::string(1000, 'x') + "\u2026'";
+    const test::Json wrongChat = {
+        {"state", "wrong-chat"}, {"activeChatTitle", title}, {"watchedTitle", title}};
+    pollOpenChat(wrongChat);
+    EXPECT_EQ(state_.workerDetail, "Active chat is " + shown + " while watching " + shown + ".");
+    poll(test::result(
+        test::Json{{"state", "wrong-active-chat"}, {"activeChatTitle", title}, {"matchedTitle", title}}
+            .dump()));
+    EXPECT_EQ(state_.workerDetail, "Active chat is " + shown + ". Switching to " + shown + ".");
+    auto capture = drain({message("a")});
+    capture["activeChatTitle"] = title;
+    pollOpenChat(capture);
+    EXPECT_THAT(state_.workerDetail, StartsWith("Watching chat " + shown + " through"));
+    EXPECT_EQ(records().at(0)["conversationTitle"], title);
+}
+
+/// A page that makes messages up as fast as it is asked.
+class FloodTests : public ChatCaptureTests {
+  protected:
+    static constexpr std::size_t kibibyte = 1024;
+    static constexpr const char* waiting =
+        "Watching chat 'Family'. The page has delivered 32 MiB of messages within a minute, which is all that is "
+        "taken from it; the next ones wait.";
+
+    /// Messages of which `count` have nearly the length of a record of `record_bytes`.
+    static test::Json flood(std::size_t count, std::size_t record_bytes) {
+        const std::string text(record_bytes - kibibyte, 'x');
+        return drain(std::vector<test::Json>(count, message(text)));
+    }
+    /// Begins a step in an open chat; what does not fit is left waiting.
+    Task<> begin(const test::Json& capture) {
+        auto task = capture_.pollInboundMessages();
+        task.start();
+        parts_.host.answerOnly(test::result(R"({"state":"active"})"));
+        parts_.host.answerOnly(test::result(capture.dump()));
+        return task;
+    }
+    std::size_t writtenBytes() const {
+        std::size_t sum = 0;
+        for (const auto& write : parts_.files.writes()) {
+            if (write.path.starts_with(parts_.directory.inbound)) sum += write.content.size();
+        }
+        return sum;
+    }
+};
+
+TEST_F(FloodTests, OfAMinuteWritesNoMoreThanTheBudget) {
+    std::optional<Task<>> step;
+    for (int second = 0; second < 60; ++second) {
+        if (!step || step->isDone()) step.emplace(begin(flood(100, 64 * kibibyte)));
+        parts_.host.advance(std::chrono::seconds(1));
+    }
+    EXPECT_LE(writtenBytes(), RecordBudget::budget_bytes);
+    EXPECT_GT(writtenBytes(), RecordBudget::budget_bytes * 9 / 10);
+    EXPECT_FALSE(step->isDone());
+}
+
+TEST_F(FloodTests, WaitsAndSaysWhyUntilTheMinuteIsOver) {
+    auto step = begin(flood(40, 1024 * kibibyte));
+    EXPECT_THAT(records(), SizeIs(32));
+    EXPECT_EQ(state_.workerState, "watching_chat");
+    EXPECT_EQ(state_.workerDetail, waiting);
+    // Meanwhile nothing is asked of the page, which keeps what it captures.
+    parts_.host.advance(std::chrono::seconds(59));
+    finish(parts_.host, *std::make_unique<Task<>>(capture_.pollInboundMessages()));
+    EXPECT_THAT(parts_.host.pending, IsEmpty());
+    EXPECT_THAT(records(), SizeIs(32));
+    parts_.host.advance(std::chrono::seconds(3));
+    EXPECT_THAT(records(), SizeIs(40));
+    EXPECT_TRUE(step.isDone());
+    EXPECT_THAT(state_.workerDetail, HasSubstr("Captured 40 inbound message(s)."));
+}
+
+TEST_F(FloodTests, WhatThePageCouldNotHaveKeptDoesNotWait) {
+    auto messages = std::vector<test::Json>(200, message("short"));
+    messages.resize(250, message(std::string(1023 * kibibyte, 'x')));
+    auto step = begin(drain(messages));
+    parts_.host.advance(std::chrono::milliseconds(1));
+    EXPECT_TRUE(step.isDone());
+    EXPECT_THAT(records(), SizeIs(200 + 31));
+    EXPECT_EQ(
+        state_.workerDetail,
+        "Managed WhatsApp worker failed to poll inbound messages: The page delivers more than the 32 MiB a "
+        "minute that are taken from it, and more than it could have kept; the rest was dropped.");
+}
+
+TEST_F(FloodTests, MessageThatFitsIntoNoMinuteIsDroppedAndTold) {
+    auto step = begin(flood(1, RecordBudget::budget_bytes + 2 * kibibyte));
+    EXPECT_TRUE(step.isDone());
+    EXPECT_THAT(records(), IsEmpty());
+    EXPECT_EQ(state_.workerState, "error");
+    pollOpenChat(drain({message("a")}));
+    EXPECT_THAT(texts(), ElementsAre("a"));
+}
+
+TEST_F(FloodTests, WorkerThatEndsGivesUpWhatWaits) {
+    {
+        const auto step = begin(flood(40, 1024 * kibibyte));
+        EXPECT_FALSE(step.isDone());
+    }
+    EXPECT_EQ(parts_.host.runningTimers(), 0U);
 }
 
 /// The page has given the messages away, so dropping a late answer would lose them.

@@ -62,7 +62,7 @@ class LinkStateMonitorTests : public testing::Test {
 class QRCodeTests : public LinkStateMonitorTests {};
 
 TEST_F(QRCodeTests, PictureIsWrittenByteForByteAndAnnounced) {
-    const std::string picture("\x89PNG\r\n\0\xFF", 8);
+    const std::string picture("\x89PNG\r\n\x1A\n\0\xFF", 10);
     refreshQRCode(test::result("data:image/png;base64," + base64Encoded(picture)));
     EXPECT_EQ(qrFile(), picture);
     EXPECT_THAT(parts_.published(), ElementsAre(scan_status));
@@ -71,13 +71,13 @@ TEST_F(QRCodeTests, PictureIsWrittenByteForByteAndAnnounced) {
 
 TEST_F(QRCodeTests, AnnouncementKeepsTheAccount) {
     state_.displayName = "Ann";
-    refreshQRCode(test::result("data:image/png;base64,AAAA"));
+    refreshQRCode(test::result(test::code_answer));
     EXPECT_THAT(parts_.published(), ElementsAre(std::string(scan_status) + " (Ann)"));
 }
 
 TEST_F(QRCodeTests, PictureIsWrittenAgainOnEveryTick) {
-    refreshQRCode(test::result("data:image/png;base64,AAAA"));
-    refreshQRCode(test::result("data:image/png;base64,AAAA"));
+    refreshQRCode(test::result(test::code_answer));
+    refreshQRCode(test::result(test::code_answer));
     EXPECT_THAT(parts_.files.contentsOf(parts_.directory.workerQRCodeFile), SizeIs(2));
     EXPECT_THAT(parts_.published(), ElementsAre(scan_status, scan_status));
 }
@@ -85,7 +85,7 @@ TEST_F(QRCodeTests, PictureIsWrittenAgainOnEveryTick) {
 TEST_F(QRCodeTests, LinkedWorkerDoesNotGoBackToScanning) {
     for (const std::string word : {"linked", "watching_chat"}) {
         state_.workerState = word;
-        refreshQRCode(test::result("data:image/png;base64,AAAA"));
+        refreshQRCode(test::result(test::code_answer));
         EXPECT_EQ(state_.workerState, word);
     }
     EXPECT_TRUE(hasQRFile());
@@ -96,7 +96,7 @@ TEST_F(QRCodeTests, EveryOtherStateGoesToScanning) {
     for (const std::string word :
          {"starting", "error", "activating_chat", "wrong_chat", "no_active_chat", "waiting_for_qr"}) {
         state_.workerState = word;
-        refreshQRCode(test::result("data:image/png;base64,AAAA"));
+        refreshQRCode(test::result(test::code_answer));
         EXPECT_EQ(state_.workerState, "waiting_for_qr") << word;
     }
 }
@@ -121,11 +121,24 @@ TEST_F(QRCodeTests, CanvasThatIsNoPictureRemovesTheFile) {
     EXPECT_THAT(parts_.published(), IsEmpty());
 }
 
-TEST_F(QRCodeTests, GiantPictureIsNone) {
-    const std::string longest = "data:image/png;base64," + std::string(1024 * 1024 - 24, 'A');
-    refreshQRCode(test::result(longest));
-    EXPECT_EQ(qrFile().size(), (longest.size() - 22) / 4 * 3);
-    refreshQRCode(test::result(longest + "AAAA"));
+TEST_F(QRCodeTests, PictureThatIsNoPNGIsNone) {
+    const std::string signature = "\x89PNG\r\n\x1A\n";
+    for (const std::string& picture :
+         {std::string(), std::string("GIF89a"), signature.substr(0, 7), "x" + signature,
+          std::string("\x89PNG\n\x1A\n and more"), std::string("\x89png\r\n\x1A\n")}) {
+        putQRFile();
+        refreshQRCode(test::result("data:image/png;base64," + base64Encoded(picture)));
+        EXPECT_FALSE(hasQRFile()) << testing::PrintToString(picture);
+    }
+    EXPECT_THAT(parts_.published(), IsEmpty());
+}
+
+TEST_F(QRCodeTests, PictureOfMoreThanAMebibyteIsNone) {
+    std::string picture = "\x89PNG\r\n\x1A\n";
+    picture.resize(std::size_t{1} << 20U, 'x');
+    refreshQRCode(test::result("data:image/png;base64," + base64Encoded(picture)));
+    EXPECT_EQ(qrFile(), picture);
+    refreshQRCode(test::result("data:image/png;base64," + base64Encoded(picture + "x")));
     EXPECT_FALSE(hasQRFile());
 }
 
@@ -150,7 +163,7 @@ TEST_F(QRCodeTests, FailedScriptIsLoggedAndChangesNothing) {
 TEST_F(QRCodeTests, FailedWriteIsLoggedAndNotAnnounced) {
     putQRFile();
     parts_.faults.set(Fault{.operation = 1, .code = ENOSPC});
-    refreshQRCode(test::result("data:image/png;base64,AAAA"));
+    refreshQRCode(test::result(test::code_answer));
     EXPECT_THAT(parts_.host.log,
                 ElementsAre("QR fetch failed: Cannot write \"" + parts_.directory.workerQRCodeFile +
                             "\": No space left on device."));
@@ -186,6 +199,11 @@ TEST_F(LinkStateTests, AccountWithoutLabelHasADefaultOne) {
         refreshLinkState(test::result(text));
         EXPECT_EQ(state_.displayName, "WhatsApp Web");
     }
+}
+
+TEST_F(LinkStateTests, AccountIsCutToWhatPeopleRead) {
+    refreshLinkState(test::result(R"({"linked":true,"account":")" + std::string(1'000'000, 'x') + R"("})"));
+    EXPECT_EQ(state_.displayName, std::string(1000, 'x') + "\u2026");
 }
 
 TEST_F(LinkStateTests, WatchedChatIsNamedInTheSentence) {

@@ -497,7 +497,7 @@ TEST_F(WebWorkerServiceTests, AnswerAfterTheLimitChangesNothing) {
     run([this] {
         host_.advance(milliseconds(31'500));
         ASSERT_EQ(kindOf(host_.pending.at(0).script), Script::qrCode);
-        host_.answer(0, test::result("data:image/png;base64,AAAA"));
+        host_.answer(0, test::result(test::code_answer));
         EXPECT_FALSE(fs::exists(directory_.workerQRCodeFile));
     });
 }

@@ -1,7 +1,7 @@
 # Composes the page scripts and writes the header that embeds them:
 #   cmake -DSOURCE_DIRECTORY=<scripts> -DHEADER=<file> -P ComposePageScripts.cmake
 # Each script becomes one expression, a function that is called where it stands, so that an evaluation yields its
-# result and leaves no name behind in the page.
+# result and leaves no name behind in the page. boundedAnswer.js stands around it.
 
 set(placeholder "__WATCHED_TITLE__")
 # Closes a raw string literal only together with a parenthesis and a quote.
@@ -36,10 +36,12 @@ function(compose constant placeholders)
   if(NOT end EQUAL -1)
     message(FATAL_ERROR "The script ${constant} holds the end of a raw string literal.")
   endif()
-  set(script "(() => {\n\"use strict\";\n${body}})()")
+  set(script "(() => {\n\"use strict\";\n${bounds}return runBounded(() => {\n${body}});\n})()")
   string(APPEND header "\ninline constexpr std::string_view ${constant} = R\"${delimiter}(${script})${delimiter}\";\n")
   set(header "${header}" PARENT_SCOPE)
 endfunction()
+
+read_script(boundedAnswer.js bounds)
 
 set(header "// Composed at build time from the page scripts.
 #pragma once

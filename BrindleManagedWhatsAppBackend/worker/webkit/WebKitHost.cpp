@@ -44,6 +44,8 @@ using MemoryPressureSettings = std::unique_ptr<WebKitMemoryPressureSettings, Mem
 GObjectPointer<WebKitWebContext> makeContext(const WebWorkerHostOptions& options,
                                              const WebsiteDataFolders& folders) {
     const auto manager = openWebsiteData(folders);
+    // The page's process looks at itself rarely, and gives back what it can before the limit is reached. The
+    // page watches it more closely.
     constexpr double at_the_limit = 1.0;
     const MemoryPressureSettings memory(webkit_memory_pressure_settings_new());
     webkit_memory_pressure_settings_set_memory_limit(memory.get(), options.pageMemoryLimit_mebibytes);

@@ -18,6 +18,8 @@ constexpr std::size_t longest_sentence_bytes = 2000;
 /// it to pieces would keep the worker from everything else.
 constexpr std::size_t longest_answer_bytes = std::size_t{16} << 20U;
 
+constexpr const char* too_much_memory = "The page's process used too much memory and was ended.";
+
 /// One sentence, for people.
 std::string sentence(const GError& error) {
     std::string text = oneLine(textOf(error.message), longest_sentence_bytes);
@@ -38,7 +40,7 @@ std::string describeDeparture(const std::string& address) {
 const char* describe(WebKitWebProcessTerminationReason reason) {
     switch (reason) {
         case WEBKIT_WEB_PROCESS_EXCEEDED_MEMORY_LIMIT:
-            return "The page's process used too much memory and was ended.";
+            return too_much_memory;
         case WEBKIT_WEB_PROCESS_TERMINATED_BY_API:
             return "The page's process was ended.";
         case WEBKIT_WEB_PROCESS_CRASHED:
@@ -125,7 +127,12 @@ void removeData(WebKitWebsiteDataManager* manager, std::unique_ptr<Removal> remo
 
 WebKitPage::WebKitPage(const WebWorkerHostOptions& options, WebKitWebContext& context, const SystemLog& log,
                        WebPageDelegate& delegate)
-    : log_(log), delegate_(delegate), window_(gtk_offscreen_window_new()), view_(makeView(options, context)) {
+    : log_(log),
+      delegate_(delegate),
+      window_(gtk_offscreen_window_new()),
+      view_(makeView(options, context)),
+      memoryWatch_(std::uint64_t{options.pageMemoryLimit_mebibytes} << 20U,
+                   [this] { endProcessBecause(too_much_memory); }) {
     gtk_window_set_title(GTK_WINDOW(window_.get()), options.windowTitle.c_str());
     gtk_container_add(GTK_CONTAINER(window_.get()), GTK_WIDGET(view_));
     connectSignals();
@@ -352,8 +359,9 @@ bool WebKitPage::decideResponse(WebKitResponsePolicyDecision& decision) {
 void WebKitPage::processTerminated(WebKitWebProcessTerminationReason reason) {
     stallTimer_.reset();
     progress_ = Progress::idle;
-    const bool isOurs = reason == WEBKIT_WEB_PROCESS_TERMINATED_BY_API && endReason_ != nullptr;
-    delegate_.pageLost(isOurs ? std::exchange(endReason_, nullptr) : describe(reason));
+    endTimer_.reset();
+    const char* ownReason = std::exchange(endReason_, nullptr);
+    delegate_.pageLost(ownReason != nullptr ? ownReason : describe(reason));
 }
 
 }  // namespace brindle

@@ -9,6 +9,7 @@
 #include "worker/WebWorkerHost.h"
 #include "worker/webkit/GObjectPointer.h"
 #include "worker/webkit/MainLoopTimer.h"
+#include "worker/webkit/PageMemoryWatch.h"
 #include "worker/webkit/PageSite.h"
 #include "worker/webkit/SystemLog.h"
 
@@ -79,6 +80,7 @@ class WebKitPage final : public WebPage {
     std::unique_ptr<MainLoopTimer> endTimer_;
     /// Why the process is being ended from here; null when it is not.
     const char* endReason_ = nullptr;
+    PageMemoryWatch memoryWatch_;
 };
 
 }  // namespace brindle
