@@ -113,15 +113,15 @@ Wait waitByHelper(const DataDirectory& directory, std::chrono::milliseconds time
     return wait;
 }
 
-double lookByFloor(const DataDirectory& directory) {
+Cost lookByFloor(const DataDirectory& directory) {
     Program floor = startFloor("floor_scan", {directory.path()});
     floor.exchange("", 1);
-    return milliseconds_per_second * secondsOf([&] { floor.exchange(badLine(), 1); });
+    return costOf(floor, [&] { floor.exchange(badLine(), 1); });
 }
 
 void measureWaitingOf(Bench& bench, const Place& place, std::size_t records) {
     /// How often the helper looks.
-    constexpr double interval_ms = 500;
+    constexpr double interval_s = 0.5;
     const DataDirectory directory(place);
     directory.make();
     directory.fill(records, other_chat);
@@ -130,9 +130,10 @@ void measureWaitingOf(Bench& bench, const Place& place, std::size_t records) {
     Figure share{.name = "waiting: share of a core", .place = place.fileSystem, .size = size, .unit = "%"};
     Figure age{.name = "waiting: oldest status seen", .place = place.fileSystem, .size = size, .unit = "s"};
     for (int round = 0; round < bench.inFull(3, 1); ++round) {
-        look.floor.push_back(lookByFloor(directory));
+        const auto cost = lookByFloor(directory);
+        look.floor.push_back(milliseconds_per_second * cost.time);
         // What that would take of a core at every look.
-        share.floor.push_back(100 * look.floor.back() / interval_ms);
+        share.floor.push_back(100 * cost.processor / interval_s);
         const auto wait = waitByHelper(directory, std::chrono::milliseconds(bench.inFull(6000, 600)));
         share.helper.push_back(wait.processorPercent);
         age.helper.push_back(wait.oldestStatus);
