@@ -121,7 +121,8 @@ TEST(StoppedWorker, HoldsUpNothingButItsOwnMessages) {
     backend.connectAndListen();
     const pid_t worker = workerOf(backend);
     stop(worker);
-    for (int i = 0; i < messages_per_stop; ++i) backend.send(sendMessageRequest(teamRoomMessage(numbered(i))));
+    for (int i = 0; i < messages_per_stop; ++i)
+        backend.send(sendMessageRequest(teamRoomMessage(numbered(i))));
     backend.waitForStatusWrites(2);
     backend.send(startListeningRequest(testOnlyScope("still here")));
     EXPECT_TRUE(backend.nextEnvelope().contains("inboundEvent"));
