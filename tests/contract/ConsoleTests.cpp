@@ -648,9 +648,9 @@ class HostileTerminalTest : public TerminalTest {
         type("listen conversation team Team\r");
         waitUntil([&] { return fs::exists(data_.path() / "runtime/worker-control.json"); },
                   "the control record");
-        const Json record = {{"conversationId", "team"},       {"conversationTitle", hostile + "title"},
-                             {"senderId", hostile + "sender"}, {"senderDisplayName", hostile + "name"},
-                             {"text", hostile + "text"},       {"isDirectMessage", true}};
+        const Json record = {{"conversationId", "team"},        {"conversationTitle", hostile_ + "title"},
+                             {"senderId", hostile_ + "sender"}, {"senderDisplayName", hostile_ + "name"},
+                             {"text", hostile_ + "text"},       {"isDirectMessage", true}};
         writeFileAtomically(data_.path() / "inbound/m.json", record.dump());
         waitForScreen("inboundEvent");
         waitForScreen("text");
@@ -660,7 +660,7 @@ class HostileTerminalTest : public TerminalTest {
         waitForScreen("worker's detail");
         type("qr within 1\r");
         waitForScreen("worker's state");
-        type("raw " + hostileOnTheLine + "\r");
+        type("raw " + hostileOnTheLine_ + "\r");
         waitForScreen("error");
         worker_.allow("speak");
         waitForScreen("worker's line");
@@ -675,9 +675,9 @@ class HostileTerminalTest : public TerminalTest {
     }
 
     /// Sets a title, begins a sequence with C1, breaks the line in three ways, turns the direction in four.
-    const std::string hostile = "\033]0;x\a\u009B2J\u0085\u2028\u061C\u200F\u202E\u2066";
+    const std::string hostile_ = "\033]0;x\a\u009B2J\u0085\u2028\u061C\u200F\u202E\u2066";
     /// What a line of the protocol holds of it that can be typed.
-    const std::string hostileOnTheLine = R"({"\u001b]0;x\u0007\u009b2J\u202e":{}})";
+    const std::string hostileOnTheLine_ = R"({"\u001b]0;x\u0007\u009b2J\u202e":{}})";
     WorkerScript worker_{
         "publish worker-status.json '{\"state\":\"\\u001b]0;x\\u0007\\u009b2J\\u0085\\u2028\\u061c\\u200f\\u202e"
         "\\u2066 worker'\\''s state\",\"detail\":\"\\u001b]0;x\\u0007\\u009b2J\\u0085\\u2028\\u061c\\u200f\\u202e"
