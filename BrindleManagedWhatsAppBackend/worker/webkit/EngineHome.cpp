@@ -1,9 +1,11 @@
 #include "worker/webkit/EngineHome.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <glib.h>
 #include <glib/gstdio.h>
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <system_error>
@@ -36,19 +38,31 @@ void removeAbandonedHomes(const std::string& folder) {
     for (auto entry = fs::directory_iterator(folder, ignored); entry != fs::end(entry);
          entry.increment(ignored)) {
         const auto& path = entry->path();
-        if (path.filename().string().starts_with(name_prefix) && locked(path).isOpen()) removeTree(path);
+        if (!path.filename().string().starts_with(name_prefix)) continue;
+        // Kept until all is gone: in between, a worker may take for its own what it has just made.
+        const Descriptor lock = locked(path);
+        if (lock.isOpen()) removeTree(path);
     }
 }
 
 }  // namespace
 
-EngineHome::EngineHome(const std::string& folder) : path_(folder + "/" + name_prefix + "XXXXXX") {
+EngineHome::EngineHome(const std::string& folder) {
     removeAbandonedHomes(folder);
-    if (g_mkdtemp(path_.data()) == nullptr) {
-        throw Failure("The built-in web worker cannot make a directory in \"" + folder + "\" (" +
-                      g_strerror(errno) + "); let this user write there.");
+    // Before it is locked, another worker may take it for an abandoned one.
+    for (bool isOurs = false; !isOurs;) {
+        make(folder);
+        lock_ = locked(path_);
+        const bool isAnothers = !lock_.isOpen() && errno == EWOULDBLOCK;
+        isOurs = !isAnothers && g_access(path_.c_str(), F_OK) == 0;
     }
-    lock_ = locked(path_);
+}
+
+void EngineHome::make(const std::string& folder) {
+    path_ = folder + "/" + name_prefix + "XXXXXX";
+    if (g_mkdtemp(path_.data()) != nullptr) return;
+    throw Failure("The built-in web worker cannot make a directory in \"" + folder + "\" (" +
+                  g_strerror(errno) + "); let this user write there.");
 }
 
 EngineHome::~EngineHome() {

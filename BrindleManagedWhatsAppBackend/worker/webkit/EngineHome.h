@@ -24,6 +24,8 @@ class EngineHome {
     const std::string& path() const { return path_; }
 
   private:
+    void make(const std::string& folder);
+
     std::string path_;
     /// Tells other workers, as long as this one lives, that the home is in use.
     Descriptor lock_;
