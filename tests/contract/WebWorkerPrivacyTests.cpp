@@ -29,9 +29,14 @@ constexpr fs::perms of_others = fs::perms::group_all | fs::perms::others_all;
 /// The folders of the website data, which another user may have had a hand in before the worker starts.
 class WebWorkerPrivacy : public WebWorkerTest, public testing::WithParamInterface<std::string> {
   protected:
-    WebWorkerPrivacy() { fs::create_directories(folder().parent_path()); }
+    WebWorkerPrivacy() {
+        fs::create_directories(base());
+        const bool isData = GetParam() == "website-data";
+        options_.process.environment[isData ? "XDG_DATA_HOME" : "XDG_CACHE_HOME"] = base();
+    }
 
-    fs::path base() const { return options_.place->path() / GetParam(); }
+    fs::path above() const { return options_.place->path() / "above"; }
+    fs::path base() const { return above() / GetParam(); }
     fs::path folder() const { return base() / "BrindleManagedWhatsAppBackend"; }
     void make(fs::perms mode) const {
         fs::create_directories(folder());
@@ -86,6 +91,29 @@ TEST_P(WebWorkerPrivacy, BaseInWhichOthersMayReplaceTheFolderIsRefused) {
     expectRefusal(folder());
 }
 
+TEST_P(WebWorkerPrivacy, FolderFarAboveInWhichOthersMayReplaceWhatFollowsIsRefused) {
+    make(fs::perms::owner_all);
+    fs::permissions(above(), fs::perms::all);
+    expectRefusal(folder());
+}
+
+TEST_P(WebWorkerPrivacy, LinkToABaseInWhichOthersMayReplaceTheFolderIsRefused) {
+    const auto open = options_.place->path() / "open";
+    fs::create_directories(open / "base" / folder().filename());
+    fs::permissions(open, fs::perms::all);
+    fs::remove(base());
+    fs::create_directory_symlink(open / "base", base());
+    expectRefusal(open / "base" / folder().filename());
+}
+
+TEST_P(WebWorkerPrivacy, BaseInWhichAnotherGroupMayReplaceTheFolderIsRefused) {
+    if (!isRoot()) GTEST_SKIP() << "Only root can give folders to a group that it is not in.";
+    make(fs::perms::owner_all);
+    ASSERT_EQ(::lchown(base().c_str(), static_cast<uid_t>(-1), another_user), 0);
+    fs::permissions(base(), fs::perms::owner_all | fs::perms::group_all);
+    expectRefusal(folder());
+}
+
 TEST_P(WebWorkerPrivacy, FolderOfAnotherUserIsRefused) {
     if (!isRoot()) GTEST_SKIP() << "Only root can make folders that belong to another user.";
     make(fs::perms::all);
@@ -100,6 +128,14 @@ TEST_P(WebWorkerPrivacy, LooseFolderInWhichAnotherUserHasLeftSomethingIsRefused)
     giveTo(another_user, folder() / "cookies.sqlite");
     expectRefusal(folder());
     EXPECT_FALSE(fs::exists(options_.place->path() / "secret"));
+}
+
+TEST_P(WebWorkerPrivacy, LooseFolderInWhichAnotherUserHasLeftSomethingDeepInsideIsRefused) {
+    if (!isRoot()) GTEST_SKIP() << "Only root can make files that belong to another user.";
+    make(fs::perms::all);
+    fs::create_directories(folder() / "storage" / "salt");
+    giveTo(another_user, folder() / "storage" / "salt");
+    expectRefusal(folder());
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, WebWorkerPrivacy, testing::Values("website-data", "website-cache"));

@@ -10,7 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <memory>
+#include <system_error>
 
 #include "text/Failure.h"
 #include "worker/webkit/GObjectPointer.h"
@@ -18,6 +20,8 @@
 
 namespace brindle {
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr mode_t private_mode = 0700;
 constexpr mode_t permission_bits = 07777;
@@ -53,31 +57,53 @@ Directory openDirectory(const char* path, int linkFlag) {
     throw Failure(g_strerror(ENOMEM));
 }
 
-/// Nobody else may be able to put another folder in its place.
-void requireBaseOfNobodyElse(const std::string& path) {
-    const GText base(g_path_get_dirname(path.c_str()));
-    const auto status = attributesOf(openDirectory(base.get(), 0));
+/// Whether a folder or link, and what lies in the folder, can be replaced by nobody but this user and root.
+/// In a folder with the sticky bit the owner of what lies there counts.
+bool isOfNobodyElse(const struct stat& status) {
     struct stat top {};
     // In a user namespace root may go by another number; the owner of the root directory is that one.
     const bool isRoots =
         status.st_uid == root_user || (::stat("/", &top) == 0 && status.st_uid == top.st_uid);
-    const bool isOthers = status.st_uid != ::geteuid() && !isRoots;
-    const bool isOpen = (status.st_mode & S_IWOTH) != 0 && (status.st_mode & S_ISVTX) == 0;
-    if (isOthers || isOpen)
-        throw Failure("others may replace what lies in \"" + std::string(base.get()) + "\"");
+    if (status.st_uid != ::geteuid() && !isRoots) return false;
+    // What a link's permissions say means nothing.
+    if (S_ISLNK(status.st_mode) || (status.st_mode & S_ISVTX) != 0) return true;
+    const mode_t writers = S_IWOTH | (status.st_gid == ::getegid() ? 0U : S_IWGRP);
+    return (status.st_mode & writers) == 0;
+}
+
+void requireStepsOfNobodyElse(const fs::path& path) {
+    fs::path step;
+    for (const auto& component : path) {
+        step /= component;
+        struct stat status {};
+        if (::lstat(step.c_str(), &status) != 0) throw Failure(g_strerror(errno));
+        if (!isOfNobodyElse(status))
+            throw Failure("others may replace what lies in \"" + step.string() + "\"");
+    }
+}
+
+/// Nobody else may be able to put another folder in its place, however far above.
+void requireBaseOfNobodyElse(const std::string& path) {
+    const fs::path base = fs::path(path).parent_path();
+    requireStepsOfNobodyElse(base);
+    std::error_code error;
+    const fs::path withoutLinks = fs::canonical(base, error);
+    if (error) throw Failure(error.message());
+    requireStepsOfNobodyElse(withoutLinks);
 }
 
 /// Whoever could write there may have left something that the engine would follow.
-void requireOwnEntries(const Directory& directory) {
-    // The stream is this object's own, which is all that readdir needs to be safe.
-    while (const dirent* entry = ::readdir(directory.get())) {  // NOLINT(concurrency-mt-unsafe)
-        const char* const name = static_cast<const char*>(entry->d_name);
-        if (g_str_equal(name, "..") != FALSE) continue;
+void requireOwnEntries(const std::string& path) {
+    std::error_code error;
+    for (fs::recursive_directory_iterator entry(path, error); !error && entry != fs::end(entry);
+         entry.increment(error)) {
         struct stat status {};
-        const int found = ::fstatat(::dirfd(directory.get()), name, &status, AT_SYMLINK_NOFOLLOW);
+        const int found = ::lstat(entry->path().c_str(), &status);
         if (found == 0 && status.st_uid != ::geteuid())
-            throw Failure("\"" + oneLine(name, NAME_MAX) + "\" in it belongs to another user");
+            throw Failure("\"" + oneLine(entry->path().lexically_relative(path), PATH_MAX) +
+                          "\" in it belongs to another user");
     }
+    if (error) throw Failure(error.message());
 }
 
 void makePrivate(const std::string& path) {
@@ -87,7 +113,7 @@ void makePrivate(const std::string& path) {
     if (status.st_uid != ::geteuid()) throw Failure("it belongs to another user");
     if ((status.st_mode & permission_bits) == private_mode) return;
     if (::fchmod(::dirfd(directory.get()), private_mode) != 0) throw Failure(g_strerror(errno));
-    requireOwnEntries(directory);
+    requireOwnEntries(path);
 }
 
 }  // namespace
