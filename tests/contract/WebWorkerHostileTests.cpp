@@ -379,5 +379,29 @@ TEST_F(WebWorkerHostile, AForgedFloodLeavesTheWorkerAbleToEnd) {
     EXPECT_EQ(worker().terminate(), exitedWith(0));
 }
 
+/// How often a text is found in another.
+std::size_t occurrences(const std::string& text, const std::string& part) {
+    std::size_t count = 0;
+    for (auto found = text.find(part); found != std::string::npos; found = text.find(part, found + 1))
+        ++count;
+    return count;
+}
+
+TEST_F(WebWorkerHostile, AnEndlessAttemptToLeaveTheSiteDoesNotFloodTheLog) {
+    constexpr std::size_t attempts = 300;
+    page().run("setInterval(() => { location.href = '" + page().server().otherSiteUrl("/away") +
+               "'; }, 1), ''");
+    const auto attemptsSoFar = [&] {
+        const auto requests = page().server().requests();
+        return static_cast<std::size_t>(std::count_if(
+            requests.begin(), requests.end(), [](const auto& request) { return request.path == "/away"; }));
+    };
+    worker().waitUntil([&] { return attemptsSoFar() >= attempts; }, "many attempts to leave");
+    EXPECT_EQ(worker().terminate(), exitedWith(0));
+    const auto told = occurrences(worker().process().standardError(), "tried to leave its site");
+    EXPECT_GE(told, 1U);
+    EXPECT_LT(told, attempts / 2);
+}
+
 }  // namespace
 }  // namespace brindle::test

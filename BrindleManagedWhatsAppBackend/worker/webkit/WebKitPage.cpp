@@ -18,6 +18,9 @@ constexpr std::size_t longest_sentence_bytes = 2000;
 /// it to pieces would keep the worker from everything else.
 constexpr std::size_t longest_answer_bytes = std::size_t{16} << 20U;
 
+/// For so long no further denial is logged after one was.
+constexpr std::chrono::seconds denial_pause{1};
+
 constexpr const char* too_much_memory = "The page's process used too much memory and was ended.";
 
 /// One sentence, for people.
@@ -274,7 +277,11 @@ void WebKitPage::loadChanged(WebKitLoadEvent event) {
 void WebKitPage::deny(const std::string& denial) {
     // Without a document there is nothing to go on with; otherwise what is shown stays as it is.
     if (progress_ == Progress::provisional) return reportFailure(Stage::provisional, denial);
+    // A page may try hundreds of times a second.
+    if (denialPause_) return;
     log_.error(denial);
+    denialPause_ = std::make_unique<MainLoopTimer>(MainLoopTimer::Schedule{.interval = denial_pause},
+                                                   [this] { denialPause_.reset(); });
 }
 
 void WebKitPage::documentCommitted() {

@@ -78,6 +78,7 @@ class WebKitPage final : public WebPage {
     Progress progress_ = Progress::idle;
     std::unique_ptr<MainLoopTimer> stallTimer_;
     std::unique_ptr<MainLoopTimer> endTimer_;
+    std::unique_ptr<MainLoopTimer> denialPause_;
     /// Why the process is being ended from here; null when it is not.
     const char* endReason_ = nullptr;
     PageMemoryWatch memoryWatch_;
