@@ -146,8 +146,11 @@ void WebWorkerProcess::watch(const std::string& title, const std::string& id) {
 void WebWorkerProcess::watchUntilOpen(const std::string& title, const std::string& id) {
     const auto from = journal_.size();
     watch(title, id);
-    // Not the chat that was watched until now. A line end is a space where the page shows it.
-    waitForDetail("Watching chat '" + title.substr(0, title.find('\n')), from);
+    // Not the chat that was watched until now. A line end is a space where the page shows it, and of a long
+    // title a sentence has the beginning.
+    constexpr std::size_t characters_that_tell_titles_apart = 100;
+    const auto beginning = title.substr(0, std::min(title.find('\n'), characters_that_tell_titles_apart));
+    waitForDetail("Watching chat '" + beginning, from);
 }
 
 std::vector<Json> WebWorkerProcess::waitForRecords(std::size_t count) {
