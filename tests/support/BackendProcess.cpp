@@ -239,13 +239,15 @@ void BackendProcess::readStreams() {
         {
             const std::lock_guard lock(mutex_);
             if (stopReading_) return;
-            bool closed = false;
+            bool changed = false;
             for (Stream* stream : {&output_, &error_}) {
+                changed = changed || stream->passedOver != stream->paused;
+                stream->passedOver = stream->paused;
                 if (!stream->closeRequested || stream->descriptor < 0) continue;
                 closeDescriptor(stream->descriptor);
-                closed = true;
+                changed = true;
             }
-            if (closed) changed_.notify_all();
+            if (changed) changed_.notify_all();
             polled[0] = {output_.paused ? -1 : output_.descriptor, POLLIN, 0};
             polled[1] = {error_.paused ? -1 : error_.descriptor, POLLIN, 0};
             polled[2] = {wake_, POLLIN, 0};
@@ -269,11 +271,11 @@ void BackendProcess::requestClose(Stream& stream) {
 }
 
 void BackendProcess::setPaused(Stream& stream, bool paused) {
-    {
-        const std::lock_guard lock(mutex_);
-        stream.paused = paused;
-    }
+    std::unique_lock lock(mutex_);
+    stream.paused = paused;
     wakeReader();
+    // Until then it may still read what comes.
+    changed_.wait(lock, [&] { return stream.passedOver == paused; });
 }
 
 void BackendProcess::send(std::string_view line) {

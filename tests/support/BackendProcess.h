@@ -181,6 +181,8 @@ class BackendProcess {
         int descriptor = -1;
         std::string data;
         bool paused = false;
+        /// What the reader has last seen of that.
+        bool passedOver = false;
         bool closeRequested = false;
     };
 
