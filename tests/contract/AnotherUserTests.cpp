@@ -16,6 +16,7 @@
 #include "support/ExitStatus.h"
 #include "support/Files.h"
 #include "support/Json.h"
+#include "support/Sanitizers.h"
 #include "support/TemporaryDirectory.h"
 #include "support/Users.h"
 #include "support/Waiting.h"
@@ -205,6 +206,8 @@ TEST_F(AnotherUser, FolderInWhichHeMayReplaceTheDataDirectoryIsRefused) {
 }
 
 TEST_F(AnotherUser, TemporaryDirectoryOfHisIsRefused) {
+    if (sanitizerOfExecutables() == Sanitizer::thread)
+        GTEST_SKIP() << "ThreadSanitizer itself makes a file in the temporary directory for a moment.";
     auto options = optionsFor("");
     options.environment.erase("XDG_RUNTIME_DIR");
     options.environment["TMPDIR"] = makeHis(shared() / "tmp");
