@@ -121,8 +121,10 @@ void DataDirectory::requireOwn(FileManager& fileManager, const std::string& dire
     if (!attributes || (!attributes->isDirectory && !attributes->isSymbolicLink)) return;
     const auto group = isShared ? PrimaryGroup::isNotTrusted : PrimaryGroup::isTrusted;
     if (attributes->isDirectory && isOwn(*attributes) && isClosedToOthers(*attributes, group)) return;
-    refuse(directory, "It belongs to another user, is a link or can be written by others; remove it or set " +
-                          std::string(environment_key::data_directory));
+    refuse(directory,
+           "It belongs to another user, is a link or can be written by others; let it be this user's "
+           "alone, remove it or set " +
+               std::string(environment_key::data_directory));
 }
 
 void DataDirectory::create(FileManager& fileManager, const std::string& directory) const {

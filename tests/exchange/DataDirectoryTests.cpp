@@ -217,7 +217,7 @@ TEST_F(DataDirectoryTests, DirectoryOfAnotherUserInASharedPlaceIsRefused) {
             EXPECT_EQ(
                 failure.what(),
                 "Cannot use the directory \"" + foreign +
-                    "\": It belongs to another user, is a link or can be written by others; remove it or set BRINDLE_MANAGED_BRIDGE_DATA_DIR.");
+                    "\": It belongs to another user, is a link or can be written by others; let it be this user's alone, remove it or set BRINDLE_MANAGED_BRIDGE_DATA_DIR.");
         }
         EXPECT_TRUE(fs::is_empty(foreign)) << component;
     }
