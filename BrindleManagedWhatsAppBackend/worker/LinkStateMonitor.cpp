@@ -13,7 +13,7 @@ namespace brindle {
 namespace {
 
 constexpr std::string_view png_data_url_prefix = "data:image/png;base64,";
-/// How every PNG file begins (PNG specification, section 5.2).
+/// How every PNG file begins (ISO/IEC 15948).
 constexpr std::string_view png_signature = "\x89PNG\r\n\x1A\n";
 /// No picture of a code is longer; what a page makes up is not written to disk again and again.
 constexpr std::size_t longest_picture_bytes = std::size_t{1} << 20U;
