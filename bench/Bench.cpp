@@ -33,6 +33,13 @@ void Bench::add(Figure figure) {
     figures_.push_back(std::move(figure));
 }
 
+void Bench::addWithWorst(Figure figure) {
+    auto worst = figure;
+    worst.statistic = Statistic::percentile99;
+    add(std::move(figure));
+    add(std::move(worst));
+}
+
 void sampleInTurns(Figure& figure, int rounds, const std::function<double()>& helper,
                    const std::function<double()>& floor) {
     for (int round = 0; round < rounds; ++round) {

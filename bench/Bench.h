@@ -33,6 +33,8 @@ class Bench {
     void announce(const std::string& what) const;
     /// Keeps a figure and shows it on standard error.
     void add(Figure figure);
+    /// The same for a figure and its 99th percentile.
+    void addWithWorst(Figure figure);
     const std::vector<Figure>& figures() const { return figures_; }
 
   private:

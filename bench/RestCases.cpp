@@ -86,10 +86,7 @@ void measureReactionOn(Bench& bench, const Place& place, std::size_t waiting) {
     RecordSource toFloor(ofFloor);
     sampleInTurns(
         median, records, [&] { return toHelper.sample(helper); }, [&] { return toFloor.sample(floor); });
-    auto worst = median;
-    worst.statistic = Statistic::percentile99;
-    bench.add(std::move(median));
-    bench.add(std::move(worst));
+    bench.addWithWorst(std::move(median));
 }
 
 }  // namespace

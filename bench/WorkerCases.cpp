@@ -133,13 +133,6 @@ class MessageRoad {
     std::map<std::string, system_clock::time_point> records_;
 };
 
-void addWithWorst(Bench& bench, Figure figure) {
-    auto worst = figure;
-    worst.statistic = Statistic::percentile99;
-    bench.add(std::move(figure));
-    bench.add(std::move(worst));
-}
-
 }  // namespace
 
 void measureWorkerTree(Bench& bench) {
@@ -167,8 +160,8 @@ void measureMessageRoad(Bench& bench) {
     Figure fromPage{.name = "message road, insertion to line", .unit = "ms"};
     Figure fromRecord{.name = "message road, record to line", .unit = "ms"};
     while (fromPage.helper.size() < messages) road.sample(fromPage.helper, fromRecord.helper);
-    addWithWorst(bench, std::move(fromPage));
-    addWithWorst(bench, std::move(fromRecord));
+    bench.addWithWorst(std::move(fromPage));
+    bench.addWithWorst(std::move(fromRecord));
 }
 
 }  // namespace brindle::bench

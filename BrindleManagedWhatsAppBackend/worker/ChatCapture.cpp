@@ -195,7 +195,7 @@ Task<> ChatCapture::takeMessages(ManagedWhatsAppObservedInboundDrainPayload drai
         const auto document = encodedRecord(record, JsonStyle::pretty);
         co_await roomFor(document.size(), isMadeUp, conversation);
         state_.lastSeenMessageFingerprint = std::move(fingerprint);
-        writeDocument(record.messageId, document);
+        writeInboundRecord(record.messageId, document);
     }
     publisher_.publish(worker_state::watching_chat, "Watching chat " + quoted(*drain.activeChatTitle) +
                                                         " through the managed WhatsApp worker. Captured " +
@@ -238,11 +238,7 @@ ManagedWhatsAppWorkerInboundRecord ChatCapture::recordFor(ManagedWhatsAppObserve
     return record;
 }
 
-void ChatCapture::writeInboundRecord(const ManagedWhatsAppWorkerInboundRecord& record) {
-    writeDocument(record.messageId, encodedRecord(record, JsonStyle::pretty));
-}
-
-void ChatCapture::writeDocument(std::string_view messageId, std::string_view document) {
+void ChatCapture::writeInboundRecord(std::string_view messageId, std::string_view document) {
     const auto file = DataDirectory::recordFile(inboundDirectory_, messageId);
     // The page has given the message away: from here on this file is the only copy.
     fileManager_.writeFileAtomically(file, document, Durability::disk);

@@ -46,8 +46,8 @@ class ChatCapture {
     Task<> pollInboundMessages();
     /// Looks for the watched chat and tries to open it. Every failure is the answer that it was not found.
     Task<ManagedWhatsAppChatActivationPayload> probeChatActivation(std::string watchedTitle);
-    /// Writes the record's file into "inbound". Throws FileSystemFailure.
-    void writeInboundRecord(const ManagedWhatsAppWorkerInboundRecord& record);
+    /// Writes a record's document as its file into "inbound". Throws FileSystemFailure.
+    void writeInboundRecord(std::string_view messageId, std::string_view document);
 
   private:
     /// What one step watches.
@@ -73,7 +73,6 @@ class ChatCapture {
     /// Waits until so long a record may be written, and says so. Throws Failure for what does not wait: what
     /// never will be, and what the page has made up.
     Task<> roomFor(std::size_t record_bytes, bool isMadeUp, Conversation conversation);
-    void writeDocument(std::string_view messageId, std::string_view document);
     ManagedWhatsAppWorkerInboundRecord recordFor(ManagedWhatsAppObservedInboundMessage message,
                                                  const Conversation& conversation);
 

@@ -404,6 +404,9 @@ TEST_F(InboundDeliveryTests, RecordStaysForTheNextBackendWhenNobodyReads) {
         .drainInboundDirectory();
     EXPECT_THAT(inbound(), ElementsAre("a.json"));
     EXPECT_THAT(rejected(), IsEmpty());
+    // It may still watch the pipe for room.
+    parts_.queue.stop(std::chrono::milliseconds{0});
+    parts_.queue.join();
 }
 
 TEST_F(InboundDeliveryTests, ConcurrentDrainsDeliverALongBacklogOnceAndInOrder) {

@@ -682,7 +682,8 @@ TEST_F(InboundCaptureTests, MessageIsNotCopiedBetweenItsDecodingAndItsWriting) {
     ManagedWhatsAppWorkerInboundRecord record;
     record.messageId = "m";
     record.text = std::string(large, 'x');
-    const int whileWriting = largePieces([&] { capture_.writeInboundRecord(record); });
+    const int whileWriting = largePieces(
+        [&] { capture_.writeInboundRecord(record.messageId, encodedRecord(record, JsonStyle::pretty)); });
     auto task = capture_.pollInboundMessages();
     task.start();
     parts_.host.answerOnly(test::result(R"({"state":"active"})"));
@@ -694,10 +695,8 @@ TEST_F(InboundCaptureTests, MessageIsNotCopiedBetweenItsDecodingAndItsWriting) {
 
 TEST_F(InboundCaptureTests, RecordWriterReportsAFailure) {
     parts_.faults.set(Fault{.operation = 1, .code = EIO});
-    ManagedWhatsAppWorkerInboundRecord record;
-    record.messageId = "m";
-    EXPECT_THROW(capture_.writeInboundRecord(record), FileSystemFailure);
-    capture_.writeInboundRecord(record);
+    EXPECT_THROW(capture_.writeInboundRecord("m", "{}"), FileSystemFailure);
+    capture_.writeInboundRecord("m", "{}");
     EXPECT_THAT(test::namesIn(parts_.directory.inbound), ElementsAre("m.json"));
 }
 

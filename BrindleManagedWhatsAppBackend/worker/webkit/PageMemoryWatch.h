@@ -14,7 +14,7 @@ namespace brindle {
 /// that it is to watch, where a page that never pauses keeps it from looking; this one looks from outside.
 class PageMemoryWatch {
   public:
-    /// Looks for as long as it lives. A process of the engine with more than `limit_mebibytes` of memory of
+    /// Looks for as long as it lives. A process of the engine with more than `limit_bytes` of memory of
     /// its own is killed; `onExcess` is called once for each, just before.
     PageMemoryWatch(std::uint64_t limit_bytes, std::function<void()> onExcess);
     PageMemoryWatch(const PageMemoryWatch&) = delete;
