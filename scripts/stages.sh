@@ -1,8 +1,10 @@
 # Sourced by scripts that take long: names what is under way and ends with a table of how long each stage took.
 #   stage NAME COMMAND...
+#   stage_beside NAME COMMAND...   for one that only computes: runs it beside the stages that follow, behind them
+#   join_stage_beside              waits for it and shows what it printed
 # shellcheck shell=bash
 
-stage_table=()
+stage_table=() beside_process="" beside_output=""
 
 stage_seconds() { # SINCE (microseconds)
     local elapsed=$((${EPOCHREALTIME/./} - $1))
@@ -19,7 +21,29 @@ stage() { # NAME COMMAND...
     return "$status"
 }
 
+stage_beside() { # NAME COMMAND...
+    beside_name=$1 beside_begin=${EPOCHREALTIME/./} beside_output=$(mktemp)
+    shift
+    echo "== $beside_name, beside the following"
+    # In a session of its own, so that what it has started can be ended with it.
+    setsid nice -n 19 "$@" >"$beside_output" 2>&1 &
+    beside_process=$!
+}
+
+join_stage_beside() {
+    local status=0 outcome=""
+    wait "$beside_process" || status=$?
+    beside_process=
+    echo "== $beside_name"
+    cat "$beside_output"
+    [ "$status" -eq 0 ] || outcome="  failed"
+    stage_table+=("$(printf '%8s s  %s%s' "$(stage_seconds "$beside_begin")" "$beside_name, until it was waited for" "$outcome")")
+    return "$status"
+}
+
 end_stages() {
+    [ -z "$beside_process" ] || kill -- "-$beside_process" 2>/dev/null || true
+    rm -f "$beside_output"
     [ ${#stage_table[@]} -gt 0 ] || return 0
     echo
     printf '%s\n' "${stage_table[@]}"

@@ -265,6 +265,22 @@ TEST_F(WebWorkerRecovery, APageThatShowsNoLoginIsReloadedTwiceAndNoMore) {
     if (!worker.journal().isExact()) GTEST_SKIP() << exact_watch_needs_root;
     const std::string text =
         "WhatsApp Web is still rendering login state. Reloading the managed runtime worker (attempt ";
+    // A reload takes the place of a load that a slow machine has not even asked for.
+    const auto comesBefore = [&](std::size_t load, const std::string& reload) {
+        bool isInTime = false;
+        worker.waitUntil(
+            [&] {
+                const bool hasCome = page.loads() >= load;
+                const auto details = worker.journal().details();
+                const bool isReloaded =
+                    std::find(details.begin(), details.end(), text + reload) != details.end();
+                isInTime = hasCome && !isReloaded;
+                return hasCome || isReloaded;
+            },
+            "load " + std::to_string(load));
+        return isInTime;
+    };
+    const std::size_t inTime = (comesBefore(1, "1).") ? 1U : 0U) + (comesBefore(2, "2).") ? 1U : 0U);
     const auto first = worker.waitForDetail(text + "1).");
     EXPECT_EQ(worker.waitForDetail(waiting_detail, first), first + 1);
     worker.waitForDetail(text + "2).", first);
@@ -274,7 +290,8 @@ TEST_F(WebWorkerRecovery, APageThatShowsNoLoginIsReloadedTwiceAndNoMore) {
     EXPECT_EQ(std::count_if(details.begin(), details.end(),
                             [&](const auto& detail) { return detail.starts_with(text); }),
               2);
-    EXPECT_EQ(page.loads(), 3U);
+    EXPECT_LE(page.loads(), 3U);
+    EXPECT_GE(page.loads(), 1 + inTime);
 }
 
 LoopbackServer::Response storage(const LoopbackServer::Request& request) {
