@@ -43,26 +43,39 @@ Json watchedChat() {
     return {{"kind", "channel"}, {"id", "news"}, {"title", "News"}};
 }
 
-BackendOptions optionsWithNativeWorker() {
+BackendOptions optionsWithNativeWorker(const std::string& executable) {
     BackendOptions options;
     options.environment.erase("BRINDLE_MANAGED_BRIDGE_DISABLE_WORKER");
-    options.environment["BRINDLE_MANAGED_BRIDGE_NATIVE_WORKER_PATH"] = nativeWorkerExecutable();
+    options.environment["BRINDLE_MANAGED_BRIDGE_NATIVE_WORKER_PATH"] = executable;
     return options;
 }
 
-/// Whether an echo is called what the sample calls the echo of that message.
+/// Whether an echo is called what the samples call the echo of that message.
 bool isEchoOf(const std::string& messageId, const std::string& echo) {
-    constexpr std::size_t identifier_characters = 36;
-    return isCanonicalUuid(echo.substr(0, identifier_characters)) &&
-           echo.substr(identifier_characters) == "-echo-" + messageId;
+    constexpr std::size_t number_digits = 20;
+    return echo.find_first_not_of("0123456789") == number_digits &&
+           echo.substr(number_digits) == "-echo-" + messageId;
 }
+
+/// A sample native worker; every one keeps the same rules.
+struct SampleWorker {
+    const char* name;
+    std::string (*executable)();
+};
+
+std::string nameOf(const testing::TestParamInfo<SampleWorker>& info) {
+    return info.param.name;
+}
+
+const auto sample_workers = testing::Values(SampleWorker{"Cpp", nativeWorkerExecutable},
+                                            SampleWorker{"Python", pythonWorkerExecutable});
 
 auto workerStateIs(const std::string& state) {
     return [state](const Json& status) { return status.at("workerState") == state; };
 }
 
 /// Worker and backend together.
-class NativeWorkerBehindBackendTest : public testing::Test {
+class NativeWorkerBehindBackendTest : public testing::TestWithParam<SampleWorker> {
   protected:
     pid_t workerProcess() {
         return static_cast<pid_t>(std::stol(readFile(backend_.waitForFile("runtime/worker.pid"))));
@@ -73,10 +86,12 @@ class NativeWorkerBehindBackendTest : public testing::Test {
         return backend_.nextEnvelope().at("inboundEvent").at("_0").at("event");
     }
 
-    BackendProcess backend_{optionsWithNativeWorker()};
+    BackendProcess backend_{optionsWithNativeWorker(GetParam().executable())};
 };
 
-TEST_F(NativeWorkerBehindBackendTest, EchoesAMessageIntoTheWatchedChat) {
+INSTANTIATE_TEST_SUITE_P(Samples, NativeWorkerBehindBackendTest, sample_workers, nameOf);
+
+TEST_P(NativeWorkerBehindBackendTest, EchoesAMessageIntoTheWatchedChat) {
     backend_.connectAndListen();
     const auto event = sendAndReceive("On my way");
     EXPECT_EQ(event.at("text"), "Echo: On my way");
@@ -92,7 +107,7 @@ TEST_F(NativeWorkerBehindBackendTest, EchoesAMessageIntoTheWatchedChat) {
     backend_.waitForStandardError("[ManagedWhatsAppWorker] Echoed message ");
 }
 
-TEST_F(NativeWorkerBehindBackendTest, EchoesEveryMessageOnceAndInTheOrderOfTheRequests) {
+TEST_P(NativeWorkerBehindBackendTest, EchoesEveryMessageOnceAndInTheOrderOfTheRequests) {
     backend_.connectAndListen();
     std::vector<std::string> sent;
     std::vector<std::string> received;
@@ -109,7 +124,7 @@ TEST_F(NativeWorkerBehindBackendTest, EchoesEveryMessageOnceAndInTheOrderOfTheRe
     EXPECT_THAT(backend_.finishAndTakeRest(), IsEmpty());
 }
 
-TEST_F(NativeWorkerBehindBackendTest, PublishesWhatItCanDo) {
+TEST_P(NativeWorkerBehindBackendTest, PublishesWhatItCanDo) {
     const auto status = backend_.waitForRuntimeStatus(workerStateIs("linked"));
     EXPECT_EQ(status.at("workerSupportsLiveCapture"), true);
     EXPECT_EQ(status.at("workerSupportsOutbound"), true);
@@ -117,7 +132,7 @@ TEST_F(NativeWorkerBehindBackendTest, PublishesWhatItCanDo) {
     EXPECT_TRUE(isTimestamp(status.at("workerLastHeartbeatISO8601").get<std::string>()));
 }
 
-TEST_F(NativeWorkerBehindBackendTest, FollowsTheWatchedChat) {
+TEST_P(NativeWorkerBehindBackendTest, FollowsTheWatchedChat) {
     backend_.waitForRuntimeStatus(workerStateIs("linked"));
     backend_.connectAndListen();
     const auto status = backend_.waitForRuntimeStatus(workerStateIs("watching_chat"));
@@ -126,26 +141,26 @@ TEST_F(NativeWorkerBehindBackendTest, FollowsTheWatchedChat) {
     backend_.waitForRuntimeStatus(workerStateIs("linked"));
 }
 
-TEST_F(NativeWorkerBehindBackendTest, KeepsItsHeartbeatFresh) {
+TEST_P(NativeWorkerBehindBackendTest, KeepsItsHeartbeatFresh) {
     const auto first =
         backend_.waitForRuntimeStatus(workerStateIs("linked")).at("workerLastHeartbeatISO8601");
     backend_.waitForRuntimeStatus(
         [&](const Json& status) { return status.value("workerLastHeartbeatISO8601", first) != first; });
 }
 
-TEST_F(NativeWorkerBehindBackendTest, WritesItsProcessIdInPlainDigits) {
+TEST_P(NativeWorkerBehindBackendTest, WritesItsProcessIdInPlainDigits) {
     const auto worker = waitForOnlyChild(backend_.pid());
     EXPECT_EQ(readFile(backend_.waitForFile("runtime/worker.pid")), std::to_string(worker));
 }
 
-TEST_F(NativeWorkerBehindBackendTest, EndsWithTheBackendsInput) {
+TEST_P(NativeWorkerBehindBackendTest, EndsWithTheBackendsInput) {
     const auto worker = workerProcess();
     backend_.finish();
     EXPECT_EQ(backend_.waitForExit(), exitedWith(0));
     waitUntil([&] { return !processIsRunning(worker); }, "the end of the worker");
 }
 
-TEST_F(NativeWorkerBehindBackendTest, EndsAndClearsUpWhenTheBackendIsKilled) {
+TEST_P(NativeWorkerBehindBackendTest, EndsAndClearsUpWhenTheBackendIsKilled) {
     const auto worker = workerProcess();
     backend_.waitForFile("runtime/worker-status.json");
     backend_.signal(SIGKILL);
@@ -155,7 +170,7 @@ TEST_F(NativeWorkerBehindBackendTest, EndsAndClearsUpWhenTheBackendIsKilled) {
 }
 
 /// The worker alone, with the test in the place of the backend.
-class NativeWorkerTest : public testing::Test {
+class NativeWorkerTest : public testing::TestWithParam<SampleWorker> {
   protected:
     void SetUp() override {
         for (const auto* directory :
@@ -167,7 +182,7 @@ class NativeWorkerTest : public testing::Test {
 
     BackendOptions options() const {
         BackendOptions options;
-        options.executable = nativeWorkerExecutable();
+        options.executable = GetParam().executable();
         options.dataDirectory = data_;
         options.environment["BRINDLE_MANAGED_BRIDGE_DATA_DIR"] = data_->path();
         options.environment["BRINDLE_MANAGED_BRIDGE_PLATFORM"] = "whatsapp";
@@ -200,7 +215,9 @@ class NativeWorkerTest : public testing::Test {
     std::unique_ptr<BackendProcess> worker_;
 };
 
-TEST_F(NativeWorkerTest, WritesAnEchoWithEveryField) {
+INSTANTIATE_TEST_SUITE_P(Samples, NativeWorkerTest, sample_workers, nameOf);
+
+TEST_P(NativeWorkerTest, WritesAnEchoWithEveryField) {
     write("runtime/worker-control.json", controlRecord(watchedChat()));
     leaveOutbound("A", "hi");
     auto& worker = start();
@@ -221,7 +238,7 @@ TEST_F(NativeWorkerTest, WritesAnEchoWithEveryField) {
                           {"text", "Echo: hi"}}));
 }
 
-TEST_F(NativeWorkerTest, EchoesIntoTheMessagesConversationWhenNothingIsWatched) {
+TEST_P(NativeWorkerTest, EchoesIntoTheMessagesConversationWhenNothingIsWatched) {
     leaveOutbound("A", "hi");
     start().waitForEntries("runtime/worker-processed-outbound", 1);
     const auto echo = onlyEcho();
@@ -229,7 +246,7 @@ TEST_F(NativeWorkerTest, EchoesIntoTheMessagesConversationWhenNothingIsWatched) 
     EXPECT_EQ(echo.at("conversationTitle"), "team-room");
 }
 
-TEST_F(NativeWorkerTest, WatchesAThreadWithoutATitleByItsIdentifier) {
+TEST_P(NativeWorkerTest, WatchesAThreadWithoutATitleByItsIdentifier) {
     write("runtime/worker-control.json",
           controlRecord({{"kind", "thread"}, {"id", "t-9"}, {"title", nullptr}}));
     leaveOutbound("A", "hi");
@@ -237,7 +254,7 @@ TEST_F(NativeWorkerTest, WatchesAThreadWithoutATitleByItsIdentifier) {
     EXPECT_EQ(onlyEcho().at("conversationTitle"), "t-9");
 }
 
-TEST_F(NativeWorkerTest, WatchesNothingDuringASelfTestOrForAnotherPlatform) {
+TEST_P(NativeWorkerTest, WatchesNothingDuringASelfTestOrForAnotherPlatform) {
     for (const auto& control : {controlRecord({{"kind", "testOnly"}, {"title", "Smoke"}}),
                                 controlRecord(watchedChat(), "elsewhere")}) {
         write("runtime/worker-control.json", control);
@@ -253,7 +270,7 @@ TEST_F(NativeWorkerTest, WatchesNothingDuringASelfTestOrForAnotherPlatform) {
     }
 }
 
-TEST_F(NativeWorkerTest, TakesMessagesInTheOrderOfTheirNamesWhateverTheirTimes) {
+TEST_P(NativeWorkerTest, TakesMessagesInTheOrderOfTheirNamesWhateverTheirTimes) {
     write("outbound/c.json", outboundRecord("c", "3", "2026-01-05T09:30:00Z"));
     write("outbound/a.json", outboundRecord("a", "1", "2026-01-05T09:30:02Z"));
     write("outbound/b.json", outboundRecord("b", "2", "2026-01-05T09:30:01Z"));
@@ -263,7 +280,7 @@ TEST_F(NativeWorkerTest, TakesMessagesInTheOrderOfTheirNamesWhateverTheirTimes) 
     EXPECT_EQ(worker.nextLine(), "Echoed message c.");
 }
 
-TEST_F(NativeWorkerTest, EchoesStandBehindThoseThatAnEarlierWorkerLeft) {
+TEST_P(NativeWorkerTest, EchoesStandBehindThoseThatAnEarlierWorkerLeft) {
     // Many restarts: a worker that began anywhere would pass now and then.
     std::string previous;
     for (const std::string message : {"e", "d", "c", "b", "a"}) {
@@ -277,7 +294,7 @@ TEST_F(NativeWorkerTest, EchoesStandBehindThoseThatAnEarlierWorkerLeft) {
     }
 }
 
-TEST_F(NativeWorkerTest, MessagesDoNotOvertakeOneThatCannotBeTakenYet) {
+TEST_P(NativeWorkerTest, MessagesDoNotOvertakeOneThatCannotBeTakenYet) {
     leaveOutbound("a", "1");
     leaveOutbound("b", "2");
     fs::rename(path("outbound/a.json"), path("a.json"));
@@ -289,7 +306,7 @@ TEST_F(NativeWorkerTest, MessagesDoNotOvertakeOneThatCannotBeTakenYet) {
     EXPECT_EQ(worker.nextLine(), "Echoed message b.");
 }
 
-TEST_F(NativeWorkerTest, RejectsWhatItCannotUse) {
+TEST_P(NativeWorkerTest, RejectsWhatItCannotUse) {
     writeFileAtomically(path("outbound/broken.json"), "{");
     write("outbound/other.json", outboundRecord("../escape", "x"));
     fs::create_directory(path("outbound/directory.json"));
@@ -304,7 +321,7 @@ TEST_F(NativeWorkerTest, RejectsWhatItCannotUse) {
     }
 }
 
-TEST_F(NativeWorkerTest, LeavesOtherNamesAlone) {
+TEST_P(NativeWorkerTest, LeavesOtherNamesAlone) {
     write("outbound/.hidden.json", outboundRecord(".hidden", "x"));
     write("outbound/note.txt", outboundRecord("note", "x"));
     write("outbound/LOUD.JSON", outboundRecord("LOUD", "x"));
@@ -314,7 +331,7 @@ TEST_F(NativeWorkerTest, LeavesOtherNamesAlone) {
     EXPECT_THAT(namesIn(path("outbound")), ElementsAre(".hidden.json", "LOUD.JSON", "note.txt"));
 }
 
-TEST_F(NativeWorkerTest, KeepsBothRecordsWhenANameComesAgain) {
+TEST_P(NativeWorkerTest, KeepsBothRecordsWhenANameComesAgain) {
     leaveOutbound("A", "first");
     auto& worker = start();
     worker.waitForEntries("runtime/worker-processed-outbound", 1);
@@ -323,9 +340,9 @@ TEST_F(NativeWorkerTest, KeepsBothRecordsWhenANameComesAgain) {
     EXPECT_TRUE(names[0] == "A.json" || names[1] == "A.json");
 }
 
-TEST_F(NativeWorkerTest, DoesNotDoubleAnEchoThatWasWrittenBeforeACrash) {
+TEST_P(NativeWorkerTest, DoesNotDoubleAnEchoThatWasWrittenBeforeACrash) {
     for (const auto* place : {"inbound", "processed", "rejected"}) {
-        const auto echo = fs::path(place) / "6B29FC40-CA47-4067-B31D-00DD010662DA-echo-A.json";
+        const auto echo = fs::path(place) / "01767605400000000000-echo-A.json";
         writeFileAtomically(path(echo), "from before the crash");
         leaveOutbound("A", "hi");
         auto& worker = start();
@@ -338,7 +355,7 @@ TEST_F(NativeWorkerTest, DoesNotDoubleAnEchoThatWasWrittenBeforeACrash) {
     }
 }
 
-TEST_F(NativeWorkerTest, KilledInTheMiddleLosesAndDoublesNothing) {
+TEST_P(NativeWorkerTest, KilledInTheMiddleLosesAndDoublesNothing) {
     constexpr std::size_t message_count = 60;
     for (std::size_t i = 0; i < message_count; ++i) leaveOutbound("m" + std::to_string(i), "hi");
     start();
@@ -358,7 +375,7 @@ TEST_F(NativeWorkerTest, KilledInTheMiddleLosesAndDoublesNothing) {
     EXPECT_EQ(delivered + written, message_count);
 }
 
-TEST_F(NativeWorkerTest, KeepsAMessageWhoseEchoCannotBeWrittenAndTriesAgain) {
+TEST_P(NativeWorkerTest, KeepsAMessageWhoseEchoCannotBeWrittenAndTriesAgain) {
     leaveOutbound("0", "hi");
     auto& worker = start();
     worker.waitForFile("runtime/worker-processed-outbound/0.json");
@@ -371,7 +388,7 @@ TEST_F(NativeWorkerTest, KeepsAMessageWhoseEchoCannotBeWrittenAndTriesAgain) {
     EXPECT_EQ(onlyEcho().at("rawReference"), "A");
 }
 
-TEST_F(NativeWorkerTest, KeepsItsHeartbeatWhileTheControlRecordIsBroken) {
+TEST_P(NativeWorkerTest, KeepsItsHeartbeatWhileTheControlRecordIsBroken) {
     auto& worker = start();
     const auto heartbeat = [&] {
         return readJsonFile(worker.waitForFile("runtime/worker-status.json")).at("lastHeartbeatISO8601");
@@ -383,7 +400,7 @@ TEST_F(NativeWorkerTest, KeepsItsHeartbeatWhileTheControlRecordIsBroken) {
     EXPECT_EQ(worker.standardErrorLines().size(), 1U) << worker.standardError();
 }
 
-TEST_F(NativeWorkerTest, EndsOnATerminationSignalAndTakesItsFilesAway) {
+TEST_P(NativeWorkerTest, EndsOnATerminationSignalAndTakesItsFilesAway) {
     for (const int signal : {SIGTERM, SIGINT}) {
         auto& worker = start();
         worker.waitForFile("runtime/worker-status.json");
@@ -394,7 +411,7 @@ TEST_F(NativeWorkerTest, EndsOnATerminationSignalAndTakesItsFilesAway) {
     }
 }
 
-TEST_F(NativeWorkerTest, EndsInTheMiddleOfALongRound) {
+TEST_P(NativeWorkerTest, EndsInTheMiddleOfALongRound) {
     constexpr int records = 500;
     for (int count = 0; count < records; ++count) {
         writeFileAtomically(path("outbound") / (std::to_string(count) + ".json"), "{");
@@ -415,7 +432,7 @@ TEST_F(NativeWorkerTest, EndsInTheMiddleOfALongRound) {
     EXPECT_FALSE(fs::exists(path("runtime/worker.pid")));
 }
 
-TEST_F(NativeWorkerTest, LeavesTheFilesOfALaterWorkerAlone) {
+TEST_P(NativeWorkerTest, LeavesTheFilesOfALaterWorkerAlone) {
     auto& worker = start();
     worker.waitForFile("runtime/worker-status.json");
     writeFileAtomically(path("runtime/worker.pid"), "1");
@@ -425,13 +442,13 @@ TEST_F(NativeWorkerTest, LeavesTheFilesOfALaterWorkerAlone) {
     EXPECT_TRUE(fs::exists(path("runtime/worker-status.json")));
 }
 
-TEST_F(NativeWorkerTest, EndsAtOnceWhenTheBackendIsNotItsParent) {
+TEST_P(NativeWorkerTest, EndsAtOnceWhenTheBackendIsNotItsParent) {
     auto settings = options();
     settings.environment["BRINDLE_MANAGED_BRIDGE_PARENT_PID"] = "1";
     EXPECT_EQ(startWith(std::move(settings)).waitForExit(), exitedWith(0));
 }
 
-TEST_F(NativeWorkerTest, SaysWhichVariableIsMissing) {
+TEST_P(NativeWorkerTest, SaysWhichVariableIsMissing) {
     for (const auto* key : {"BRINDLE_MANAGED_BRIDGE_DATA_DIR", "BRINDLE_MANAGED_BRIDGE_PLATFORM",
                             "BRINDLE_MANAGED_BRIDGE_PARENT_PID"}) {
         auto settings = options();
@@ -443,7 +460,7 @@ TEST_F(NativeWorkerTest, SaysWhichVariableIsMissing) {
     }
 }
 
-TEST_F(NativeWorkerTest, SaysWhatIsWrongWithItsSettings) {
+TEST_P(NativeWorkerTest, SaysWhatIsWrongWithItsSettings) {
     auto settings = options();
     settings.environment["BRINDLE_MANAGED_BRIDGE_PARENT_PID"] = "12x";
     auto& confused = startWith(std::move(settings));
@@ -457,7 +474,7 @@ TEST_F(NativeWorkerTest, SaysWhatIsWrongWithItsSettings) {
     EXPECT_EQ(homeless.standardErrorLines().size(), 1U);
 }
 
-TEST_F(NativeWorkerTest, RefusesArguments) {
+TEST_P(NativeWorkerTest, RefusesArguments) {
     auto settings = options();
     settings.arguments = {"--help"};
     auto& worker = startWith(std::move(settings));

@@ -18,7 +18,17 @@ std::string consoleExecutable() {
 }
 
 std::string nativeWorkerExecutable() {
-    return binaryDirectory() / "examples/native-worker/BrindleManagedWhatsAppNativeWorker";
+    return binaryDirectory() / "examples/worker-cpp/BrindleManagedWhatsAppNativeWorker";
+}
+
+std::string pythonWorkerExecutable() {
+    return SOURCE_DIRECTORY "/examples/worker-python/worker.py";
+}
+
+std::vector<SampleParent> sampleParents() {
+    return {{"Cpp", binaryDirectory() / "examples/parent-cpp/sample-parent"},
+            {"Node", SOURCE_DIRECTORY "/examples/parent-node/parent.mjs"},
+            {"Python", SOURCE_DIRECTORY "/examples/parent-python/parent.py"}};
 }
 
 std::filesystem::path webHostModule() {

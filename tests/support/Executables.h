@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace brindle::test {
 
@@ -11,7 +12,15 @@ namespace brindle::test {
 std::filesystem::path binaryDirectory();
 std::string backendExecutable();
 std::string consoleExecutable();
+/// The sample native worker in C++, and that in Python.
 std::string nativeWorkerExecutable();
+std::string pythonWorkerExecutable();
+/// A sample parent and the language in which it is written.
+struct SampleParent {
+    std::string language;
+    std::string executable;
+};
+std::vector<SampleParent> sampleParents();
 /// The module through which a web worker shows its page.
 std::filesystem::path webHostModule();
 

@@ -161,9 +161,12 @@ class Placeholders {
     std::string putInto(std::string line) {
         static const std::regex time(R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}Z)");
         static const std::regex identifier("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}");
+        /// With which the sample worker lets its names ascend.
+        static const std::regex number(R"(\b\d{20}\b)");
         line = replacedAll(std::move(line), directory_, "<directory>");
         line = replacedAll(std::move(line), nativeWorkerExecutable(), sample_worker_placeholder);
         line = replaced(line, time, [](const std::string&) { return std::string("<time>"); });
+        line = replaced(line, number, [](const std::string&) { return std::string("<number>"); });
         return replaced(line, identifier, [this](const std::string& text) { return numbered(text); });
     }
 
