@@ -21,7 +21,17 @@ const std::filesystem::path sample_directory =
 /// At once on the login page, and nothing happens there unasked.
 const std::string quiet = "loading=0&scan=never&renew=3600&traffic=none";
 
+constexpr int phone_width_pixels = 360;
+
+/// The page in a frame as wide as a phone.
+std::string phonePage() {
+    return R"(<!DOCTYPE html><meta charset="utf-8"><iframe id="phone" style="border: 0" width=")" +
+           std::to_string(phone_width_pixels) + R"(" height="640" src="index.html?)" + quiet +
+           R"("></iframe>)";
+}
+
 LoopbackServer::Response serveSample(const LoopbackServer::Request& request) {
+    if (request.path == "/phone.html") return {.body = phonePage(), .type = "text/html; charset=utf-8"};
     const auto path = request.path.substr(1, request.path.find('?') - 1);
     const std::filesystem::path file = sample_directory / path;
     if (!std::filesystem::is_regular_file(file)) return {.status = "404 Not Found"};
@@ -355,6 +365,34 @@ TEST_F(SampleWebClient, MessagesThatLeaveTheDocumentBeforeTheNextRunAreCaptured)
 }
 
 // --- Without a server
+
+TEST_F(SampleWebClient, IsReadableAtTheWidthOfAPhone) {
+    page().loadAddress(server_.url("/phone.html"));
+    const std::string phone = "document.getElementById('phone').contentWindow";
+    const auto waitForPhaseThere = [&](const std::string& phase) {
+        page().waitUntil(phone + ".sampleWebClient !== undefined && " + phone +
+                         ".sampleWebClient.state().phase === " + literal(phase));
+    };
+    const auto widthOf = [&](const std::string& selector) {
+        return valueOf("Math.round(" + phone + ".document.querySelector(" + literal(selector) +
+                       ").getBoundingClientRect().width)")
+            .get<int>();
+    };
+    const auto contentWidth = [&] {
+        return valueOf(phone + ".document.documentElement.scrollWidth").get<int>();
+    };
+    constexpr int readable_pixels = 280;
+    waitForPhaseThere("login");
+    EXPECT_EQ(contentWidth(), phone_width_pixels);
+    EXPECT_GE(widthOf("canvas"), readable_pixels);
+    valueOf(phone + ".sampleWebClient.scan()");
+    waitForPhaseThere("chats");
+    EXPECT_EQ(valueOf(phone + ".sampleWebClient.openChat('Team Room')"), true);
+    EXPECT_EQ(contentWidth(), phone_width_pixels);
+    EXPECT_GE(widthOf("#side"), readable_pixels);
+    EXPECT_GE(widthOf(".messages"), readable_pixels);
+    EXPECT_GE(widthOf("#main textarea"), readable_pixels / 2);
+}
 
 TEST_F(SampleWebClient, WorksAsATextWithItsDirectory) {
     std::string html = readFile(sample_directory / "index.html");
