@@ -18,7 +18,7 @@ using std::chrono::steady_clock;
 namespace {
 
 constexpr const char* platform = "whatsapp";
-constexpr std::size_t chunk_bytes = 64 * 1024;
+constexpr std::size_t chunk_bytes = 65536;
 constexpr std::chrono::seconds end_patience{10};
 
 struct Pipe {
@@ -49,6 +49,7 @@ std::string randomToken() {
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (auto& text : texts) pointers.push_back(text.data());
     pointers.push_back(nullptr);
     return pointers;

@@ -25,6 +25,7 @@ namespace fs = std::filesystem;
 constexpr const char* usage = "usage: sample-parent [--helper PATH] [--state DIRECTORY] CHAT-ID CHAT-TITLE";
 
 std::string variable(const char* name) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): this program has one thread.
     const char* value = std::getenv(name);
     return value == nullptr ? "" : value;
 }
@@ -39,8 +40,9 @@ Parent::Settings settingsFrom(int argumentCount, char** arguments) {
     const std::array<option, 3> known{{{"helper", required_argument, nullptr, 'h'},
                                        {"state", required_argument, nullptr, 's'},
                                        {nullptr, 0, nullptr, 0}}};
-    for (int letter = 0;
-         (letter = ::getopt_long(argumentCount, arguments, "", known.data(), nullptr)) != -1;) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): this program has one thread.
+    const auto next = [&] { return ::getopt_long(argumentCount, arguments, "", known.data(), nullptr); };
+    for (int letter = next(); letter != -1; letter = next()) {
         if (letter == '?') throw GivenUp(usage);
         (letter == 'h' ? settings.program : settings.state) = optarg;
     }

@@ -35,8 +35,9 @@ class UsageFailure : public std::runtime_error {
 };
 
 std::string required(const char* key) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): this program has one thread.
     const char* value = std::getenv(key);
-    const std::string text = value == nullptr ? "" : value;
+    std::string text = value == nullptr ? "" : value;
     if (text.find_first_not_of(" \t\r\n") != std::string::npos) return text;
     throw UsageFailure("This worker is started by the helper, which sets " + std::string(key) +
                        "; that variable is missing.");

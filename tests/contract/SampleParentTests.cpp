@@ -17,6 +17,7 @@
 #include "support/Processes.h"
 #include "support/Requests.h"
 #include "support/TemporaryDirectory.h"
+#include "support/TextForms.h"
 #include "support/Waiting.h"
 
 namespace brindle::test {
@@ -113,13 +114,28 @@ TEST_P(SampleParentTest, ShowsAMessageOnceThoughItComesAgain) {
     EXPECT_EQ(parent_->nextLine(), "Ada: second");
     parent_->closeInput();
     EXPECT_EQ(parent_->waitForExit(), exitedWith(0));
-    // Half a line, as a crash leaves it.
-    const auto journal = state() / "messages.jsonl";
-    writeFileAtomically(journal, readFile(journal) + R"({"messageId":"C)");
     startAndListen();
     for (const std::string message : {"A", "B", "C"})
         leaveInbound("4" + message, inboundRecord(message, message));
     EXPECT_EQ(parent_->nextLine(), "Ada: C");
+}
+
+TEST_P(SampleParentTest, PartOfALineThatACrashLeftInItsJournalGoes) {
+    startAndListen();
+    leaveInbound("1", inboundRecord("A", "first"));
+    parent_->nextLine();
+    parent_->signal(SIGKILL);
+    parent_->waitForExit();
+    const auto journal = state() / "messages.jsonl";
+    const auto whole = readFile(journal);
+    // Longer than the line that follows.
+    writeFileAtomically(journal, whole + R"({"text":")" + std::string(whole.size() * 2, 'x'));
+    startAndListen();
+    leaveInbound("2", inboundRecord("B", "second"));
+    EXPECT_EQ(parent_->nextLine(), "Ada: second");
+    const auto lines = linesOf(readFile(journal));
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(Json::parse(lines.back()).at("messageId"), "B");
 }
 
 TEST_P(SampleParentTest, TakesATextForOneMessageAndShowsNothingThatATerminalObeys) {
@@ -135,7 +151,10 @@ TEST_P(SampleParentTest, SendsWhatIsTyped) {
 }
 
 TEST_P(SampleParentTest, SendsWhatIsTypedBeforeTheHelperHasGreeted) {
-    start().send("At once");
+    auto& parent = start();
+    parent.send("At once");
+    parent.closeInput();
+    EXPECT_EQ(parent.waitForExit(), exitedWith(0));
     waitUntilSent("At once");
 }
 

@@ -51,6 +51,7 @@ class SampleWebClient : public PageScriptTest {
     }
 
     void open(const std::string& parameters) { page().loadAddress(server_.url("/index.html?" + parameters)); }
+    void openOnAPhone() { page().loadAddress(server_.url("/phone.html")); }
     void openLogin(const std::string& parameters = quiet) {
         open(parameters);
         waitForPhase("login");
@@ -367,7 +368,7 @@ TEST_F(SampleWebClient, MessagesThatLeaveTheDocumentBeforeTheNextRunAreCaptured)
 // --- Without a server
 
 TEST_F(SampleWebClient, IsReadableAtTheWidthOfAPhone) {
-    page().loadAddress(server_.url("/phone.html"));
+    openOnAPhone();
     const std::string phone = "document.getElementById('phone').contentWindow";
     const auto waitForPhaseThere = [&](const std::string& phase) {
         page().waitUntil(phone + ".sampleWebClient !== undefined && " + phone +
