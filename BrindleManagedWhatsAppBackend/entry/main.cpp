@@ -32,6 +32,7 @@
 #include "worker/EngineVariables.h"
 #include "worker/HostOptions.h"
 #include "worker/ManagedWhatsAppWebWorkerService.h"
+#include "worker/WebsiteDataFolders.h"
 
 namespace brindle {
 namespace {
@@ -128,7 +129,9 @@ void runWorkerRole(const std::string& platform, const Environment& environment, 
     // them.
     keepVariables(engineVariables());
     const SystemClock clock;
-    const auto host = makeWebWorkerHost(webWorkerHostOptions());
+    auto options = webWorkerHostOptions();
+    options.folders = makeWebsiteDataFolders(options.applicationName, environment, fileManager);
+    const auto host = makeWebWorkerHost(options);
     ManagedWhatsAppWebWorkerService service(platform, environment, fileManager, clock, *host, parent);
     service.start();
 }

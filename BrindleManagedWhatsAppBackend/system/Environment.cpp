@@ -1,5 +1,6 @@
 #include "system/Environment.h"
 
+#include <pwd.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -27,6 +28,13 @@ std::optional<std::string> nonBlankValue(const Environment& environment, std::st
     const auto value = trimmed(found->second);
     if (value.empty()) return std::nullopt;
     return std::string(value);
+}
+
+std::string homeDirectory(const Environment& environment) {
+    const auto home = environment.find("HOME");
+    if (home != environment.end() && !home->second.empty()) return home->second;
+    const passwd* user = ::getpwuid(::getuid());  // NOLINT(concurrency-mt-unsafe): by precondition.
+    return user == nullptr ? "/" : user->pw_dir;
 }
 
 bool isFlagSet(const Environment& environment, std::string_view key) {

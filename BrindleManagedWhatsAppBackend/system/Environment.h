@@ -18,6 +18,10 @@ Environment currentEnvironment();
 /// The value of `key`, trimmed, or nothing when it is absent or blank.
 std::optional<std::string> nonBlankValue(const Environment& environment, std::string_view key);
 
+/// This user's home directory: what HOME names, else what the system's list of users says (POSIX getpwuid).
+/// There may be no other thread.
+std::string homeDirectory(const Environment& environment);
+
 /// The flag test: true when the trimmed value is "1", "true", "yes" or "on" in any letter case.
 bool isFlagSet(const Environment& environment, std::string_view key);
 

@@ -210,6 +210,17 @@ void PosixFileManager::createDirectory(const std::string& path) {
     throw FileSystemFailure("create the directory", path, code);
 }
 
+void PosixFileManager::makePrivate(const std::string& directory) {
+    const Descriptor descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!descriptor.isOpen() || ::fchmod(descriptor.get(), private_directory_mode) != 0)
+        throw FileSystemFailure("make private", directory, errno);
+}
+
+void PosixFileManager::requireAccess(const std::string& directory) {
+    if (::faccessat(AT_FDCWD, directory.c_str(), R_OK | W_OK | X_OK, AT_EACCESS) != 0)
+        throw FileSystemFailure("use the directory", directory, errno);
+}
+
 DirectoryListing PosixFileManager::listDirectory(const std::string& directory) {
     const Descriptor descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!descriptor.isOpen()) throw FileSystemFailure("list", directory, errno);

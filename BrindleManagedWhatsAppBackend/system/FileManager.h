@@ -78,6 +78,10 @@ class FileManager {
 
     /// Creates the directory and those above it, private to the user (0700). One that exists is no error.
     virtual void createDirectory(const std::string& path) = 0;
+    /// Lets nobody but its owner, who must be this user, into a directory (0700). Fails for a link.
+    virtual void makePrivate(const std::string& directory) = 0;
+    /// Fails unless this process may list the directory, enter it and write there.
+    virtual void requireAccess(const std::string& directory) = 0;
     /// Not recursive.
     virtual DirectoryListing listDirectory(const std::string& directory) = 0;
     /// Begins to read a directory; not recursive.
@@ -120,6 +124,8 @@ class FileManager {
 class PosixFileManager final : public FileManager {
   public:
     void createDirectory(const std::string& path) override;
+    void makePrivate(const std::string& directory) override;
+    void requireAccess(const std::string& directory) override;
     DirectoryListing listDirectory(const std::string& directory) override;
     std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) override;
     std::uintmax_t fileSystemBytes(const std::string& path) override;

@@ -91,10 +91,16 @@ class WebWorkerHost {
     virtual void logError(const std::string& message) = 0;
 };
 
+/// Where the engine keeps what outlives it, the login above all. Both are there and private to this user.
+struct WebsiteDataFolders {
+    std::string data;
+    std::string cache;
+};
+
 /// What a host is made with.
 struct WebWorkerHostOptions {
-    /// Names the folders of website data below the user's data and cache directories.
     std::string applicationName;
+    WebsiteDataFolders folders{};
     std::string logSubsystem;
     std::string logCategory;
     std::string windowTitle;

@@ -14,6 +14,9 @@
 #include "support/TemporaryDirectory.h"
 #include "support/TestDisplay.h"
 #include "support/Waiting.h"
+#include "system/Environment.h"
+#include "system/FileManager.h"
+#include "worker/WebsiteDataFolders.h"
 
 namespace brindle::test {
 namespace {
@@ -52,7 +55,10 @@ EnginePage::EnginePage(std::shared_ptr<TemporaryDirectory> directory, const WebW
     ::setenv("XDG_RUNTIME_DIR", runtimeDirectory().path().c_str(), 1);
     ::setenv("XDG_DATA_HOME", dataDirectory().c_str(), 1);
     ::setenv("XDG_CACHE_HOME", cacheDirectory().c_str(), 1);
-    host_ = loadModule()(options);
+    auto withFolders = options;
+    PosixFileManager fileManager;
+    withFolders.folders = makeWebsiteDataFolders(options.applicationName, currentEnvironment(), fileManager);
+    host_ = loadModule()(withFolders);
     page_ = host_->openPage(*this);
 }
 

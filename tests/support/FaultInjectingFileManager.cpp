@@ -61,6 +61,18 @@ void FaultInjectingFileManager::createDirectory(const std::string& path) {
     real_.createDirectory(path);
 }
 
+void FaultInjectingFileManager::makePrivate(const std::string& directory) {
+    record("make private", directory);
+    failIfDue("make private", directory);
+    real_.makePrivate(directory);
+}
+
+void FaultInjectingFileManager::requireAccess(const std::string& directory) {
+    record("use the directory", directory);
+    failIfDue("use the directory", directory);
+    real_.requireAccess(directory);
+}
+
 DirectoryListing FaultInjectingFileManager::listDirectory(const std::string& directory) {
     record("list", directory);
     failIfDue("list", directory);

@@ -51,6 +51,8 @@ class FaultInjectingFileManager final : public FileManager {
     std::vector<std::string> operations() const;
 
     void createDirectory(const std::string& path) override;
+    void makePrivate(const std::string& directory) override;
+    void requireAccess(const std::string& directory) override;
     DirectoryListing listDirectory(const std::string& directory) override;
     std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) override;
     std::uintmax_t fileSystemBytes(const std::string& path) override;

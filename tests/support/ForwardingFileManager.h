@@ -16,6 +16,8 @@ class ForwardingFileManager : public FileManager {
     explicit ForwardingFileManager(FileManager& next) : next_(next) {}
 
     void createDirectory(const std::string& path) override { next_.createDirectory(path); }
+    void makePrivate(const std::string& directory) override { next_.makePrivate(directory); }
+    void requireAccess(const std::string& directory) override { next_.requireAccess(directory); }
     DirectoryListing listDirectory(const std::string& directory) override {
         return next_.listDirectory(directory);
     }

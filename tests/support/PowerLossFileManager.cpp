@@ -105,6 +105,18 @@ void PowerLossFileManager::createDirectory(const std::string& path) {
                         }});
 }
 
+void PowerLossFileManager::makePrivate(const std::string& directory) {
+    const std::lock_guard hold(lock_);
+    requirePower("make private", directory);
+    real_.makePrivate(directory);
+}
+
+void PowerLossFileManager::requireAccess(const std::string& directory) {
+    const std::lock_guard hold(lock_);
+    requirePower("use the directory", directory);
+    real_.requireAccess(directory);
+}
+
 DirectoryListing PowerLossFileManager::listDirectory(const std::string& directory) {
     const std::lock_guard hold(lock_);
     requirePower("list", directory);

@@ -49,6 +49,8 @@ class PowerLossFileManager final : public FileManager {
     void comeBack(Unflushed unflushed);
 
     void createDirectory(const std::string& path) override;
+    void makePrivate(const std::string& directory) override;
+    void requireAccess(const std::string& directory) override;
     DirectoryListing listDirectory(const std::string& directory) override;
     std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) override;
     std::uintmax_t fileSystemBytes(const std::string& path) override;

@@ -1,6 +1,7 @@
 #include "system/Environment.h"
 
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <unistd.h>
 
 #include <array>
@@ -51,6 +52,14 @@ TEST(EnvironmentTests, FirstOfTwoVariablesOfOneNameCounts) {
 TEST(EnvironmentTests, SnapshotOfNoEnvironmentIsEmpty) {
     const ReplacedEnvironment replaced(nullptr);
     EXPECT_TRUE(currentEnvironment().empty());
+}
+
+TEST(EnvironmentTests, HomeDirectoryIsTheOneThatIsNamedElseTheOneThatTheSystemKnows) {
+    EXPECT_EQ(homeDirectory({{"HOME", "/somewhere"}}), "/somewhere");
+    const passwd* user = ::getpwuid(::getuid());
+    const std::string known = user == nullptr ? "/" : user->pw_dir;
+    EXPECT_EQ(homeDirectory({{"HOME", ""}}), known);
+    EXPECT_EQ(homeDirectory({}), known);
 }
 
 TEST(EnvironmentTests, NonBlankValueIsTrimmed) {

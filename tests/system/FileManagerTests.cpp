@@ -162,6 +162,31 @@ TEST_F(FileManagerTests, CreationFailureNamesDirectoryAndReason) {
               "Cannot create the directory \"" + name + "\": File name too long.");
 }
 
+TEST_F(FileManagerTests, MakesADirectoryPrivate) {
+    files_.createDirectory(at("loose"));
+    ASSERT_EQ(::chmod(at("loose").c_str(), 01777), 0);
+    files_.makePrivate(at("loose"));
+    EXPECT_EQ(modeOf(at("loose")), 0700U);
+}
+
+TEST_F(FileManagerTests, MakesNothingPrivateThroughALink) {
+    files_.createDirectory(at("loose"));
+    ASSERT_EQ(::chmod(at("loose").c_str(), 0755), 0);
+    fs::create_directory_symlink(at("loose"), at("link"));
+    EXPECT_EQ(failureOf([&] { files_.makePrivate(at("link")); }).code(), ENOTDIR);
+    EXPECT_EQ(modeOf(at("loose")), 0755U);
+}
+
+TEST_F(FileManagerTests, DirectoryThatCannotBeUsedIsTold) {
+    files_.requireAccess(directory_.path());
+    EXPECT_EQ(failureOf([&] { files_.requireAccess(at("missing")); }).code(), ENOENT);
+    files_.createDirectory(at("closed"));
+    ASSERT_EQ(::chmod(at("closed").c_str(), 0500), 0);
+    // Root may do everything there.
+    if (::geteuid() == 0) return;
+    EXPECT_EQ(failureOf([&] { files_.requireAccess(at("closed")); }).code(), EACCES);
+}
+
 TEST_F(FileManagerTests, ListsVisibleEntriesOnly) {
     put("b.json", "");
     put(".hidden.json", "");

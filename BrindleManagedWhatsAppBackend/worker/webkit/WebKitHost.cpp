@@ -10,7 +10,6 @@
 #include "worker/webkit/EngineEnvironment.h"
 #include "worker/webkit/InteractionDenial.h"
 #include "worker/webkit/MainLoopTimer.h"
-#include "worker/webkit/OwnFolder.h"
 #include "worker/webkit/SandboxCheck.h"
 #include "worker/webkit/WebKitPage.h"
 
@@ -41,9 +40,8 @@ struct MemoryPressureSettingsFree {
 };
 using MemoryPressureSettings = std::unique_ptr<WebKitMemoryPressureSettings, MemoryPressureSettingsFree>;
 
-GObjectPointer<WebKitWebContext> makeContext(const WebWorkerHostOptions& options,
-                                             const WebsiteDataFolders& folders) {
-    const auto manager = openWebsiteData(folders);
+GObjectPointer<WebKitWebContext> makeContext(const WebWorkerHostOptions& options) {
+    const auto manager = openWebsiteData(options.folders);
     // The page's process looks at itself rarely, and gives back what it can before the limit is reached. The
     // page watches it more closely.
     constexpr double at_the_limit = 1.0;
@@ -72,16 +70,12 @@ gboolean ignoreSignal(gpointer /*data*/) {
 }  // namespace
 
 WebKitHost::WebKitHost(const WebWorkerHostOptions& options)
-    : options_(options),
-      log_(options.logSubsystem, options.logCategory),
-      folders_{.data = ownFolder("XDG_DATA_HOME", ".local/share", options.applicationName),
-               .cache = ownFolder("XDG_CACHE_HOME", ".cache", options.applicationName)},
-      home_(folders_.cache) {
-    prepareEngineEnvironment(home_.path(), std::filesystem::path(folders_.cache).parent_path());
+    : options_(options), log_(options.logSubsystem, options.logCategory), home_(options.folders.cache) {
+    prepareEngineEnvironment(home_.path(), std::filesystem::path(options.folders.cache).parent_path());
     requireDisplay();
     requireSandbox();
     g_set_prgname(options.applicationName.c_str());
-    context_ = makeContext(options, folders_);
+    context_ = makeContext(options);
     for (std::size_t index = 0; index < end_signals.size(); ++index) {
         GSource* source = g_unix_signal_source_new(end_signals.at(index));
         g_source_set_callback(source, endHost, this, nullptr);

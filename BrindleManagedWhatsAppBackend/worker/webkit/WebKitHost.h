@@ -13,12 +13,6 @@
 
 namespace brindle {
 
-/// Where the engine keeps what outlives it, the login above all.
-struct WebsiteDataFolders {
-    std::string data;
-    std::string cache;
-};
-
 /// The engine in this process: main loop, website data and log.
 class WebKitHost final : public WebWorkerHost {
   public:
@@ -39,7 +33,6 @@ class WebKitHost final : public WebWorkerHost {
   private:
     WebWorkerHostOptions options_;
     SystemLog log_;
-    WebsiteDataFolders folders_;
     EngineHome home_;
     bool hasEnded_ = false;
     std::array<GSource*, 3> signalSources_{};
