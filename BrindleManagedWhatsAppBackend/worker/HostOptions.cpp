@@ -14,6 +14,8 @@ WebWorkerHostOptions webWorkerHostOptions() {
             "Mozilla/5.0 (Macintosh; Intel Mac OS X) AppleWebKit/605.1.15 (KHTML, like Gecko) Version/17.0 Safari/605.1.15",
         // Several times of what a large account needs.
         .pageMemoryLimit_mebibytes = 2048,
+        // More than two of the longest answers at a time cost.
+        .workerGrowthLimit_mebibytes = 512,
     };
 }
 

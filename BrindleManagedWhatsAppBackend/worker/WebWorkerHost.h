@@ -109,6 +109,8 @@ struct WebWorkerHostOptions {
     std::string userAgent;
     /// A page that needs more is ended.
     unsigned pageMemoryLimit_mebibytes = 0;
+    /// A page that makes this very process grow by more is ended.
+    unsigned workerGrowthLimit_mebibytes = 0;
 };
 
 /// The one function of the loadable module that holds the engine: makes the host. Throws Failure when the

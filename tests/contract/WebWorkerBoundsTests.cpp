@@ -18,6 +18,15 @@ namespace {
 
 constexpr std::size_t gibibyte = 1024 * mebibyte;
 
+/// Documents of the page's site that lead to each other for ever, each with 30 MiB of state in each of two
+/// entries of the page's history.
+LoopbackServer::Response endlessHistory(const LoopbackServer::Request& /*request*/) {
+    return {.body = R"html(<body><script>
+        for (const n of [0, 1]) { history.pushState(n + "x".repeat(30 * 1024 * 1024), ""); }
+        setTimeout(() => { location.href = "/history" + Math.random(); }, 10);
+    </script></body>)html"};
+}
+
 /// What pages cost that take all they can get. Each takes gigabytes, so none runs beside another test.
 class WebWorkerBounds : public WebWorkerTest {
   protected:
@@ -25,7 +34,7 @@ class WebWorkerBounds : public WebWorkerTest {
         WebWorkerTest::SetUp();
         if (sanitizerOfExecutables() == Sanitizer::address) GTEST_SKIP() << memory_is_kept;
         if (IsSkipped()) return;
-        page_.emplace("client.chats(['Team Room', 'Family'])");
+        page_.emplace("client.chats(['Team Room', 'Family'])", endlessHistory);
         worker_.emplace(WebWorkerOptions().withUrl(page_->url()));
         worker_->watchUntilOpen("Team Room");
     }
@@ -67,6 +76,23 @@ TEST_F(WebWorkerBounds, APageThatTakesHalfAGibibyteEveryTenthOfASecondIsEndedBel
     EXPECT_LT(peak, 4 * gibibyte);
     worker().waitForDetail("The page's process used too much memory and was ended.", before);
     worker().waitForWebProcess(greedy);
+}
+
+TEST_F(WebWorkerBounds, AHistoryOfGibibytesIsForgottenWithThePagesProcess) {
+    // The second time shows that nothing has been kept of the first.
+    for (int time = 0; time < 2; ++time) {
+        const pid_t process = worker().waitForWebProcess();
+        const auto before = worker().journal().size();
+        page().post("location.href = '/history'");
+        const auto ended = worker().waitForDetail(
+            "Managed WhatsApp worker navigation failed: The page made the worker use too much memory, so its "
+            "process was ended.",
+            before);
+        EXPECT_EQ(worker().journal().statuses()[ended]["state"], "error");
+        EXPECT_LT(peakBytesOf(worker().pid()), gibibyte);
+        worker().waitForWebProcess(process);
+        worker().waitForDetail("Watching chat 'Team Room'", ended);
+    }
 }
 
 }  // namespace

@@ -8,8 +8,11 @@
 #include <vector>
 
 #include "support/EnginePage.h"
+#include "support/Files.h"
+#include "support/LoopbackServer.h"
 #include "support/Processes.h"
 #include "support/TemporaryDirectory.h"
+#include "support/Units.h"
 #include "support/Waiting.h"
 
 namespace brindle::test {
@@ -99,6 +102,43 @@ TEST(WebProcess, OneThatNeverPausesIsEndedForItsMemoryToo) {
     page.load("<body>again</body>");
     EXPECT_EQ(page.evaluate("document.body.textContent"), "again");
     EXPECT_THAT(page.events().processEnds, testing::IsEmpty());
+}
+
+/// Documents of one site that lead to each other for ever, each with 20 MiB of state in each of two entries
+/// of the page's history.
+LoopbackServer::Response endlessHistory(const LoopbackServer::Request& /*request*/) {
+    return {.body = R"html(<body><script>
+        for (const n of [0, 1]) { history.pushState(n + "x".repeat(20 * 1024 * 1024), ""); }
+        setTimeout(() => { location.href = "/" + Math.random(); }, 10);
+    </script></body>)html"};
+}
+
+/// What this process has filled itself, in bytes.
+std::size_t ownBytes() {
+    const auto status = readFile("/proc/self/status");
+    const std::string name = "RssAnon:";
+    return std::stoul(status.substr(status.find(name) + name.size())) * kibibyte;
+}
+
+TEST(WebProcess, OneWhoseHistoryMakesTheWorkerGrowIsEndedAndNothingOfItIsKept) {
+    auto options = webWorkerHostOptions();
+    options.workerGrowthLimit_mebibytes = 300;
+    const LoopbackServer server(endlessHistory);
+    EnginePage page(std::make_shared<TemporaryDirectory>(), options);
+    page.load("<body>here</body>");
+    const auto before = ownBytes();
+    for (int round = 0; round < 3; ++round) {
+        page.forgetEvents();
+        page.page().loadAddress(server.url(), must_happen_deadline);
+        page.runUntil([&] { return !page.events().processEnds.empty(); }, "the end is reported",
+                      2 * must_happen_deadline);
+        EXPECT_EQ(page.events().processEnds,
+                  std::vector<std::string>{
+                      "The page made the worker use too much memory, so its process was ended."});
+        page.load("<body>again</body>");
+        EXPECT_EQ(page.evaluate("document.body.textContent"), "again");
+        page.runUntil([&] { return ownBytes() < before + 100 * mebibyte; }, "the memory is given back");
+    }
 }
 
 TEST(WebProcess, IsSandboxed) {

@@ -15,8 +15,9 @@ TEST(HostOptionsTests, NameWindowLogAndFolders) {
     EXPECT_EQ(options.logCategory, "ManagedWhatsAppWebWorker");
 }
 
-TEST(HostOptionsTests, LimitTheMemoryOfThePage) {
+TEST(HostOptionsTests, LimitTheMemoryOfThePageAndWhatItCostsTheWorker) {
     EXPECT_EQ(webWorkerHostOptions().pageMemoryLimit_mebibytes, 2048U);
+    EXPECT_EQ(webWorkerHostOptions().workerGrowthLimit_mebibytes, 512U);
 }
 
 TEST(HostOptionsTests, UserAgentLeavesOutTheVersionOfTheOperatingSystem) {

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -66,22 +67,35 @@ std::uint64_t ownBytes(pid_t process) {
 
 }  // namespace
 
-PageMemoryWatch::PageMemoryWatch(std::uint64_t limit_bytes, std::function<void()> onExcess)
-    : limit_bytes_(limit_bytes),
-      onExcess_(std::move(onExcess)),
+PageMemoryWatch::PageMemoryWatch(const Limits& limits, Actions actions)
+    : limits_(limits),
+      actions_(std::move(actions)),
+      least_bytes_(ownBytes(::getpid())),
       timer_(MainLoopTimer::Schedule{.interval = look_interval, .tolerance = look_interval, .repeats = true},
-             [this] { look(); }) {}
+             [this] {
+                 lookAtEngine();
+                 lookAtThisProcess();
+             }) {}
 
-void PageMemoryWatch::look() {
+void PageMemoryWatch::lookAtEngine() {
     std::set<pid_t> processes;
     addDescendants(::getpid(), processes);
     std::erase_if(ending_, [&](pid_t process) { return !processes.contains(process); });
     for (const pid_t process : processes) {
-        if (ending_.contains(process) || ownBytes(process) <= limit_bytes_) continue;
+        if (ending_.contains(process) || ownBytes(process) <= limits_.process_bytes) continue;
         ending_.insert(process);
-        onExcess_();
+        actions_.onExcess();
         ::kill(process, SIGKILL);
     }
+}
+
+void PageMemoryWatch::lookAtThisProcess() {
+    const auto bytes = ownBytes(::getpid());
+    least_bytes_ = std::min(least_bytes_, bytes);
+    if (bytes - least_bytes_ <= limits_.growth_bytes) return;
+    // Should something stay, the next page is not ended for it.
+    least_bytes_ = bytes;
+    actions_.onGrowth();
 }
 
 }  // namespace brindle

@@ -12,19 +12,37 @@ namespace brindle {
 
 /// Ends processes of the engine that take too much memory. The engine's own watch lies within the process
 /// that it is to watch, where a page that never pauses keeps it from looking; this one looks from outside.
+///
+/// It also looks at this very process, which keeps for a page what the page does not keep itself: the
+/// entries of its history with the states that it gave them, above all.
 class PageMemoryWatch {
   public:
-    /// Looks for as long as it lives. A process of the engine with more than `limit_bytes` of memory of
-    /// its own is killed; `onExcess` is called once for each, just before.
-    PageMemoryWatch(std::uint64_t limit_bytes, std::function<void()> onExcess);
+    struct Limits {
+        /// Of the memory of its own that a process of the engine may have.
+        std::uint64_t process_bytes = 0;
+        /// By how much this process may grow.
+        std::uint64_t growth_bytes = 0;
+    };
+    struct Actions {
+        /// Called once for each process of the engine that is killed, just before.
+        std::function<void()> onExcess;
+        /// Called when this process has grown too much since it was smallest; what it has then is where the
+        /// count begins anew, until it is smaller again. Ends the page, which gives that memory back.
+        std::function<void()> onGrowth;
+    };
+
+    /// Looks for as long as it lives.
+    PageMemoryWatch(const Limits& limits, Actions actions);
     PageMemoryWatch(const PageMemoryWatch&) = delete;
     PageMemoryWatch& operator=(const PageMemoryWatch&) = delete;
 
   private:
-    void look();
+    void lookAtEngine();
+    void lookAtThisProcess();
 
-    std::uint64_t limit_bytes_;
-    std::function<void()> onExcess_;
+    Limits limits_;
+    Actions actions_;
+    std::uint64_t least_bytes_;
     /// Killed, and still there: giving so much memory back takes a while.
     std::set<pid_t> ending_;
     MainLoopTimer timer_;

@@ -22,6 +22,10 @@ constexpr std::size_t longest_answer_bytes = std::size_t{16} << 20U;
 constexpr std::chrono::seconds denial_pause{1};
 
 constexpr const char* too_much_memory = "The page's process used too much memory and was ended.";
+constexpr const char* too_much_memory_here =
+    "The page made the worker use too much memory, so its process was ended.";
+
+constexpr unsigned bits_of_a_mebibyte = 20;
 
 /// One sentence, for people.
 std::string sentence(const GError& error) {
@@ -130,16 +134,17 @@ void removeData(WebKitWebsiteDataManager* manager, std::unique_ptr<Removal> remo
 
 WebKitPage::WebKitPage(const WebWorkerHostOptions& options, WebKitWebContext& context, const SystemLog& log,
                        WebPageDelegate& delegate)
-    : log_(log),
+    : options_(options),
+      context_(context),
+      log_(log),
       delegate_(delegate),
       window_(gtk_offscreen_window_new()),
-      view_(makeView(options, context)),
-      memoryWatch_(std::uint64_t{options.pageMemoryLimit_mebibytes} << 20U,
-                   [this] { endProcessBecause(too_much_memory); }) {
+      memoryWatch_({.process_bytes = std::uint64_t{options.pageMemoryLimit_mebibytes} << bits_of_a_mebibyte,
+                    .growth_bytes = std::uint64_t{options.workerGrowthLimit_mebibytes} << bits_of_a_mebibyte},
+                   {.onExcess = [this] { endProcessBecause(too_much_memory); },
+                    .onGrowth = [this] { endProcessBecause(too_much_memory_here); }}) {
     gtk_window_set_title(GTK_WINDOW(window_.get()), options.windowTitle.c_str());
-    gtk_container_add(GTK_CONTAINER(window_.get()), GTK_WIDGET(view_));
-    connectSignals();
-    gtk_widget_show_all(window_.get());
+    openView();
 }
 
 WebKitPage::~WebKitPage() {
@@ -186,6 +191,7 @@ void WebKitPage::endProcess() {
 }
 
 void WebKitPage::endProcessBecause(const char* reason) {
+    if (isProcessGone_) return;
     endReason_ = reason;
     // The engine reports the end from within the call.
     endTimer_ = std::make_unique<MainLoopTimer>(MainLoopTimer::Schedule{.interval = std::chrono::seconds(0)},
@@ -203,6 +209,20 @@ void WebKitPage::hear(gpointer self, const Work& work) noexcept {
                    [&](const std::exception& error) {
                        page.log_.error(std::string("A report of the engine was lost: ") + error.what());
                    });
+}
+
+/// Also in the place of one whose process has ended: the engine would keep the entries of that one's history,
+/// with all the states that the page gave them, for as long as the view lives.
+void WebKitPage::openView() {
+    if (view_ != nullptr) {
+        g_signal_handlers_disconnect_by_data(view_, this);
+        gtk_widget_destroy(GTK_WIDGET(view_));
+    }
+    view_ = makeView(options_, context_);
+    isProcessGone_ = false;
+    gtk_container_add(GTK_CONTAINER(window_.get()), GTK_WIDGET(view_));
+    connectSignals();
+    gtk_widget_show_all(window_.get());
 }
 
 void WebKitPage::connectSignals() {
@@ -242,6 +262,7 @@ void WebKitPage::connectSignals() {
 }
 
 void WebKitPage::load() {
+    if (isProcessGone_) openView();
     site_ = PageSite(source_.address);
     progress_ = Progress::provisional;
     if (source_.text && source_.text->empty()) {
@@ -366,6 +387,7 @@ bool WebKitPage::decideResponse(WebKitResponsePolicyDecision& decision) {
 void WebKitPage::processTerminated(WebKitWebProcessTerminationReason reason) {
     stallTimer_.reset();
     progress_ = Progress::idle;
+    isProcessGone_ = true;
     endTimer_.reset();
     const char* ownReason = std::exchange(endReason_, nullptr);
     delegate_.pageLost(ownReason != nullptr ? ownReason : describe(reason));

@@ -23,7 +23,8 @@ struct WidgetDestroy {
 /// as if it were in front.
 class WebKitPage final : public WebPage {
   public:
-    /// The context's website data and policies apply to the page.
+    /// The context's website data and policies apply to the page. All but the delegate belong to the host and
+    /// outlive it.
     WebKitPage(const WebWorkerHostOptions& options, WebKitWebContext& context, const SystemLog& log,
                WebPageDelegate& delegate);
     ~WebKitPage() override;
@@ -55,6 +56,7 @@ class WebKitPage final : public WebPage {
     template <class Work>
     static void hear(gpointer self, const Work& work) noexcept;
 
+    void openView();
     void connectSignals();
     void load();
     void loadChanged(WebKitLoadEvent event);
@@ -69,10 +71,14 @@ class WebKitPage final : public WebPage {
     void endProcessBecause(const char* reason);
     void processTerminated(WebKitWebProcessTerminationReason reason);
 
+    const WebWorkerHostOptions& options_;
+    WebKitWebContext& context_;
     const SystemLog& log_;
     WebPageDelegate& delegate_;
     std::unique_ptr<GtkWidget, WidgetDestroy> window_;
-    WebKitWebView* view_;
+    WebKitWebView* view_ = nullptr;
+    /// The view is of no use any more.
+    bool isProcessGone_ = false;
     Source source_;
     std::optional<PageSite> site_;
     Progress progress_ = Progress::idle;
