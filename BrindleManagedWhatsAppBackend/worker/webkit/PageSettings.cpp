@@ -10,7 +10,7 @@ namespace {
 
 /// Parts of the engine, by the names that it gives them, which a page does without. An engine that does not
 /// know one of them has nothing to switch off.
-constexpr std::array<std::string_view, 10> needless_features{
+constexpr std::array<std::string_view, 9> needless_features{
     // Reads devices of the machine.
     "Gamepads",
     // Decoders, which are where engines break most often, for things that nobody sees or hears.
@@ -18,8 +18,6 @@ constexpr std::array<std::string_view, 10> needless_features{
     "WebCodecsVideo",
     // Records what camera and microphone, both denied, would give.
     "MediaRecorder",
-    // Names the machine's cameras and microphones.
-    "MediaDevices",
     // Loads speech engines and makes a sound.
     "SpeechSynthesisAPI",
     // Both speak to services of the user's session.
@@ -57,7 +55,7 @@ void switchOffNeedlessParts(WebKitSettings& settings) {
     webkit_settings_set_enable_encrypted_media(&settings, FALSE);
     webkit_settings_set_enable_media_capabilities(&settings, FALSE);
     webkit_settings_set_media_playback_requires_user_gesture(&settings, TRUE);
-    // Nobody calls.
+    // Nobody calls, and a page need not know the names of the machine's cameras and microphones.
     webkit_settings_set_enable_media_stream(&settings, FALSE);
     webkit_settings_set_enable_webrtc(&settings, FALSE);
     // There is no screen to fill.
