@@ -62,9 +62,11 @@ bool isSafe(const NativeWorkerCandidate& candidate, const WorkerLaunchConditions
         const auto steps = stepsAlong(candidate.place, conditions.fileManager, candidate.root);
         const auto step = firstStepOfOthers(steps, PrimaryGroup::isNotTrusted, conditions.fileManager);
         if (!step) return true;
-        conditions.report("Passed over the native worker \"" + candidate.path() + "\", because \"" + *step +
-                          "\" belongs to another user or can be written by others; if it is to run, let " +
-                          std::string(key::native_worker_path) + " name it.");
+        conditions.report(
+            "Passed over the native worker \"" + candidate.path() + "\", because \"" + *step +
+            "\" belongs to another user or can be written by others, if only by its group; if it "
+            "is to run, let " +
+            std::string(key::native_worker_path) + " name it or take that permission away (chmod go-w).");
     } catch (const Failure& failure) {
         conditions.report("Passed over the native worker \"" + candidate.path() + "\": " + failure.what());
     }

@@ -246,6 +246,24 @@ std::vector<std::pair<std::string, std::string>> stepsToNativeWorkers() {
 
 INSTANTIATE_TEST_SUITE_P(EachStep, FoundNativeWorkerTests, testing::ValuesIn(stepsToNativeWorkers()));
 
+TEST_F(LaunchConfigurationTests, NativeWorkerThatTheGroupMayReplaceIsPassedOverAndTheLineSaysHowToRunIt) {
+    // What a build makes where new files are the group's as well (umask 002).
+    const auto worker =
+        putFile("work/Support/ManagedWhatsAppNativeWorker/" + std::string(native_worker_name));
+    for (const std::string path : {"work/Support", "work/Support/ManagedWhatsAppNativeWorker"})
+        ASSERT_EQ(::chmod(at(path).c_str(), 0775), 0);
+    ASSERT_EQ(::chmod(worker.c_str(), 0775), 0);
+    EXPECT_EQ(chosen({}), "none");
+    EXPECT_THAT(reports_,
+                testing::ElementsAre("Passed over the native worker \"" + worker + "\", because \"" +
+                                     at("work/Support") +
+                                     "\" belongs to another user or can be written by others, if only by its "
+                                     "group; if it is to run, let "
+                                     "BRINDLE_MANAGED_BRIDGE_NATIVE_WORKER_PATH name it or take that "
+                                     "permission away (chmod go-w)."));
+    EXPECT_EQ(chosen(settings({{key::native_worker_path, worker}})), native(worker));
+}
+
 TEST_F(LaunchConfigurationTests, NativeWorkerThatIsPassedOverMakesWayForTheNextCandidate) {
     ASSERT_EQ(::chmod(putFile(beside()).c_str(), 0777), 0);
     const auto next = putFile("bin/Resources/" + std::string(native_worker_name));
