@@ -1,9 +1,23 @@
 # Debian and Ubuntu packages only; scripts/prepare installs them.
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
-find_package(simdjson REQUIRED)
 pkg_check_modules(utf8proc REQUIRED IMPORTED_TARGET libutf8proc)
 pkg_check_modules(uuid REQUIRED IMPORTED_TARGET uuid)
+# Whoever starts the helper waits for every library that is loaded and bound with it, so the small ones come with it.
+# docs/decisions/static-libraries.md
+foreach(library utf8proc uuid)
+  find_library(${library}_archive NAMES lib${library}.a HINTS ${${library}_LIBRARY_DIRS} ${${library}_LIBDIR})
+  if(${library}_archive)
+    set_target_properties(PkgConfig::${library} PROPERTIES INTERFACE_LINK_LIBRARIES ${${library}_archive})
+  endif()
+endforeach()
+if(NOT BRINDLE_SANITIZE)
+  # Some distributions leave the archive of the C++ library out.
+  set(CMAKE_REQUIRED_LINK_OPTIONS -static-libstdc++)
+  check_cxx_source_compiles("#include <string>\nint main(int count, char**) { return std::string(count, 'x').empty(); }"
+                            BRINDLE_HAS_STATIC_RUNTIME)
+  unset(CMAKE_REQUIRED_LINK_OPTIONS)
+endif()
 if(BRINDLE_CONSOLE)
   find_package(CLI11 REQUIRED)
   pkg_check_modules(libedit REQUIRED IMPORTED_TARGET libedit)

@@ -63,7 +63,7 @@ void abbreviateContent(BridgeEnvelope& envelope) {
     if (request == nullptr || !request->message.attachments) return;
     for (auto& attachment : *request->message.attachments) {
         if (!attachment.dataBase64) continue;
-        attachment.dataBase64 = "(" + std::to_string(attachment.dataBase64->size()) + " characters)";
+        attachment.dataBase64 = "(" + std::to_string(attachment.dataBase64->view().size()) + " characters)";
     }
 }
 

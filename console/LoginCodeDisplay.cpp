@@ -10,7 +10,7 @@
 #include "console/QRCode.h"
 #include "console/RuntimeStatus.h"
 #include "exchange/ExchangeWords.h"
-#include "records/Json.h"
+#include "records/JsonWriter.h"
 #include "system/FileSystemFailure.h"
 #include "text/Failure.h"
 

@@ -6,8 +6,6 @@
 
 namespace brindle {
 
-static_assert(LineReader::padding_bytes >= JsonParser::padding_bytes);
-
 BridgeChannel::BridgeChannel(const BridgeStreams& streams)
     : lines_(streams.input, streams.endRequest), emitter_(streams.output, streams.error, departureWatch_) {
     departureWatch_.addSign(streams.input, false);
@@ -17,7 +15,7 @@ BridgeChannel::BridgeChannel(const BridgeStreams& streams)
 
 bool BridgeChannel::waitForRequest() {
     while (const auto line = lines_.next()) {
-        request_ = trimmed(*line);
+        request_ = lines_.writable(trimmed(*line));
         if (!request_.empty()) return true;
     }
     return false;
@@ -27,9 +25,9 @@ BridgeEnvelope BridgeChannel::takeRequest() {
     // A parser keeps the memory of the largest text it has seen, so a large one gets a parser of its own; the
     // reader gives back its buffer likewise.
     if (request_.size() > LineReader::kept_buffer_bytes) {
-        return decodedRecord<BridgeEnvelope>(JsonParser().parsePadded(request_));
+        return decodedRecord<BridgeEnvelope>(JsonParser().parseInPlace(request_));
     }
-    return decodedRecord<BridgeEnvelope>(parser_.parsePadded(request_));
+    return decodedRecord<BridgeEnvelope>(parser_.parseInPlace(request_));
 }
 
 }  // namespace brindle

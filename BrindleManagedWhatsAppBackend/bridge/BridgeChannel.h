@@ -1,8 +1,10 @@
 #pragma once
 
+#include <span>
+
 #include "bridge/BridgeMessages.h"
 #include "bridge/ManagedWhatsAppBackendEmitter.h"
-#include "records/Json.h"
+#include "records/JsonParser.h"
 #include "system/LineReader.h"
 #include "system/OutputStream.h"
 
@@ -28,7 +30,8 @@ class BridgeChannel {
 
     /// Waits for the next request; false at the end of input. Lines without text are passed over.
     bool waitForRequest();
-    /// The request that was waited for, once. Throws DecodingFailure when the line holds none.
+    /// The request that was waited for, once; its long texts are good until the next one is waited for.
+    /// Throws DecodingFailure when the line holds none.
     BridgeEnvelope takeRequest();
 
     /// As ManagedWhatsAppBackendEmitter::emit.
@@ -41,7 +44,7 @@ class BridgeChannel {
 
   private:
     LineReader lines_;
-    std::string_view request_;
+    std::span<char> request_;
     JsonParser parser_;
     DepartureWatch departureWatch_;
     ManagedWhatsAppBackendEmitter emitter_;

@@ -129,7 +129,7 @@ struct BridgeAttachment {
     std::string fileName;
     std::string mimeType;
     std::optional<std::string> localPath;
-    std::optional<std::string> dataBase64;
+    std::optional<LongText> dataBase64;
     std::optional<std::string> caption;
 
     static constexpr auto fields() {

@@ -71,6 +71,7 @@ void runBackendRole(const std::string& platform, const Environment& environment,
     // Inherited as ignored, it would throw the worker's exit status away.
     ::signal(SIGCHLD, SIG_DFL);
     giveLargeMemoryBackAtOnce();
+    shareOnePlaceOfMemory();
     TerminationSignals signals;
     const SystemClock clock;
     {

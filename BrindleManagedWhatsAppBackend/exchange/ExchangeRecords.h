@@ -213,7 +213,8 @@ Record readRecord(FileManager& fileManager, const std::string& path) {
 template <RecordType Record>
 void writeRecord(FileManager& fileManager, const std::string& path, const Record& value,
                  Durability durability) {
-    fileManager.writeFileAtomically(path, encodedRecord(value, JsonStyle::pretty), durability);
+    fileManager.writePiecesAtomically(
+        path, [&](const PieceTaker& take) { encodeInPieces(value, JsonStyle::pretty, take); }, durability);
 }
 
 }  // namespace brindle

@@ -14,14 +14,16 @@
 #include <vector>
 
 #include "records/DecodingFailure.h"
-#include "records/Json.h"
+#include "records/JsonParser.h"
+#include "records/JsonWriter.h"
+#include "records/LongText.h"
 
 /// Records: plain structs that cross a boundary as JSON objects.
 ///
 /// A record lists its fields once, in a static function `fields()`; reading, writing, the JSON Schema and the
-/// reference pages come from that list. A field is a string, a boolean, an integer (std::int64_t), another
-/// record, a list (std::vector) of these or an option (std::optional) of any. An enumeration with payloads
-/// lists its cases once, each with its name.
+/// reference pages come from that list. A field is a string (std::string, or LongText for one that may be
+/// very long), a boolean, an integer (std::int64_t), another record, a list (std::vector) of these or an
+/// option (std::optional) of any. An enumeration with payloads lists its cases once, each with its name.
 namespace brindle {
 
 /// One field of a record: its JSON name, the member that holds it and its meaning for the reference.
@@ -244,6 +246,8 @@ void encode(JsonWriter& writer, const T& value) {
         writer.integer(value);
     } else if constexpr (std::same_as<T, std::string>) {
         writer.string(value);
+    } else if constexpr (std::same_as<T, LongText>) {
+        writer.string(value.view());
     } else if constexpr (IsVector<T>::value) {
         writer.beginArray();
         for (const auto& element : value) encode(writer, element);
@@ -338,6 +342,9 @@ T decode(JsonValue value, const JsonPath& path) {
     } else if constexpr (std::same_as<T, std::string>) {
         requireKind(value, JsonValue::Kind::string, path, "Expected a string.");
         return std::string(value.string());
+    } else if constexpr (std::same_as<T, LongText>) {
+        requireKind(value, JsonValue::Kind::string, path, "Expected a string.");
+        return value.isInPlace() ? LongText::borrowed(value.string()) : LongText(std::string(value.string()));
     } else if constexpr (IsVector<T>::value) {
         requireKind(value, JsonValue::Kind::array, path, "Expected an array.");
         T result;
@@ -363,7 +370,16 @@ std::string encodedRecord(const T& value, JsonStyle style) {
     return writer.finish();
 }
 
-/// The record in a parsed document. Throws DecodingFailure naming the place; nothing is read in part.
+/// Writes that document piece by piece.
+template <class T>
+void encodeInPieces(const T& value, JsonStyle style, const PieceTaker& take) {
+    JsonWriter writer(style, take);
+    record::encode(writer, value);
+    take(writer.finish());
+}
+
+/// The record in a parsed document. Throws DecodingFailure naming the place; nothing is read in part. Of a
+/// document that was parsed in place the long texts are borrowed.
 template <class T>
 T decodedRecord(JsonValue root) {
     return record::decode<T>(root, JsonPath());

@@ -75,7 +75,7 @@ constexpr std::string_view jsonTypeName() {
         return "boolean";
     } else if constexpr (std::same_as<T, std::int64_t>) {
         return "integer";
-    } else if constexpr (std::same_as<T, std::string>) {
+    } else if constexpr (std::same_as<T, std::string> || std::same_as<T, LongText>) {
         return "string";
     } else if constexpr (IsVector<T>::value) {
         return "array";

@@ -1,6 +1,7 @@
 #include "system/Clock.h"
 
 #include <array>
+#include <cstdio>
 #include <ctime>
 #include <thread>
 
@@ -21,14 +22,17 @@ void SystemClock::sleep(std::chrono::milliseconds duration) const {
 }
 
 std::string iso8601(std::chrono::system_clock::time_point time) {
-    // Floor, so that a time just before a second never shows the next one.
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-    const std::time_t value = std::chrono::system_clock::to_time_t(seconds);
-    std::tm parts{};
-    gmtime_r(&value, &parts);
-    std::array<char, 32> text{};
-    const auto length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return std::string(text.data(), length);
+    // Not gmtime_r, which reads the time zone's file to know what is not asked for. Floor, so that a time
+    // just before a second never shows the next one.
+    const auto day = std::chrono::floor<std::chrono::days>(time);
+    const std::chrono::year_month_day date(day);
+    const std::chrono::hh_mm_ss clock(std::chrono::floor<std::chrono::seconds>(time - day));
+    std::array<char, 64> text{};
+    const int length =
+        std::snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02ld:%02ld:%02ldZ", int{date.year()},
+                      unsigned{date.month()}, unsigned{date.day()}, long{clock.hours().count()},
+                      long{clock.minutes().count()}, long{clock.seconds().count()});
+    return std::string(text.data(), static_cast<std::size_t>(length));
 }
 
 }  // namespace brindle

@@ -190,6 +190,13 @@ bool isTemporaryName(std::string_view name) {
     return name.starts_with(prefix) && name.size() == temporary_name_template.size();
 }
 
+void FileManager::writePiecesAtomically(const std::string& path, const PieceGiver& give,
+                                        Durability durability) {
+    std::string bytes;
+    give([&](std::string_view piece) { bytes += piece; });
+    writeFileAtomically(path, bytes, durability);
+}
+
 void FileManager::removeIfPresent(const std::string& path) noexcept {
     try {
         if (fileExists(path)) removeItem(path);
@@ -306,8 +313,14 @@ std::string PosixFileManager::readFile(const std::string& path) {
 
 void PosixFileManager::writeFileAtomically(const std::string& path, std::string_view bytes,
                                            Durability durability) {
+    writePiecesAtomically(
+        path, [&](const PieceTaker& take) { take(bytes); }, durability);
+}
+
+void PosixFileManager::writePiecesAtomically(const std::string& path, const PieceGiver& give,
+                                             Durability durability) {
     TemporaryFile file(path);
-    file.write(bytes);
+    give([&](std::string_view piece) { file.write(piece); });
     if (durability == Durability::process) return file.becomeTarget();
     file.flushToDisk();
     // Opened first, because a failure after the file has become visible would come too late.

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "system/Descriptor.h"
+#include "text/Pieces.h"
 
 namespace brindle {
 
@@ -103,6 +104,10 @@ class FileManager {
     /// 0600.
     virtual void writeFileAtomically(const std::string& path, std::string_view bytes,
                                      Durability durability) = 0;
+    /// The same for a content that is given piece by piece, once. What giving it throws passes through, and
+    /// nothing has happened then.
+    virtual void writePiecesAtomically(const std::string& path, const PieceGiver& give,
+                                       Durability durability);
     /// Renames; fails with EEXIST rather than replacing something.
     virtual void moveItem(const std::string& from, const std::string& to) = 0;
     /// Takes the directory for this process (an exclusive flock), without waiting, until the descriptor is
@@ -135,6 +140,8 @@ class PosixFileManager final : public FileManager {
     std::string readLink(const std::string& path) override;
     std::string readFile(const std::string& path) override;
     void writeFileAtomically(const std::string& path, std::string_view bytes, Durability durability) override;
+    void writePiecesAtomically(const std::string& path, const PieceGiver& give,
+                               Durability durability) override;
     void moveItem(const std::string& from, const std::string& to) override;
     Descriptor lockDirectory(const std::string& path) override;
     void removeItem(const std::string& path) override;

@@ -48,6 +48,10 @@ std::string_view LineReader::takeLine(std::size_t length, std::size_t terminator
     return line;
 }
 
+std::span<char> LineReader::writable(std::string_view part) {
+    return {buffer_.get() + (part.data() - buffer_.get()), part.size()};
+}
+
 void LineReader::giveBackLargeBuffer() {
     if (capacity_ <= kept_buffer_bytes || end_ - begin_ >= kept_buffer_bytes) return;
     makeRoom();
@@ -65,7 +69,7 @@ void LineReader::makeRoom() {
 
 void LineReader::resize(std::size_t capacity) {
     // realloc: growing a buffer of many megabytes moves pages instead of copying bytes.
-    auto* memory = static_cast<char*>(std::realloc(buffer_.get(), capacity + padding_bytes));
+    auto* memory = static_cast<char*>(std::realloc(buffer_.get(), capacity));
     if (memory == nullptr) throw std::bad_alloc();
     static_cast<void>(buffer_.release());
     buffer_.reset(memory);

@@ -5,6 +5,7 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string_view>
 
 namespace brindle {
@@ -12,8 +13,6 @@ namespace brindle {
 /// Reads lines of any length from a descriptor. Only a line feed ends a line; a last line without one counts.
 class LineReader {
   public:
-    /// How many bytes after a line may be read (not used), for parsers that look ahead.
-    static constexpr std::size_t padding_bytes = 64;
     /// A buffer no larger than this is kept between lines.
     static constexpr std::size_t kept_buffer_bytes = std::size_t{1} << 20U;
 
@@ -24,6 +23,8 @@ class LineReader {
     /// The next line without its line feed and a carriage return before it, valid until the next call;
     /// nothing at the end of input. Input that cannot be read or waited for has ended.
     std::optional<std::string_view> next();
+    /// A part of that line, for whoever takes it apart where it stands.
+    std::span<char> writable(std::string_view part);
 
   private:
     struct Free {

@@ -1,25 +1,48 @@
 #include "system/Paths.h"
 
 #include <errno.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <filesystem>
-#include <system_error>
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <utility>
 
 namespace brindle {
+namespace {
 
+std::string currentDirectory() {
+    const std::unique_ptr<char, decltype(&::free)> directory(::getcwd(nullptr, 0), &::free);
+    return directory ? directory.get() : "/";
+}
+
+/// What a symbolic link holds; empty when it cannot be told.
+std::string linkTarget(const char* link) {
+    std::array<char, PATH_MAX> target{};
+    const auto length = ::readlink(link, target.data(), target.size());
+    return length < 0 ? std::string() : std::string(target.data(), static_cast<std::size_t>(length));
+}
+
+}  // namespace
+
+// Not std::filesystem, with which every start would have to prepare all that the C++ library knows of
+// languages.
 std::string standardizedPath(std::string_view path) {
-    std::error_code error;
-    std::filesystem::path absolute(path);
-    if (absolute.is_relative()) {
-        const auto current = std::filesystem::current_path(error);
-        absolute = (error ? std::filesystem::path("/") : current) / absolute;
+    const auto absolute = path.starts_with('/') ? std::string(path) : joinedPath(currentDirectory(), path);
+    std::string result;
+    for (std::string_view rest = absolute; !rest.empty();) {
+        const auto component = rest.substr(0, rest.find('/'));
+        rest.remove_prefix(std::min(component.size() + 1, rest.size()));
+        if (component == "..") {
+            result.erase(std::min(result.rfind('/'), result.size()));
+        } else if (!component.empty() && component != ".") {
+            result.append("/").append(component);
+        }
     }
-    std::string text = absolute.lexically_normal().string();
-    // POSIX leaves the meaning of exactly two leading slashes open; here it is the root.
-    text.erase(0, text.find_first_not_of('/') == std::string::npos ? text.size() - 1
-                                                                   : text.find_first_not_of('/') - 1);
-    while (text.size() > 1 && text.back() == '/') text.pop_back();
-    return text;
+    return result.empty() ? "/" : result;
 }
 
 std::string joinedPath(std::string_view directory, std::string_view component) {
@@ -36,18 +59,18 @@ std::string_view lastPathComponent(std::string_view path) {
 MainBundle MainBundle::current() {
     MainBundle bundle;
     if (program_invocation_name != nullptr) bundle.firstArgument = program_invocation_name;
-    std::error_code error;
-    auto executable = std::filesystem::read_symlink("/proc/self/exe", error).string();
-    if (error || executable.empty()) return bundle;
+    auto executable = linkTarget("/proc/self/exe");
+    if (executable.empty()) return bundle;
     // A program replaced on disk while it runs is still reachable at its old place.
     constexpr std::string_view replaced_suffix = " (deleted)";
-    if (executable.ends_with(replaced_suffix) && !std::filesystem::exists(executable, error)) {
+    struct stat status {};
+    if (executable.ends_with(replaced_suffix) && ::stat(executable.c_str(), &status) != 0) {
         executable.resize(executable.size() - replaced_suffix.size());
     }
-    const auto directory = std::filesystem::path(executable).parent_path();
+    auto resources = joinedPath(executable.substr(0, executable.rfind('/')), "Resources");
     bundle.executablePath = std::move(executable);
-    if (std::filesystem::is_directory(directory / "Resources", error)) {
-        bundle.resourceDirectory = (directory / "Resources").string();
+    if (::stat(resources.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+        bundle.resourceDirectory = std::move(resources);
     }
     return bundle;
 }

@@ -10,12 +10,11 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <system_error>
 #include <vector>
 
 #include "system/Descriptor.h"
+#include "system/FileManager.h"
 #include "system/Processes.h"
 #include "text/Failure.h"
 #include "text/WithoutFailing.h"
@@ -60,19 +59,28 @@ void waitForEndOfParent(pid_t parent) {
 /// The processes that this one has started (Linux procfs), `except` one.
 std::vector<pid_t> children(pid_t except) {
     std::vector<pid_t> found;
-    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::ifstream list(thread.path() / "children");
-        for (pid_t child = 0; list >> child;) {
-            if (child != except) found.push_back(child);
-        }
+    PosixFileManager files;
+    const auto threads = files.readDirectory("/proc/self/task");
+    while (const auto thread = threads->next()) {
+        // A thread may have ended meanwhile.
+        withoutFailing([&] {
+            const auto list = files.readFile("/proc/self/task/" + *thread + "/children");
+            const char* rest = list.c_str();
+            for (char* end = nullptr;; rest = end) {
+                const auto child = static_cast<pid_t>(std::strtol(rest, &end, 10));
+                if (end == rest) break;
+                if (child != except) found.push_back(child);
+            }
+        });
     }
     return found;
 }
 
 /// Kills what is in this process's own group, but for itself (Linux procfs).
 void killOthersOfOwnGroup() {
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        const auto process = static_cast<pid_t>(std::atoi(entry.path().filename().c_str()));
+    const auto entries = PosixFileManager().readDirectory("/proc");
+    while (const auto name = entries->next()) {
+        const auto process = static_cast<pid_t>(std::atoi(name->c_str()));
         if (process <= 0 || process == ::getpid()) continue;
         if (::getpgid(process) == ::getpgrp()) ::kill(process, SIGKILL);
     }

@@ -82,6 +82,11 @@ void giveLargeMemoryBackAtOnce() {
     ::mallopt(M_MMAP_THRESHOLD, large_memory_bytes);
 }
 
+void shareOnePlaceOfMemory() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): as above.
+    ::mallopt(M_ARENA_MAX, 1);
+}
+
 void returnFreedMemory() {
     ::malloc_trim(0);
 }

@@ -1,11 +1,12 @@
 #include "text/Text.h"
 
-#include <simdjson.h>
 #include <utf8proc.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <optional>
 
@@ -41,6 +42,20 @@ CodePoint firstCodePoint(std::string_view text) {
     if (used <= 0) return {};
     point.bytes = static_cast<std::size_t>(used);
     return point;
+}
+
+/// How many bytes at the beginning are ASCII. Almost all of what is checked is, so it looks at eight at a
+/// time.
+std::size_t asciiLength(std::string_view text) {
+    constexpr std::uint64_t high_bits = 0x8080808080808080;
+    std::size_t length = 0;
+    for (std::uint64_t bytes = 0; text.size() - length >= sizeof bytes; length += sizeof bytes) {
+        std::memcpy(&bytes, text.data() + length, sizeof bytes);
+        if ((bytes & high_bits) != 0) break;
+    }
+    const auto* const end = std::find_if(text.begin() + length, text.end(),
+                                         [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
+    return static_cast<std::size_t>(end - text.begin());
 }
 
 CodePoint lastCodePoint(std::string_view text) {
@@ -120,7 +135,14 @@ bool canonicallyEquivalentInConstantTime(std::string_view left, std::string_view
 }
 
 bool isValidUtf8(std::string_view bytes) {
-    return simdjson::validate_utf8(bytes.data(), bytes.size());
+    while (!bytes.empty()) {
+        bytes.remove_prefix(asciiLength(bytes));
+        if (bytes.empty()) break;
+        const auto point = firstCodePoint(bytes);
+        if (point.value < 0) return false;
+        bytes.remove_prefix(point.bytes);
+    }
+    return true;
 }
 
 std::string repairedUtf8(std::string_view bytes) {

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "records/Json.h"
+#include "records/JsonParser.h"
 #include "records/Record.h"
 #include "text/Failure.h"
 #include "worker/Task.h"

@@ -393,6 +393,13 @@ struct Sending {
         service.handle(BridgeSendMessageRequest{
             "whatsapp", {.conversationId = "room", .text = text, .replyToMessageId = {}, .attachments = {}}});
     }
+    void sendAttachment(const std::string& content) {
+        BridgeAttachment attachment;
+        attachment.dataBase64 = content;
+        service.handle(BridgeSendMessageRequest{
+            "whatsapp",
+            {.conversationId = "room", .text = "Hi", .replyToMessageId = {}, .attachments = {{attachment}}}});
+    }
     std::vector<std::string> textsInOrderOfNames() {
         std::vector<std::string> texts;
         for (const auto& name : test::namesIn(data / "outbound")) {
@@ -458,6 +465,33 @@ TEST_P(FaultInjectionTests, FailedSendHasNoEffectAndSendingWorksAgain) {
         // The message, the runtime status, the worker control.
         EXPECT_EQ(met, 3);
     }
+}
+
+TEST_P(FaultInjectionTests, LargeMessageIsThereWholeOrNotAtAll) {
+    const std::string data(5 * JsonWriter::piece_bytes, '/');
+    const int met = forEveryOperation(Stage::beforeAPiece, [&](const Fault& fault) {
+        Sending sending;
+        sending.files.set(fault);
+        std::optional<std::string> failure;
+        try {
+            sending.sendAttachment(data);
+        } catch (const FileSystemFailure& thrown) {
+            failure = thrown.what();
+        }
+        const auto failures = sending.files.failures();
+        sending.files.clear();
+        const bool messageFailed = !failures.empty() && failures[0].find("/outbound/") != std::string::npos;
+        EXPECT_EQ(failure.has_value(), messageFailed);
+        const auto names = test::namesIn(sending.data / "outbound");
+        EXPECT_EQ(names.size(), messageFailed ? 0U : 1U);
+        for (const auto& name : names) {
+            const auto record = test::readJsonFile(sending.data / "outbound" / name);
+            EXPECT_TRUE(record["attachments"][0]["dataBase64"] == data);
+        }
+        return !failures.empty();
+    });
+    // Each slash takes two bytes; and then the runtime status and the worker control.
+    EXPECT_GE(met, 10 + 2);
 }
 
 TEST(SendTests, MessagesStandInTheOrderOfTheRequests) {

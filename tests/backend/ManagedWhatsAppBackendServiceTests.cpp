@@ -23,6 +23,7 @@
 #include "support/TemporaryDirectory.h"
 #include "support/TextForms.h"
 #include "support/Waiting.h"
+#include "support/WantOfMemory.h"
 #include "system/FileSystemFailure.h"
 
 namespace brindle {
@@ -142,6 +143,51 @@ TEST_F(BackendServiceTests, SendWritesAnOutboundRecordUnderAFreshName) {
                               {"attachments", test::Json::array()}}));
     }
     EXPECT_THAT(outputLines(), IsEmpty());
+}
+
+/// The file that a line leaves, without what is fresh in each.
+std::string outboundFileOf(const std::string& line) {
+    const test::TemporaryDirectory home;
+    PosixFileManager files;
+    const test::TestClock clock;
+    const test::MemoryStreams streams;
+    const auto input = test::memoryFileWith(line + "\n");
+    BridgeChannel channel({.input = input.get(), .output = streams.output(), .error = streams.error()});
+    ManagedWhatsAppBackendService service(
+        "whatsapp", {{std::string(environment_key::data_directory), home.path() / "data"}}, files, clock,
+        channel, ::getppid());
+    EXPECT_TRUE(channel.waitForRequest());
+    {
+        const test::LargePieces pieces(line.size() / 2);
+        service.handle(channel.takeRequest());
+        EXPECT_EQ(pieces.count(), 0);
+    }
+    const auto outbound = home.path() / "data" / "outbound";
+    const auto names = namesIn(outbound);
+    EXPECT_EQ(names.size(), 1U);
+    auto text = test::readFile(outbound / names.front());
+    constexpr std::size_t identifier_characters = 36;
+    return text.replace(text.find(names.front().substr(0, identifier_characters)), identifier_characters,
+                        "ID");
+}
+
+TEST(LargeRequestTests, AreWrittenAlikeHoweverTheyAreEscapedAndNeverCopied) {
+    const auto lineWith = [](const std::string& data) {
+        return R"({"sendMessage":{"_0":{"message":{"attachments":[{"dataBase64":")" + data +
+               R"(","fileName":"f","kind":"image","mimeType":"m"}],"conversationId":"c","text":"t"},)" +
+               R"("platform":"whatsapp"}}})";
+    };
+    std::string plain;
+    std::string escaped;
+    while (plain.size() < std::size_t{2} << 20U) {
+        plain += "QUJD/+é";
+        escaped += R"(QUJD\/+\u00e9)";
+    }
+    const auto file = outboundFileOf(lineWith(plain));
+    EXPECT_TRUE(file == outboundFileOf(lineWith(escaped)));
+    const auto record = test::Json::parse(file);
+    EXPECT_EQ(record["messageId"], "ID");
+    EXPECT_TRUE(record["attachments"][0]["dataBase64"] == plain);
 }
 
 TEST_F(BackendServiceTests, RequestsForAnotherPlatformHaveNoEffect) {

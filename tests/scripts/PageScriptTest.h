@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "records/Json.h"
+#include "records/JsonWriter.h"
 #include "support/EnginePage.h"
 #include "support/Json.h"
 #include "worker/PageScriptRunner.h"

@@ -144,15 +144,27 @@ std::string FaultInjectingFileManager::readFile(const std::string& path) {
 
 void FaultInjectingFileManager::writeFileAtomically(const std::string& path, std::string_view bytes,
                                                     Durability durability) {
+    writePiecesAtomically(
+        path, [&](const PieceTaker& take) { take(bytes); }, durability);
+}
+
+void FaultInjectingFileManager::writePiecesAtomically(const std::string& path, const PieceGiver& give,
+                                                      Durability durability) {
     record(durability == Durability::disk ? "write through" : "write", path);
     failIfDue("write", path);
     if (mustFail("write", path, Stage::afterTemporaryFile)) {
         // What a crash at this point would leave behind: a complete hidden file that never got its name.
         const auto slash = path.rfind('/');
-        real_.writeFileAtomically(path.substr(0, slash + 1) + ".brindle-fault", bytes, durability);
+        real_.writePiecesAtomically(path.substr(0, slash + 1) + ".brindle-fault", give, durability);
         throw FileSystemFailure("write", path, fault_->code);
     }
-    real_.writeFileAtomically(path, bytes, durability);
+    const auto giveUnlessDue = [&](const PieceTaker& take) {
+        give([&](std::string_view piece) {
+            failIfDue("write", path, Stage::beforeAPiece);
+            take(piece);
+        });
+    };
+    real_.writePiecesAtomically(path, giveUnlessDue, durability);
 }
 
 void FaultInjectingFileManager::moveItem(const std::string& from, const std::string& to) {

@@ -25,6 +25,9 @@ class FaultInjectingFileManager final : public FileManager {
         /// An atomic write fails when its new content is complete and only the name is missing. Every other
         /// operation passes and is not counted.
         afterTemporaryFile,
+        /// An atomic write fails before one of the pieces of its content. Pieces are what is counted; every
+        /// other operation passes.
+        beforeAPiece,
     };
 
     struct Fault {
@@ -62,6 +65,8 @@ class FaultInjectingFileManager final : public FileManager {
     std::string readLink(const std::string& path) override;
     std::string readFile(const std::string& path) override;
     void writeFileAtomically(const std::string& path, std::string_view bytes, Durability durability) override;
+    void writePiecesAtomically(const std::string& path, const PieceGiver& give,
+                               Durability durability) override;
     void moveItem(const std::string& from, const std::string& to) override;
     Descriptor lockDirectory(const std::string& path) override;
     void removeItem(const std::string& path) override;

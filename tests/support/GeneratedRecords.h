@@ -43,7 +43,7 @@ inline std::int64_t generatedInteger(Seed& seed) {
 /// A record, enumeration or field value with every part of it chosen by `seed`.
 template <class T>
 T generated(Seed& seed) {
-    if constexpr (std::same_as<T, std::string>) {
+    if constexpr (std::same_as<T, std::string> || std::same_as<T, LongText>) {
         return generatedText(seed);
     } else if constexpr (std::same_as<T, bool>) {
         return below(seed, 2) == 0;

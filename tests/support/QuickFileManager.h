@@ -17,6 +17,10 @@ class QuickFileManager final : public ForwardingFileManager {
                              Durability /*durability*/) override {
         real_.writeFileAtomically(path, bytes, Durability::process);
     }
+    void writePiecesAtomically(const std::string& path, const PieceGiver& give,
+                               Durability /*durability*/) override {
+        real_.writePiecesAtomically(path, give, Durability::process);
+    }
 
   private:
     PosixFileManager real_;

@@ -446,6 +446,47 @@ TEST_P(FileManagerWriteTests, KeepsOldFileWhenOnlyAPartCouldBeWritten) {
     EXPECT_THAT(names(), ElementsAre("file"));
 }
 
+TEST_P(FileManagerWriteTests, PiecesAreSeenTogetherOrNotAtAll) {
+    put("file", "old");
+    const auto give = [this](const PieceTaker& take) {
+        for (const std::string_view piece : {"one ", "", "two ", "three"}) {
+            take(piece);
+            EXPECT_EQ(files_.readFile(at("file")), "old");
+        }
+    };
+    files_.writePiecesAtomically(at("file"), give, GetParam());
+    EXPECT_EQ(files_.readFile(at("file")), "one two three");
+    EXPECT_EQ(modeOf(at("file")), 0600U);
+    EXPECT_THAT(names(), ElementsAre("file"));
+}
+
+TEST_P(FileManagerWriteTests, KeepsOldFileWhenAPieceCannotBeWritten) {
+    put("file", "old");
+    const auto handler = ::signal(SIGXFSZ, SIG_IGN);
+    const auto give = [](const PieceTaker& take) {
+        for (int count = 0; count < 5; ++count) take(std::string(999, 'x'));
+    };
+    {
+        const test::LoweredLimit limit(RLIMIT_FSIZE, 2000);
+        const auto failure = failureOf([&] { files_.writePiecesAtomically(at("file"), give, GetParam()); });
+        EXPECT_EQ(failure.code(), EFBIG);
+    }
+    ::signal(SIGXFSZ, handler);
+    EXPECT_EQ(files_.readFile(at("file")), "old");
+    EXPECT_THAT(names(), ElementsAre("file"));
+}
+
+TEST_P(FileManagerWriteTests, KeepsOldFileWhenThereIsAPieceTooFew) {
+    put("file", "old");
+    const auto give = [](const PieceTaker& take) {
+        take("new");
+        throw std::bad_alloc();
+    };
+    EXPECT_THROW(files_.writePiecesAtomically(at("file"), give, GetParam()), std::bad_alloc);
+    EXPECT_EQ(files_.readFile(at("file")), "old");
+    EXPECT_THAT(names(), ElementsAre("file"));
+}
+
 TEST_P(FileManagerWriteTests, KeepsOldFileForEveryNumberOfDescriptorsLeft) {
     put("file", "old");
     for (rlim_t left = 0; left < 2; ++left) {
