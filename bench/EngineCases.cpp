@@ -48,7 +48,7 @@ void measureScanOf(Bench& bench, test::EnginePage& page, int messages) {
         message.floor.push_back(changeMilliseconds(page, ChangedPart::message, query, queries));
         list.floor.push_back(changeMilliseconds(page, ChangedPart::chatList, query, queries));
         page.evaluate(scriptWithWatchedTitle(page_script::inbound_capture, bench_chat));
-        const int scans = bench.inFull(100, 10);
+        const int scans = bench.inFull(1000, 10);
         message.helper.push_back(changeMilliseconds(page, ChangedPart::message, "", scans));
         list.helper.push_back(changeMilliseconds(page, ChangedPart::chatList, "", scans));
     }

@@ -65,4 +65,14 @@ std::string changeScript(ChangedPart part) {
            "const change = (number) => { changed.data = 'now ' + number; };\n";
 }
 
+std::string changingScript(int messages, int changesASecond) {
+    constexpr int second_ms = 1000;
+    auto script = conversationScript(messages) + changeScript(ChangedPart::message);
+    if (changesASecond > 0) {
+        script += "let number = 0;\nsetInterval(() => change(++number), " +
+                  std::to_string(second_ms / changesASecond) + ");\n";
+    }
+    return script;
+}
+
 }  // namespace brindle::bench

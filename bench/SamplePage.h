@@ -35,4 +35,10 @@ std::string conversationScript(int messages);
 enum class ChangedPart { message, chatList };
 std::string changeScript(ChangedPart part);
 
+/// Statements that open such a chat of `messages` in which that many small changes a second happen; 0 for
+/// none.
+std::string changingScript(int messages, int changesASecond);
+/// How many messages the chat has in which they happen.
+constexpr int changing_messages = 300;
+
 }  // namespace brindle::bench

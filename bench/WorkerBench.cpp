@@ -1,12 +1,16 @@
 /// Starts the built-in web worker on the sample web client, lets it capture while nobody writes, and prints
-/// what each process of its tree costs, beside the bounds.
+/// what each process of its tree costs, beside the bounds: worker_bench [changes]. With a number, so many
+/// small changes a second happen in a chat of 300 messages meanwhile.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <string>
+#include <vector>
 
+#include "SamplePage.h"
 #include "support/WorkerCost.h"
 
-namespace brindle {
+namespace brindle::bench {
 namespace {
 
 constexpr std::chrono::seconds settling_time{5};
@@ -16,10 +20,23 @@ void print(const test::ProcessCost& cost) {
     std::printf("%-18s %10.1f %12.2f\n", cost.name.c_str(), cost.memory_mebibytes, cost.processor_percent);
 }
 
-int run() {
-    test::IdleWorker idle;
-    idle.measure(settling_time);
-    const auto costs = idle.measure(idle_time);
+std::vector<test::ProcessCost> measure(test::IdleWorker& worker) {
+    worker.measure(settling_time);
+    return worker.measure(idle_time);
+}
+
+std::vector<test::ProcessCost> measureAtRest() {
+    test::IdleWorker worker;
+    return measure(worker);
+}
+
+std::vector<test::ProcessCost> measureWith(int changesASecond) {
+    const SamplePage page(changingScript(changing_messages, changesASecond), changing_messages);
+    test::IdleWorker worker(test::WebWorkerOptions().withUrl(page.url()), bench_chat);
+    return measure(worker);
+}
+
+int print(const std::vector<test::ProcessCost>& costs) {
     std::printf("%-18s %10s %12s\n", "process", "PSS, MiB", "processor, %");
     for (const auto& cost : costs) print(cost);
     const auto sum = test::total(costs);
@@ -33,11 +50,12 @@ int run() {
 }
 
 }  // namespace
-}  // namespace brindle
+}  // namespace brindle::bench
 
-int main() {
+int main(int count, char** arguments) {
     try {
-        return brindle::run();
+        using namespace brindle::bench;
+        return print(count > 1 ? measureWith(std::stoi(arguments[1])) : measureAtRest());
     } catch (const std::exception& error) {
         std::fprintf(stderr, "%s\n", error.what());
         return EXIT_FAILURE;

@@ -30,14 +30,8 @@ double milliseconds(system_clock::duration duration) {
 
 /// A worker that captures the chat of the bench while that many small changes a second happen in it.
 test::ProcessCost costWith(int changesASecond, std::chrono::seconds time) {
-    constexpr int messages = 300;
     constexpr std::chrono::seconds settling_time{5};
-    auto script = conversationScript(messages) + changeScript(ChangedPart::message);
-    if (changesASecond > 0) {
-        script += "let number = 0;\nsetInterval(() => change(++number), " +
-                  std::to_string(1000 / changesASecond) + ");\n";
-    }
-    const SamplePage page(script, messages);
+    const SamplePage page(changingScript(changing_messages, changesASecond), changing_messages);
     test::IdleWorker worker(test::WebWorkerOptions().withUrl(page.url()), bench_chat);
     worker.measure(std::min(time, settling_time));
     return test::total(worker.measure(time));

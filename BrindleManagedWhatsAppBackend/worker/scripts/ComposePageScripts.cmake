@@ -56,6 +56,6 @@ inline constexpr std::string_view watched_title_placeholder = \"${placeholder}\"
 compose(link_state 0 linkState.js)
 compose(qr_code 0 qrCode.js)
 compose(chat_activation 1 shared.js chatActivation.js)
-compose(inbound_capture 1 shared.js inboundCapture.js)
+compose(inbound_capture 1 shared.js messageReading.js readingMemory.js inboundCapture.js)
 string(APPEND header "\n}  // namespace brindle::page_script\n")
 file(WRITE "${HEADER}" "${header}")

@@ -1,27 +1,13 @@
 // Captures the inbound messages of whatever chat is open, and hands over those of the watched chat. What it
 // knows lives in the page: a queue of captured messages and the fingerprints of all that were seen. The
-// observer set up by the first run captures between runs too, with the first run's copy of these functions.
+// observer set up by the first run captures between runs too, with the first run's copy of these functions,
+// and reads only what may have changed; each run reads everything.
 const watchedTitle = __WATCHED_TITLE__;
 
 const queueLimit = 200;
 const queueKept = 100;
 const fingerprintLimit = 2000;
 const fingerprintsKept = 1500;
-
-const candidateSelector =
-    'div.message-in, div[data-testid="msg-in"], div[data-testid="msg-container"], [data-id]';
-const outboundSelector = '.message-out, [data-testid="msg-out"]';
-const inboundSelector = '.message-in, [data-testid="msg-in"]';
-const messageBodySelector = 'span.selectable-text, [data-testid="msg-text"], [data-pre-plain-text]';
-const textSelectors = [
-    "span.selectable-text",
-    "div.selectable-text span",
-    '[data-testid="msg-text"] span',
-    '[data-testid="msg-text"]',
-    "span.copyable-text span.selectable-text",
-    "div.copyable-text span.selectable-text",
-];
-const senderSelector = '[data-pre-plain-text], span[dir="auto"][title], span[title], span[dir="auto"]';
 
 function openCaptureState() {
     if (!window.__brindleWhatsAppWorkerCaptureState) {
@@ -39,99 +25,15 @@ function openCaptureState() {
 
 const captureState = openCaptureState();
 
-function isElement(node) {
-    return Boolean(node) && node.nodeType === Node.ELEMENT_NODE;
-}
-
-function readTestId(node) {
-    return (node.getAttribute("data-testid") || "").toLowerCase();
-}
-
-function looksOutbound(node) {
-    if (!isElement(node)) {
-        return false;
-    }
-    return readTestId(node).includes("msg-out") || node.matches(outboundSelector) ||
-        node.querySelector(outboundSelector) !== null;
-}
-
-function looksInbound(node) {
-    if (!isElement(node)) {
-        return false;
-    }
-    const testId = readTestId(node);
-    return testId.includes("msg-in") || testId.includes("msg-container") || node.matches(inboundSelector) ||
-        node.querySelector(inboundSelector) !== null ||
-        (node.hasAttribute("data-id") && node.querySelector(messageBodySelector) !== null);
-}
-
-function readText(element) {
-    return normalize(element.innerText || element.textContent);
-}
-
-function readMessageText(node) {
-    const chunks = new Set();
-    const readElements = new Set();
-    for (const selector of textSelectors) {
-        for (const element of node.querySelectorAll(selector)) {
-            // Most elements match several selectors; rendering their text once is enough.
-            if (readElements.has(element)) {
-                continue;
-            }
-            readElements.add(element);
-            const chunk = readText(element);
-            if (chunk) {
-                chunks.add(chunk);
-            }
-        }
-    }
-    return chunks.size > 0 ? normalize(Array.from(chunks).join(" ")) : readText(node);
-}
-
-function readSenderDisplayName(node, text) {
-    for (const element of node.querySelectorAll(senderSelector)) {
-        const name = normalize(
-            element.getAttribute("title") || element.getAttribute("data-pre-plain-text") ||
-            element.innerText || element.textContent);
-        const isTimeStampPrefix = name.startsWith("[") && name.includes("]");
-        if (name && name !== text && !isTimeStampPrefix) {
-            return name;
-        }
-    }
-    return null;
-}
-
-function readRawReference(node, index) {
-    return normalize(
-        node.getAttribute("data-id") ||
-        (node.dataset && node.dataset.id) ||
-        node.getAttribute("data-pre-plain-text") ||
-        readAttribute(node.querySelector("[data-pre-plain-text]"), "data-pre-plain-text") ||
-        node.getAttribute("aria-label") ||
-        "visible-index:" + index);
-}
-
-function readInboundMessage(node, index, activeChatTitle) {
-    if (looksOutbound(node) || !looksInbound(node)) {
-        return null;
-    }
-    const text = readMessageText(node);
-    if (!text) {
-        return null;
-    }
-    const senderDisplayName = readSenderDisplayName(node, text);
-    const rawReference = readRawReference(node, index);
-    const fingerprint = [activeChatTitle, rawReference, senderDisplayName || "", text].join("::");
-    return { activeChatTitle, senderDisplayName, text, fingerprint, rawReference };
-}
-
 function collectVisibleInboundMessages() {
     const activeChatTitle = resolveActiveChatTitle();
+    const memory = captureState.memory || makeMemory(null);
+    forgetIfCircumstancesChanged(memory, activeChatTitle);
     const messages = [];
     let index = 0;
     // One query for all kinds of candidates: an element that matches several of them comes once.
     for (const node of document.querySelectorAll(candidateSelector)) {
-        const message = readInboundMessage(node, index, activeChatTitle);
+        const message = recallOrRead(memory, node, index, activeChatTitle);
         if (message) {
             messages.push(message);
         }
@@ -194,8 +96,9 @@ function scanVisibleInboundMessages() {
     return collection;
 }
 
-function scanAfterMutation() {
+function scanAfterMutation(records) {
     try {
+        forgetTouched(captureState.memory, records);
         scanVisibleInboundMessages();
     } catch (error) {
         // The page was caught halfway through a change; its next change or the next run scans again.
@@ -209,6 +112,8 @@ function installObserver() {
     new MutationObserver(scanAfterMutation).observe(document.body,
         { subtree: true, childList: true, characterData: true, attributes: true });
     captureState.observerInstalled = true;
+    // Between this observer and the runs alone.
+    Object.defineProperty(captureState, "memory", { value: makeMemory(document.body) });
     scanVisibleInboundMessages();
 }
 
@@ -232,6 +137,10 @@ function drainQueue() {
 }
 
 installObserverIfNeeded();
+// What no record tells of is noticed by each run at the latest.
+if (captureState.memory) {
+    forgetEverything(captureState.memory);
+}
 const collection = scanVisibleInboundMessages();
 const snapshot = captureState.lastSnapshot || snapshotOf(collection);
 
