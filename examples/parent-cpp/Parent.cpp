@@ -116,6 +116,7 @@ void Parent::run() {
 Parent::Outcome Parent::serve() {
     isGreeted_ = hasEnded_ = false;
     worker_ = nullptr;
+    words_ = {};
     helper_ = std::make_unique<Helper>(
         settings_.program, settings_.state,
         Helper::Handlers{.envelope = [this](const json& envelope) { hear(envelope); },
@@ -200,7 +201,9 @@ bool Parent::workerIsLost() {
     const auto status = json::parse(file, nullptr, false);
     if (!status.is_object()) return false;
     const std::string word = status.at("workerState");
-    if (!worker_.is_object() || worker_.at("workerState") != word) {
+    // The built-in worker alternates between two words for as long as two things are true.
+    if (std::find(words_.begin(), words_.end(), word) == words_.end()) {
+        words_ = {words_[1], word};
         say("worker: " + word + ": " + status.value("workerDetail", ""));
         if (word == "waiting_for_qr") say("Scan " + runtime + "worker-qr.png with the phone.");
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <deque>
 #include <functional>
@@ -63,5 +64,7 @@ class Parent {
     std::deque<std::string> unsent_;
     /// The helper's status as it was last seen.
     nlohmann::json worker_;
+    /// The last two states that were said.
+    std::array<std::string, 2> words_;
     std::unique_ptr<Helper> helper_;
 };

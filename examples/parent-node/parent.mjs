@@ -169,6 +169,7 @@ class Parent {
     /** Starts a helper and works with it until it is of no use any more. Whether we are to end. */
     async serve() {
         this.worker = null;
+        this.words = [];
         this.helper = new Helper(this.program, this.state, (helper, envelope) => this.hear(helper, envelope));
         let look;
         const isLost = new Promise(resolve => {
@@ -237,7 +238,9 @@ class Parent {
         } catch {
             return false;
         }
-        if (!this.worker || status.workerState !== this.worker.workerState) {
+        // The built-in worker alternates between two words for as long as two things are true.
+        if (!this.words.includes(status.workerState)) {
+            this.words = [...this.words.slice(-1), status.workerState];
             say(`worker: ${status.workerState}: ${status.workerDetail || ''}`);
             if (status.workerState === 'waiting_for_qr') {
                 say(`Scan ${path.join(runtime, 'worker-qr.png')} with the phone.`);

@@ -8,6 +8,7 @@ Messages go to standard output, everything else to standard error. Which worker 
 """
 
 import argparse
+import collections
 import json
 import os
 import pathlib
@@ -157,6 +158,7 @@ class Parent:
         self._journal = Journal(state / "messages.jsonl")
         self._unsent = []
         self._worker = None
+        self._words = None
 
     def run(self):
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
@@ -187,6 +189,7 @@ class Parent:
     def _serve(self, helper):
         """Until this helper is of no use any more. Whether we are to end."""
         self._worker = None
+        self._words = collections.deque(maxlen=2)
         next_look = time.monotonic() + LOOK_SECONDS
         while True:
             what, value = self._next_event(next_look)
@@ -266,7 +269,9 @@ class Parent:
         except (OSError, ValueError):
             return False
         word = status["workerState"]
-        if self._worker is None or word != self._worker["workerState"]:
+        # The built-in worker alternates between two words for as long as two things are true.
+        if word not in self._words:
+            self._words.append(word)
             say(f"worker: {word}: {status.get('workerDetail', '')}")
             if word == "waiting_for_qr":
                 say(f"Scan {runtime / 'worker-qr.png'} with the phone.")

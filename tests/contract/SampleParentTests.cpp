@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -67,6 +68,19 @@ class SampleParentTest : public testing::TestWithParam<SampleParent> {
                 return !content.empty() && predicate(Json::parse(content));
             },
             what);
+    }
+    /// Until the status has been renewed twice, a second each: the parent looks as often.
+    void waitForALook() const {
+        for (int count = 0; count < 2; ++count) {
+            std::string first;
+            waitForStatus(
+                [&](const Json& status) {
+                    const auto time = status.at("updatedAtISO8601").text();
+                    if (first.empty()) first = time;
+                    return time != first;
+                },
+                "a fresh status");
+        }
     }
     void waitUntilItListens() const {
         waitForStatus(
@@ -262,6 +276,23 @@ TEST_P(SampleParentTest, SaysThatAWorkerDoesNotSend) {
     parent.send("On my way");
     parent.waitForStandardError("This worker does not send; the message is kept until one comes that does.");
     waitUntilSent("On my way");
+}
+
+TEST_P(SampleParentTest, SaysStatesBetweenWhichAWorkerAlternatesOnce) {
+    useWorker(writeScript(directory_.path() / "worker", "exec sleep 1000\n"));
+    auto& parent = startAndListen();
+    parent.waitForStandardError("worker: launching: ");
+    for (const std::string state : {"linked", "watching_chat", "linked", "watching_chat", "error"}) {
+        writeFileAtomically(
+            data("runtime/worker-status.json"),
+            Json{{"state", state}, {"supportsLiveCapture", true}, {"supportsOutbound", true}}.dump());
+        waitForStatus([&](const Json& status) { return status.at("workerState") == state; }, state);
+        waitForALook();
+    }
+    parent.waitForStandardError("worker: error: ");
+    const auto said = parent.standardErrorLines();
+    EXPECT_EQ(std::count(said.begin(), said.end(), "worker: linked: "), 1);
+    EXPECT_EQ(std::count(said.begin(), said.end(), "worker: watching_chat: "), 1);
 }
 
 TEST_P(SampleParentTest, SendsAndReceivesThroughASampleWorker) {
