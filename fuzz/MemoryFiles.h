@@ -34,7 +34,8 @@ class MemoryFiles final : public FileManager {
     void createDirectory(const std::string&) override {}
     void makePrivate(const std::string&) override {}
     void requireAccess(const std::string&) override {}
-    DirectoryListing listDirectory(const std::string& path) override { refuse("list", path); }
+    std::unique_ptr<Directory> openDirectory(const std::string& path) override { refuse("list", path); }
+    std::unique_ptr<DirectoryWatch> makeDirectoryWatch() override { refuse("watch", "directories"); }
     std::unique_ptr<DirectoryReader> readDirectory(const std::string& path) override { refuse("list", path); }
     std::uintmax_t fileSystemBytes(const std::string& path) override { refuse("measure", path); }
     bool isExecutableFile(const std::string&) override { return false; }

@@ -18,6 +18,16 @@ constexpr int looks_for_departure = 2;
 /// How long a process that ends takes between closing one of its descriptors and another, at most.
 constexpr std::chrono::milliseconds reader_departure_patience{100};
 
+/// Asking what the parent has read costs a call for the system, so it is not asked after every message.
+constexpr std::size_t deliveries_between_looks = 64;
+
+/// How long other work of the queue, such as publishing the status, waits for a long delivery at most.
+constexpr std::chrono::milliseconds longest_turn{50};
+
+/// A look at more records than that takes milliseconds: too long for each of many messages that come one by
+/// one, however little every look finds.
+constexpr std::size_t most_left_for_news = 1000;
+
 struct ScopeFilter {
     const ManagedWhatsAppInboundRecord& record;
 
@@ -42,64 +52,119 @@ bool belongsToScope(const ManagedWhatsAppInboundRecord& record, const BridgeScop
 void InboundDelivery::drainInboundDirectory() noexcept {
     const MutexHold hold(drainLock_);
     // What another scope has left waiting is listed anew.
-    waiting_.clear();
-    drain();
+    pass_.reset();
+    memory_.lookAtEverything();
+    drain(never);
 }
 
 void InboundDelivery::drainUnlessUnderWay() noexcept {
     if (!drainLock_.try_lock()) return;
     const MutexHold hold(drainLock_, std::adopt_lock);
     if (failed_) --failed_->looksLeft;
-    drain();
+    drain(endOfTurn());
+}
+
+void InboundDelivery::drainWhatHasChanged() noexcept {
+    // Set first: a drain that is under way leaves it to the next beat.
+    lookAtEverythingNext();
+    if (!drainLock_.try_lock()) return;
+    const MutexHold hold(drainLock_, std::adopt_lock);
+    if (memory_.leftInPlace() <= most_left_for_news) drain(endOfTurn());
 }
 
 void InboundDelivery::completeWhatIsUnderWay() noexcept {
     const MutexHold hold(drainLock_);
     try {
         while (isUnderWay() && !isStopped_ && uses_.departureWatch.isWritableInTime(output().descriptor()))
-            drain();
+            drain(never);
     } catch (...) {
         // Without the memory to wait, the rest stays for the next backend.
     }
 }
 
-void InboundDelivery::drain() noexcept {
+/// On the queue, when the parent takes more or others have had their turn.
+void InboundDelivery::goOn() noexcept {
+    // Whoever drains on another thread does what there is to do.
+    if (!drainLock_.try_lock()) return;
+    const MutexHold hold(drainLock_, std::adopt_lock);
+    if (isUnderWay()) drain(endOfTurn());
+}
+
+void InboundDelivery::drain(TurnEnd turnEnd) noexcept {
     try {
-        deliverWhatFits();
+        deliverWhatFits(turnEnd);
     } catch (const std::exception& error) {
         withoutFailing(
             [&] { uses_.log.write("failed to drain inbound directory: " + descriptionOf(error)); });
     }
 }
 
-void InboundDelivery::deliverWhatFits() {
-    auto names = std::exchange(waiting_, {});
+void InboundDelivery::deliverWhatFits(TurnEnd turnEnd) {
+    auto pass = std::exchange(pass_, std::nullopt);
     if (failed_) return decideOnFailure();
+    auto outcome = Outcome::isHeldUp;
     try {
-        if (isBegunLineWritten() && deliver(names)) return;
+        if (isBegunLineWritten()) outcome = deliver(pass, turnEnd);
     } catch (const OutputAbandoned&) {
         // What is not delivered by the end of the process stays for the next backend.
         return;
+    } catch (const std::exception&) {
+        if (pass) pass->look.miss();
+        endPass(pass);
+        throw;
     }
-    waiting_ = std::move(names);
-    waitForOutput();
+    if (outcome == Outcome::isDone) return endPass(pass);
+    pass_ = std::move(pass);
+    if (outcome == Outcome::isHeldUp) return waitForOutput();
+    uses_.queue.post([this] { goOn(); });
 }
 
-/// Delivers those of the names that the parent takes, the last one first; false when it is to be waited for.
-bool InboundDelivery::deliver(std::vector<std::string>& names) {
+/// Delivers those records of the pass, or of a new one, that the parent takes, in their order.
+InboundDelivery::Outcome InboundDelivery::deliver(std::optional<Pass>& pass, TurnEnd turnEnd) {
     const auto scope = scopeToDeliver();
-    if (!scope || failed_) return true;
-    if (names.empty()) {
-        names = waitingRecords(uses_.fileManager, uses_.directory.inbound);
-        std::reverse(names.begin(), names.end());
+    if (!scope || !memory_.isOf(*scope)) {
+        pass.reset();
+        memory_.forget();
     }
-    // What is left by the end of the process stays for the next backend.
-    while (!names.empty() && !failed_ && !isStopped_ && !uses_.departureWatch.isDepartureOver()) {
-        if (!uses_.emitter.takesLine() || !begin(names.back(), *scope)) return false;
-        names.pop_back();
-        if (!isBegunLineWritten()) return false;
+    if (!scope || failed_) return Outcome::isDone;
+    if (pass && pass->records.empty()) endPass(pass);
+    if (!pass) pass = beginPass(*scope);
+    if (!pass) return Outcome::isDone;
+    if (!pass->records.empty() && !uses_.emitter.takesLine()) return Outcome::isHeldUp;
+    while (!pass->records.empty() && mayGoOn()) {
+        if (uses_.clock.sinceBoot() >= turnEnd) return Outcome::isLeftForLater;
+        if (!begin(*pass, *scope)) return Outcome::isHeldUp;
+        pass->records.pop_back();
+        if (!isBegunLineWritten()) return Outcome::isHeldUp;
     }
-    return true;
+    return Outcome::isDone;
+}
+
+/// What is left by the end of the process stays for the next backend.
+bool InboundDelivery::mayGoOn() const {
+    return !failed_ && !isStopped_ && !uses_.departureWatch.isDepartureOver();
+}
+
+/// Nothing when there is nothing new to look at.
+std::optional<InboundDelivery::Pass> InboundDelivery::beginPass(const BridgeScope& scope) {
+    std::shared_ptr<Directory> inbound = uses_.fileManager.openDirectory(uses_.directory.inbound);
+    if (hasChanged_.exchange(false)) memory_.lookAtEverything();
+    auto look = memory_.beginPass(scope, *inbound);
+    if (!look) return std::nullopt;
+    auto records = waitingRecords(*inbound);
+    std::reverse(records.begin(), records.end());
+    return Pass{.inbound = std::move(inbound), .records = std::move(records), .look = std::move(*look)};
+}
+
+void InboundDelivery::endPass(std::optional<Pass>& pass) noexcept {
+    if (!pass) return;
+    if (!pass->records.empty()) pass->look.miss();
+    memory_.endPass(std::move(pass->look));
+    pass.reset();
+}
+
+InboundDelivery::TurnEnd InboundDelivery::endOfTurn() const {
+    return uses_.clock.sinceBoot() + longest_turn;
 }
 
 std::optional<BridgeScope> InboundDelivery::scopeToDeliver() const {
@@ -109,20 +174,29 @@ std::optional<BridgeScope> InboundDelivery::scopeToDeliver() const {
     return scope;
 }
 
-/// Begins to deliver a record that belongs to the scope; false when somebody else is writing meanwhile.
-bool InboundDelivery::begin(const std::string& name, const BridgeScope& scope) {
+/// Begins to deliver the pass's next record when it belongs to the scope; false when the parent takes nothing
+/// or somebody else is writing meanwhile.
+bool InboundDelivery::begin(Pass& pass, const BridgeScope& scope) {
+    const auto& entry = pass.records.back();
+    const auto& name = entry.name;
+    if (memory_.isKnown(pass.look, *pass.inbound, entry)) return true;
     try {
-        auto record = readRecord<ManagedWhatsAppInboundRecord>(uses_.fileManager,
-                                                               joinedPath(uses_.directory.inbound, name));
-        if (!belongsToScope(record, scope)) return true;
+        auto [record, attributes] = reader_.read<ManagedWhatsAppInboundRecord>(*pass.inbound, entry);
+        if (!belongsToScope(record, scope)) {
+            WaitingMemory::leave(pass.look, entry, attributes);
+            return true;
+        }
+        Begun line{.inbound = pass.inbound, .name = name, .end = 0};
         const auto end = uses_.emitter.begin(BridgeInboundEvent{eventFor(std::move(record), name)});
         if (!end) return false;
-        begun_ = {.name = name, .end = *end};
+        line.end = *end;
+        begun_ = std::move(line);
     } catch (const OutputAbandoned&) {
         throw;
     } catch (const OutputFailure& failure) {
         holdUp(name, failure);
     } catch (const std::exception& error) {
+        pass.look.miss();
         reject(name, descriptionOf(error));
     }
     return true;
@@ -161,12 +235,11 @@ BridgeInboundMessageEvent InboundDelivery::eventFor(ManagedWhatsAppInboundRecord
 void InboundDelivery::fileAsDelivered(const Begun& line) {
     std::string filedAs;
     try {
-        filedAs =
-            moveRecordFile(uses_.fileManager, line.name, uses_.directory.inbound, uses_.directory.processed);
+        filedAs = moveRecordFile(*line.inbound, line.name, uses_.directory.processed);
     } catch (const std::exception& error) {
         return reject(line.name, descriptionOf(error));
     }
-    forgetWhatWasRead();
+    if (delivered_.size() % deliveries_between_looks == 0) forgetWhatWasRead();
     delivered_.push_back({.name = line.name, .filedAs = std::move(filedAs), .end = line.end});
 }
 
@@ -182,12 +255,6 @@ void InboundDelivery::waitForOutput() {
             goOn();
             return false;
         });
-}
-
-/// On the queue, when the parent takes more.
-void InboundDelivery::goOn() noexcept {
-    const MutexHold hold(drainLock_);
-    drain();
 }
 
 /// Nothing is rejected because the parent goes: it would be lost to the next one. A parent that only has

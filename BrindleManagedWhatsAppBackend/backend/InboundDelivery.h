@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -10,9 +11,11 @@
 
 #include "backend/BackendState.h"
 #include "backend/DiagnosticLog.h"
+#include "backend/WaitingMemory.h"
 #include "bridge/ManagedWhatsAppBackendEmitter.h"
 #include "exchange/DataDirectory.h"
 #include "exchange/ExchangeRecords.h"
+#include "exchange/RecordReader.h"
 #include "system/Clock.h"
 #include "system/FileManager.h"
 #include "system/Mutex.h"
@@ -28,7 +31,8 @@ bool belongsToScope(const ManagedWhatsAppInboundRecord& record, const BridgeScop
 /// the parent in one operation alone.
 ///
 /// A record is begun only while the parent takes more, and filed away once its whole line is written. When
-/// the parent takes no more, the delivery goes on from the queue as soon as it does again.
+/// the parent takes no more, the delivery goes on from the queue as soon as it does again. There it works in
+/// turns, between which the queue does what else is due.
 class InboundDelivery {
   public:
     /// What it works with; all of it outlives the delivery.
@@ -44,14 +48,22 @@ class InboundDelivery {
         SerialQueue& queue;
     };
 
-    explicit InboundDelivery(const Uses& uses) : uses_(uses) {}
+    explicit InboundDelivery(const Uses& uses) : uses_(uses), memory_(uses.clock) {}
 
     /// Delivers the records that belong to the active scope, in order of file names, and files them away.
     /// Does nothing while disconnected, without a scope or during a self-test. Failures are logged. A drain
     /// that is under way on another thread is waited for.
     void drainInboundDirectory() noexcept;
-    /// What the poller does at each beat: the same, but nothing when a drain is under way on another thread.
+    /// What the poller does at each beat, on the queue: the same, but nothing when a drain is under way on
+    /// another thread, and no look at what waits when nothing has changed since the last one.
     void drainUnlessUnderWay() noexcept;
+    /// For whoever is told that a record has come or was written to, on the queue: what the poller does, with
+    /// a look at everything that waits. Where that is very much, it is left to the next beat.
+    void drainWhatHasChanged() noexcept;
+    /// The next look that is due is one at everything that waits.
+    void lookAtEverythingNext() noexcept { hasChanged_ = true; }
+    /// Whether there is anything that a record could belong to.
+    bool isListening() const { return scopeToDeliver().has_value(); }
     /// For the end of the input: goes on with what was begun while the parent reads, waiting for it.
     void completeWhatIsUnderWay() noexcept;
     /// A drain that is under way ends behind the file it is at; later ones deliver nothing.
@@ -61,8 +73,22 @@ class InboundDelivery {
     void putBackWhatWasNotRead() noexcept;
 
   private:
+    /// One look at "inbound".
+    struct Pass {
+        /// Lives as long as a record of it has begun.
+        std::shared_ptr<Directory> inbound;
+        /// Those still to be looked at, the first one last.
+        std::vector<DirectoryEntry> records;
+        WaitingMemory::Pass look;
+    };
+    /// How a delivery has ended.
+    enum class Outcome { isDone, isHeldUp, isLeftForLater };
+    /// Until when a delivery may go on, by the clock's time since boot.
+    using TurnEnd = std::chrono::nanoseconds;
+    static constexpr TurnEnd never = TurnEnd::max();
     /// A record whose line has begun.
     struct Begun {
+        std::shared_ptr<Directory> inbound;
         std::string name;
         /// Where its line ends in the output.
         std::uint64_t end;
@@ -83,13 +109,17 @@ class InboundDelivery {
     };
 
     const OutputStream& output() const { return uses_.emitter.output(); }
-    bool isUnderWay() const BRINDLE_REQUIRES(drainLock_) { return begun_ || !waiting_.empty(); }
-    void drain() noexcept BRINDLE_REQUIRES(drainLock_);
+    bool isUnderWay() const BRINDLE_REQUIRES(drainLock_) { return begun_ || pass_; }
+    void drain(TurnEnd turnEnd) noexcept BRINDLE_REQUIRES(drainLock_);
     void goOn() noexcept;
-    void deliverWhatFits() BRINDLE_REQUIRES(drainLock_);
-    bool deliver(std::vector<std::string>& names) BRINDLE_REQUIRES(drainLock_);
+    TurnEnd endOfTurn() const;
+    void deliverWhatFits(TurnEnd turnEnd) BRINDLE_REQUIRES(drainLock_);
+    Outcome deliver(std::optional<Pass>& pass, TurnEnd turnEnd) BRINDLE_REQUIRES(drainLock_);
+    std::optional<Pass> beginPass(const BridgeScope& scope) BRINDLE_REQUIRES(drainLock_);
+    void endPass(std::optional<Pass>& pass) noexcept BRINDLE_REQUIRES(drainLock_);
+    bool mayGoOn() const BRINDLE_REQUIRES(drainLock_);
     std::optional<BridgeScope> scopeToDeliver() const;
-    bool begin(const std::string& name, const BridgeScope& scope) BRINDLE_REQUIRES(drainLock_);
+    bool begin(Pass& pass, const BridgeScope& scope) BRINDLE_REQUIRES(drainLock_);
     bool isBegunLineWritten() BRINDLE_REQUIRES(drainLock_);
     BridgeInboundMessageEvent eventFor(ManagedWhatsAppInboundRecord record, const std::string& name);
     void fileAsDelivered(const Begun& line) BRINDLE_REQUIRES(drainLock_);
@@ -103,8 +133,12 @@ class InboundDelivery {
     Uses uses_;
     /// Two drains over one backlog would overtake each other and deliver messages out of order or twice.
     Mutex drainLock_;
-    /// Names still to be looked at, the first one last.
-    std::vector<std::string> waiting_ BRINDLE_GUARDED_BY(drainLock_);
+    /// What goes on when the parent takes more.
+    std::optional<Pass> pass_ BRINDLE_GUARDED_BY(drainLock_);
+    RecordReader reader_ BRINDLE_GUARDED_BY(drainLock_);
+    WaitingMemory memory_ BRINDLE_GUARDED_BY(drainLock_);
+    /// Something has come or was written to that the next pass must look at.
+    std::atomic<bool> hasChanged_ = false;
     std::optional<Begun> begun_ BRINDLE_GUARDED_BY(drainLock_);
     /// Those that the reader may not have got yet, in their order.
     std::deque<Delivered> delivered_ BRINDLE_GUARDED_BY(drainLock_);

@@ -59,6 +59,8 @@ ManagedWhatsAppBackendService::ManagedWhatsAppBackendService(std::string platfor
                  .departureWatch = channel_.departureWatch(),
                  .log = log_,
                  .queue = pollQueue_}),
+      inboundWatch_(
+          {.directory = directory_, .fileManager = fileManager_, .delivery = delivery_, .queue = pollQueue_}),
       outboundIdentifiers_(fileManager_, directory_.outbound),
       supervisor_({.platform = platform_,
                    .environment = environment_,
@@ -98,6 +100,7 @@ void ManagedWhatsAppBackendService::startPollers() {
     inboundPoller_ =
         std::make_unique<RepeatingTimer>(pollQueue_, poller_first_fire, inbound_interval, [this] {
             supervisor_.resumeRelay();
+            inboundWatch_.keepUp();
             delivery_.drainUnlessUnderWay();
         });
     statusPoller_ = std::make_unique<RepeatingTimer>(pollQueue_, poller_first_fire, status_interval,

@@ -9,6 +9,7 @@
 #include "backend/DiagnosticLog.h"
 #include "backend/Housekeeping.h"
 #include "backend/InboundDelivery.h"
+#include "backend/InboundWatch.h"
 #include "backend/StatusPublisher.h"
 #include "backend/WorkerSupervisor.h"
 #include "bridge/BridgeChannel.h"
@@ -74,6 +75,7 @@ class ManagedWhatsAppBackendService {
     DiagnosticLog log_;
     StatusPublisher publisher_;
     InboundDelivery delivery_;
+    InboundWatch inboundWatch_;
     /// For the thread that answers requests.
     RecordIdentifiers outboundIdentifiers_;
     WorkerSupervisor supervisor_;

@@ -47,6 +47,8 @@ struct BridgeConversationScope {
     std::string id;
     std::string title;
 
+    bool operator==(const BridgeConversationScope&) const = default;
+
     static constexpr auto fields() {
         return std::tuple{
             field("id", &BridgeConversationScope::id, "The conversation's identifier."),
@@ -60,6 +62,8 @@ struct BridgeChannelScope {
     std::string id;
     std::string title;
 
+    bool operator==(const BridgeChannelScope&) const = default;
+
     static constexpr auto fields() {
         return std::tuple{
             field("id", &BridgeChannelScope::id, "The channel's identifier."),
@@ -72,6 +76,8 @@ struct BridgeThreadScope {
     std::string id;
     std::optional<std::string> title;
 
+    bool operator==(const BridgeThreadScope&) const = default;
+
     static constexpr auto fields() {
         return std::tuple{
             field("id", &BridgeThreadScope::id, "The thread's identifier."),
@@ -83,6 +89,8 @@ struct BridgeThreadScope {
 
 struct BridgeTestOnlyScope {
     std::string title;
+
+    bool operator==(const BridgeTestOnlyScope&) const = default;
 
     static constexpr auto fields() {
         return std::tuple{

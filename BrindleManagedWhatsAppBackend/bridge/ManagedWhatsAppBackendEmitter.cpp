@@ -47,7 +47,7 @@ std::optional<std::uint64_t> ManagedWhatsAppBackendEmitter::begin(const BridgeEn
     const MutexHold turn(output_.turn, std::adopt_lock);
     if (!output_.stream.goOn()) return std::nullopt;
     const auto end = output_.stream.written() + line.size();
-    output_.stream.begin(std::move(line));
+    if (!output_.stream.beginUnlessHeldUp(std::move(line))) return std::nullopt;
     return end;
 }
 

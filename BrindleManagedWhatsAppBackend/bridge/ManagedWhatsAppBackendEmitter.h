@@ -31,7 +31,8 @@ class ManagedWhatsAppBackendEmitter {
     /// Whether a line can begin now: the reader takes more and nobody else is writing.
     bool takesLine();
     /// Begins the line of one envelope and writes of it what the reader takes; waits for nobody. Answers the
-    /// place in the stream where the line ends; nothing when it cannot begin now. Throws as emit.
+    /// place in the stream where the line ends; nothing, and nothing is written, when it cannot begin now.
+    /// Throws as emit.
     std::optional<std::uint64_t> begin(const BridgeEnvelope& envelope);
     /// Goes on with the line that has begun, unless somebody else is at it; whether everything up to that
     /// place is written. Throws as emit.

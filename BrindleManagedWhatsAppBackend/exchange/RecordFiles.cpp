@@ -13,10 +13,18 @@
 namespace brindle {
 namespace {
 
-std::vector<std::string> recordsAmong(std::vector<std::string> names) {
-    std::erase_if(names, [](const std::string& name) { return !isRecordFileName(name); });
-    std::sort(names.begin(), names.end());
-    return names;
+bool comesBefore(const DirectoryEntry& one, const DirectoryEntry& other) {
+    return one.name < other.name;
+}
+
+std::vector<DirectoryEntry> recordsAmong(std::vector<DirectoryEntry> entries) {
+    std::erase_if(entries, [](const DirectoryEntry& entry) { return !isRecordFileName(entry.name); });
+    return entries;
+}
+
+std::vector<DirectoryEntry> inOrder(std::vector<DirectoryEntry> entries) {
+    std::sort(entries.begin(), entries.end(), comesBefore);
+    return entries;
 }
 
 /// A fresh name that ends like the given one. Of a name that leaves no room in front of it the beginning
@@ -26,6 +34,20 @@ std::string underFreshPrefix(std::string_view name) {
     auto fresh = randomIdentifier().append("-");
     name.remove_prefix(name.size() - std::min(name.size(), NAME_MAX - fresh.size()));
     return fresh.append(name);
+}
+
+/// Files away by `move`, which takes the name that is to be got and fails with EEXIST when that is taken.
+template <class Move>
+std::string fileAway(std::string_view name, const Move& move) {
+    std::string filedAs(name);
+    try {
+        move(filedAs);
+    } catch (const FileSystemFailure& failure) {
+        if (failure.code() != EEXIST) throw;
+        filedAs = underFreshPrefix(name);
+        move(filedAs);
+    }
+    return filedAs;
 }
 
 /// A fresh name of a record that comes just before the given one, as near as a name has room for.
@@ -42,30 +64,30 @@ bool isRecordFileName(std::string_view name) {
     return name.ends_with(record_file_extension);
 }
 
-std::vector<std::string> waitingRecords(FileManager& fileManager, const std::string& directory) {
-    auto first = fileManager.listDirectory(directory);
-    auto names = recordsAmong(std::move(first.visibleEntries));
-    if (first.isSnapshot || names.empty()) return names;
+std::vector<DirectoryEntry> waitingRecords(Directory& directory) {
+    auto first = directory.list();
+    auto records = recordsAmong(std::move(first.visibleEntries));
+    if (first.isSnapshot || records.empty()) return inOrder(std::move(records));
     // Whatever was written before the greatest of them was there before the second listing began, which
     // therefore has it.
-    const auto greatest = std::move(names.back());
-    names = recordsAmong(fileManager.visibleEntries(directory));
-    names.erase(std::upper_bound(names.begin(), names.end(), greatest), names.end());
-    return names;
+    const auto greatest = std::move(*std::max_element(records.begin(), records.end(), comesBefore));
+    records = recordsAmong(directory.list().visibleEntries);
+    std::erase_if(records, [&](const DirectoryEntry& each) { return comesBefore(greatest, each); });
+    return inOrder(std::move(records));
 }
 
 std::string moveRecordFile(FileManager& fileManager, std::string_view name, const std::string& fromDirectory,
                            const std::string& toDirectory) {
-    const auto file = joinedPath(fromDirectory, name);
-    std::string filedAs(name);
-    try {
+    return fileAway(name, [&, file = joinedPath(fromDirectory, name)](const std::string& filedAs) {
         fileManager.moveItem(file, joinedPath(toDirectory, filedAs));
-    } catch (const FileSystemFailure& failure) {
-        if (failure.code() != EEXIST) throw;
-        filedAs = underFreshPrefix(name);
-        fileManager.moveItem(file, joinedPath(toDirectory, filedAs));
-    }
-    return filedAs;
+    });
+}
+
+std::string moveRecordFile(Directory& fromDirectory, const std::string& name,
+                           const std::string& toDirectory) {
+    return fileAway(name, [&](const std::string& filedAs) {
+        fromDirectory.moveItem(name, joinedPath(toDirectory, filedAs));
+    });
 }
 
 void putRecordFileBack(FileManager& fileManager, const std::string& file, const std::string& directory,

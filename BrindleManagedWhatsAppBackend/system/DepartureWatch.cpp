@@ -14,6 +14,9 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
+/// Whoever asks after each piece of work asks far more often than signs need be looked for.
+constexpr std::chrono::milliseconds look_interval{10};
+
 // The order of a poll set: the output, the wake-up, then the signs.
 constexpr std::size_t first_sign = 2;
 
@@ -62,11 +65,14 @@ bool DepartureWatch::isDeparting() const {
 }
 
 bool DepartureWatch::isDepartureOver() {
+    const auto now = SteadyClock::now();
     if (!departureSeen_) {
+        if (now < nextLook_) return false;
+        nextLook_ = now + look_interval;
         if (!isDeparting()) return false;
-        departureSeen_ = SteadyClock::now();
+        departureSeen_ = now;
     }
-    return SteadyClock::now() - *departureSeen_ >= unread_output_grace;
+    return now - *departureSeen_ >= unread_output_grace;
 }
 
 bool DepartureWatch::anyDeparted(PollIterator begin, PollIterator end) {

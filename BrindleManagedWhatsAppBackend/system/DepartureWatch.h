@@ -41,7 +41,8 @@ class DepartureWatch {
     /// Whether a sign of departure is there now. Callable from any thread.
     bool isDeparting() const;
     /// True when a sign of departure was first seen, by this question, at least the grace ago. For long work
-    /// that asks now and then whether anybody still wants it. Not synchronised: one asker at a time.
+    /// that asks as often as it likes whether anybody still wants it: signs are looked for a hundred times a
+    /// second at most. Not synchronised: one asker at a time.
     bool isDepartureOver();
 
     /// Waits until `output` takes more; false, with the reason in errno, when nothing can be waited for.
@@ -59,6 +60,7 @@ class DepartureWatch {
     std::vector<pollfd> signs_;
     std::optional<pid_t> parent_;
     Descriptor parentEnd_;
+    std::chrono::steady_clock::time_point nextLook_;
     std::optional<std::chrono::steady_clock::time_point> departureSeen_;
     Descriptor wake_;
     std::atomic<bool> abandoned_ = false;

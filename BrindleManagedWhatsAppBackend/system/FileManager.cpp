@@ -9,25 +9,22 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
-#include <algorithm>
-#include <array>
 #include <cstdio>
+#include <utility>
 
 #include "system/Descriptor.h"
 #include "system/FileSystemFailure.h"
+#include "system/InotifyWatch.h"
 #include "system/Paths.h"
-#include "text/Text.h"
+#include "system/PosixDirectory.h"
+#include "system/RegularFile.h"
 
 namespace brindle {
 namespace {
 
 constexpr mode_t private_directory_mode = 0700;
-constexpr mode_t permission_bits = 07777;
-/// Room for about 500 record files.
-constexpr std::size_t listing_portion_bytes = std::size_t{32} << 10U;
 constexpr std::string_view temporary_name_template = ".brindle-XXXXXX";
 constexpr char placeholder = 'X';
-constexpr std::uintmax_t allocation_unit_bytes = 512;
 
 std::string parentDirectory(const std::string& path) {
     const auto slash = path.rfind('/');
@@ -38,12 +35,6 @@ std::string parentDirectory(const std::string& path) {
 bool isDirectory(const std::string& path) {
     struct stat status {};
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
-std::chrono::system_clock::time_point timePoint(const timespec& time) {
-    return std::chrono::system_clock::time_point(
-        std::chrono::duration_cast<std::chrono::system_clock::duration>(
-            std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec)));
 }
 
 class PosixDirectoryReader final : public DirectoryReader {
@@ -69,28 +60,6 @@ class PosixDirectoryReader final : public DirectoryReader {
     std::string directory_;
     std::unique_ptr<DIR, int (*)(DIR*)> stream_;
 };
-
-/// A regular file open for reading, and its size.
-struct OpenFile {
-    Descriptor descriptor;
-    std::size_t size = 0;
-};
-
-OpenFile openRegularFile(const std::string& path) {
-    struct stat status {};
-    // Looking before opening: merely opening a device can have effects. O_NONBLOCK covers a FIFO that takes
-    // the file's place in between.
-    if (::stat(path.c_str(), &status) != 0) throw FileSystemFailure("read", path, errno);
-    if (!S_ISREG(status.st_mode)) throw FileSystemFailure("read", path, "Not a regular file", EINVAL);
-    OpenFile file;
-    file.descriptor = Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!file.descriptor.isOpen()) throw FileSystemFailure("read", path, errno);
-    if (::fstat(file.descriptor.get(), &status) != 0) throw FileSystemFailure("read", path, errno);
-    if (!S_ISREG(status.st_mode)) throw FileSystemFailure("read", path, "Not a regular file", EINVAL);
-    file.size = static_cast<std::size_t>(status.st_size);
-    if (file.size > FileManager::longest_file_bytes) throw FileSystemFailure("read", path, EFBIG);
-    return file;
-}
 
 /// A hidden file beside its future place; removed again unless it has been given its name.
 class TemporaryFile {
@@ -141,7 +110,7 @@ bool isAtPath(const Descriptor& descriptor, const std::string& path) {
            open.st_dev == named.st_dev && open.st_ino == named.st_ino;
 }
 
-Descriptor openDirectory(const std::string& path) {
+Descriptor openToFlush(const std::string& path) {
     Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory.isOpen()) throw FileSystemFailure("write", path, errno);
     return directory;
@@ -155,28 +124,6 @@ void flushName(const Descriptor& directory, const std::string& path) {
     const int code = errno;
     ::unlink(path.c_str());
     throw FileSystemFailure("write", path, code);
-}
-
-/// Takes the entries of one portion of a directory apart.
-void appendVisibleEntries(std::string_view portion, std::vector<std::string>& names) {
-    while (!portion.empty()) {
-        // Records of various lengths, each aligned for its type.
-        const auto* entry = reinterpret_cast<const dirent64*>(portion.data());
-        const std::string_view name(static_cast<const char*>(entry->d_name));
-        if (!isHiddenName(name)) names.emplace_back(name);
-        portion.remove_prefix(entry->d_reclen);
-    }
-}
-
-[[noreturn]] void failToMove(const std::string& from, const std::string& to, int code) {
-    throw FileSystemFailure("move \"" + singleLine(from) + "\" to", to, code);
-}
-
-/// Rename without replacing, for file systems that lack RENAME_NOREPLACE.
-void moveAfterLooking(const std::string& from, const std::string& to) {
-    struct stat status {};
-    if (::lstat(to.c_str(), &status) == 0) failToMove(from, to, EEXIST);
-    if (::rename(from.c_str(), to.c_str()) != 0) failToMove(from, to, errno);
 }
 
 }  // namespace
@@ -195,6 +142,13 @@ void FileManager::writePiecesAtomically(const std::string& path, const PieceGive
     std::string bytes;
     give([&](std::string_view piece) { bytes += piece; });
     writeFileAtomically(path, bytes, durability);
+}
+
+std::vector<std::string> FileManager::visibleEntries(const std::string& directory) {
+    std::vector<std::string> names;
+    for (auto& entry : openDirectory(directory)->list().visibleEntries)
+        names.push_back(std::move(entry.name));
+    return names;
 }
 
 void FileManager::removeIfPresent(const std::string& path) noexcept {
@@ -228,20 +182,12 @@ void PosixFileManager::requireAccess(const std::string& directory) {
         throw FileSystemFailure("use the directory", directory, errno);
 }
 
-DirectoryListing PosixFileManager::listDirectory(const std::string& directory) {
-    const Descriptor descriptor(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!descriptor.isOpen()) throw FileSystemFailure("list", directory, errno);
-    DirectoryListing listing;
-    alignas(dirent64) std::array<char, listing_portion_bytes> portion;
-    for (int portions = 0;; ++portions) {
-        // Not readdir, which hides where one portion ends: the system locks the directory for one at a time.
-        const auto length = ::getdents64(descriptor.get(), portion.data(), portion.size());
-        if (length < 0) throw FileSystemFailure("list", directory, errno);
-        if (length == 0) break;
-        listing.isSnapshot = portions == 0;
-        appendVisibleEntries({portion.data(), static_cast<std::size_t>(length)}, listing.visibleEntries);
-    }
-    return listing;
+std::unique_ptr<Directory> PosixFileManager::openDirectory(const std::string& path) {
+    return std::make_unique<PosixDirectory>(path);
+}
+
+std::unique_ptr<DirectoryWatch> PosixFileManager::makeDirectoryWatch() {
+    return std::make_unique<InotifyWatch>();
 }
 
 std::unique_ptr<DirectoryReader> PosixFileManager::readDirectory(const std::string& directory) {
@@ -271,18 +217,7 @@ std::optional<FileAttributes> PosixFileManager::attributes(const std::string& pa
         if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
         throw FileSystemFailure("look at", path, errno);
     }
-    return FileAttributes{
-        .owner = status.st_uid,
-        .group = status.st_gid,
-        .permissions = status.st_mode & permission_bits,
-        .isDirectory = S_ISDIR(status.st_mode),
-        .isRegularFile = S_ISREG(status.st_mode),
-        .isSymbolicLink = S_ISLNK(status.st_mode),
-        .device = status.st_dev,
-        .inode = status.st_ino,
-        .modification = timePoint(status.st_mtim),
-        .statusChange = timePoint(status.st_ctim),
-        .allocatedBytes = static_cast<std::uintmax_t>(status.st_blocks) * allocation_unit_bytes};
+    return attributesFrom(status);
 }
 
 std::string PosixFileManager::readLink(const std::string& path) {
@@ -294,20 +229,9 @@ std::string PosixFileManager::readLink(const std::string& path) {
 }
 
 std::string PosixFileManager::readFile(const std::string& path) {
-    OpenFile file = openRegularFile(path);
-    // One byte more than the size, so that the usual file is read in a single call that also meets its end.
-    std::string content(file.size + 1, '\0');
-    std::size_t length = 0;
-    for (;;) {
-        if (length > longest_file_bytes) throw FileSystemFailure("read", path, EFBIG);
-        if (length == content.size()) content.resize(content.size() * 2);
-        const auto got = ::read(file.descriptor.get(), content.data() + length, content.size() - length);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) throw FileSystemFailure("read", path, errno);
-        length += static_cast<std::size_t>(got);
-        if (got == 0 || length == file.size) break;
-    }
-    content.resize(length);
+    const FilePlace place{.directory = AT_FDCWD, .directoryPath = "", .name = path};
+    std::string content;
+    readWhole(openAfterLooking(place), place, content);
     return content;
 }
 
@@ -324,15 +248,13 @@ void PosixFileManager::writePiecesAtomically(const std::string& path, const Piec
     if (durability == Durability::process) return file.becomeTarget();
     file.flushToDisk();
     // Opened first, because a failure after the file has become visible would come too late.
-    const Descriptor directory = openDirectory(parentDirectory(path));
+    const Descriptor directory = openToFlush(parentDirectory(path));
     file.becomeTarget();
     flushName(directory, path);
 }
 
 void PosixFileManager::moveItem(const std::string& from, const std::string& to) {
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return;
-    if (errno == EINVAL || errno == ENOSYS) return moveAfterLooking(from, to);
-    failToMove(from, to, errno);
+    moveWithoutReplacing({.directory = AT_FDCWD, .directoryPath = "", .name = from}, to);
 }
 
 Descriptor PosixFileManager::lockDirectory(const std::string& path) {

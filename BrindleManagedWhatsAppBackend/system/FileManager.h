@@ -1,8 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -12,6 +9,9 @@
 #include <vector>
 
 #include "system/Descriptor.h"
+#include "system/Directory.h"
+#include "system/DirectoryWatch.h"
+#include "system/FileAttributes.h"
 #include "text/Pieces.h"
 
 namespace brindle {
@@ -22,26 +22,6 @@ enum class Durability {
     process,
     /// On disk, name included, before the call returns. For messages.
     disk,
-};
-
-/// What the system knows of the object that a path itself names (a link is not followed).
-struct FileAttributes {
-    uid_t owner = 0;
-    gid_t group = 0;
-    /// Permission bits.
-    mode_t permissions = 0;
-    bool isDirectory = false;
-    bool isRegularFile = false;
-    bool isSymbolicLink = false;
-    /// Together they tell one object from every other that exists at the time.
-    dev_t device = 0;
-    ino_t inode = 0;
-    /// When its content was last written, which whoever may write it can set as he likes.
-    std::chrono::system_clock::time_point modification;
-    /// When it last changed in any way; a new name counts as a change. Nobody can set it.
-    std::chrono::system_clock::time_point statusChange;
-    /// The space that it takes.
-    std::uintmax_t allocatedBytes = 0;
 };
 
 /// The names in a directory, one after the other: for directories that may be too large for one go.
@@ -59,15 +39,6 @@ bool isHiddenName(std::string_view name);
 /// process.
 bool isTemporaryName(std::string_view name);
 
-/// What a directory holds.
-struct DirectoryListing {
-    /// Names of the entries, hidden ones (".…") left out, in no order.
-    std::vector<std::string> visibleEntries;
-    /// The listing shows the directory as it was at one moment. A long one is read in several portions and is
-    /// no snapshot: it may show an entry that was made meanwhile, and not one that was made before that.
-    bool isSnapshot = true;
-};
-
 /// Every touch of the file system. Operations that fail throw FileSystemFailure and have had no effect.
 class FileManager {
   public:
@@ -83,8 +54,10 @@ class FileManager {
     virtual void makePrivate(const std::string& directory) = 0;
     /// Fails unless this process may list the directory, enter it and write there.
     virtual void requireAccess(const std::string& directory) = 0;
-    /// Not recursive.
-    virtual DirectoryListing listDirectory(const std::string& directory) = 0;
+    /// Opens a directory to work in it.
+    virtual std::unique_ptr<Directory> openDirectory(const std::string& path) = 0;
+    /// Prepares to be told what comes into a directory; none is watched yet.
+    virtual std::unique_ptr<DirectoryWatch> makeDirectoryWatch() = 0;
     /// Begins to read a directory; not recursive.
     virtual std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) = 0;
     /// The size of the file system that the path lies on; 0 when it has no bound.
@@ -93,7 +66,7 @@ class FileManager {
     virtual bool fileExists(const std::string& path) = 0;
     /// True for a regular file that this process may execute.
     virtual bool isExecutableFile(const std::string& path) = 0;
-    /// Nothing when there is no such object.
+    /// Those of what the path itself names: a link is not followed. Nothing when there is no such object.
     virtual std::optional<FileAttributes> attributes(const std::string& path) = 0;
     /// What a symbolic link holds.
     virtual std::string readLink(const std::string& path) = 0;
@@ -117,10 +90,9 @@ class FileManager {
     /// Removes a file or an empty directory.
     virtual void removeItem(const std::string& path) = 0;
 
-    /// The names alone, for those to whom the order of their making means nothing.
-    std::vector<std::string> visibleEntries(const std::string& directory) {
-        return listDirectory(directory).visibleEntries;
-    }
+    /// The visible names in a directory, in no order; not recursive. For those to whom the order of their
+    /// making means nothing.
+    std::vector<std::string> visibleEntries(const std::string& directory);
     /// Removes the file when it exists; never fails.
     void removeIfPresent(const std::string& path) noexcept;
 };
@@ -131,7 +103,8 @@ class PosixFileManager final : public FileManager {
     void createDirectory(const std::string& path) override;
     void makePrivate(const std::string& directory) override;
     void requireAccess(const std::string& directory) override;
-    DirectoryListing listDirectory(const std::string& directory) override;
+    std::unique_ptr<Directory> openDirectory(const std::string& path) override;
+    std::unique_ptr<DirectoryWatch> makeDirectoryWatch() override;
     std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) override;
     std::uintmax_t fileSystemBytes(const std::string& path) override;
     bool fileExists(const std::string& path) override;

@@ -93,6 +93,13 @@ bool OutputStream::begin(std::string text) {
     return false;
 }
 
+bool OutputStream::beginUnlessHeldUp(std::string text) {
+    const auto start = written();
+    if (begin(std::move(text)) || written() > start) return true;
+    std::string().swap(begun_);
+    return false;
+}
+
 bool OutputStream::goOn() {
     requireWholeStream();
     if (begun_.empty()) return true;

@@ -41,6 +41,8 @@ class OutputStream {
     /// Begins a text behind the one that has begun, which must have been written; writes what the reader
     /// takes without waiting. True when that was all. Throws as write.
     bool begin(std::string text);
+    /// As begin, unless the reader takes nothing of it now: then it has not begun, and the answer is false.
+    bool beginUnlessHeldUp(std::string text);
     /// Goes on with the text that has begun; true when nothing is left of it. Throws as write.
     bool goOn();
 

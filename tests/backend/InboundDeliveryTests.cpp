@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -121,16 +122,29 @@ class PortionedListing final : public test::ForwardingFileManager {
   public:
     explicit PortionedListing(BackendParts& parts) : ForwardingFileManager(parts.files), parts_(parts) {}
 
-    DirectoryListing listDirectory(const std::string& directory) override {
-        auto listing = ForwardingFileManager::listDirectory(directory);
-        if (listed_++ > 0) return listing;
-        std::erase(listing.visibleEntries, "b.json");
-        listing.isSnapshot = false;
-        parts_.putInbound("d.json", inboundRecord("4").dump());
-        return listing;
+    std::unique_ptr<Directory> openDirectory(const std::string& path) override {
+        return std::make_unique<Portioned>(ForwardingFileManager::openDirectory(path), *this);
     }
 
   private:
+    class Portioned final : public test::ForwardingDirectory {
+      public:
+        Portioned(std::unique_ptr<Directory> next, PortionedListing& files)
+            : ForwardingDirectory(std::move(next)), files_(files) {}
+
+        DirectoryListing list() override {
+            auto listing = ForwardingDirectory::list();
+            if (files_.listed_++ > 0) return listing;
+            std::erase_if(listing.visibleEntries, [](const auto& each) { return each.name == "b.json"; });
+            listing.isSnapshot = false;
+            files_.parts_.putInbound("d.json", inboundRecord("4").dump());
+            return listing;
+        }
+
+      private:
+        PortionedListing& files_;
+    };
+
     BackendParts& parts_;
     int listed_ = 0;
 };
@@ -140,15 +154,7 @@ TEST_F(InboundDeliveryTests, NoLaterMessageIsDeliveredBeforeAnEarlierOneWhileOth
         put(name, inboundRecord(messageId));
     }
     PortionedListing files(parts_);
-    const auto& uses = parts_.forDelivery();
-    InboundDelivery delivery({.directory = uses.directory,
-                              .fileManager = files,
-                              .clock = uses.clock,
-                              .state = uses.state,
-                              .emitter = uses.emitter,
-                              .departureWatch = uses.departureWatch,
-                              .log = uses.log,
-                              .queue = uses.queue});
+    InboundDelivery delivery(parts_.forDelivery(files));
     delivery.drainInboundDirectory();
     EXPECT_THAT(inbound(), ElementsAre("d.json"));
     delivery.drainInboundDirectory();

@@ -50,38 +50,51 @@ TEST_F(RecordFilesTests, ExtensionIsMatchedExactly) {
     EXPECT_FALSE(isRecordFileName("ajson"));
 }
 
-/// Shows one listing after the other.
-class ListedFiles final : public test::ForwardingFileManager {
-  public:
-    explicit ListedFiles(std::vector<DirectoryListing> listings)
-        : ForwardingFileManager(real_), listings_(std::move(listings)) {}
+DirectoryListing listingOf(const std::vector<std::string>& names, bool isSnapshot) {
+    DirectoryListing listing{.visibleEntries = {}, .isSnapshot = isSnapshot};
+    for (const auto& name : names)
+        listing.visibleEntries.push_back({.name = name, .inode = 0, .isRegularFile = true});
+    return listing;
+}
 
-    DirectoryListing listDirectory(const std::string&) override { return listings_.at(listed_++); }
+/// Shows one listing after the other.
+class ListedDirectory final : public test::ForwardingDirectory {
+  public:
+    explicit ListedDirectory(std::vector<DirectoryListing> listings)
+        : ForwardingDirectory(PosixFileManager().openDirectory("/")), listings_(std::move(listings)) {}
+
+    DirectoryListing list() override { return listings_.at(listed_++); }
     std::size_t listed() const { return listed_; }
 
   private:
-    PosixFileManager real_;
     std::vector<DirectoryListing> listings_;
     std::size_t listed_ = 0;
 };
 
+std::vector<std::string> waitingNames(Directory& directory) {
+    std::vector<std::string> names;
+    for (const auto& record : waitingRecords(directory)) names.push_back(record.name);
+    return names;
+}
+
 TEST(WaitingRecordsTests, AreTheRecordsInOrderOfTheirNames) {
-    ListedFiles files({{.visibleEntries = {"b.json", "note.txt", "a.json", "B.json", "10.json", "9.json"}}});
-    EXPECT_THAT(waitingRecords(files, "/"), ElementsAre("10.json", "9.json", "B.json", "a.json", "b.json"));
-    EXPECT_EQ(files.listed(), 1U);
+    ListedDirectory directory(
+        {listingOf({"b.json", "note.txt", "a.json", "B.json", "10.json", "9.json"}, true)});
+    EXPECT_THAT(waitingNames(directory), ElementsAre("10.json", "9.json", "B.json", "a.json", "b.json"));
+    EXPECT_EQ(directory.listed(), 1U);
 }
 
 TEST(WaitingRecordsTests, ListingInPortionsIsRepeatedUpToItsGreatestName) {
-    ListedFiles files({{.visibleEntries = {"a.json", "d.json", "z.txt"}, .isSnapshot = false},
-                       {.visibleEntries = {"f.json", "d.json", "e.json", "b.json", "c.json", "a.json"},
-                        .isSnapshot = false}});
-    EXPECT_THAT(waitingRecords(files, "/"), ElementsAre("a.json", "b.json", "c.json", "d.json"));
-    EXPECT_EQ(files.listed(), 2U);
+    ListedDirectory directory(
+        {listingOf({"a.json", "d.json", "z.txt"}, false),
+         listingOf({"f.json", "d.json", "e.json", "b.json", "c.json", "a.json"}, false)});
+    EXPECT_THAT(waitingNames(directory), ElementsAre("a.json", "b.json", "c.json", "d.json"));
+    EXPECT_EQ(directory.listed(), 2U);
 }
 
 TEST(WaitingRecordsTests, NoneAmongManyOtherFilesAreNone) {
-    ListedFiles files({{.visibleEntries = {"z.txt"}, .isSnapshot = false}});
-    EXPECT_THAT(waitingRecords(files, "/"), IsEmpty());
+    ListedDirectory directory({listingOf({"z.txt"}, false)});
+    EXPECT_THAT(waitingNames(directory), IsEmpty());
 }
 
 TEST(WaitingRecordsTests, NoLaterOneIsShownWithoutAnEarlierOneWhileOthersArrive) {
@@ -104,7 +117,7 @@ TEST(WaitingRecordsTests, NoLaterOneIsShownWithoutAnEarlierOneWhileOthersArrive)
     for (int due = waiting; due <= altogether; ++due) {
         // Whoever lists all the time keeps the writer from writing.
         while (written < due) std::this_thread::yield();
-        shown = waitingRecords(files, home.path());
+        shown = waitingNames(*files.openDirectory(home.path()));
         for (std::size_t i = 0; i < shown.size(); ++i) {
             if (shown[i] != name(static_cast<int>(i))) {
                 ++incomplete;
@@ -121,6 +134,15 @@ TEST_F(RecordFilesTests, RecordIsMovedUnderItsOwnName) {
     moveRecordFile(files_, "a.json", from_, to_);
     EXPECT_TRUE(fs::is_empty(from_));
     EXPECT_EQ(files_.readFile(to_ + "/a.json"), "new");
+}
+
+TEST_F(RecordFilesTests, RecordIsMovedOutOfADirectoryThatIsOpen) {
+    test::writeFileAtomically(to_ + "/a.json", "old");
+    const auto filedAs = moveRecordFile(*files_.openDirectory(from_), "a.json", to_);
+    EXPECT_TRUE(fs::is_empty(from_));
+    EXPECT_TRUE(filedAs.ends_with("-a.json")) << filedAs;
+    EXPECT_EQ(files_.readFile(to_ + "/a.json"), "old");
+    EXPECT_EQ(files_.readFile(to_ + "/" + filedAs), "new");
 }
 
 TEST_F(RecordFilesTests, RecordWhoseNameIsTakenGetsAFreshOne) {

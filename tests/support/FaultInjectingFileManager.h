@@ -56,7 +56,8 @@ class FaultInjectingFileManager final : public FileManager {
     void createDirectory(const std::string& path) override;
     void makePrivate(const std::string& directory) override;
     void requireAccess(const std::string& directory) override;
-    DirectoryListing listDirectory(const std::string& directory) override;
+    std::unique_ptr<Directory> openDirectory(const std::string& path) override;
+    std::unique_ptr<DirectoryWatch> makeDirectoryWatch() override;
     std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) override;
     std::uintmax_t fileSystemBytes(const std::string& path) override;
     bool fileExists(const std::string& path) override;
@@ -80,10 +81,14 @@ class FaultInjectingFileManager final : public FileManager {
     void pretendFileSystemBytes(std::optional<std::uintmax_t> bytes) { pretendedBytes_ = bytes; }
 
   private:
+    class OpenDirectory;
     class Reader;
+    class Watch;
     void record(std::string_view action, const std::string& path);
     bool mustFail(std::string_view action, const std::string& path, Stage stage);
     void failIfDue(std::string_view action, const std::string& path, Stage stage = Stage::beforeAnyEffect);
+    void begin(std::string_view action, const std::string& path);
+    FileAttributes pretended(const std::string& path, FileAttributes found) const;
 
     QuickFileManager real_;
     std::optional<std::uintmax_t> pretendedBytes_;

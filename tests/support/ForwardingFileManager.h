@@ -1,14 +1,35 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "system/FileManager.h"
 
 namespace brindle::test {
+
+/// Passes on what is done in an open directory. What a test wants otherwise it overrides.
+class ForwardingDirectory : public Directory {
+  public:
+    explicit ForwardingDirectory(std::unique_ptr<Directory> next) : next_(std::move(next)) {}
+
+    FileAttributes attributes() override { return next_->attributes(); }
+    DirectoryListing list() override { return next_->list(); }
+    std::optional<FileAttributes> attributesOf(const std::string& name) override {
+        return next_->attributesOf(name);
+    }
+    FileAttributes readFile(const DirectoryEntry& entry, std::string& content) override {
+        return next_->readFile(entry, content);
+    }
+    void moveItem(const std::string& name, const std::string& to) override { next_->moveItem(name, to); }
+
+  private:
+    std::unique_ptr<Directory> next_;
+};
 
 /// Passes everything on. What a test wants otherwise it overrides.
 class ForwardingFileManager : public FileManager {
@@ -18,9 +39,10 @@ class ForwardingFileManager : public FileManager {
     void createDirectory(const std::string& path) override { next_.createDirectory(path); }
     void makePrivate(const std::string& directory) override { next_.makePrivate(directory); }
     void requireAccess(const std::string& directory) override { next_.requireAccess(directory); }
-    DirectoryListing listDirectory(const std::string& directory) override {
-        return next_.listDirectory(directory);
+    std::unique_ptr<Directory> openDirectory(const std::string& path) override {
+        return next_.openDirectory(path);
     }
+    std::unique_ptr<DirectoryWatch> makeDirectoryWatch() override { return next_.makeDirectoryWatch(); }
     std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) override {
         return next_.readDirectory(directory);
     }

@@ -117,10 +117,50 @@ void PowerLossFileManager::requireAccess(const std::string& directory) {
     real_.requireAccess(directory);
 }
 
-DirectoryListing PowerLossFileManager::listDirectory(const std::string& directory) {
+/// Nothing works in it, either, once the power has gone.
+class PowerLossFileManager::OpenDirectory final : public Directory {
+  public:
+    OpenDirectory(PowerLossFileManager& files, std::string path)
+        : files_(files), path_(std::move(path)), real_(files.real_.openDirectory(path_)) {}
+
+    FileAttributes attributes() override {
+        const std::lock_guard hold(files_.lock_);
+        files_.requirePower("look at", path_);
+        return real_->attributes();
+    }
+    DirectoryListing list() override {
+        const std::lock_guard hold(files_.lock_);
+        files_.requirePower("list", path_);
+        return real_->list();
+    }
+    std::optional<FileAttributes> attributesOf(const std::string& name) override {
+        const std::lock_guard hold(files_.lock_);
+        files_.requirePower("look at", path_ + "/" + name);
+        return real_->attributesOf(name);
+    }
+    FileAttributes readFile(const DirectoryEntry& entry, std::string& content) override {
+        const std::lock_guard hold(files_.lock_);
+        files_.requirePower("read", path_ + "/" + entry.name);
+        return real_->readFile(entry, content);
+    }
+    void moveItem(const std::string& name, const std::string& to) override {
+        files_.moveItem(path_ + "/" + name, to);
+    }
+
+  private:
+    PowerLossFileManager& files_;
+    std::string path_;
+    std::unique_ptr<Directory> real_;
+};
+
+std::unique_ptr<Directory> PowerLossFileManager::openDirectory(const std::string& path) {
     const std::lock_guard hold(lock_);
-    requirePower("list", directory);
-    return real_.listDirectory(directory);
+    requirePower("list", path);
+    return std::make_unique<OpenDirectory>(*this, path);
+}
+
+std::unique_ptr<DirectoryWatch> PowerLossFileManager::makeDirectoryWatch() {
+    return real_.makeDirectoryWatch();
 }
 
 std::unique_ptr<DirectoryReader> PowerLossFileManager::readDirectory(const std::string& directory) {

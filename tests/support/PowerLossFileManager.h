@@ -51,7 +51,8 @@ class PowerLossFileManager final : public FileManager {
     void createDirectory(const std::string& path) override;
     void makePrivate(const std::string& directory) override;
     void requireAccess(const std::string& directory) override;
-    DirectoryListing listDirectory(const std::string& directory) override;
+    std::unique_ptr<Directory> openDirectory(const std::string& path) override;
+    std::unique_ptr<DirectoryWatch> makeDirectoryWatch() override;
     std::unique_ptr<DirectoryReader> readDirectory(const std::string& directory) override;
     std::uintmax_t fileSystemBytes(const std::string& path) override;
     bool fileExists(const std::string& path) override;
@@ -65,6 +66,7 @@ class PowerLossFileManager final : public FileManager {
     void removeItem(const std::string& path) override;
 
   private:
+    class OpenDirectory;
     /// What was done and not flushed.
     struct Change {
         std::vector<std::string> paths;

@@ -199,20 +199,6 @@ TEST_F(FileManagerTests, ListsEmptyDirectory) {
     EXPECT_THAT(files_.visibleEntries(directory_.path()), IsEmpty());
 }
 
-TEST_F(FileManagerTests, ListsMoreEntriesThanFitIntoOneCall) {
-    for (int i = 0; i < 3000; ++i) put(std::to_string(i), "");
-    const auto listing = files_.listDirectory(directory_.path());
-    EXPECT_EQ(listing.visibleEntries.size(), 3000U);
-    EXPECT_EQ(std::set(listing.visibleEntries.begin(), listing.visibleEntries.end()).size(), 3000U);
-    EXPECT_FALSE(listing.isSnapshot);
-}
-
-TEST_F(FileManagerTests, ListingThatFitsIntoOneCallIsASnapshot) {
-    EXPECT_TRUE(files_.listDirectory(directory_.path()).isSnapshot);
-    for (int i = 0; i < 100; ++i) put(std::to_string(i), "");
-    EXPECT_TRUE(files_.listDirectory(directory_.path()).isSnapshot);
-}
-
 TEST_F(FileManagerTests, ListingFailureNamesDirectoryAndReason) {
     const auto failure = failureOf([&] { files_.visibleEntries(at("missing")); });
     EXPECT_EQ(failure.code(), ENOENT);

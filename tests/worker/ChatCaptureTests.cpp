@@ -437,8 +437,7 @@ TEST_F(InboundCaptureTests, DirectoryThatCannotBeListedDoesNotLoseAMessage) {
 }
 
 TEST_F(InboundCaptureTests, FailedWriteInTheMiddleEndsTheDrain) {
-    // What waits is listed before the first write.
-    parts_.faults.set(Fault{.operation = 3, .code = ENOSPC});
+    parts_.faults.set(Fault{.operation = 2, .code = ENOSPC, .action = "write"});
     pollOpenChat(drain({message("a", "1"), message("b", "2"), message("c", "3")}));
     EXPECT_THAT(texts(), ElementsAre("a"));
     EXPECT_THAT(test::namesIn(parts_.directory.inbound), SizeIs(1));
@@ -604,8 +603,7 @@ TEST_F(LateCaptureTests, WhatElseALateAnswerSaysIsOutOfDate) {
 
 TEST_F(LateCaptureTests, FailedWriteIsPublished) {
     pollSlowPage();
-    // What waits is listed before the first write.
-    parts_.faults.set(Fault{.operation = 2, .code = ENOSPC});
+    parts_.faults.set(Fault{.operation = 1, .code = ENOSPC, .action = "write"});
     parts_.host.answerOnly(test::result(drain({message("a")}).dump()));
     EXPECT_THAT(parts_.published().back(), AllOf(StartsWith("error: "), HasSubstr("No space left")));
 }
