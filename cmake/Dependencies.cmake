@@ -5,6 +5,8 @@ pkg_check_modules(utf8proc REQUIRED IMPORTED_TARGET libutf8proc)
 pkg_check_modules(uuid REQUIRED IMPORTED_TARGET uuid)
 # Whoever starts the helper waits for every library that is loaded and bound with it, so the small ones come with it.
 # docs/decisions/static-libraries.md
+set(utf8proc_notice /usr/share/doc/libutf8proc-dev/copyright)
+set(uuid_notice /usr/share/doc/uuid-dev/copyright)
 foreach(library utf8proc uuid)
   find_library(${library}_archive NAMES lib${library}.a HINTS ${${library}_LIBRARY_DIRS} ${${library}_LIBDIR})
   if(${library}_archive)
