@@ -9,6 +9,8 @@ namespace brindle {
 namespace {
 
 constexpr std::size_t indent_spaces = 2;
+/// Room for nearly every document, so that its text is not moved while it grows.
+constexpr std::size_t usual_document_bytes = 512;
 
 /// For each byte that does not stand for itself: 'u' when it needs \u00XX, else the letter after the
 /// backslash.
@@ -56,6 +58,7 @@ std::string JsonWriter::finish() {
 }
 
 void JsonWriter::begin(char bracket) {
+    if (text_.empty()) text_.reserve(usual_document_bytes);
     beforeValue();
     text_ += bracket;
     ++depth_;
@@ -86,6 +89,14 @@ void JsonWriter::newLine() {
 
 void JsonWriter::appendString(std::string_view value) {
     text_ += '"';
+    // Names, and most texts, are short and stand for themselves.
+    if (value.size() < piece_bytes) {
+        const auto run = plainRun<'"', '\\', '/'>(value);
+        if (run.isAscii && run.length == value.size()) {
+            text_.append(value).append(1, '"');
+            return handOn();
+        }
+    }
     std::string repaired;
     bool isKnownUtf8 = false;
     while (!value.empty()) {
