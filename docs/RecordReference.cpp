@@ -1,41 +1,33 @@
 /// Writes the reference of every record, or checks that what is written is current:
 /// record_reference [--check] DIRECTORY
-#include <cxxabi.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
-#include <memory>
 #include <set>
+#include <span>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <type_traits>
-#include <typeinfo>
 #include <utility>
 
+#include "backend/BackendIdentity.h"
 #include "bridge/BridgeMessages.h"
 #include "exchange/ExchangeRecords.h"
 #include "records/RecordSchema.h"
+#include "records/TypeName.h"
 
 namespace brindle {
 namespace {
 
 using Files = std::map<std::string, std::string>;
 
+constexpr auto schema_suffix = ".schema.json";
+
 constexpr auto page_notice =
     "<!-- Written by scripts/update-reference from the records' own lists of fields. -->\n\n";
-
-/// The record's name as the sources have it.
-template <class T>
-std::string typeName() {
-    constexpr std::string_view our_namespace = "brindle::";
-    const std::unique_ptr<char, decltype(&std::free)> name(
-        abi::__cxa_demangle(typeid(T).name(), nullptr, nullptr, nullptr), &std::free);
-    return std::string(name.get()).substr(our_namespace.size());
-}
 
 /// The tables of records. A record comes once, followed by the records that it holds; an enumeration that it
 /// holds comes at the end, case by case.
@@ -89,17 +81,37 @@ class ReferenceTables {
     std::string cases_;
 };
 
+/// A schema keeps its name until the protocol gets another version.
+SchemaTitle schemaTitle(const std::string& title, std::string_view meaning) {
+    return {.id = "urn:brindle:" + std::string(backend_version) + ":" + title,
+            .title = title,
+            .meaning = meaning};
+}
+
+/// The schema that says of both directions what it allows, and one for each direction.
+void addBridgeSchemas(Files& files) {
+    const auto add = [&](const std::string& title, std::string_view meaning,
+                         std::span<const std::string_view> cases) {
+        files[title + schema_suffix] = schemaOf<BridgeEnvelope>(schemaTitle(title, meaning), cases);
+    };
+    add("BridgeEnvelope", BridgeEnvelope::meaning, BridgeEnvelope::case_names);
+    add("BridgeRequest", BridgeEnvelope::request_meaning, BridgeEnvelope::requests);
+    add("BridgeEvent", BridgeEnvelope::event_meaning, BridgeEnvelope::events);
+}
+
+template <RecordType... R>
+void addFileRecords(Files& files, ReferenceTables& tables, std::type_identity<std::tuple<R...>>) {
+    (tables.add<R>(), ...);
+    ((files[typeName<R>() + schema_suffix] = schemaOf<R>(schemaTitle(typeName<R>(), R::meaning))), ...);
+}
+
 Files reference() {
     Files files;
     ReferenceTables tables;
     tables.addPayloads<BridgeEnvelope>();
     files["bridge-records.md"] = tables.takePage("Records of the bridge protocol");
-    files[typeName<BridgeEnvelope>() + ".schema.json"] = schemaOf<BridgeEnvelope>();
-    const auto addFileRecords = [&]<RecordType... R>(std::type_identity<std::tuple<R...>>) {
-        (tables.add<R>(), ...);
-        ((files[typeName<R>() + ".schema.json"] = schemaOf<R>()), ...);
-    };
-    addFileRecords(std::type_identity<DataDirectoryRecords>{});
+    addBridgeSchemas(files);
+    addFileRecords(files, tables, std::type_identity<DataDirectoryRecords>{});
     files["exchange-records.md"] = tables.takePage("Records of the data directory");
     return files;
 }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "bridge/BridgeMessages.h"
+#include "exchange/ExchangeWords.h"
 #include "records/Record.h"
 #include "system/FileManager.h"
 
@@ -21,14 +22,21 @@ struct ManagedWhatsAppWorkerStatusRecord {
     bool supportsLiveCapture = false;
     bool supportsOutbound = false;
 
+    static constexpr std::string_view meaning =
+        "The file runtime/worker-status.json, which the worker writes every second and the backend reads.";
+
     static constexpr auto fields() {
         using Record = ManagedWhatsAppWorkerStatusRecord;
         return std::tuple{
-            field("state", &Record::state, "The worker's state word."),
-            field("displayName", &Record::displayName, "The linked account's name, when known."),
-            field("detail", &Record::detail, "A sentence for people that describes the state."),
-            field("lastHeartbeatISO8601", &Record::lastHeartbeatISO8601, "When the record was written."),
-            field("contactQRLink", &Record::contactQRLink, "A QR link for contacting the account."),
+            field("state", &Record::state, "The worker's state word.", like(worker_state::watching_chat)),
+            field("displayName", &Record::displayName, "The linked account's name, when known.",
+                  like("Bo Nilsson")),
+            field("detail", &Record::detail, "A sentence for people that describes the state.",
+                  like("Watching 'Team Room'.")),
+            field("lastHeartbeatISO8601", &Record::lastHeartbeatISO8601, "When the record was written.",
+                  dateTime()),
+            field("contactQRLink", &Record::contactQRLink, "A QR link for contacting the account.",
+                  like("https://example.com/qr/4711")),
             field("supportsLiveCapture", &Record::supportsLiveCapture,
                   "Whether it captures inbound messages."),
             field("supportsOutbound", &Record::supportsOutbound, "Whether it sends outbound records."),
@@ -45,9 +53,11 @@ struct ManagedWhatsAppWorkerControlScope {
     static constexpr auto fields() {
         using Record = ManagedWhatsAppWorkerControlScope;
         return std::tuple{
-            field("kind", &Record::kind, "One of \"conversation\", \"channel\", \"thread\", \"testOnly\"."),
-            field("id", &Record::id, "The scope's identifier; never for \"testOnly\"."),
-            field("title", &Record::title, "The chat title to watch; a thread may have none."),
+            field("kind", &Record::kind, "One of \"conversation\", \"channel\", \"thread\", \"testOnly\".",
+                  oneOf(BridgeScope::case_names)),
+            field("id", &Record::id, "The scope's identifier; never for \"testOnly\".", like("team-room")),
+            field("title", &Record::title, "The chat title to watch; a thread may have none.",
+                  like("Team Room")),
         };
     }
 
@@ -61,13 +71,17 @@ struct ManagedWhatsAppWorkerControlRecord {
     std::optional<ManagedWhatsAppWorkerControlScope> activeScope;
     std::string updatedAtISO8601;
 
+    static constexpr std::string_view meaning =
+        "The file runtime/worker-control.json, which the backend writes and the worker reads.";
+
     static constexpr auto fields() {
         using Record = ManagedWhatsAppWorkerControlRecord;
         return std::tuple{
             field("platform", &Record::platform,
-                  "The writer's platform; a record for another one is ignored."),
+                  "The writer's platform; a record for another one is ignored.", like("whatsapp")),
             field("activeScope", &Record::activeScope, "What to watch; absent when nothing is listened to."),
-            field("updatedAtISO8601", &Record::updatedAtISO8601, "When the backend built the record."),
+            field("updatedAtISO8601", &Record::updatedAtISO8601, "When the backend built the record.",
+                  dateTime()),
         };
     }
 };
@@ -81,15 +95,22 @@ struct ManagedWhatsAppOutboundRecord {
     std::string createdAtISO8601;
     std::vector<BridgeAttachment> attachments;
 
+    static constexpr std::string_view meaning =
+        "A file of outbound, which the backend writes and a worker that sends takes.";
+
     static constexpr auto fields() {
         using Record = ManagedWhatsAppOutboundRecord;
         return std::tuple{
             field("messageId", &Record::messageId,
-                  "A fresh UUID, greater than those before; also the file's base name."),
-            field("conversationId", &Record::conversationId, "The conversation to send to."),
-            field("text", &Record::text, "The message text."),
-            field("replyToMessageId", &Record::replyToMessageId, "The message this one answers."),
-            field("createdAtISO8601", &Record::createdAtISO8601, "When the backend accepted the request."),
+                  "A fresh UUID, greater than those before; also the file's base name.",
+                  uuidLike("6F1C2E4A-1B7D-4C55-9E0B-2D3F4A5B6C7D")),
+            field("conversationId", &Record::conversationId, "The conversation to send to.",
+                  like("team-room")),
+            field("text", &Record::text, "The message text.", like("On my way")),
+            field("replyToMessageId", &Record::replyToMessageId, "The message this one answers.",
+                  like("m-17")),
+            field("createdAtISO8601", &Record::createdAtISO8601, "When the backend accepted the request.",
+                  dateTime()),
             field("attachments", &Record::attachments, "The attachments as received; always present."),
         };
     }
@@ -107,18 +128,24 @@ struct ManagedWhatsAppWorkerInboundRecord {
     bool isDirectMessage = false;
     std::optional<std::string> rawReference;
 
+    static constexpr std::string_view meaning =
+        "A file of inbound as the built-in worker writes it; other workers may leave more out.";
+
     static constexpr auto fields() {
         using Record = ManagedWhatsAppWorkerInboundRecord;
         return std::tuple{
-            field("messageId", &Record::messageId, "The captured message's identifier; also the base name."),
-            field("conversationId", &Record::conversationId, "The conversation it belongs to."),
-            field("conversationTitle", &Record::conversationTitle, "The chat's title."),
-            field("senderId", &Record::senderId, "The sender's identifier."),
-            field("senderDisplayName", &Record::senderDisplayName, "The sender's name."),
-            field("text", &Record::text, "The message text."),
-            field("timestampISO8601", &Record::timestampISO8601, "When it was captured."),
+            field("messageId", &Record::messageId, "The captured message's identifier; also the base name.",
+                  like("m-18")),
+            field("conversationId", &Record::conversationId, "The conversation it belongs to.",
+                  like("team-room")),
+            field("conversationTitle", &Record::conversationTitle, "The chat's title.", like("Team Room")),
+            field("senderId", &Record::senderId, "The sender's identifier.", like("bo")),
+            field("senderDisplayName", &Record::senderDisplayName, "The sender's name.", like("Bo Nilsson")),
+            field("text", &Record::text, "The message text.", like("Good morning!")),
+            field("timestampISO8601", &Record::timestampISO8601, "When it was captured.", dateTime()),
             field("isDirectMessage", &Record::isDirectMessage, "Whether the chat is a one-to-one chat."),
-            field("rawReference", &Record::rawReference, "An opaque reference to the message in its source."),
+            field("rawReference", &Record::rawReference, "An opaque reference to the message in its source.",
+                  like("row 18")),
         };
     }
 };
@@ -135,18 +162,24 @@ struct ManagedWhatsAppInboundRecord {
     bool isDirectMessage = false;
     std::optional<std::string> rawReference;
 
+    static constexpr std::string_view meaning = "A file of inbound as the backend reads it.";
+
     static constexpr auto fields() {
         using Record = ManagedWhatsAppInboundRecord;
         return std::tuple{
-            field("messageId", &Record::messageId, "The message's identifier; else a fresh UUID is used."),
-            field("conversationId", &Record::conversationId, "The conversation it belongs to."),
-            field("conversationTitle", &Record::conversationTitle, "The chat's title."),
-            field("senderId", &Record::senderId, "The sender's identifier."),
-            field("senderDisplayName", &Record::senderDisplayName, "The sender's name."),
-            field("text", &Record::text, "The message text."),
-            field("timestampISO8601", &Record::timestampISO8601, "When it came; else the time of delivery."),
+            field("messageId", &Record::messageId, "The message's identifier; else a fresh UUID is used.",
+                  like("m-18")),
+            field("conversationId", &Record::conversationId, "The conversation it belongs to.",
+                  like("team-room")),
+            field("conversationTitle", &Record::conversationTitle, "The chat's title.", like("Team Room")),
+            field("senderId", &Record::senderId, "The sender's identifier.", like("bo")),
+            field("senderDisplayName", &Record::senderDisplayName, "The sender's name.", like("Bo Nilsson")),
+            field("text", &Record::text, "The message text.", like("Good morning!")),
+            field("timestampISO8601", &Record::timestampISO8601, "When it came; else the time of delivery.",
+                  dateTime()),
             field("isDirectMessage", &Record::isDirectMessage, "Whether the chat is a one-to-one chat."),
-            field("rawReference", &Record::rawReference, "A reference to its source; else the file's name."),
+            field("rawReference", &Record::rawReference, "A reference to its source; else the file's name.",
+                  like("row 18")),
         };
     }
 };
@@ -169,30 +202,39 @@ struct ManagedWhatsAppRuntimeStatusRecord {
     bool workerSupportsOutbound = false;
     std::string updatedAtISO8601;
 
+    static constexpr std::string_view meaning =
+        "The file runtime/runtime-status.json, which the backend writes every second for whoever looks on.";
+
     static constexpr auto fields() {
         using Record = ManagedWhatsAppRuntimeStatusRecord;
         return std::tuple{
-            field("platform", &Record::platform, "The messaging platform."),
-            field("backendVersion", &Record::backendVersion, "The backend's version."),
-            field("dataDirectoryPath", &Record::dataDirectoryPath, "Where the data directory is."),
-            field("connectionState", &Record::connectionState, "\"connected\" or \"disconnected\"."),
+            field("platform", &Record::platform, "The messaging platform.", like("whatsapp")),
+            field("backendVersion", &Record::backendVersion, "The backend's version.",
+                  like("managed-whatsapp-backend-3")),
+            field("dataDirectoryPath", &Record::dataDirectoryPath, "Where the data directory is.",
+                  like("/home/bo/.local/state/brindle")),
+            field("connectionState", &Record::connectionState, "\"connected\" or \"disconnected\".",
+                  oneOf(connection_word::all)),
             field("activeScopeDescription", &Record::activeScopeDescription,
-                  "What is listened to, for people."),
+                  "What is listened to, for people.", like("conversation:Team Room")),
             field("workerConfiguredExecutablePath", &Record::workerConfiguredExecutablePath,
-                  "The launch description of the configured worker."),
+                  "The launch description of the configured worker.", like("/usr/lib/worker")),
             field("workerProcessRunning", &Record::workerProcessRunning, "Whether the worker runs."),
-            field("workerState", &Record::workerState, "The worker's state word."),
-            field("workerDisplayName", &Record::workerDisplayName, "The linked account's name."),
-            field("workerDetail", &Record::workerDetail, "A sentence for people that describes the state."),
+            field("workerState", &Record::workerState, "The worker's state word.",
+                  like(worker_state::watching_chat)),
+            field("workerDisplayName", &Record::workerDisplayName, "The linked account's name.",
+                  like("Bo Nilsson")),
+            field("workerDetail", &Record::workerDetail, "A sentence for people that describes the state.",
+                  like("Watching 'Team Room'.")),
             field("workerLastHeartbeatISO8601", &Record::workerLastHeartbeatISO8601,
-                  "When the worker last wrote its status."),
+                  "When the worker last wrote its status.", dateTime()),
             field("workerContactQRLink", &Record::workerContactQRLink,
-                  "A QR link for contacting the account."),
+                  "A QR link for contacting the account.", like("https://example.com/qr/4711")),
             field("workerSupportsLiveCapture", &Record::workerSupportsLiveCapture,
                   "Whether the worker captures inbound messages."),
             field("workerSupportsOutbound", &Record::workerSupportsOutbound,
                   "Whether the worker sends outbound records."),
-            field("updatedAtISO8601", &Record::updatedAtISO8601, "When this record was built."),
+            field("updatedAtISO8601", &Record::updatedAtISO8601, "When this record was built.", dateTime()),
         };
     }
 };

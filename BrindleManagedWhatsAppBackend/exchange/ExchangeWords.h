@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <string_view>
 
 #include "bridge/BridgeMessages.h"
@@ -49,6 +50,7 @@ namespace connection_word {
 
 inline constexpr std::string_view connected = BridgeConnectionState::caseName<BridgeConnectedState>();
 inline constexpr std::string_view disconnected = BridgeConnectionState::caseName<BridgeDisconnectedState>();
+inline constexpr std::array all{connected, disconnected};
 
 }  // namespace connection_word
 

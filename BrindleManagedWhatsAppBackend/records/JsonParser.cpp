@@ -70,7 +70,8 @@ char* putCodePoint(char* to, std::uint32_t point) {
 }
 
 [[noreturn]] void fail(const char* detail) {
-    throw DecodingFailure(DecodingFailure::Kind::malformedData, "", detail);
+    throw DecodingFailure(DecodingFailure::Kind::malformedData, "it is not one valid JSON document", "",
+                          detail);
 }
 
 /// One way through a document, from its beginning to its end.

@@ -1,117 +1,24 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <tuple>
 #include <utility>
 #include <variant>
-#include <vector>
 
 #include "records/DecodingFailure.h"
 #include "records/JsonParser.h"
 #include "records/JsonWriter.h"
 #include "records/LongText.h"
+#include "records/Problems.h"
+#include "records/RecordDeclaration.h"
 
-/// Records: plain structs that cross a boundary as JSON objects.
-///
-/// A record lists its fields once, in a static function `fields()`; reading, writing, the JSON Schema and the
-/// reference pages come from that list. A field is a string (std::string, or LongText for one that may be
-/// very long), a boolean, an integer (std::int64_t), another record, a list (std::vector) of these or an
-/// option (std::optional) of any. An enumeration with payloads lists its cases once, each with its name.
+/// Reading and writing records.
 namespace brindle {
-
-/// One field of a record: its JSON name, the member that holds it and its meaning for the reference.
-template <class Record, class Value>
-struct Field {
-    std::string_view name;
-    Value Record::*member;
-    std::string_view meaning;
-};
-
-template <class Record, class Value>
-constexpr Field<Record, Value> field(std::string_view name, Value Record::*member, std::string_view meaning) {
-    return {name, member, meaning};
-}
-
-template <class T>
-concept RecordType = requires {
-    T::fields();
-};
-
-/// Calls `visit` with each field of the record, in the order of their declaration.
-template <RecordType R, class Visit>
-constexpr void forEachField(const Visit& visit) {
-    std::apply([&](const auto&... each) { (visit(each), ...); }, R::fields());
-}
-
-/// The text of a case's name, in a form that can be a template argument.
-template <std::size_t size_with_end>
-struct CaseName {
-    // Implicit, so that a list of cases shows plain literals.
-    consteval CaseName(const char (&literal)[size_with_end]) {
-        std::copy_n(literal, size_with_end, characters.begin());
-    }
-    std::array<char, size_with_end> characters{};
-};
-
-/// One case of an enumeration: its JSON name and the record that goes with it.
-template <CaseName case_name, class PayloadRecord>
-struct Case {
-    using Payload = PayloadRecord;
-    static constexpr std::string_view name{case_name.characters.data(), case_name.characters.size() - 1};
-};
-
-namespace record {
-
-/// True when every name tells its case apart from the others.
-template <std::size_t count>
-consteval bool areDistinctNames(std::array<std::string_view, count> names) {
-    std::sort(names.begin(), names.end());
-    return std::adjacent_find(names.begin(), names.end()) == names.end() &&
-           (names.empty() || !names.front().empty());
-}
-
-}  // namespace record
-
-/// An enumeration with payloads: a variant whose alternatives have names. The type derived from it says in
-/// `payload_name` which member holds the payload inside the case's object; "" when that object is the
-/// payload.
-template <class... Each>
-struct Enumeration : std::variant<typename Each::Payload...> {
-    using Cases = std::variant<typename Each::Payload...>;
-    using std::variant<typename Each::Payload...>::variant;
-
-    /// The names of the alternatives, in their order.
-    static constexpr std::array<std::string_view, sizeof...(Each)> case_names{Each::name...};
-    static_assert(record::areDistinctNames(case_names));
-
-    /// The name of the case that carries such a record.
-    template <class PayloadRecord>
-    static consteval std::string_view caseName() {
-        static_assert((std::same_as<PayloadRecord, typename Each::Payload> + ...) == 1);
-        std::size_t index = 0;
-        static_cast<void>(((std::same_as<PayloadRecord, typename Each::Payload> || ++index == 0) || ...));
-        return case_names[index];
-    }
-
-    /// Calls `visit` with each case, in the order of the alternatives.
-    template <class Visit>
-    static constexpr void forEachCase(const Visit& visit) {
-        (visit(Each{}), ...);
-    }
-};
-
-template <class T>
-concept EnumerationType = requires {
-    T::case_names;
-    T::payload_name;
-};
 
 /// The place of a value in its document, for error messages.
 class JsonPath {
@@ -128,8 +35,8 @@ class JsonPath {
         return path.append(name_);
     }
 
-    [[noreturn]] void fail(DecodingFailure::Kind kind, std::string detail) const {
-        throw DecodingFailure(kind, text(), std::move(detail));
+    [[noreturn]] void fail(DecodingFailure::Kind kind, std::string_view problem, std::string detail) const {
+        throw DecodingFailure(kind, problem, text(), std::move(detail));
     }
 
   private:
@@ -140,71 +47,18 @@ class JsonPath {
 
 namespace record {
 
-template <class T>
-struct IsOptional : std::false_type {};
-template <class T>
-struct IsOptional<std::optional<T>> : std::true_type {};
-template <class T>
-struct IsVector : std::false_type {};
-template <class T>
-struct IsVector<std::vector<T>> : std::true_type {};
-
-template <RecordType R>
-inline constexpr std::size_t field_count = std::tuple_size_v<decltype(R::fields())>;
-
-template <RecordType R>
-constexpr auto fieldNames() {
-    return std::apply(
-        [](const auto&... each) { return std::array<std::string_view, sizeof...(each)>{each.name...}; },
-        R::fields());
-}
-
-/// The fields' places in ascending order of their names.
-template <RecordType R>
-consteval auto sortedOrder() {
-    const auto names = fieldNames<R>();
-    std::array<std::size_t, field_count<R>> order{};
-    for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
-    std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) { return names[a] < names[b]; });
-    return order;
-}
-
-/// Calls `visit` with each field of the record, in the order of a JSON document: by ascending names.
-template <RecordType R, class Visit>
-constexpr void forEachFieldByName(const Visit& visit) {
-    constexpr auto order = sortedOrder<R>();
-    constexpr auto fields = R::fields();
-    [&]<std::size_t... place>(std::index_sequence<place...>) {
-        (visit(std::get<order[place]>(fields)), ...);
+/// Fails when the value is of another kind than a member of this type holds.
+inline void requireKind(JsonValue value, JsonValue::Kind kind, const JsonPath& path) {
+    if (value.kind() == kind) return;
+    if (value.kind() == JsonValue::Kind::null) {
+        path.fail(DecodingFailure::Kind::missingValue, "a required value is null", "Expected a value.");
     }
-    (std::make_index_sequence<order.size()>());
-}
-
-/// True when the listed fields account for the whole struct, so that no member can be forgotten in the list.
-template <RecordType R>
-consteval bool listsEveryMember() {
-    std::size_t size = 0;
-    std::size_t alignment = 1;
-    forEachField<R>([&]<class Value>(const Field<R, Value>&) {
-        size = (size + alignof(Value) - 1) / alignof(Value) * alignof(Value) + sizeof(Value);
-        alignment = std::max(alignment, alignof(Value));
-    });
-    return field_count<R> == 0 || (size + alignment - 1) / alignment * alignment == sizeof(R);
+    const auto problem = mistypedValue(value.kind(), kind);
+    path.fail(DecodingFailure::Kind::typeMismatch, problem, problem);
 }
 
 inline void requireObject(JsonValue value, const JsonPath& path) {
-    if (value.kind() == JsonValue::Kind::object) return;
-    path.fail(value.kind() == JsonValue::Kind::null ? DecodingFailure::Kind::missingValue
-                                                    : DecodingFailure::Kind::typeMismatch,
-              "Expected an object.");
-}
-
-inline void requireKind(JsonValue value, JsonValue::Kind kind, const JsonPath& path,
-                        const char* expectation) {
-    if (value.kind() == kind) return;
-    path.fail(value.kind() == JsonValue::Kind::null ? DecodingFailure::Kind::missingValue
-                                                    : DecodingFailure::Kind::typeMismatch,
-              expectation);
+    requireKind(value, JsonValue::Kind::object, path);
 }
 
 template <class T>
@@ -273,7 +127,10 @@ Value decodeMember(JsonValue object, std::string_view name, const JsonPath& path
         if (!member || member->kind() == JsonValue::Kind::null) return std::nullopt;
         return decode<typename Value::value_type>(*member, memberPath);
     } else {
-        if (!member) memberPath.fail(DecodingFailure::Kind::missingKey, "No such member.");
+        if (!member) {
+            memberPath.fail(DecodingFailure::Kind::missingKey, "a required value is missing",
+                            "No such member.");
+        }
         return decode<Value>(*member, memberPath);
     }
 }
@@ -300,9 +157,18 @@ std::pair<std::string_view, JsonValue> recognizedCase(JsonValue value, const Jso
         found = {*known, member};
     });
     if (count != 1) {
-        path.fail(DecodingFailure::Kind::typeMismatch, "Invalid number of keys found, expected one.");
+        path.fail(DecodingFailure::Kind::typeMismatch, ambiguousCase(value, E::case_names),
+                  "Invalid number of keys found, expected one.");
     }
     return found;
+}
+
+inline void requirePayload(const std::pair<std::string_view, JsonValue>& recognized,
+                           std::string_view payloadName, const JsonPath& casePath) {
+    if (recognized.second.member(payloadName)) return;
+    JsonPath(casePath, payloadName)
+        .fail(DecodingFailure::Kind::missingKey, missingPayload(recognized.first, payloadName),
+              "No such member.");
 }
 
 template <EnumerationType E>
@@ -318,6 +184,7 @@ E decodeCase(JsonValue value, const JsonPath& path) {
         if constexpr (E::payload_name.empty()) {
             result.emplace(decode<Payload>(recognized.second, casePath));
         } else {
+            requirePayload(recognized, E::payload_name, casePath);
             result.emplace(decodeMember<Payload>(recognized.second, E::payload_name, casePath));
         }
     });
@@ -325,28 +192,30 @@ E decodeCase(JsonValue value, const JsonPath& path) {
 }
 
 inline std::int64_t decodeInteger(JsonValue value, const JsonPath& path) {
-    constexpr auto expectation = "Expected an integer of 64 bits.";
-    requireKind(value, JsonValue::Kind::number, path, expectation);
+    requireKind(value, JsonValue::Kind::number, path);
     const auto integer = value.integer();
-    if (!integer) path.fail(DecodingFailure::Kind::typeMismatch, expectation);
+    if (!integer) {
+        path.fail(DecodingFailure::Kind::typeMismatch, "it has a number that is no integer of 64 bits",
+                  "Expected an integer of 64 bits.");
+    }
     return *integer;
 }
 
 template <class T>
 T decode(JsonValue value, const JsonPath& path) {
     if constexpr (std::same_as<T, bool>) {
-        requireKind(value, JsonValue::Kind::boolean, path, "Expected true or false.");
+        requireKind(value, JsonValue::Kind::boolean, path);
         return value.boolean();
     } else if constexpr (std::same_as<T, std::int64_t>) {
         return decodeInteger(value, path);
     } else if constexpr (std::same_as<T, std::string>) {
-        requireKind(value, JsonValue::Kind::string, path, "Expected a string.");
+        requireKind(value, JsonValue::Kind::string, path);
         return std::string(value.string());
     } else if constexpr (std::same_as<T, LongText>) {
-        requireKind(value, JsonValue::Kind::string, path, "Expected a string.");
+        requireKind(value, JsonValue::Kind::string, path);
         return value.isInPlace() ? LongText::borrowed(value.string()) : LongText(std::string(value.string()));
     } else if constexpr (IsVector<T>::value) {
-        requireKind(value, JsonValue::Kind::array, path, "Expected an array.");
+        requireKind(value, JsonValue::Kind::array, path);
         T result;
         value.forEachElement([&](JsonValue element) {
             result.push_back(decode<typename T::value_type>(element, JsonPath(path, result.size())));

@@ -66,6 +66,22 @@ CodePoint lastCodePoint(std::string_view text) {
     return {};
 }
 
+/// True for a control character (C0, C1), a break of a line or a paragraph, and what gives a reading
+/// direction to the text behind it (UAX #9).
+bool bendsALine(utf8proc_int32_t character) {
+    const auto& property = *utf8proc_get_property(character);
+    switch (property.category) {
+        case UTF8PROC_CATEGORY_CC:
+        case UTF8PROC_CATEGORY_ZL:
+        case UTF8PROC_CATEGORY_ZP:
+            return true;
+        case UTF8PROC_CATEGORY_CF:
+            return property.bidi_class != UTF8PROC_BIDI_CLASS_BN;
+        default:
+            return false;
+    }
+}
+
 /// Normalization Form D, or nothing when the text is not UTF-8.
 std::optional<std::string> decomposed(std::string_view text) {
     utf8proc_uint8_t* result = nullptr;
@@ -158,10 +174,18 @@ std::string repairedUtf8(std::string_view bytes) {
 }
 
 std::string singleLine(std::string_view text) {
-    std::string result = repairedUtf8(text);
-    std::replace_if(
-        result.begin(), result.end(),
-        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '?');
+    const std::string valid = repairedUtf8(text);
+    std::string result;
+    result.reserve(valid.size());
+    for (std::string_view rest(valid); !rest.empty();) {
+        const auto point = firstCodePoint(rest);
+        if (bendsALine(point.value)) {
+            result += '?';
+        } else {
+            result.append(rest, 0, point.bytes);
+        }
+        rest.remove_prefix(point.bytes);
+    }
     return result;
 }
 

@@ -26,7 +26,8 @@ bool isValidUtf8(std::string_view bytes);
 /// `bytes` with every invalid UTF-8 sequence replaced by U+FFFD.
 std::string repairedUtf8(std::string_view bytes);
 
-/// `text` fit for a one-line diagnostic: valid UTF-8, with control characters shown as "?".
+/// `text` fit for a one-line diagnostic: valid UTF-8, in which "?" stands for every control character, every
+/// break of a line and everything that gives the text behind it a reading direction (UAX #9).
 std::string singleLine(std::string_view text);
 
 /// The beginning of a UTF-8 text that is longer than `mostCharacters` Unicode code points, with an ellipsis

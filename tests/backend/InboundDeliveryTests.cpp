@@ -292,13 +292,12 @@ TEST_F(InboundDeliveryTests, RejectsWhatIsNoRecordAndGoesOn) {
     EXPECT_THAT(delivered_, ElementsAre("5"));
     EXPECT_THAT(rejected(), ElementsAre("a.json", "b.json", "c.json", "d.json"));
     const std::string prefix = "[ManagedWhatsAppBackend] rejected inbound event at ";
-    const std::string corrupt =
-        ": The data cannot be used because it is corrupt or has a value of the wrong type";
-    EXPECT_THAT(
-        log_, ElementsAre(
-                  prefix + "a.json" + corrupt + ".",
-                  prefix + "b.json: The data cannot be used because a required value is missing (at text).",
-                  prefix + "c.json" + corrupt + " (at isDirectMessage).", prefix + "d.json" + corrupt + "."));
+    const std::string because = ": The data cannot be used because ";
+    EXPECT_THAT(log_, ElementsAre(prefix + "a.json" + because + "it is not one valid JSON document.",
+                                  prefix + "b.json" + because + "a required value is missing (at text).",
+                                  prefix + "c.json" + because +
+                                      "it has a string where true or false is expected (at isDirectMessage).",
+                                  prefix + "d.json" + because + "it is not one valid JSON document."));
 }
 
 TEST_F(InboundDeliveryTests, RejectsWhatIsNoRegularFileWithoutWaiting) {

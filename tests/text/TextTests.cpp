@@ -171,8 +171,15 @@ TEST(SingleLineTests, ShowsControlCharactersAsQuestionMarks) {
     EXPECT_EQ(singleLine(std::string_view("\0", 1)), "?");
 }
 
+TEST(SingleLineTests, ShowsBreaksOfLinesAndReadingDirectionsAsQuestionMarks) {
+    EXPECT_EQ(singleLine("a\u0085b\u009Bc\u2028d\u2029e"), "a?b?c?d?e");
+    EXPECT_EQ(singleLine("a\u202Eb\u2066c\u2069d\u200Ee\u061Cf"), "a?b?c?d?e?f");
+}
+
 TEST(SingleLineTests, KeepsOtherText) {
     EXPECT_EQ(singleLine("Zoë 🙂 / \""), "Zoë 🙂 / \"");
+    // Hebrew, and a family that a joiner without width holds together.
+    EXPECT_EQ(singleLine("\u05D0\u05D1 👩\u200D👧"), "\u05D0\u05D1 👩\u200D👧");
 }
 
 TEST(SingleLineTests, RepairsText) {

@@ -404,7 +404,7 @@ TEST_F(InboundCaptureTests, UndecodableResultIsPublished) {
     EXPECT_THAT(
         parts_.published(),
         ElementsAre(
-            "error: Managed WhatsApp worker failed to poll inbound messages: The data cannot be used because it is corrupt or has a value of the wrong type (at messages[0].text). (Account)"));
+            "error: Managed WhatsApp worker failed to poll inbound messages: The data cannot be used because it has a number where a string is expected (at messages[0].text). (Account)"));
 }
 
 TEST_F(InboundCaptureTests, NamesStandInThePagesOrder) {

@@ -158,7 +158,7 @@ TEST_F(WorkerControlTests, UndecodableFileMeansThatNothingIsWatched) {
     EXPECT_THAT(
         parts_.host.log,
         ElementsAre(
-            "Failed to decode worker control: The data cannot be used because it is corrupt or has a value of the wrong type."));
+            "Failed to decode worker control: The data cannot be used because it is not one valid JSON document."));
     EXPECT_THAT(parts_.host.calls, ElementsAre("orderOut"));
 }
 
