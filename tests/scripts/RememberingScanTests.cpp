@@ -169,6 +169,17 @@ TEST_F(RememberingScan, ElementsNamedLikeMembersOfTheDocumentHoldNothingUp) {
     EXPECT_EQ(valueOf(state_name + ".queue.map((message) => message.text)"), Json::parse(R"(["Changed"])"));
 }
 
+/// What the engine has translated is not translated again.
+TEST_F(RememberingScan, LaterRunsUseTheFunctionsOfTheFirstWithTheirOwnTitle) {
+    watchThreeMessages();
+    const std::string first = state_name + std::string(".memory.capture");
+    inPage("window.first = " + first + "; window.titles = []; " + first +
+           " = (title) => { titles.push(title); return first(title); };");
+    EXPECT_EQ(capture("Team")["watchedTitle"], "Team");
+    EXPECT_EQ(capture("Others")["watchedTitle"], "Others");
+    EXPECT_EQ(valueOf("titles"), Json::parse(R"(["Team", "Others"])"));
+}
+
 TEST_F(RememberingScan, StateShowsNothingOfTheMemory) {
     watchThreeMessages();
     EXPECT_EQ(

@@ -1,9 +1,8 @@
 // Captures the inbound messages of whatever chat is open, and hands over those of the watched chat. What it
 // knows lives in the page: a queue of captured messages and the fingerprints of all that were seen. The
-// observer set up by the first run captures between runs too, with the first run's copy of these functions,
-// and reads only what may have changed; each run reads everything.
-const watchedTitle = __WATCHED_TITLE__;
-
+// observer set up by the first run captures between runs too, and reads only what may have changed; each run
+// reads everything. All of them use the first run's copy of these functions, which the engine has translated
+// into the machine's code by and by; a copy of each run's own would be interpreted.
 const queueLimit = 200;
 const queueKept = 100;
 const fingerprintLimit = 2000;
@@ -113,7 +112,7 @@ function installObserver() {
         { subtree: true, childList: true, characterData: true, attributes: true });
     captureState.observerInstalled = true;
     // Between this observer and the runs alone.
-    Object.defineProperty(captureState, "memory", { value: makeMemory(document.body) });
+    Object.defineProperty(captureState, "memory", { value: { ...makeMemory(document.body), capture } });
     scanVisibleInboundMessages();
 }
 
@@ -129,22 +128,14 @@ function installObserverIfNeeded() {
 }
 
 // Messages of other chats stay queued until their chat is watched.
-function drainQueue() {
+function drainQueue(watchedTitle) {
     const isWatched = (message) => matchesWatchedTitle(message.activeChatTitle, watchedTitle);
     const drained = captureState.queue.filter(isWatched);
     captureState.queue = captureState.queue.filter((message) => !isWatched(message));
     return drained;
 }
 
-installObserverIfNeeded();
-// What no record tells of is noticed by each run at the latest.
-if (captureState.memory) {
-    forgetEverything(captureState.memory);
-}
-const collection = scanVisibleInboundMessages();
-const snapshot = captureState.lastSnapshot || snapshotOf(collection);
-
-function outcome(state, changes) {
+function outcome(state, watchedTitle, snapshot, changes) {
     return JSON.stringify({
         state,
         activeChatTitle: snapshot.activeChatTitle,
@@ -156,12 +147,24 @@ function outcome(state, changes) {
     });
 }
 
-if (!snapshot.activeChatTitle) {
-    return outcome("no-active-chat", { activeChatTitle: null });
+function capture(watchedTitle) {
+    installObserverIfNeeded();
+    // What no record tells of is noticed by each run at the latest.
+    if (captureState.memory) {
+        forgetEverything(captureState.memory);
+    }
+    const collection = scanVisibleInboundMessages();
+    const snapshot = captureState.lastSnapshot || snapshotOf(collection);
+    if (!snapshot.activeChatTitle) {
+        return outcome("no-active-chat", watchedTitle, snapshot, { activeChatTitle: null });
+    }
+    if (!matchesWatchedTitle(snapshot.activeChatTitle, watchedTitle)) {
+        return outcome("wrong-chat", watchedTitle, snapshot, {});
+    }
+    const messages = drainQueue(watchedTitle);
+    return outcome(messages.length > 0 ? "ok" : "no-incoming-message", watchedTitle, snapshot,
+        { queuedCount: captureState.queue.length, messages });
 }
-if (!matchesWatchedTitle(snapshot.activeChatTitle, watchedTitle)) {
-    return outcome("wrong-chat", {});
-}
-const messages = drainQueue();
-return outcome(messages.length > 0 ? "ok" : "no-incoming-message",
-    { queuedCount: captureState.queue.length, messages });
+
+const earlierRun = captureState.memory;
+return (earlierRun ? earlierRun.capture : capture)(__WATCHED_TITLE__);
