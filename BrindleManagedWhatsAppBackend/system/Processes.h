@@ -38,8 +38,8 @@ void letTerminationSignalsThrough();
 /// what a single large message has taken stays with a thread for good.
 void giveLargeMemoryBackAtOnce();
 
-/// From now on all threads take their memory from one place. By itself the allocator gives each a place of its
-/// own, which is for threads that work at the same time all the time.
+/// From now on all threads take their memory from one place. By itself the allocator gives each a place of
+/// its own, which is for threads that work at the same time all the time.
 void shareOnePlaceOfMemory();
 
 /// Hands freed memory back to the system.
