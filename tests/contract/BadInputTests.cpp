@@ -482,16 +482,20 @@ TEST(LargeInput, BlankLineOf64MebibytesYieldsNothing) {
     EXPECT_EQ(process.finishAndTakeRest(), (Lines{connecting_line, connected_line}));
 }
 
-TEST(LargeInput, ErrorsDoNotRepeatTheInput) {
+/// Beside the names in a document; what people write stays out of the parent's log.
+TEST(LargeInput, ErrorsRepeatNoValueOfTheInput) {
     BackendProcess process;
     process.greet();
     process.send(R"({"connect":{"_0":{"platform":7,"note":"tell-tale text"}}})");
     process.send(R"({"tell-tale text":)");
-    process.send(R"({"startListening":{"_0":{"platform":"whatsapp","scope":{"tell-tale text":{}}}}})");
+    process.send(
+        R"({"startListening":{"_0":{"platform":"whatsapp","scope":{"club":{"id":"tell-tale text"}}}}})");
+    process.send(
+        R"({"sendMessage":{"_0":{"platform":"whatsapp","message":{"conversationId":[],"text":"tell-tale text"}}}})");
     for (const auto& reply : process.finishAndTakeRest()) {
         EXPECT_EQ(errorMessageOf(reply).find("tell-tale"), std::string::npos) << reply;
     }
-    EXPECT_EQ(process.receivedLines().size(), 5U);
+    EXPECT_EQ(process.receivedLines().size(), 6U);
 }
 
 // A line about as long as a buffer may be: its end falls on and beside every boundary.
