@@ -44,16 +44,15 @@ std::size_t threadsOf(pid_t process) {
     return namesIn(fs::path("/proc") / std::to_string(process) / "task").size();
 }
 
+using Microseconds = std::chrono::duration<double, std::micro>;
+
 /// What all threads of the process have taken of the processors (POSIX clock_getcpuclockid).
-double processorMicroseconds(pid_t process) {
+Microseconds processorTime(pid_t process) {
     clockid_t clock = 0;
     timespec taken{};
     if (::clock_getcpuclockid(process, &clock) != 0 || ::clock_gettime(clock, &taken) != 0)
         throw std::runtime_error("The processor time of " + std::to_string(process) + " cannot be told.");
-    constexpr double microseconds_per_second = 1e6;
-    constexpr double nanoseconds_per_microsecond = 1e3;
-    return static_cast<double>(taken.tv_sec) * microseconds_per_second +
-           static_cast<double>(taken.tv_nsec) / nanoseconds_per_microsecond;
+    return std::chrono::seconds(taken.tv_sec) + std::chrono::nanoseconds(taken.tv_nsec);
 }
 
 /// What one process takes, sample by sample.
@@ -87,20 +86,20 @@ class ProcessSamples {
     std::vector<Quantity> quantities;
 
   private:
-    /// Since the last sample; as at that one when there was no message since.
+    /// In microseconds since the last sample; as at that one when there was no message since.
     double timeOfAMessage(std::size_t messages) {
         if (messages > messages_) {
-            const auto taken_us = processorMicroseconds(process_);
-            timeOfAMessage_us_ = (taken_us - taken_us_) / static_cast<double>(messages - messages_);
-            taken_us_ = taken_us;
+            const auto taken = processorTime(process_);
+            timeOfAMessage_ = (taken - taken_) / static_cast<double>(messages - messages_);
+            taken_ = taken;
             messages_ = messages;
         }
-        return timeOfAMessage_us_;
+        return timeOfAMessage_.count();
     }
 
     pid_t process_;
-    double taken_us_ = 0;
-    double timeOfAMessage_us_ = 0;
+    Microseconds taken_{};
+    Microseconds timeOfAMessage_{};
     std::size_t messages_ = 0;
 };
 

@@ -99,7 +99,7 @@ TEST_F(PosixDirectoryTests, EveryListingShowsWhatIsThereThen) {
 
 TEST_F(PosixDirectoryTests, DirectoryThatIsNotThereCannotBeOpened) {
     try {
-        PosixDirectory(at("missing"));
+        const PosixDirectory directory(at("missing"));
         FAIL() << "there is nothing to open";
     } catch (const FileSystemFailure& failure) {
         EXPECT_EQ(failure.code(), ENOENT);
