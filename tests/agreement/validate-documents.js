@@ -1,7 +1,7 @@
 'use strict';
 /* eslint-env node */
-// What Ajv makes of documents: validate-documents.js SCHEMA... reads lines ["title of a schema", document] and
-// answers each with a line, true or false.
+// What Ajv makes of documents: validate-documents.js SCHEMA... reads lines ["title of a schema", document]
+// and answers each with a line, true or false.
 
 const fs = require('fs');
 const Ajv = require('ajv/dist/2020');
