@@ -389,7 +389,11 @@ TEST_F(ReadOnlyDisk, MessageThatCameInIsDeliveredAtEveryLookUntilItCanBeFiledAwa
     }
     EXPECT_EQ(namesIn(backend().path("inbound")), std::vector<std::string>{"a.json"});
     disk().setReadOnly(false);
-    EXPECT_EQ(backend().waitForEntries("processed", 1), std::vector<std::string>{"a.json"});
+    // The disk may take changes again between the two moves of one look; then the record goes where the
+    // second one leads.
+    const auto entries = [&](const char* name) { return namesIn(backend().path(name)); };
+    backend().waitUntil([&] { return entries("inbound").empty(); }, "the record to be filed away");
+    EXPECT_EQ(entries("processed").size() + entries("rejected").size(), 1U);
     backend().finish();
 }
 
