@@ -146,32 +146,57 @@ Command parseWaitStatus(Arguments& arguments) {
     return command;
 }
 
+/// The words of the line after the name of the command.
+using CommandParser = Command (*)(Arguments&);
+
+Command parseRawMode(Arguments& arguments) {
+    const bool isOn = arguments.skip("on");
+    if (!isOn && !arguments.skip("off")) arguments.fail();
+    arguments.requireEnd();
+    return RawModeCommand{.isOn = isOn};
+}
+
 struct Syntax {
-    std::string_view name;
-    std::string_view usage;
-    std::string_view meaning;
-    /// None for raw, whose line is not made of words.
-    Command (*parse)(Arguments&);
+    CommandDescription description;
+    CommandParser parse;
 };
 
 constexpr std::array syntaxes{
-    Syntax{"connect", "connect", "Ask the helper to connect.", parsePlain<ConnectCommand>},
-    Syntax{"disconnect", "disconnect", "Ask the helper to disconnect.", parsePlain<DisconnectCommand>},
-    Syntax{"listen", "listen conversation|channel ID TITLE | thread ID [TITLE] | test TITLE",
-           "Listen to a chat, or let the helper send a test event.", parseListen},
-    Syntax{"stop", "stop", "Stop listening.", parsePlain<StopCommand>},
-    Syntax{"send", "send CONVERSATION TEXT [--reply ID] [--attach FILE]...",
-           "Send a message; text with spaces goes in quotes.", parseSend},
-    Syntax{"status", "status", "Show the helper's runtime-status.json.", parsePlain<StatusCommand>},
-    Syntax{"qr", "qr [until linked] [within SECONDS]",
-           "Show the login QR code, or every new one until a phone has scanned it (10 s).", parseQR},
-    Syntax{"raw", "raw LINE", "Send the rest of the line as it is.", nullptr},
-    Syntax{"expect", "expect CASE[.STATE] [containing TEXT] [within SECONDS]",
-           "Wait for an envelope from the helper (10 s).", parseExpect},
-    Syntax{"wait-status", "wait-status FIELD VALUE [within SECONDS]",
-           "Wait until a field of the runtime status has a value (10 s).", parseWaitStatus},
-    Syntax{"help", "help", "Show this list.", parsePlain<HelpCommand>},
-    Syntax{"quit", "quit", "End the helper and the console.", parsePlain<QuitCommand>},
+    Syntax{{"connect", "", "connect", "Ask the helper to connect.", ""}, parsePlain<ConnectCommand>},
+    Syntax{{"disconnect", "", "disconnect", "Ask the helper to disconnect.", ""},
+           parsePlain<DisconnectCommand>},
+    Syntax{{"listen", "", "listen conversation|channel ID TITLE | thread ID [TITLE] | test TITLE",
+            "Listen to a chat, or let the helper send a test event.", ""},
+           parseListen},
+    Syntax{{"stop", "", "stop", "Stop listening.", ""}, parsePlain<StopCommand>},
+    Syntax{
+        {"send", "", "send CONVERSATION TEXT [--reply ID] [--attach FILE]...",
+         "Send a message; text with spaces goes in quotes.",
+         "Kind and MIME type of an attachment follow from the content of the file. A text that begins with "
+         "-- comes after a word of just --. When the worker says that it does not send, so does the console: "
+         "the message is stored and waits."},
+        parseSend},
+    Syntax{{"status", "", "status", "Show the helper's runtime-status.json.", ""}, parsePlain<StatusCommand>},
+    Syntax{{"qr", "", "qr [until linked] [within SECONDS]",
+            "Show the login QR code, or every new one until a phone has scanned it (10 s).",
+            "Waits for a code, and says at once when none can come because no worker runs. Black on white in "
+            "colours; without colours the light modules are drawn, which is right on a dark ground."},
+           parseQR},
+    Syntax{{"raw", "", "raw on|off|LINE",
+            "Show protocol lines from now on, or messages again; send the rest of the line as it is.", ""},
+           parseRawMode},
+    Syntax{
+        {"expect", "", "expect CASE[.STATE] [containing TEXT] [within SECONDS]",
+         "Wait for an envelope from the helper (10 s).",
+         "It and all envelopes before it are consumed; a later expect looks only at what comes after. TEXT "
+         "is a part of any text in the envelope."},
+        parseExpect},
+    Syntax{{"wait-status", "", "wait-status FIELD VALUE [within SECONDS]",
+            "Wait until a field of the runtime status has a value (10 s).",
+            "Says at once when the value cannot come because the worker has ended for good."},
+           parseWaitStatus},
+    Syntax{{"help", "?", "help", "Show this list.", ""}, parsePlain<HelpCommand>},
+    Syntax{{"quit", "exit", "quit", "End the helper and the console.", ""}, parsePlain<QuitCommand>},
 };
 
 std::string rawRemainder(std::string_view line) {
@@ -185,26 +210,40 @@ std::string rawRemainder(std::string_view line) {
 std::optional<Command> parseCommand(std::string_view line) {
     const auto text = trimmed(line);
     if (text.empty() || text.starts_with('#')) return std::nullopt;
-    if (text == "raw" || text.starts_with("raw ") || text.starts_with("raw\t")) {
+    const bool isMode = text == "raw on" || text == "raw off";
+    if (!isMode && (text == "raw" || text.starts_with("raw ") || text.starts_with("raw\t"))) {
         return RawCommand{.line = rawRemainder(line)};
     }
     auto words = splitWords(text);
     const auto name = words.front();
     const auto found = std::find_if(syntaxes.begin(), syntaxes.end(), [&](const Syntax& each) {
-        return each.name == name && each.parse != nullptr;
+        const auto& [ownName, alias, usage, meaning, details] = each.description;
+        return ownName == name || (!alias.empty() && alias == name);
     });
     if (found == syntaxes.end()) {
         throw Failure("Unknown command \"" + singleLine(name) + "\"; \"help\" lists the commands.");
     }
     words.erase(words.begin());
-    Arguments arguments(std::move(words), found->usage);
+    Arguments arguments(std::move(words), found->description.usage);
     return found->parse(arguments);
+}
+
+std::span<const CommandDescription> commandDescriptions() {
+    static constexpr auto descriptions = [] {
+        std::array<CommandDescription, syntaxes.size()> all;
+        std::transform(syntaxes.begin(), syntaxes.end(), all.begin(),
+                       [](const Syntax& each) { return each.description; });
+        return all;
+    }();
+    return descriptions;
 }
 
 std::string commandHelp() {
     std::string help;
-    for (const auto& syntax : syntaxes) {
-        help.append(syntax.usage).append("\n    ").append(syntax.meaning).append("\n");
+    for (const auto& each : commandDescriptions()) {
+        help.append(each.usage);
+        if (!each.alias.empty()) help.append(" (or ").append(each.alias).append(")");
+        help.append("\n    ").append(each.meaning).append("\n");
     }
     return help;
 }

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -42,6 +43,11 @@ struct RawCommand {
     std::string line;
 };
 
+/// How envelopes are shown from now on: as protocol lines, or as people read them.
+struct RawModeCommand {
+    bool isOn = false;
+};
+
 struct HelpCommand {};
 
 struct QuitCommand {};
@@ -58,9 +64,9 @@ struct WaitStatusCommand {
 };
 
 /// What a person or a script can ask of the console.
-using Command =
-    std::variant<ConnectCommand, DisconnectCommand, ListenCommand, StopCommand, SendCommand, StatusCommand,
-                 QRCommand, RawCommand, HelpCommand, QuitCommand, ExpectCommand, WaitStatusCommand>;
+using Command = std::variant<ConnectCommand, DisconnectCommand, ListenCommand, StopCommand, SendCommand,
+                             StatusCommand, QRCommand, RawCommand, RawModeCommand, HelpCommand, QuitCommand,
+                             ExpectCommand, WaitStatusCommand>;
 
 /// How long qr, expect and wait-status wait unless told otherwise.
 inline constexpr std::chrono::milliseconds default_patience{10000};
@@ -68,6 +74,23 @@ inline constexpr std::chrono::milliseconds default_patience{10000};
 /// The command in a line, or nothing when it is blank or a comment. Throws Failure with one sentence for
 /// anything that is no command.
 std::optional<Command> parseCommand(std::string_view line);
+
+/// A command as everybody is told of it: help, completion and the manual page come from this.
+struct CommandDescription {
+    std::string_view name;
+    /// Another name for it; empty for none.
+    std::string_view alias;
+    /// Words in lower case stand for themselves, those in capitals for what somebody puts there; "|"
+    /// separates alternatives, "[...]" may be left out, "..." may come again.
+    std::string_view usage;
+    /// One sentence.
+    std::string_view meaning;
+    /// More sentences for the manual page; may be empty.
+    std::string_view details;
+};
+
+/// Every command, in the order of the help.
+std::span<const CommandDescription> commandDescriptions();
 
 /// Every command with its meaning, a line each.
 std::string commandHelp();

@@ -1,10 +1,13 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "console/Completion.h"
 #include "console/LineBuffer.h"
 
 namespace brindle::console {
@@ -15,6 +18,9 @@ struct InputLine {
     /// "demo.console:3", for messages; empty for what a person types.
     std::string place;
 };
+
+/// How the beginning of a line can go on.
+using Completer = std::function<Completion(std::string_view line)>;
 
 /// Where commands come from.
 class CommandInput {
@@ -31,6 +37,11 @@ class CommandInput {
     virtual bool isAtEnd() const = 0;
     /// A person types, sees what goes wrong and goes on; a script stops at its first failure.
     virtual bool isInteractive() const = 0;
+
+    /// From now on the line that a person types can be completed.
+    virtual void completeWith(const Completer&) {}
+    /// Empties the line that a person is typing. False when there was nothing in it.
+    virtual bool discardLine() { return false; }
 };
 
 /// A script file. All of it is read and checked before the first command runs.

@@ -1,6 +1,7 @@
 #include "console/Console.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sysexits.h>
 
 #include <utility>
@@ -22,24 +23,27 @@ constexpr int failure_status = 1;
 
 }  // namespace
 
-Console::Console(const Options& options, Environment environment, CommandInput& input, Display& display,
-                 const TerminationSignals& signals)
+Console::Console(const Options& options, Environment inherited, CommandInput& input, Display& display,
+                 TerminationSignals& signals)
     : platform_(options.platform),
       input_(input),
       display_(display),
       signals_(signals),
-      directory_(environment, fileManager_, platform_),
+      environment_(helperEnvironment(options, std::move(inherited), ticket_.dataDirectory())),
+      directory_(environment_, fileManager_, platform_),
       helper_(
-          launch(options, std::move(environment)), [this](std::string_view line) { received(line); },
+          launch(options), [this](std::string_view line) { received(line); },
           [this](std::string_view line) { display_.helperDiagnostic(line); }) {
     if (options.summary) summary_.emplace();
+    input_.completeWith(
+        [this](std::string_view line) { return completedCommand(line, seen_, fileManager_); });
 }
 
-ChildProcess::Options Console::launch(const Options& options, Environment environment) {
-    ticket_.addTo(environment);
+ChildProcess::Options Console::launch(const Options& options) {
+    ticket_.addTo(environment_);
     return {.executable = options.helper,
             .arguments = {std::string(platform_argument), platform_},
-            .environment = std::move(environment),
+            .environment = environment_,
             .standardInput = ChildProcess::StandardInput::pipe,
             .processGroup = ChildProcess::ProcessGroup::own};
 }
@@ -79,10 +83,11 @@ void Console::showSummary() {
 /// Before the greeting, the runtime status may still be that of an earlier helper.
 void Console::awaitGreeting() {
     begin({.text = "hello", .place = ""});
-    wait_.emplace(
-        Wait::Condition{
-            .isFulfilled = [this] { return hasGreeted_; }, .subject = "the helper's hello", .remark = {}},
-        greeting_patience);
+    wait_.emplace(Wait::Condition{.isFulfilled = [this] { return hasGreeted_; },
+                                  .subject = "the helper's hello",
+                                  .remark = {},
+                                  .obstacle = {}},
+                  greeting_patience);
 }
 
 void Console::runReadyCommands() {
@@ -113,6 +118,7 @@ void Console::execute(const InputLine& line) {
     }
     if (!wait_) return finish(false);
     checkWait();
+    if (wait_ && input_.isInteractive() && !display_.isJson()) display_.answer(wait_->announcement() + "\n");
 }
 
 void Console::perform(const ConnectCommand&) {
@@ -124,7 +130,21 @@ void Console::perform(const DisconnectCommand&) {
 }
 
 void Console::perform(const ListenCommand& command) {
+    see(command.scope);
     submit(BridgeStartListeningRequest{.platform = platform_, .scope = command.scope});
+}
+
+void Console::see(const BridgeScope& scope) {
+    if (const auto* conversation = std::get_if<BridgeConversationScope>(&scope)) {
+        seen_.addConversation(conversation->id);
+        seen_.addTitle(conversation->title);
+    } else if (const auto* channel = std::get_if<BridgeChannelScope>(&scope)) {
+        seen_.addConversation(channel->id);
+        seen_.addTitle(channel->title);
+    } else if (const auto* thread = std::get_if<BridgeThreadScope>(&scope)) {
+        seen_.addConversation(thread->id);
+        seen_.addTitle(thread->title.value_or(""));
+    }
 }
 
 void Console::perform(const StopCommand&) {
@@ -141,6 +161,19 @@ void Console::perform(const SendCommand& command) {
         message.attachments->push_back(attachmentFromFile(fileManager_, file));
     }
     submit(BridgeSendMessageRequest{.platform = platform_, .message = std::move(message)});
+    remarkOnSending();
+}
+
+void Console::remarkOnSending() {
+    const auto status = hasGreeted_ ? readStatus() : std::nullopt;
+    const auto remark = status ? sendingRemark(*status) : "";
+    if (!remark.empty()) display_.note(remark);
+}
+
+/// Before the greeting, the runtime status may still be that of an earlier helper.
+std::string Console::workerObstacle() {
+    const auto status = hasGreeted_ ? readStatus() : std::nullopt;
+    return status ? console::workerObstacle(*status) : "";
 }
 
 void Console::perform(const StatusCommand&) {
@@ -165,12 +198,17 @@ void Console::perform(const QRCommand& command) {
             .isFulfilled = isFulfilled,
             .subject = (command.untilLinked ? "a login by the QR code in " : "a QR code in ") + file,
             .remark = remark,
+            .obstacle = [this] { return workerObstacle(); },
             .needsPolling = true},
         command.patience);
 }
 
 void Console::perform(const RawCommand& command) {
     submitLine(command.line);
+}
+
+void Console::perform(const RawModeCommand& command) {
+    display_.showRaw(command.isOn);
 }
 
 void Console::perform(const HelpCommand&) {
@@ -186,7 +224,8 @@ void Console::perform(const ExpectCommand& command) {
         Wait::Condition{
             .isFulfilled = [this, expected = command.expectation] { return envelopes_.consume(expected); },
             .subject = command.expectation.description(),
-            .remark = {}},
+            .remark = {},
+            .obstacle = {}},
         command.patience);
 }
 
@@ -199,10 +238,12 @@ void Console::perform(const WaitStatusCommand& command) {
         const auto value = current();
         return "; it is " + (value ? "\"" + *value + "\"" : "absent");
     };
+    const bool isWorkers = command.field.starts_with("worker");
     wait_.emplace(
         Wait::Condition{.isFulfilled = [current, value = command.value] { return current() == value; },
                         .subject = command.field + " \"" + command.value + "\"",
                         .remark = remark,
+                        .obstacle = [this, isWorkers] { return isWorkers ? workerObstacle() : ""; },
                         .needsPolling = true},
         command.patience);
 }
@@ -222,6 +263,8 @@ void Console::received(std::string_view line) {
     display_.envelope(Direction::fromHelper, line);
     auto envelope = ReceivedEnvelope::from(line);
     hasGreeted_ = hasGreeted_ || envelope.name == "hello";
+    seen_.addConversation(envelope.conversation);
+    seen_.addTitle(envelope.conversationTitle);
     if (summary_ && envelope.name == "inboundEvent") summary_->countInboundEvent();
     envelopes_.add(std::move(envelope));
 }
@@ -238,14 +281,37 @@ void Console::waitForEvents() {
     helper_.addPollEntries(entries);
     polled(entries, wait_ ? wait_->pollTimeout() : -1);
     helper_.pump();
-    if (entries[1].revents != 0) input_.receive();
+    if (entries[1].revents != 0) {
+        wasInterrupted_ = false;
+        input_.receive();
+    }
     isDone_ = isDone_ || isAskedToEnd();
 }
 
 /// The signal stays where it is: it also keeps output from waiting for a reader any longer.
-bool Console::isAskedToEnd() const {
+bool Console::isAskedToEnd() {
+    takeInterrupt();
     pollfd signal{.fd = signals_.descriptor(), .events = POLLIN, .revents = 0};
     return polled({&signal, 1}, 0) > 0;
+}
+
+/// Ctrl-C of somebody at a terminal is meant for what is at hand, unless it comes twice.
+void Console::takeInterrupt() {
+    pollfd signal{.fd = signals_.descriptor(), .events = POLLIN, .revents = 0};
+    if (!input_.isInteractive() || polled({&signal, 1}, 0) <= 0) return;
+    const int number = signals_.take();
+    if (number == SIGINT && !wasInterrupted_) return interrupt();
+    // Back to where everybody looks for it.
+    if (number != 0) ::raise(number);
+}
+
+void Console::interrupt() {
+    wasInterrupted_ = true;
+    if (const auto wait = std::exchange(wait_, std::nullopt)) {
+        fail("Interrupted while the console waited for " + wait->subject() + ".");
+    } else if (!input_.discardLine()) {
+        display_.note("Press Ctrl-C again to end the helper and the console.");
+    }
 }
 
 void Console::checkWait() {
@@ -258,6 +324,10 @@ void Console::checkWait() {
     } catch (const Failure& failure) {
         wait_.reset();
         return fail(failure.what());
+    }
+    if (const auto obstacle = wait_->obstacle(); !obstacle.empty()) {
+        const auto wait = *std::exchange(wait_, std::nullopt);
+        return fail(wait.failure(obstacle));
     }
     if (!wait_->isOver()) return;
     const auto wait = *std::exchange(wait_, std::nullopt);

@@ -6,6 +6,7 @@
 
 #include "console/Command.h"
 #include "console/CommandInput.h"
+#include "console/Completion.h"
 #include "console/Display.h"
 #include "console/Expectation.h"
 #include "console/HelperProcess.h"
@@ -26,9 +27,9 @@ class Console {
     /// How long the helper has to greet before a script gives it up.
     static constexpr std::chrono::milliseconds greeting_patience{10000};
 
-    /// Starts the helper in `environment`. Throws Failure.
-    Console(const Options& options, Environment environment, CommandInput& input, Display& display,
-            const TerminationSignals& signals);
+    /// Starts the helper in `inherited`, changed as the options say. Throws Failure.
+    Console(const Options& options, Environment inherited, CommandInput& input, Display& display,
+            TerminationSignals& signals);
     Console(const Console&) = delete;
     Console& operator=(const Console&) = delete;
 
@@ -36,7 +37,7 @@ class Console {
     int run();
 
   private:
-    ChildProcess::Options launch(const Options& options, Environment environment);
+    ChildProcess::Options launch(const Options& options);
 
     void execute(const InputLine& line);
     void perform(const ConnectCommand& command);
@@ -47,15 +48,19 @@ class Console {
     void perform(const StatusCommand& command);
     void perform(const QRCommand& command);
     void perform(const RawCommand& command);
+    void perform(const RawModeCommand& command);
     void perform(const HelpCommand& command);
     void perform(const QuitCommand& command);
     void perform(const ExpectCommand& command);
     void perform(const WaitStatusCommand& command);
 
+    void see(const BridgeScope& scope);
     void submit(const BridgeEnvelope& envelope);
     void submitLine(std::string_view line);
     void received(std::string_view line);
     std::optional<ManagedWhatsAppRuntimeStatusRecord> readStatus();
+    std::string workerObstacle();
+    void remarkOnSending();
 
     void awaitGreeting();
     void begin(InputLine line);
@@ -63,7 +68,9 @@ class Console {
     void showSummary();
     void runReadyCommands();
     void waitForEvents();
-    bool isAskedToEnd() const;
+    bool isAskedToEnd();
+    void takeInterrupt();
+    void interrupt();
     void checkWait();
     void checkHelper();
     void checkOutput();
@@ -73,19 +80,23 @@ class Console {
     std::string platform_;
     CommandInput& input_;
     Display& display_;
-    const TerminationSignals& signals_;
+    TerminationSignals& signals_;
     PosixFileManager fileManager_;
-    DataDirectory directory_;
     LaunchTicket ticket_;
+    Environment environment_;
+    DataDirectory directory_;
     HelperProcess helper_;
 
     ReceivedEnvelopes envelopes_;
+    SeenNames seen_;
     bool hasGreeted_ = false;
     std::optional<Wait> wait_;
     /// The command that is being carried out.
     InputLine current_;
     /// Only when one was asked for.
     std::optional<Summary> summary_;
+    /// Somebody has pressed Ctrl-C and no other key since.
+    bool wasInterrupted_ = false;
     bool isDone_ = false;
     bool helperHasEnded_ = false;
     int status_ = 0;

@@ -9,29 +9,17 @@
 #include <cstdio>
 #include <utility>
 
-#include "bridge/BridgeMessages.h"
+#include "console/TerminalColors.h"
 #include "console/TerminalText.h"
-#include "records/DecodingFailure.h"
 #include "text/Failure.h"
 #include "text/Text.h"
 
 namespace brindle::console {
 namespace {
 
-// Select Graphic Rendition (ECMA-48, section 8.3.117).
-constexpr std::string_view reset_color = "\033[0m";
-constexpr std::string_view dim_color = "\033[2m";
-constexpr std::string_view red_color = "\033[31m";
-constexpr std::string_view green_color = "\033[32m";
-constexpr std::string_view cyan_color = "\033[36m";
-constexpr std::string_view bold_color = "\033[1m";
+enum class TimePrecision { seconds, milliseconds };
 
-std::string colored(std::string_view text, std::string_view color, bool inColor) {
-    if (!inColor) return std::string(text);
-    return std::string(color).append(text).append(reset_color);
-}
-
-std::string timeOfDay() {
+std::string timeOfDay(TimePrecision precision) {
     const auto now = std::chrono::system_clock::now();
     const auto seconds = std::chrono::system_clock::to_time_t(now);
     const auto sinceEpoch = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch());
@@ -40,39 +28,8 @@ std::string timeOfDay() {
     std::array<char, 32> text{};
     std::snprintf(text.data(), text.size(), "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
                   static_cast<int>(sinceEpoch.count() % 1000));
-    return text.data();
-}
-
-/// JSON text without the escapes before slashes, which only hinder reading.
-std::string withoutSlashEscapes(std::string_view json) {
-    std::string text;
-    text.reserve(json.size());
-    for (std::size_t i = 0; i < json.size(); ++i) {
-        if (json[i] != '\\' || i + 1 == json.size()) {
-            text += json[i];
-        } else {
-            if (json[i + 1] != '/') text += '\\';
-            text += json[++i];
-        }
-    }
-    return text;
-}
-
-void abbreviateContent(BridgeEnvelope& envelope) {
-    auto* request = std::get_if<BridgeSendMessageRequest>(&envelope);
-    if (request == nullptr || !request->message.attachments) return;
-    for (auto& attachment : *request->message.attachments) {
-        if (!attachment.dataBase64) continue;
-        attachment.dataBase64 = "(" + std::to_string(attachment.dataBase64->view().size()) + " characters)";
-    }
-}
-
-std::string envelopeName(const BridgeEnvelope& envelope) {
-    std::string name(BridgeEnvelope::case_names[envelope.index()]);
-    if (const auto* event = std::get_if<BridgeStateChangedEvent>(&envelope)) {
-        name.append(".").append(BridgeConnectionState::case_names[event->state.index()]);
-    }
-    return name;
+    constexpr std::size_t length_in_seconds = std::string_view("00:00:00").size();
+    return precision == TimePrecision::seconds ? std::string(text.data(), length_in_seconds) : text.data();
 }
 
 bool isColorTerminal(int descriptor, const Environment& environment) {
@@ -96,28 +53,14 @@ DisplayStyle DisplayStyle::from(const Options& options, const Environment& envir
             .colorsError = inColor(STDERR_FILENO)};
 }
 
-std::string readableEnvelope(std::string_view line, bool inColor) {
-    try {
-        auto envelope = decodedRecord<BridgeEnvelope>(line);
-        abbreviateContent(envelope);
-        const auto content =
-            std::visit([](const auto& payload) { return encodedRecord(payload, JsonStyle::compact); },
-                       static_cast<const BridgeEnvelope::Cases&>(envelope));
-        const bool isError = std::holds_alternative<BridgeErrorEvent>(envelope);
-        return colored(envelopeName(envelope), isError ? red_color : bold_color, inColor) + " " +
-               terminalSafe(withoutSlashEscapes(content));
-    } catch (const DecodingFailure&) {
-        return colored("(not an envelope)", red_color, inColor) + " " + terminalSafe(line);
-    }
-}
-
 void Display::envelope(Direction direction, std::string_view line) {
     if (style_.json) return jsonLine(line);
-    const bool isOutgoing = direction == Direction::toHelper;
     const bool inColor = style_.colorsOutput;
-    write(output_, colored(timeOfDay(), dim_color, inColor) + " " +
-                       colored(isOutgoing ? "-->" : "<--", isOutgoing ? cyan_color : green_color, inColor) +
-                       " " + readableEnvelope(line, inColor) + "\n");
+    const auto time = timeOfDay(isRaw_ ? TimePrecision::milliseconds : TimePrecision::seconds);
+    write(output_,
+          colored(time, dim_color, inColor) + " " +
+              (isRaw_ ? rawEnvelope(direction, line, inColor) : readableEnvelope(direction, line, inColor)) +
+              "\n");
 }
 
 void Display::jsonLine(std::string_view line) {
@@ -141,6 +84,10 @@ void Display::answer(std::string_view text) {
 
 void Display::problem(std::string_view sentence) {
     write(error_, colored(terminalSafe(sentence), red_color, style_.colorsError) + "\n");
+}
+
+void Display::note(std::string_view sentence) {
+    write(error_, colored(terminalSafe(sentence), yellow_color, style_.colorsError) + "\n");
 }
 
 std::optional<std::size_t> Display::terminalColumns() {

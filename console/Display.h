@@ -6,11 +6,10 @@
 #include <string_view>
 
 #include "console/Options.h"
+#include "console/ReadableEnvelope.h"
 #include "system/OutputStream.h"
 
 namespace brindle::console {
-
-enum class Direction { toHelper, fromHelper };
 
 /// How the two output streams are to look.
 struct DisplayStyle {
@@ -34,10 +33,6 @@ class EditedLine {
     virtual void show() = 0;
 };
 
-/// A protocol line as people like to read it: the name of the envelope as expect takes it, then its content,
-/// on one line and without anything that a terminal would obey. Base64 content is only counted.
-std::string readableEnvelope(std::string_view line, bool inColor);
-
 /// Everything that the console shows. Envelopes and answers go to standard output; the helper's standard
 /// error and problems go to standard error. Whatever a stream does not take is passed over.
 class Display {
@@ -50,6 +45,8 @@ class Display {
     /// From now on `line` steps aside for output; null for none.
     void stepAside(EditedLine* line) { editedLine_ = line; }
 
+    /// From now on envelopes are shown as protocol lines, or again as people read them. Bare lines stay bare.
+    void showRaw(bool isOn) { isRaw_ = isOn; }
     void envelope(Direction direction, std::string_view line);
     /// A JSON document on one line, as it is unless standard output is a terminal: that is shown escapes for
     /// what it would obey.
@@ -63,6 +60,8 @@ class Display {
     void answer(std::string_view text);
     /// One sentence about what went wrong.
     void problem(std::string_view sentence);
+    /// One sentence that somebody should know; nothing went wrong.
+    void note(std::string_view sentence);
 
     bool isJson() const { return style_.json; }
     bool colorsOutput() const { return style_.colorsOutput; }
@@ -78,6 +77,7 @@ class Display {
     OutputStream& output_;
     OutputStream& error_;
     EditedLine* editedLine_ = nullptr;
+    bool isRaw_ = false;
     bool hasLostOutput_ = false;
 };
 

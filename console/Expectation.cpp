@@ -51,6 +51,10 @@ ReceivedEnvelope ReceivedEnvelope::from(std::string_view line) {
         if (const auto* event = std::get_if<BridgeStateChangedEvent>(&envelope)) {
             received.innerName = BridgeConnectionState::case_names[event->state.index()];
         }
+        if (const auto* inbound = std::get_if<BridgeInboundEvent>(&envelope)) {
+            received.conversation = inbound->event.conversationId;
+            received.conversationTitle = inbound->event.conversationTitle;
+        }
         collectTexts(document, received.texts);
     } catch (const DecodingFailure&) {
         return {};

@@ -16,6 +16,9 @@ struct ReceivedEnvelope {
     /// "connected" ... for stateChanged, else empty.
     std::string innerName;
     std::vector<std::string> texts;
+    /// Of inboundEvent; else empty.
+    std::string conversation;
+    std::string conversationTitle;
 
     /// What `line` is; a line that is no envelope has no name and no texts.
     static ReceivedEnvelope from(std::string_view line);

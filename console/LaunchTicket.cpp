@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <string_view>
+#include <thread>
 
 #include "exchange/EnvironmentKeys.h"
 #include "system/FileManager.h"
@@ -20,6 +21,10 @@ namespace {
 
 constexpr std::string_view directory_prefix = "brindle-console-";
 constexpr std::string_view token_file_name = "launch-token";
+constexpr std::string_view data_directory_name = "data";
+/// How long a worker that was asked to end, and is on its way, may go on writing into what is being removed.
+constexpr std::chrono::milliseconds removal_patience{5000};
+constexpr std::chrono::milliseconds removal_interval{20};
 
 std::string temporaryBase() {
     std::error_code error;
@@ -34,8 +39,16 @@ bool isLeftover(const std::string& path, FileManager& files) {
            attributes->modification + LaunchTicket::leftover_age < std::chrono::system_clock::now();
 }
 
-/// The token, and the file that it may have been written to first.
+/// Whether it is gone.
+bool removeData(const std::string& directory) {
+    std::error_code error;
+    std::filesystem::remove_all(joinedPath(directory, data_directory_name), error);
+    return !error;
+}
+
+/// The token, the file that it may have been written to first, and the session's data.
 void removeTicket(const std::string& directory, FileManager& files) {
+    removeData(directory);
     const auto entries = files.readDirectory(directory);
     while (const auto name = entries->next()) {
         if (*name == token_file_name || isTemporaryName(*name))
@@ -82,8 +95,16 @@ LaunchTicket::LaunchTicket() : token_(randomIdentifier() + randomIdentifier()) {
 }
 
 LaunchTicket::~LaunchTicket() {
+    const auto deadline = std::chrono::steady_clock::now() + removal_patience;
+    while (!removeData(directory_) && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(removal_interval);
+    }
     ::unlink(file_.c_str());
     ::rmdir(directory_.c_str());
+}
+
+std::string LaunchTicket::dataDirectory() const {
+    return joinedPath(directory_, data_directory_name);
 }
 
 void LaunchTicket::holdDirectory() {

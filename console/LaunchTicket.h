@@ -9,7 +9,8 @@
 namespace brindle::console {
 
 /// What proves to a helper that its parent started it: a random token and a file that holds it, in a private
-/// directory. Both are gone with the object; what a console that was killed has left goes with a later one.
+/// directory, which also has room for a data directory of the session's own. All of it is gone with the
+/// object; what a console that was killed has left goes with a later one.
 class LaunchTicket {
   public:
     /// How long a directory that nobody uses is left alone: it may belong to a console that is just starting.
@@ -22,6 +23,8 @@ class LaunchTicket {
     LaunchTicket& operator=(const LaunchTicket&) = delete;
 
     const std::string& file() const { return file_; }
+    /// Where a session can have its data; not made yet.
+    std::string dataDirectory() const;
     /// Sets the two variables by which the helper finds the token.
     void addTo(Environment& environment) const;
 

@@ -1,17 +1,22 @@
 #include "console/LineEditor.h"
 
 #include <histedit.h>
+#include <limits.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 #include <wchar.h>
 
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
+#include "console/TerminalText.h"
 #include "system/FileManager.h"
 #include "system/FileSystemFailure.h"
 #include "system/Paths.h"
@@ -70,6 +75,33 @@ ssize_t writeToStream(void* stream, const char* bytes, std::size_t count) {
     }
 }
 
+std::string narrowText(std::wstring_view text) {
+    std::string narrow;
+    mbstate_t state{};
+    for (const wchar_t each : text) {
+        std::array<char, MB_LEN_MAX> bytes{};
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): only a null state would be shared.
+        const auto length = ::wcrtomb(bytes.data(), each, &state);
+        if (length != static_cast<std::size_t>(-1)) narrow.append(bytes.data(), length);
+    }
+    return narrow;
+}
+
+std::wstring wideText(std::string_view text) {
+    std::wstring wide;
+    mbstate_t state{};
+    while (!text.empty()) {
+        wchar_t character = 0;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): only a null state would be shared.
+        const auto length = ::mbrtowc(&character, text.data(), text.size(), &state);
+        // Not text in this locale.
+        if (length == 0 || length > text.size()) break;
+        wide += character;
+        text.remove_prefix(length);
+    }
+    return wide;
+}
+
 struct CloseFile {
     void operator()(FILE* file) const { std::fclose(file); }
 };
@@ -97,6 +129,7 @@ struct LineEditor::Implementation {
     std::unique_ptr<History, EndHistory> past{::history_init()};
     std::unique_ptr<FILE, CloseFile> output;
     std::unique_ptr<EditLine, EndEditLine> editor;
+    Completer completer;
     std::deque<std::string> lines;
     bool isEditing = false;
     bool isAtEnd = false;
@@ -123,6 +156,38 @@ struct LineEditor::Implementation {
         ::el_wset(editor.get(), EL_ADDFN, L"end-or-delete", L"End the input or delete a character",
                   &endOrDelete);
         ::el_set(editor.get(), EL_BIND, "^D", "end-or-delete", nullptr);
+        ::el_wset(editor.get(), EL_ADDFN, L"complete", L"Complete the word", &complete);
+        ::el_set(editor.get(), EL_BIND, "^I", "complete", nullptr);
+    }
+
+    static unsigned char complete(EditLine* editor, wint_t) {
+        Implementation* self = nullptr;
+        ::el_get(editor, EL_CLIENTDATA, &self);
+        return self->completer ? self->completeWord() : CC_ERROR;
+    }
+
+    unsigned char completeWord() {
+        const LineInfoW* line = ::el_wline(editor.get());
+        const auto typed = narrowText({line->buffer, line->cursor});
+        const auto completion = completer(typed);
+        if (completion.candidates.empty()) return CC_ERROR;
+        auto replacement = completion.commonBeginning();
+        const bool isOnly = completion.candidates.size() == 1;
+        if (isOnly && !replacement.ends_with('/')) replacement += ' ';
+        const auto word = std::string_view(typed).substr(completion.begin);
+        if (!isOnly && replacement.size() <= word.size()) return offer(completion.candidates);
+        ::el_wdeletestr(editor.get(), static_cast<int>(wideText(word).size()));
+        ::el_winsertstr(editor.get(), wideText(replacement).c_str());
+        return CC_REFRESH;
+    }
+
+    /// Shows what the word can become below the line, which comes again.
+    unsigned char offer(const std::vector<std::string>& candidates) {
+        std::fputc('\n', output.get());
+        for (const auto& each : candidates) std::fprintf(output.get(), "%s  ", terminalSafe(each).c_str());
+        std::fputc('\n', output.get());
+        std::fflush(output.get());
+        return CC_REDISPLAY;
     }
 
     static unsigned char endOrDelete(EditLine* editor, wint_t) {
@@ -239,6 +304,22 @@ std::optional<InputLine> LineEditor::next() {
 
 bool LineEditor::isAtEnd() const {
     return implementation_->isAtEnd && implementation_->lines.empty();
+}
+
+void LineEditor::completeWith(const Completer& completer) {
+    implementation_->completer = completer;
+}
+
+bool LineEditor::discardLine() {
+    const LineInfoW* line = ::el_wline(implementation_->editor.get());
+    if (!implementation_->isEditing || line->lastchar == line->buffer) return false;
+    // As the terminal shows it when a line is left.
+    std::fputs("^C\n", implementation_->output.get());
+    std::fflush(implementation_->output.get());
+    // Anew, which also shows the prompt.
+    implementation_->end();
+    implementation_->begin();
+    return true;
 }
 
 void LineEditor::hide() {

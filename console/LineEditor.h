@@ -35,6 +35,8 @@ class LineEditor final : public CommandInput, public EditedLine {
     std::optional<InputLine> next() override;
     bool isAtEnd() const override;
     bool isInteractive() const override { return true; }
+    void completeWith(const Completer& completer) override;
+    bool discardLine() override;
 
     void hide() override;
     void show() override;

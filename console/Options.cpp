@@ -12,7 +12,7 @@ namespace brindle::console {
 namespace {
 
 constexpr const char* description =
-    "Plays the parent application for the messaging helper: starts it with a launch token, shows every envelope in both directions and sends what you type.\n";
+    "Plays the parent application for the messaging helper: starts it with a launch token, shows every message in both directions and sends what you type.\n";
 
 std::string footer() {
     return "\nCommands:\n" + commandHelp() +
@@ -33,6 +33,7 @@ struct Parser {
     Options options;
     bool noWorker = false;
     bool builtinWorker = false;
+    bool showsVersion = false;
     std::string nativeWorkerPath;
     std::string color = "auto";
     CLI::App app{description};
@@ -41,7 +42,6 @@ struct Parser {
         options.helper = defaultHelper;
         app.name("BrindleBridgeConsole");
         app.footer(footer());
-        app.set_version_flag("--version", "BrindleBridgeConsole " CONSOLE_VERSION, "Show the version.");
         app.set_help_flag("-h,--help", "Show this help.");
         addGeneralOptions();
         addWorkerOptions();
@@ -54,7 +54,10 @@ struct Parser {
         app.add_option(std::string(platform_argument), options.platform, "The messaging platform.")
             ->type_name("NAME")
             ->capture_default_str();
-        app.add_option("--data-dir", options.dataDirectory, "The directory shared by helper and worker.")
+        app.add_flag("--version", showsVersion, "Show the version, and which protocol the helper speaks.");
+        app.add_option("--data-dir", options.dataDirectory,
+                       "The directory shared by helper and worker; \"default\" is the application's. Else "
+                       "BRINDLE_MANAGED_BRIDGE_DATA_DIR, else one that goes with the console.")
             ->type_name("DIR");
         app.add_option("--script", options.script, "Run the commands in a file, then end.")
             ->type_name("FILE");
@@ -82,6 +85,7 @@ struct Parser {
     }
 
     Options result() {
+        if (showsVersion) options.action = Action::showVersion;
         if (color == "always") options.color = ColorChoice::always;
         if (color == "never") options.color = ColorChoice::never;
         if (!options.workerPath.empty()) options.worker = WorkerChoice::explicitPath;
@@ -97,6 +101,18 @@ struct Parser {
 
 void set(Environment& environment, std::string_view key, std::string value) {
     environment.insert_or_assign(std::string(key), std::move(value));
+}
+
+/// The application's directory is somebody's account: only who names it gets it.
+void chooseDataDirectory(const Options& options, Environment& environment, const std::string& own) {
+    using environment_key::data_directory;
+    if (options.dataDirectory == default_data_directory) {
+        environment.erase(std::string(data_directory));
+    } else if (options.dataDirectory) {
+        set(environment, data_directory, standardizedPath(*options.dataDirectory));
+    } else if (!nonBlankValue(environment, data_directory)) {
+        set(environment, data_directory, own);
+    }
 }
 
 /// Without a choice the environment decides, as for everything that a developer may want to keep.
@@ -151,12 +167,15 @@ std::variant<Options, CommandLineAnswer> parseCommandLine(int argumentCount, con
     }
 }
 
-Environment helperEnvironment(const Options& options, Environment inherited) {
+std::string consoleVersion() {
+    return "BrindleBridgeConsole " CONSOLE_VERSION;
+}
+
+Environment helperEnvironment(const Options& options, Environment inherited,
+                              const std::string& ownDataDirectory) {
     // The helper must come up in its parent-facing role whatever this process was started with.
     inherited.erase(std::string(environment_key::worker_role));
-    if (options.dataDirectory) {
-        set(inherited, environment_key::data_directory, standardizedPath(*options.dataDirectory));
-    }
+    chooseDataDirectory(options, inherited, ownDataDirectory);
     chooseWorker(options, inherited);
     return inherited;
 }

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -22,9 +23,17 @@ enum class WorkerChoice {
     none,
 };
 
+/// The word that names the application's own data directory in place of a path.
+inline constexpr std::string_view default_data_directory = "default";
+
+/// What the program is to do.
+enum class Action { session, showVersion };
+
 struct Options {
+    Action action = Action::session;
     std::string helper;
     std::string platform{default_platform};
+    /// As it was named; default_data_directory means the application's.
     std::optional<std::string> dataDirectory;
     WorkerChoice worker = WorkerChoice::unchanged;
     std::string workerPath;
@@ -46,8 +55,12 @@ struct CommandLineAnswer {
 std::variant<Options, CommandLineAnswer> parseCommandLine(int argumentCount, const char* const* arguments,
                                                           const std::string& defaultHelper);
 
-/// The environment to start the helper with: `inherited`, changed as the options say. The launch token is not
-/// part of it yet.
-Environment helperEnvironment(const Options& options, Environment inherited);
+/// The name and version of this program.
+std::string consoleVersion();
+
+/// The environment to start the helper with: `inherited`, changed as the options say, and with
+/// `ownDataDirectory` where neither they nor `inherited` name one. The launch token is not part of it yet.
+Environment helperEnvironment(const Options& options, Environment inherited,
+                              const std::string& ownDataDirectory);
 
 }  // namespace brindle::console

@@ -4,6 +4,7 @@
 
 #include "console/Columns.h"
 #include "console/TerminalText.h"
+#include "exchange/ExchangeWords.h"
 #include "text/Failure.h"
 
 namespace brindle::console {
@@ -31,6 +32,22 @@ std::optional<ManagedWhatsAppRuntimeStatusRecord> readableStatus(FileManager& fi
     } catch (const Failure&) {
         return std::nullopt;
     }
+}
+
+std::string workerObstacle(const ManagedWhatsAppRuntimeStatusRecord& status) {
+    if (status.workerProcessRunning || !worker_state::isFinal(status.workerState)) return {};
+    return "no worker runs, its state is \"" + status.workerState +
+           "\" and stays so; start anew with a worker that works (--builtin-worker, --native-worker PATH)";
+}
+
+std::string sendingRemark(const ManagedWhatsAppRuntimeStatusRecord& status) {
+    if (status.workerSupportsOutbound) return {};
+    if (!workerObstacle(status).empty()) {
+        return "No worker runs that could send this; the message is stored in outbound and waits there.";
+    }
+    if (!status.workerLastHeartbeatISO8601) return {};
+    return "The worker says that it does not send (workerSupportsOutbound is false); the message is stored in "
+           "outbound and waits for one that does.";
 }
 
 std::vector<StatusField> statusFields(const ManagedWhatsAppRuntimeStatusRecord& status) {

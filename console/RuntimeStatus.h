@@ -19,6 +19,13 @@ struct StatusField {
 std::optional<ManagedWhatsAppRuntimeStatusRecord> readableStatus(FileManager& fileManager,
                                                                  const std::string& file);
 
+/// Why nothing will come from a worker any more, as part of a sentence; empty while something may.
+std::string workerObstacle(const ManagedWhatsAppRuntimeStatusRecord& status);
+
+/// What somebody should know who sends a message now; empty when a worker sends it, or when none has spoken
+/// yet.
+std::string sendingRemark(const ManagedWhatsAppRuntimeStatusRecord& status);
+
 /// Every field of the status, in the order of their declaration.
 std::vector<StatusField> statusFields(const ManagedWhatsAppRuntimeStatusRecord& status);
 

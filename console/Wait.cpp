@@ -38,4 +38,13 @@ std::string Wait::failure() const {
                       inSeconds(patience_) + (condition_.remark ? condition_.remark() : "") + ".");
 }
 
+std::string Wait::failure(const std::string& obstacle) const {
+    return singleLine("Expected " + condition_.subject + ", which cannot come: " + obstacle + ".");
+}
+
+std::string Wait::announcement() const {
+    return singleLine("Waiting up to " + inSeconds(patience_) + " for " + condition_.subject +
+                      "; Ctrl-C ends the wait.");
+}
+
 }  // namespace brindle::console

@@ -10,6 +10,7 @@
 #include "console/CommandInput.h"
 #include "console/Console.h"
 #include "console/Display.h"
+#include "console/HelperVersion.h"
 #include "console/LineEditor.h"
 #include "console/Options.h"
 #include "console/TerminalText.h"
@@ -63,7 +64,7 @@ int runSession(const Options& options) {
     try {
         const auto input = chooseInput(options, environment, output);
         display.stepAside(input.editor);
-        Console console(options, helperEnvironment(options, environment), *input.commands, display, signals);
+        Console console(options, environment, *input.commands, display, signals);
         const int status = console.run();
         display.stepAside(nullptr);
         return status;
@@ -72,6 +73,15 @@ int runSession(const Options& options) {
         display.problem(failure.what());
         return 1;
     }
+}
+
+int showVersion(const Options& options) {
+    std::printf("%s\n", consoleVersion().c_str());
+    std::fflush(stdout);
+    const TerminationSignals signals(TerminationSignalSet::everyEnd);
+    const auto version = helperVersion(options, currentEnvironment(), signals);
+    std::printf("%s speaks %s\n", terminalSafe(options.helper).c_str(), terminalSafe(version).c_str());
+    return 0;
 }
 
 }  // namespace
@@ -87,8 +97,9 @@ int main(int argumentCount, char** arguments) {
         std::fputs(answer->text.c_str(), answer->status == 0 ? stdout : stderr);
         return answer->status;
     }
+    const auto& options = std::get<Options>(parsed);
     try {
-        return runSession(std::get<Options>(parsed));
+        return options.action == Action::showVersion ? showVersion(options) : runSession(options);
     } catch (const Failure& failure) {
         // Before there was a display to say it.
         std::fprintf(stderr, "%s\n", terminalSafe(failure.what()).c_str());

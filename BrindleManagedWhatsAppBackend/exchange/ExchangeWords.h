@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -42,6 +43,25 @@ inline constexpr std::string_view error = "error";
 
 /// The worker was asked to end, or ends because its backend is gone.
 inline constexpr std::string_view stopped = "stopped";
+
+/// What the backend says of a worker that does not speak for itself.
+inline constexpr std::array backend_words{not_configured, misconfigured, launching, launch_failed, exited};
+/// What a worker says of itself.
+inline constexpr std::array worker_words{starting,   waiting_for_qr, linked, activating_chat, watching_chat,
+                                         wrong_chat, no_active_chat, error,  stopped};
+/// All of them.
+inline constexpr auto every_word = [] {
+    std::array<std::string_view, backend_words.size() + worker_words.size()> words;
+    std::copy(worker_words.begin(), worker_words.end(),
+              std::copy(backend_words.begin(), backend_words.end(), words.begin()));
+    return words;
+}();
+
+/// Whether no worker runs in that state, nor ever will as long as the backend lives.
+constexpr bool isFinal(std::string_view word) {
+    return word == not_configured || word == misconfigured || word == launch_failed || word == exited ||
+           word == stopped;
+}
 
 }  // namespace worker_state
 

@@ -113,6 +113,17 @@ TEST(Command, RawKeepsTheRestOfTheLineAsItIs) {
     EXPECT_THAT(refusal("rawx"), HasSubstr("Unknown command"));
 }
 
+TEST(Command, RawOnAndOffChooseWhatIsShown) {
+    EXPECT_TRUE(parsed<RawModeCommand>("raw on").isOn);
+    EXPECT_FALSE(parsed<RawModeCommand>(" raw off ").isOn);
+    EXPECT_EQ(parsed<RawCommand>("raw once").line, "once");
+}
+
+TEST(Command, HasOtherNamesWherePeopleTryThem) {
+    EXPECT_NO_THROW(parsed<HelpCommand>("?"));
+    EXPECT_NO_THROW(parsed<QuitCommand>("exit"));
+}
+
 TEST(Command, ExpectHasDefaults) {
     const auto command = parsed<ExpectCommand>("expect stateChanged.connected");
     EXPECT_EQ(command.expectation.name, "stateChanged");

@@ -60,5 +60,33 @@ TEST(CommandWords, RefuseABackslashAtTheEnd) {
     EXPECT_THROW(splitWords("send a\\"), Failure);
 }
 
+TEST(UnfinishedWords, EndWithTheWordThatIsBeingTyped) {
+    const auto typed = splitUnfinished("send 'team room' he");
+    EXPECT_THAT(typed.words, ElementsAre("send", "team room"));
+    EXPECT_EQ(typed.last, "he");
+    EXPECT_EQ(typed.lastBegin, 17U);
+}
+
+TEST(UnfinishedWords, BehindABlankHaveAnEmptyLast) {
+    const auto typed = splitUnfinished("send ");
+    EXPECT_THAT(typed.words, ElementsAre("send"));
+    EXPECT_EQ(typed.last, "");
+    EXPECT_EQ(typed.lastBegin, 5U);
+}
+
+TEST(UnfinishedWords, MayEndInAnOpenQuoteOrABackslash) {
+    EXPECT_EQ(splitUnfinished("send \"team ro").last, "team ro");
+    EXPECT_EQ(splitUnfinished("send \"team ro").lastBegin, 5U);
+    EXPECT_EQ(splitUnfinished("send a\\").last, "a");
+}
+
+TEST(QuotedWord, IsReadBackAsItWas) {
+    for (const std::string word :
+         {"plain", "two words", "", "it's", "say \"hi\"", "back\\slash", "#x", "é"}) {
+        EXPECT_THAT(splitWords(quotedWord(word)), ElementsAre(word));
+    }
+    EXPECT_EQ(quotedWord("plain"), "plain");
+}
+
 }  // namespace
 }  // namespace brindle::console

@@ -61,6 +61,17 @@ TEST(LaunchTicket, LeavesNothingBehind) {
     EXPECT_FALSE(std::filesystem::exists(directory));
 }
 
+TEST(LaunchTicket, TakesTheDataOfItsSessionAway) {
+    std::filesystem::path data;
+    {
+        const LaunchTicket ticket;
+        data = ticket.dataDirectory();
+        std::filesystem::create_directories(data / "runtime");
+        test::writeFileAtomically(data / "runtime/worker.pid", "1");
+    }
+    EXPECT_FALSE(std::filesystem::exists(data.parent_path()));
+}
+
 /// Directories of earlier consoles, beside which a new one makes its own.
 class EarlierTicket : public testing::Test {
   protected:
@@ -82,6 +93,7 @@ class EarlierTicket : public testing::Test {
         fs::create_directory(directory);
         test::writeFileAtomically(directory / "launch-token", "token");
         test::writeFileAtomically(directory / ".brindle-abcdef", "tok");
+        fs::create_directories(directory / "data/runtime");
         fs::last_write_time(directory, fs::file_time_type::clock::now() - age);
         return directory;
     }

@@ -24,7 +24,12 @@ CommandLineAnswer answered(const std::vector<const char*>& arguments) {
 }
 
 Environment environmentFor(const std::vector<const char*>& arguments, Environment inherited = {}) {
-    return helperEnvironment(accepted(arguments), std::move(inherited));
+    inherited.try_emplace("BRINDLE_MANAGED_BRIDGE_DATA_DIR", "/inherited");
+    auto environment = helperEnvironment(accepted(arguments), std::move(inherited), "/own");
+    if (environment["BRINDLE_MANAGED_BRIDGE_DATA_DIR"] == "/inherited") {
+        environment.erase("BRINDLE_MANAGED_BRIDGE_DATA_DIR");
+    }
+    return environment;
 }
 
 TEST(Options, HaveDefaults) {
@@ -62,10 +67,10 @@ TEST(Options, HelpShowsCommandsAndExamples) {
     EXPECT_THAT(answer.text, HasSubstr("Examples:"));
 }
 
-TEST(Options, VersionIsAnswered) {
-    const auto answer = answered({"--version"});
-    EXPECT_EQ(answer.status, 0);
-    EXPECT_THAT(answer.text, HasSubstr("BrindleBridgeConsole 3."));
+TEST(Options, AskForTheVersion) {
+    EXPECT_EQ(accepted({"--version"}).action, Action::showVersion);
+    EXPECT_EQ(accepted({}).action, Action::session);
+    EXPECT_THAT(consoleVersion(), HasSubstr("BrindleBridgeConsole 3."));
 }
 
 TEST(Options, ThatAreWrongAreRefusedWithStatusTwo) {
@@ -102,6 +107,20 @@ TEST(HelperEnvironment, HasAnAbsoluteDataDirectory) {
     EXPECT_EQ(environmentFor({"--data-dir", "/a/../b/"}).at("BRINDLE_MANAGED_BRIDGE_DATA_DIR"), "/b");
     EXPECT_TRUE(
         environmentFor({"--data-dir", "here"}).at("BRINDLE_MANAGED_BRIDGE_DATA_DIR").starts_with('/'));
+}
+
+TEST(HelperEnvironment, HasADataDirectoryOfItsOwnWhenNobodyNamesOne) {
+    EXPECT_EQ(helperEnvironment(accepted({}), {}, "/own").at("BRINDLE_MANAGED_BRIDGE_DATA_DIR"), "/own");
+    const Environment blank{{"BRINDLE_MANAGED_BRIDGE_DATA_DIR", " "}};
+    EXPECT_EQ(helperEnvironment(accepted({}), blank, "/own").at("BRINDLE_MANAGED_BRIDGE_DATA_DIR"), "/own");
+    const Environment named{{"BRINDLE_MANAGED_BRIDGE_DATA_DIR", "/named"}};
+    EXPECT_EQ(helperEnvironment(accepted({}), named, "/own").at("BRINDLE_MANAGED_BRIDGE_DATA_DIR"), "/named");
+}
+
+TEST(HelperEnvironment, LeavesTheApplicationsDataDirectoryToTheHelper) {
+    const Environment named{{"BRINDLE_MANAGED_BRIDGE_DATA_DIR", "/named"}};
+    EXPECT_FALSE(helperEnvironment(accepted({"--data-dir", "default"}), named, "/own")
+                     .contains("BRINDLE_MANAGED_BRIDGE_DATA_DIR"));
 }
 
 TEST(HelperEnvironment, ReplacesTheChoiceOfWorker) {

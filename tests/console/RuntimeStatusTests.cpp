@@ -52,5 +52,28 @@ TEST(RuntimeStatus, IsNoneWhileItCannotBeRead) {
     EXPECT_EQ(readableStatus(fileManager, file)->platform, "whatsapp");
 }
 
+TEST(WorkerObstacle, IsAWorkerThatNeverRunsAgain) {
+    ManagedWhatsAppRuntimeStatusRecord status;
+    for (const auto* state : {"not_configured", "misconfigured", "launch_failed", "exited", "stopped"}) {
+        status.workerState = state;
+        EXPECT_NE(workerObstacle(status), "") << state;
+    }
+    for (const auto* state : {"launching", "starting", "linked"}) {
+        status.workerState = state;
+        EXPECT_EQ(workerObstacle(status), "") << state;
+    }
+    status.workerState = "stopped";
+    status.workerProcessRunning = true;
+    EXPECT_EQ(workerObstacle(status), "");
+}
+
+TEST(SendingRemark, IsNoneWhileAWorkerSendsOrHasNotSpokenYet) {
+    ManagedWhatsAppRuntimeStatusRecord status;
+    status.workerState = "launching";
+    EXPECT_EQ(sendingRemark(status), "");
+    status.workerSupportsOutbound = true;
+    EXPECT_EQ(sendingRemark(status), "");
+}
+
 }  // namespace
 }  // namespace brindle::console

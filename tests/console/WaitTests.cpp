@@ -12,6 +12,7 @@ Wait::Condition condition(bool needsPolling) {
     return {.isFulfilled = [] { return false; },
             .subject = "a sign",
             .remark = [] { return std::string("; there is a hint"); },
+            .obstacle = {},
             .needsPolling = needsPolling};
 }
 
@@ -21,15 +22,28 @@ TEST(Wait, InVainNamesWhatWasExpectedHowLongAndWhatIsThereInstead) {
 }
 
 TEST(Wait, InVainNeedsNoRemark) {
-    const Wait wait({.isFulfilled = [] { return false; }, .subject = "a sign", .remark = {}},
+    const Wait wait({.isFulfilled = [] { return false; }, .subject = "a sign", .remark = {}, .obstacle = {}},
                     milliseconds(100));
     EXPECT_EQ(wait.failure(), "Expected a sign, which did not come within 0.1 s.");
 }
 
 TEST(Wait, InVainIsOneLineWhateverWasExpected) {
-    const Wait wait({.isFulfilled = [] { return false; }, .subject = "a\nb", .remark = {}},
+    const Wait wait({.isFulfilled = [] { return false; }, .subject = "a\nb", .remark = {}, .obstacle = {}},
                     milliseconds(100));
     EXPECT_EQ(wait.failure(), "Expected a?b, which did not come within 0.1 s.");
+}
+
+TEST(Wait, GivenUpNamesWhatIsInItsWay) {
+    auto blocked = condition(true);
+    EXPECT_EQ(Wait(blocked, hours(1)).obstacle(), "");
+    blocked.obstacle = [] { return std::string("nobody is there"); };
+    const Wait wait(blocked, hours(1));
+    EXPECT_EQ(wait.failure(wait.obstacle()), "Expected a sign, which cannot come: nobody is there.");
+}
+
+TEST(Wait, TellsAPersonThatItWaits) {
+    EXPECT_EQ(Wait(condition(true), milliseconds(1500)).announcement(),
+              "Waiting up to 1.5 s for a sign; Ctrl-C ends the wait.");
 }
 
 TEST(Wait, IsOverOnceItsTimeHasPassed) {

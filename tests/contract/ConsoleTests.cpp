@@ -105,15 +105,15 @@ class ConsoleTest : public testing::Test {
     std::unique_ptr<BackendProcess> console_;
 };
 
-/// The next line that is not an envelope's time stamp: everything after "12:34:56.789 ".
+/// The next line that is not an envelope's time stamp: everything after "12:34:56 ".
 std::string withoutTime(const std::string& line) {
-    constexpr std::size_t time_length = std::string_view("12:34:56.789 ").size();
+    constexpr std::size_t time_length = std::string_view("12:34:56 ").size();
     return line.size() > time_length ? line.substr(time_length) : line;
 }
 
 void waitForGreeting(BackendProcess& console) {
-    EXPECT_THAT(withoutTime(console.nextLine()), HasSubstr("<-- hello "));
-    EXPECT_THAT(withoutTime(console.nextLine()), HasSubstr("<-- stateChanged.disconnected "));
+    EXPECT_THAT(withoutTime(console.nextLine()), HasSubstr("<-- hello: "));
+    EXPECT_THAT(withoutTime(console.nextLine()), testing::Eq("<-- stateChanged.disconnected"));
 }
 
 void waitUntilGone(pid_t process) {
@@ -133,8 +133,9 @@ TEST_F(ConsoleTest, ScriptThatIsMetEndsWithZero) {
     EXPECT_EQ(console.standardError(), "");
     const auto output = console.rawOutput();
     EXPECT_THAT(output, HasSubstr("> connect\n"));
-    EXPECT_THAT(output, HasSubstr(R"(--> connect {"platform":"whatsapp"})"));
-    EXPECT_THAT(output, HasSubstr("<-- inboundEvent "));
+    EXPECT_THAT(output, HasSubstr("--> connect\n"));
+    EXPECT_THAT(output, HasSubstr("--> startListening: test \"Smoke / test\"\n"));
+    EXPECT_THAT(output, testing::ContainsRegex("\n[0-9:]+ Brindle Managed [^:]*: "));
 }
 
 TEST_F(ConsoleTest, ScriptThatIsNotMetNamesFileAndLine) {
@@ -174,7 +175,7 @@ TEST_F(ConsoleTest, ScriptThatIsMissingIsOneSentence) {
 TEST_F(ConsoleTest, CommandsComeFromAPipeToo) {
     auto& console = start();
     console.send("connect");
-    EXPECT_THAT(joined(console.finish()), HasSubstr("<-- stateChanged.connected "));
+    EXPECT_THAT(joined(console.finish()), HasSubstr("<-- stateChanged.connected: "));
     EXPECT_EQ(console.waitForExit(), exitedWith(0));
     EXPECT_EQ(console.standardError(), "");
 }
@@ -326,7 +327,7 @@ TEST_F(ConsoleTest, HelperThatEndsFirstIsReportedWithItsStatus) {
     auto& console =
         start(helperThat("echo '{\"hello\":{\"_0\":{\"platform\":\"p\",\"bridgeVersion\":\"v\"}}}'\n"
                          "read line\nexit 7"));
-    EXPECT_THAT(console.nextLine(), HasSubstr("<-- hello "));
+    EXPECT_THAT(console.nextLine(), HasSubstr("<-- hello: "));
     console.send("connect");
     EXPECT_EQ(console.waitForExit(), exitedWith(1));
     EXPECT_EQ(console.standardError(), "The helper ended with exit status 7.\n");
@@ -505,12 +506,102 @@ TEST_F(ConsoleTest, StatusShowsTheRuntimeStatus) {
 }
 
 TEST_F(ConsoleTest, WaitStatusThatIsNotMetTellsTheValue) {
-    auto& console = startScript("wait-status workerState linked within 0.1\n");
+    auto& console = startScript("wait-status connectionState connected within 0.1\n");
     EXPECT_EQ(console.waitForExit(), exitedWith(1));
     EXPECT_THAT(
         console.standardError(),
         HasSubstr(
-            "check.console:1: Expected workerState \"linked\", which did not come within 0.1 s; it is \"not_configured\".\n"));
+            "check.console:1: Expected connectionState \"connected\", which did not come within 0.1 s; it is \"disconnected\".\n"));
+}
+
+TEST_F(ConsoleTest, WaitStatusSaysAtOnceThatAWorkerThatDoesNotRunChangesNothing) {
+    auto& console = startScript("wait-status workerState linked within 80000\n", {"--no-worker"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_THAT(
+        console.standardError(),
+        HasSubstr("check.console:1: Expected workerState \"linked\", which cannot come: no worker runs, "
+                  "its state is \"not_configured\" and stays so;"));
+}
+
+TEST_F(ConsoleTest, WaitStatusEndsWithTheWorkerItWaitsFor) {
+    const WorkerScript worker("exit 3");
+    auto& console =
+        startScript("wait-status workerState linked within 80000\n", {"--worker", worker.path().string()});
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_THAT(console.standardError(),
+                HasSubstr("which cannot come: no worker runs, its state is \"exited\""));
+}
+
+TEST_F(ConsoleTest, QRSaysAtOnceThatNoWorkerShowsACode) {
+    auto& console = startScript("qr within 80000\n", {"--no-worker"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_THAT(console.standardError(), HasSubstr("check.console:1: Expected a QR code in "));
+    EXPECT_THAT(console.standardError(), HasSubstr("which cannot come: no worker runs"));
+}
+
+TEST_F(ConsoleTest, SendWarnsWhenNoWorkerRuns) {
+    auto& console = startScript("send room hi\n", {"--no-worker"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    EXPECT_EQ(console.standardError(),
+              "No worker runs that could send this; the message is stored in outbound and waits there.\n");
+}
+
+TEST_F(ConsoleTest, SendWarnsWhenTheWorkerSaysThatItDoesNotSend) {
+    const WorkerScript worker(
+        "publish worker-status.json '{\"state\":\"linked\",\"lastHeartbeatISO8601\":\"2026-01-05T09:30:00Z\","
+        "\"supportsLiveCapture\":true,\"supportsOutbound\":false}'\nstay\n");
+    auto& console = startScript("wait-status workerState linked within 80\nsend room hi\n",
+                                {"--worker", worker.path().string()});
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    EXPECT_THAT(console.standardError(), HasSubstr("The worker says that it does not send"));
+}
+
+TEST_F(ConsoleTest, RawOnShowsTheLinesOfTheProtocol) {
+    auto& console = startScript("raw on\nconnect\nexpect stateChanged.connected\nraw off\nconnect\n");
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    EXPECT_THAT(
+        console.rawOutput(),
+        testing::ContainsRegex(R"([.][0-9]{3} --> \{"connect":\{"_0":\{"platform":"whatsapp"\}\}\})"));
+    EXPECT_THAT(console.rawOutput(), HasSubstr("--> connect\n"));
+}
+
+TEST_F(ConsoleTest, WithoutANamedDataDirectoryHasOneThatGoesWithIt) {
+    auto options = optionsFor({});
+    options.environment.erase("BRINDLE_MANAGED_BRIDGE_DATA_DIR");
+    options.environment["XDG_RUNTIME_DIR"] = files_.path();
+    auto& console = startWith(std::move(options));
+    waitForGreeting(console);
+    const auto environment = environmentOf(waitForOnlyChild(console.pid()));
+    const fs::path directory = environment.at("BRINDLE_MANAGED_BRIDGE_DATA_DIR");
+    EXPECT_EQ(directory.parent_path().parent_path(), temporary_.path());
+    EXPECT_TRUE(fs::exists(directory / "runtime"));
+    console.finish();
+    EXPECT_FALSE(fs::exists(directory.parent_path()));
+    EXPECT_THAT(namesIn(files_.path()), IsEmpty());
+}
+
+TEST_F(ConsoleTest, UsesTheApplicationsDataDirectoryWhenItIsNamed) {
+    auto options = optionsFor({"--data-dir", "default"});
+    options.environment["XDG_RUNTIME_DIR"] = files_.path();
+    fs::permissions(files_.path(), fs::perms::owner_all);
+    auto& console = startWith(std::move(options));
+    waitForGreeting(console);
+    EXPECT_TRUE(fs::exists(files_.path() / "Brindle/ManagedBridge/whatsapp/runtime"));
+    console.finish();
+}
+
+TEST_F(ConsoleTest, VersionTellsTheHelpersToo) {
+    auto& console = start({"--version"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    EXPECT_THAT(console.receivedLines(),
+                ElementsAre(testing::StartsWith("BrindleBridgeConsole "),
+                            backendExecutable() + " speaks managed-whatsapp-backend-3"));
+}
+
+TEST_F(ConsoleTest, VersionOfAHelperThatSaysNoneIsAFailure) {
+    auto& console = start({"--version", "--helper", "/bin/false"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_EQ(console.standardError(), "The helper /bin/false does not say which protocol it speaks.\n");
 }
 
 TEST_F(ConsoleTest, TheDataDirectoryOptionCountsForHelperAndStatus) {
@@ -644,7 +735,7 @@ class HostileTerminalTest : public TerminalTest {
     void showEverything() {
         waitForScreen("stateChanged");
         type("connect\r");
-        waitForScreen("connected\"");
+        waitForScreen("Brindle Managed");
         type("listen conversation team Team\r");
         waitUntil([&] { return fs::exists(data_.path() / "runtime/worker-control.json"); },
                   "the control record");
@@ -652,7 +743,7 @@ class HostileTerminalTest : public TerminalTest {
                              {"senderId", hostile_ + "sender"}, {"senderDisplayName", hostile_ + "name"},
                              {"text", hostile_ + "text"},       {"isDirectMessage", true}};
         writeFileAtomically(data_.path() / "inbound/m.json", record.dump());
-        waitForScreen("inboundEvent");
+        waitForScreen("name");
         waitForScreen("text");
         type("wait-status workerDetail nothing within 1\r");
         waitForScreen("worker's detail");
@@ -758,7 +849,7 @@ TEST_F(TerminalTest, OutputTakesALineOfSeveralRowsOffTheScreenFirst) {
 TEST_F(TerminalTest, RemembersLinesAcrossSessions) {
     waitForScreen("brindle> ");
     type("listen test Remembered\r");
-    waitForScreen("inboundEvent");
+    waitForScreen(": /skiff help");
     type("\x04");
     EXPECT_EQ(waitForEnd(), exitedWith(0));
     EXPECT_EQ(fs::status(state_.path() / "brindle/console-history").permissions(),
@@ -768,7 +859,7 @@ TEST_F(TerminalTest, RemembersLinesAcrossSessions) {
     type("\033[A");
     waitForScreen("listen test Remembered");
     type("\r");
-    waitForScreen("inboundEvent");
+    waitForScreen(": /skiff help");
 }
 
 TEST_F(TerminalTest, EndOfFileEndsTheSessionOnAnEmptyLineOnly) {
@@ -780,12 +871,100 @@ TEST_F(TerminalTest, EndOfFileEndsTheSessionOnAnEmptyLineOnly) {
     EXPECT_EQ(waitForEnd(), exitedWith(0));
 }
 
-TEST_F(TerminalTest, InterruptKeyEndsTheSession) {
+TEST_F(TerminalTest, InterruptKeyEmptiesTheLine) {
     waitForScreen("stateChanged.disconnected");
+    type("half a command");
+    waitForScreen("half a command");
+    type("\x03");
+    waitForScreen("brindle> ");
+    type("connect\r");
+    waitForScreen("stateChanged.connected");
+}
+
+TEST_F(TerminalTest, InterruptKeyEndsAWaitingCommand) {
+    waitForScreen("stateChanged.disconnected");
+    type("expect error within 80000\r");
+    waitForScreen("Ctrl-C ends the wait.");
+    type("\x03");
+    waitForScreen("Interrupted while the console waited for error.");
+    waitForScreen("brindle> ");
+    type("connect\r");
+    waitForScreen("stateChanged.connected");
+}
+
+TEST_F(TerminalTest, InterruptKeyTwiceEndsTheSession) {
+    waitForScreen("stateChanged.disconnected");
+    waitForScreen("brindle> ");
     const auto helper = waitForOnlyChild(session_->process);
-    type("half a command\x03");
+    type("\x03");
+    waitForScreen("Press Ctrl-C again");
+    type("\x03");
     EXPECT_EQ(waitForEnd(), exitedWith(0));
     EXPECT_FALSE(processIsRunning(helper));
+}
+
+TEST_F(TerminalTest, InterruptKeyCountsAnewAfterAnotherKey) {
+    waitForScreen("stateChanged.disconnected");
+    waitForScreen("brindle> ");
+    type("\x03");
+    waitForScreen("Press Ctrl-C again");
+    type("x");
+    waitForScreen("x");
+    type("\x03");
+    waitForScreen("brindle> ");
+    type("connect\r");
+    waitForScreen("stateChanged.connected");
+}
+
+TEST_F(TerminalTest, AWaitingCommandShowsThatItWaits) {
+    waitForScreen("stateChanged.disconnected");
+    type("expect inboundEvent containing there\r");
+    waitForScreen("Waiting up to 10 s for inboundEvent containing \"there\"; Ctrl-C ends the wait.");
+    type("\x03");
+    waitForScreen("Interrupted");
+}
+
+TEST_F(TerminalTest, TabCompletesCommandsAndTheirWords) {
+    waitForScreen("stateChanged.disconnected");
+    waitForScreen("brindle> ");
+    type("conn\t");
+    waitForScreen("ect ");
+    type("\rraw on\rexp\tstateChanged.disc\tcon\tnothing wi\t0.1\r");
+    waitForScreen(
+        "Expected stateChanged.disconnected containing \"nothing\", which did not come within 0.1 s.");
+}
+
+TEST_F(TerminalTest, TabCompletesFiles) {
+    writeFileAtomically(data_.path() / "a note.txt", "hello");
+    waitForScreen("stateChanged.disconnected");
+    waitForScreen("brindle> ");
+    type("send room hi --attach " + data_.path().string() + "/a\t\r");
+    waitForScreen("(with a note.txt, text/plain)");
+}
+
+TEST_F(TerminalTest, TabCompletesTitlesThatWereSeen) {
+    waitForScreen("stateChanged.disconnected");
+    type("listen conversation team-room 'Team Room'\r");
+    waitForScreen(": conversation \"Team Room\" [team-room]");
+    waitForScreen("brindle> ");
+    type("listen channel te\tT\t\r");
+    waitForScreen(": channel \"Team Room\" [team-room]");
+}
+
+TEST_F(TerminalTest, TabShowsWhatAWordCanBecome) {
+    waitForScreen("stateChanged.disconnected");
+    waitForScreen("brindle> ");
+    type("s\t");
+    waitForScreen("send  status  stop");
+    waitForScreen("brindle> s");
+}
+
+TEST_F(TerminalTest, QuestionMarkHelpsAndExitEnds) {
+    waitForScreen("stateChanged.disconnected");
+    type("?\r");
+    waitForScreen("wait-status FIELD VALUE");
+    type("exit\r");
+    EXPECT_EQ(waitForEnd(), exitedWith(0));
 }
 
 TEST_F(TerminalTest, TerminationEndsTheSessionOfAStoppedTerminal) {

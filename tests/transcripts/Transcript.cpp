@@ -86,7 +86,7 @@ struct Run {
 
 /// The time of day that each envelope is shown with is nobody's concern.
 std::string withoutTimeOfDay(const std::string& line) {
-    static const std::regex time(R"(^\d{2}:\d{2}:\d{2}\.\d{3} (?=-->|<--))");
+    static const std::regex time(R"(^\d{2}:\d{2}:\d{2}(\.\d{3})? )");
     return std::regex_replace(line, time, "");
 }
 
