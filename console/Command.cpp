@@ -156,6 +156,35 @@ Command parseRawMode(Arguments& arguments) {
     return RawModeCommand{.isOn = isOn};
 }
 
+Command parseInbox(Arguments& arguments) {
+    InboxCommand command;
+    if (arguments.isEmpty()) return command;
+    if (arguments.skip("show")) {
+        command.action = InboxAction::show;
+    } else if (arguments.skip("restore")) {
+        command.action = InboxAction::restore;
+    } else {
+        arguments.fail();
+    }
+    command.name = arguments.take();
+    arguments.requireEnd();
+    return command;
+}
+
+Command parseRecord(Arguments& arguments) {
+    RecordCommand command;
+    if (!arguments.skip("off")) command.file = arguments.take();
+    arguments.requireEnd();
+    return command;
+}
+
+Command parseReplay(Arguments& arguments) {
+    ReplayCommand command{.file = arguments.take(), .patience = default_patience};
+    if (arguments.skip("within")) command.patience = parseSeconds(arguments.take());
+    arguments.requireEnd();
+    return command;
+}
+
 struct Syntax {
     CommandDescription description;
     CommandParser parse;
@@ -195,6 +224,29 @@ constexpr std::array syntaxes{
             "Wait until a field of the runtime status has a value (10 s).",
             "Says at once when the value cannot come because the worker has ended for good."},
            parseWaitStatus},
+    Syntax{{"record", "", "record off|FILE",
+            "Record what is exchanged from now on, with times, in a new file; or end that.",
+            "The file is this user's alone and never holds the launch token, but all texts and attachments."},
+           parseRecord},
+    Syntax{
+        {"replay", "", "replay FILE [within SECONDS]",
+         "Send the requests of a recording again, and show how the answers differ.",
+         "Each request is sent once as many answers have come as had come then. Times and identifiers that are new "
+         "each time do not count. A difference ends a script."},
+        parseReplay},
+    Syntax{
+        {"inbox", "", "inbox [show NAME | restore NAME]",
+         "List the inbound records that wait, were processed or were rejected, with the reason; show one, or put a "
+         "rejected one back.",
+         "The reason is found by decoding the record again. A record is put back without replacing another one, "
+         "and only once it can be decoded."},
+        parseInbox},
+    Syntax{{"doctor", "", "doctor", "Examine the installation and the data directory.",
+            "Each finding says what it is, what it means and what to do. A problem ends a script."},
+           parsePlain<DoctorCommand>},
+    Syntax{{"watch", "", "watch", "Show a live view of helper, worker and records, until q is pressed.",
+            "Needs a terminal. What comes meanwhile is shown afterwards."},
+           parsePlain<WatchCommand>},
     Syntax{{"help", "?", "help", "Show this list.", ""}, parsePlain<HelpCommand>},
     Syntax{{"quit", "exit", "quit", "End the helper and the console.", ""}, parsePlain<QuitCommand>},
 };

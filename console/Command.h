@@ -48,6 +48,30 @@ struct RawModeCommand {
     bool isOn = false;
 };
 
+/// Begins a recording in a file, or ends it.
+struct RecordCommand {
+    std::optional<std::string> file;
+};
+
+struct ReplayCommand {
+    std::string file;
+    /// Beyond what the recorded session took.
+    std::chrono::milliseconds patience{};
+};
+
+struct WatchCommand {};
+
+struct DoctorCommand {};
+
+/// What is done with the inbound records of the data directory.
+enum class InboxAction { list, show, restore };
+
+struct InboxCommand {
+    InboxAction action = InboxAction::list;
+    /// Of the file; empty for list.
+    std::string name;
+};
+
 struct HelpCommand {};
 
 struct QuitCommand {};
@@ -64,11 +88,12 @@ struct WaitStatusCommand {
 };
 
 /// What a person or a script can ask of the console.
-using Command = std::variant<ConnectCommand, DisconnectCommand, ListenCommand, StopCommand, SendCommand,
-                             StatusCommand, QRCommand, RawCommand, RawModeCommand, HelpCommand, QuitCommand,
-                             ExpectCommand, WaitStatusCommand>;
+using Command =
+    std::variant<ConnectCommand, DisconnectCommand, ListenCommand, StopCommand, SendCommand, StatusCommand,
+                 QRCommand, RawCommand, RawModeCommand, RecordCommand, ReplayCommand, InboxCommand,
+                 DoctorCommand, WatchCommand, HelpCommand, QuitCommand, ExpectCommand, WaitStatusCommand>;
 
-/// How long qr, expect and wait-status wait unless told otherwise.
+/// How long qr, expect, wait-status and replay wait unless told otherwise.
 inline constexpr std::chrono::milliseconds default_patience{10000};
 
 /// The command in a line, or nothing when it is blank or a comment. Throws Failure with one sentence for

@@ -40,6 +40,12 @@ std::optional<InputLine> ScriptInput::next() {
     return line;
 }
 
+std::optional<InputLine> OneCommandInput::next() {
+    auto line = std::exchange(line_, std::nullopt);
+    if (!line) return std::nullopt;
+    return InputLine{.text = std::move(*line), .place = ""};
+}
+
 StreamInput::StreamInput(int descriptor, std::string name, bool isInteractive)
     : descriptor_(descriptor), name_(std::move(name)), isInteractive_(isInteractive) {}
 

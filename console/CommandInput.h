@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "console/Completion.h"
@@ -58,6 +59,21 @@ class ScriptInput final : public CommandInput {
 
   private:
     std::deque<InputLine> lines_;
+};
+
+/// One command, and then the end.
+class OneCommandInput final : public CommandInput {
+  public:
+    explicit OneCommandInput(std::string line) : line_(std::move(line)) {}
+
+    int descriptor() const override { return -1; }
+    void receive() override {}
+    std::optional<InputLine> next() override;
+    bool isAtEnd() const override { return !line_; }
+    bool isInteractive() const override { return false; }
+
+  private:
+    std::optional<std::string> line_;
 };
 
 /// Lines from a descriptor, usually a pipe on standard input.

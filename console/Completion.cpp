@@ -7,6 +7,7 @@
 #include "console/Command.h"
 #include "console/CommandGrammar.h"
 #include "console/CommandWords.h"
+#include "console/Inbox.h"
 #include "console/TerminalText.h"
 #include "exchange/ExchangeRecords.h"
 #include "exchange/ExchangeWords.h"
@@ -71,8 +72,7 @@ Words files(std::string_view beginning, FileManager& fileManager) {
 
 class Offer {
   public:
-    Offer(const UnfinishedWords& line, const SeenNames& seen, FileManager& fileManager)
-        : line_(line), seen_(seen), fileManager_(fileManager) {}
+    Offer(const UnfinishedWords& line, const CompletionSources& sources) : line_(line), sources_(sources) {}
 
     Words words() const {
         if (line_.words.empty()) return commandNames();
@@ -97,19 +97,32 @@ class Offer {
         if (placeholder.starts_with("CASE")) return envelopeNames();
         if (placeholder == "FIELD") return statusFieldNames();
         if (placeholder == "VALUE") return statusValues(line_.words.back());
-        if (placeholder == "FILE") return files(line_.last, fileManager_);
-        if (placeholder == "TITLE") return {seen_.titles().begin(), seen_.titles().end()};
+        if (placeholder == "FILE") return files(line_.last, sources_.fileManager);
+        if (placeholder == "NAME") return recordNames();
+        if (placeholder == "TITLE") return {sources_.seen.titles().begin(), sources_.seen.titles().end()};
         if (placeholder == "CONVERSATION") return conversations();
         // What a message answers has an identifier, too, but none that the console has seen.
         if (placeholder == "ID" && line_.words.front() == "listen") return conversations();
         return {};
     }
 
-    Words conversations() const { return {seen_.conversations().begin(), seen_.conversations().end()}; }
+    Words conversations() const {
+        const auto& conversations = sources_.seen.conversations();
+        return {conversations.begin(), conversations.end()};
+    }
+
+    Words recordNames() const {
+        Words names;
+        for (const auto& folder : sources_.recordFolders) {
+            for (const auto& path : files(folder + "/", sources_.fileManager)) {
+                names.push_back(shownFileName(lastPathComponent(path)));
+            }
+        }
+        return names;
+    }
 
     const UnfinishedWords& line_;
-    const SeenNames& seen_;
-    FileManager& fileManager_;
+    const CompletionSources& sources_;
 };
 
 }  // namespace
@@ -130,10 +143,10 @@ std::string Completion::commonBeginning() const {
     return common;
 }
 
-Completion completedCommand(std::string_view line, const SeenNames& seen, FileManager& fileManager) {
+Completion completedCommand(std::string_view line, const CompletionSources& sources) {
     const auto unfinished = splitUnfinished(line);
     Completion completion{.begin = unfinished.lastBegin, .candidates = {}};
-    for (const auto& word : Offer(unfinished, seen, fileManager).words()) {
+    for (const auto& word : Offer(unfinished, sources).words()) {
         if (word.starts_with(unfinished.last)) completion.candidates.push_back(quotedWord(word));
     }
     std::sort(completion.candidates.begin(), completion.candidates.end());

@@ -40,8 +40,16 @@ class SeenNames {
     std::set<std::string> titles_;
 };
 
-/// How the beginning of a command line can go on: with commands and their words, the names of envelopes and
-/// status fields, files, and conversations and titles that were seen.
-Completion completedCommand(std::string_view line, const SeenNames& seen, FileManager& fileManager);
+/// Where the words come from that no declaration knows.
+struct CompletionSources {
+    const SeenNames& seen;
+    FileManager& fileManager;
+    /// Folders of records whose names can be asked for.
+    std::vector<std::string> recordFolders;
+};
+
+/// How the beginning of a command line can go on: with commands and their words, the names of envelopes,
+/// status fields and records, files, and conversations and titles that were seen.
+Completion completedCommand(std::string_view line, const CompletionSources& sources);
 
 }  // namespace brindle::console

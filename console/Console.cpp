@@ -9,8 +9,8 @@
 
 #include "console/Attachment.h"
 #include "console/HelperEnding.h"
-#include "console/LoginCodeDisplay.h"
 #include "console/RuntimeStatus.h"
+#include "console/Tools.h"
 #include "exchange/PlatformArgument.h"
 #include "system/Polling.h"
 #include "text/Failure.h"
@@ -26,6 +26,7 @@ constexpr int failure_status = 1;
 Console::Console(const Options& options, Environment inherited, CommandInput& input, Display& display,
                  TerminationSignals& signals)
     : platform_(options.platform),
+      helperPath_(options.helper),
       input_(input),
       display_(display),
       signals_(signals),
@@ -35,8 +36,13 @@ Console::Console(const Options& options, Environment inherited, CommandInput& in
           launch(options), [this](std::string_view line) { received(line); },
           [this](std::string_view line) { display_.helperDiagnostic(line); }) {
     if (options.summary) summary_.emplace();
-    input_.completeWith(
-        [this](std::string_view line) { return completedCommand(line, seen_, fileManager_); });
+    if (options.record) recording_.emplace(*options.record, ticket_.token());
+    input_.completeWith([this](std::string_view line) {
+        return completedCommand(
+            line, {.seen = seen_,
+                   .fileManager = fileManager_,
+                   .recordFolders = {directory_.rejected, directory_.inbound, directory_.processed}});
+    });
 }
 
 ChildProcess::Options Console::launch(const Options& options) {
@@ -58,6 +64,8 @@ int Console::run() {
         checkHelper();
         checkOutput();
     }
+    // What a command has taken, such as the terminal, is given back.
+    wait_.reset();
     if (!helperHasEnded_) endHelper();
     showSummary();
     return status_;
@@ -78,16 +86,6 @@ void Console::finish(bool hasFailed) {
 /// Bare protocol lines have no place for it.
 void Console::showSummary() {
     if (summary_ && !display_.isJson()) display_.answer(summary_->text());
-}
-
-/// Before the greeting, the runtime status may still be that of an earlier helper.
-void Console::awaitGreeting() {
-    begin({.text = "hello", .place = ""});
-    wait_.emplace(Wait::Condition{.isFulfilled = [this] { return hasGreeted_; },
-                                  .subject = "the helper's hello",
-                                  .remark = {},
-                                  .obstacle = {}},
-                  greeting_patience);
 }
 
 void Console::runReadyCommands() {
@@ -118,7 +116,8 @@ void Console::execute(const InputLine& line) {
     }
     if (!wait_) return finish(false);
     checkWait();
-    if (wait_ && input_.isInteractive() && !display_.isJson()) display_.answer(wait_->announcement() + "\n");
+    const bool isSilent = display_.isJson() || display_.isHeld();
+    if (wait_ && input_.isInteractive() && !isSilent) display_.answer(wait_->announcement() + "\n");
 }
 
 void Console::perform(const ConnectCommand&) {
@@ -170,37 +169,11 @@ void Console::remarkOnSending() {
     if (!remark.empty()) display_.note(remark);
 }
 
-/// Before the greeting, the runtime status may still be that of an earlier helper.
-std::string Console::workerObstacle() {
-    const auto status = hasGreeted_ ? readStatus() : std::nullopt;
-    return status ? console::workerObstacle(*status) : "";
-}
-
 void Console::perform(const StatusCommand&) {
     const auto status =
         readRecord<ManagedWhatsAppRuntimeStatusRecord>(fileManager_, directory_.runtimeStatusFile);
     if (display_.isJson()) return display_.jsonLine(encodedRecord(status, JsonStyle::compact));
     display_.answer(statusTable(statusFields(status)));
-}
-
-void Console::perform(const QRCommand& command) {
-    const auto& file = directory_.workerQRCodeFile;
-    const auto isFulfilled = [codes = LoginCodeDisplay(fileManager_, directory_, display_),
-                              untilLinked = command.untilLinked]() mutable {
-        return codes.showNext(untilLinked);
-    };
-    const auto remark = [this]() -> std::string {
-        const auto status = readStatus();
-        return status ? "; the worker's state is \"" + status->workerState + "\"" : "";
-    };
-    wait_.emplace(
-        Wait::Condition{
-            .isFulfilled = isFulfilled,
-            .subject = (command.untilLinked ? "a login by the QR code in " : "a QR code in ") + file,
-            .remark = remark,
-            .obstacle = [this] { return workerObstacle(); },
-            .needsPolling = true},
-        command.patience);
 }
 
 void Console::perform(const RawCommand& command) {
@@ -211,41 +184,31 @@ void Console::perform(const RawModeCommand& command) {
     display_.showRaw(command.isOn);
 }
 
+void Console::perform(const DoctorCommand&) {
+    const SystemClock clock;
+    const FindingReport report(examined({.environment = environment_,
+                                         .helper = helperPath_,
+                                         .platform = platform_,
+                                         .fileManager = fileManager_,
+                                         .clock = clock}));
+    if (!showReport(display_, report)) throw Failure("The examination has found problems.");
+}
+
+void Console::perform(const RecordCommand& command) {
+    recording_.reset();
+    if (command.file) recording_.emplace(*command.file, ticket_.token());
+}
+
+void Console::perform(const InboxCommand& command) {
+    performInbox(display_, fileManager_, directory_, command);
+}
+
 void Console::perform(const HelpCommand&) {
     display_.answer(commandHelp());
 }
 
 void Console::perform(const QuitCommand&) {
     isDone_ = true;
-}
-
-void Console::perform(const ExpectCommand& command) {
-    wait_.emplace(
-        Wait::Condition{
-            .isFulfilled = [this, expected = command.expectation] { return envelopes_.consume(expected); },
-            .subject = command.expectation.description(),
-            .remark = {},
-            .obstacle = {}},
-        command.patience);
-}
-
-void Console::perform(const WaitStatusCommand& command) {
-    const auto current = [this, field = command.field]() -> std::optional<std::string> {
-        const auto status = readStatus();
-        return status ? statusValue(*status, field) : std::nullopt;
-    };
-    const auto remark = [current] {
-        const auto value = current();
-        return "; it is " + (value ? "\"" + *value + "\"" : "absent");
-    };
-    const bool isWorkers = command.field.starts_with("worker");
-    wait_.emplace(
-        Wait::Condition{.isFulfilled = [current, value = command.value] { return current() == value; },
-                        .subject = command.field + " \"" + command.value + "\"",
-                        .remark = remark,
-                        .obstacle = [this, isWorkers] { return isWorkers ? workerObstacle() : ""; },
-                        .needsPolling = true},
-        command.patience);
 }
 
 void Console::submit(const BridgeEnvelope& envelope) {
@@ -255,11 +218,27 @@ void Console::submit(const BridgeEnvelope& envelope) {
 }
 
 void Console::submitLine(std::string_view line) {
+    hasRequested_ = true;
+    record(Direction::toHelper, line);
     display_.envelope(Direction::toHelper, line);
     helper_.send(line);
 }
 
+/// A recording that cannot be written any more must not end the session.
+void Console::record(Direction direction, std::string_view line) {
+    if (!recording_) return;
+    try {
+        recording_->add(direction, line);
+    } catch (const Failure& failure) {
+        recording_.reset();
+        display_.problem(std::string(failure.what()) + " The recording ends here.");
+    }
+}
+
 void Console::received(std::string_view line) {
+    record(Direction::fromHelper, line);
+    if (!hasRequested_) greeting_.emplace_back(line);
+    if (replay_) replay_->received(line);
     display_.envelope(Direction::fromHelper, line);
     auto envelope = ReceivedEnvelope::from(line);
     hasGreeted_ = hasGreeted_ || envelope.name == "hello";
@@ -312,26 +291,6 @@ void Console::interrupt() {
     } else if (!input_.discardLine()) {
         display_.note("Press Ctrl-C again to end the helper and the console.");
     }
-}
-
-void Console::checkWait() {
-    if (!wait_ || isDone_) return;
-    try {
-        if (wait_->isFulfilled()) {
-            wait_.reset();
-            return finish(false);
-        }
-    } catch (const Failure& failure) {
-        wait_.reset();
-        return fail(failure.what());
-    }
-    if (const auto obstacle = wait_->obstacle(); !obstacle.empty()) {
-        const auto wait = *std::exchange(wait_, std::nullopt);
-        return fail(wait.failure(obstacle));
-    }
-    if (!wait_->isOver()) return;
-    const auto wait = *std::exchange(wait_, std::nullopt);
-    fail(wait.failure());
 }
 
 void Console::checkHelper() {

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "console/Command.h"
 #include "console/CommandInput.h"
@@ -12,6 +14,8 @@
 #include "console/HelperProcess.h"
 #include "console/LaunchTicket.h"
 #include "console/Options.h"
+#include "console/Recording.h"
+#include "console/Replay.h"
 #include "console/Summary.h"
 #include "console/Wait.h"
 #include "exchange/DataDirectory.h"
@@ -49,6 +53,11 @@ class Console {
     void perform(const QRCommand& command);
     void perform(const RawCommand& command);
     void perform(const RawModeCommand& command);
+    void perform(const RecordCommand& command);
+    void perform(const ReplayCommand& command);
+    void perform(const InboxCommand& command);
+    void perform(const WatchCommand& command);
+    void perform(const DoctorCommand& command);
     void perform(const HelpCommand& command);
     void perform(const QuitCommand& command);
     void perform(const ExpectCommand& command);
@@ -58,6 +67,8 @@ class Console {
     void submit(const BridgeEnvelope& envelope);
     void submitLine(std::string_view line);
     void received(std::string_view line);
+    void record(Direction direction, std::string_view line);
+    bool goOnReplaying(std::chrono::steady_clock::time_point deadline);
     std::optional<ManagedWhatsAppRuntimeStatusRecord> readStatus();
     std::string workerObstacle();
     void remarkOnSending();
@@ -78,6 +89,7 @@ class Console {
     void endHelper();
 
     std::string platform_;
+    std::string helperPath_;
     CommandInput& input_;
     Display& display_;
     TerminationSignals& signals_;
@@ -89,6 +101,11 @@ class Console {
 
     ReceivedEnvelopes envelopes_;
     SeenNames seen_;
+    std::optional<Recording> recording_;
+    std::optional<Replay> replay_;
+    /// What has come before there was a request; nothing of a greeting is longer.
+    std::vector<std::string> greeting_;
+    bool hasRequested_ = false;
     bool hasGreeted_ = false;
     std::optional<Wait> wait_;
     /// The command that is being carried out.

@@ -69,8 +69,9 @@ void Display::jsonLine(std::string_view line) {
     write(output_, shown + "\n");
 }
 
-void Display::helperDiagnostic(std::string_view line) {
-    write(error_, colored("helper| " + terminalSafe(line), dim_color, style_.colorsError) + "\n");
+void Display::diagnostic(std::string_view program, std::string_view line) {
+    write(error_,
+          colored(std::string(program) + "| " + terminalSafe(line), dim_color, style_.colorsError) + "\n");
 }
 
 void Display::command(std::string_view text) {
@@ -96,7 +97,17 @@ std::optional<std::size_t> Display::terminalColumns() {
     return size.ws_col;
 }
 
+void Display::release() {
+    isHeld_ = false;
+    for (const auto& [stream, text] : std::exchange(held_, {})) write(*stream, text);
+}
+
 void Display::write(OutputStream& stream, std::string_view text) {
+    if (isHeld_) {
+        held_.emplace_back(&stream, text);
+        if (held_.size() > HeldOutput::kept_texts) held_.pop_front();
+        return;
+    }
     if (editedLine_ != nullptr) editedLine_->hide();
     try {
         stream.write(text);

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstddef>
+#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "console/Options.h"
 #include "console/ReadableEnvelope.h"
@@ -52,7 +54,9 @@ class Display {
     /// what it would obey.
     void jsonLine(std::string_view line);
     /// A line of the helper's standard error.
-    void helperDiagnostic(std::string_view line);
+    void helperDiagnostic(std::string_view line) { diagnostic("helper", line); }
+    /// A line that a program has printed, marked with what it is.
+    void diagnostic(std::string_view program, std::string_view line);
     /// A command from a script that is about to run.
     void command(std::string_view text);
     /// The answer to a command, which holds nothing that a terminal would obey; the line feed at its end
@@ -65,13 +69,17 @@ class Display {
 
     bool isJson() const { return style_.json; }
     bool colorsOutput() const { return style_.colorsOutput; }
+    bool isHeld() const { return isHeld_; }
     /// Width of the terminal that standard output is; nothing when it is none.
     static std::optional<std::size_t> terminalColumns();
     /// True once standard output takes nothing any more.
     bool hasLostOutput() const { return hasLostOutput_; }
 
   private:
+    friend class HeldOutput;
+
     void write(OutputStream& stream, std::string_view text);
+    void release();
 
     DisplayStyle style_;
     OutputStream& output_;
@@ -79,6 +87,24 @@ class Display {
     EditedLine* editedLine_ = nullptr;
     bool isRaw_ = false;
     bool hasLostOutput_ = false;
+    bool isHeld_ = false;
+    /// What waits, in its order; each text with its stream.
+    std::deque<std::pair<OutputStream*, std::string>> held_;
+};
+
+/// As long as it lives, what the display is told waits; then it is shown.
+class HeldOutput {
+  public:
+    /// How many texts wait at most; those beyond are dropped, the oldest first.
+    static constexpr std::size_t kept_texts = 10000;
+
+    explicit HeldOutput(Display& display) : display_(display) { display_.isHeld_ = true; }
+    ~HeldOutput() { display_.release(); }
+    HeldOutput(const HeldOutput&) = delete;
+    HeldOutput& operator=(const HeldOutput&) = delete;
+
+  private:
+    Display& display_;
 };
 
 }  // namespace brindle::console

@@ -30,6 +30,7 @@ class HelperProcess {
     bool isCongested() const { return pending_.size() - written_ > congestion_bytes; }
     /// Closes the helper's standard input as soon as everything queued is written.
     void closeInputWhenWritten();
+    pid_t processIdentifier() const { return process_.processIdentifier(); }
     void signal(int number) const { process_.signal(number); }
     /// Kills the helper and everything in its process group: a killed helper cannot end its worker itself.
     void kill() const { process_.kill(); }

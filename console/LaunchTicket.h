@@ -23,6 +23,7 @@ class LaunchTicket {
     LaunchTicket& operator=(const LaunchTicket&) = delete;
 
     const std::string& file() const { return file_; }
+    const std::string& token() const { return token_; }
     /// Where a session can have its data; not made yet.
     std::string dataDirectory() const;
     /// Sets the two variables by which the helper finds the token.

@@ -31,9 +31,9 @@ std::string jsonMember(std::string_view name, std::string_view value) {
     return writer.finish();
 }
 
-std::optional<QRCode> codeIn(const std::string& png, const std::string& file) {
+std::optional<std::string> contentIn(const std::string& png, const std::string& file) {
     try {
-        return QRCode::in(pictureFromPng(png));
+        return qrCodeContent(pictureFromPng(png));
     } catch (const Failure& failure) {
         throw Failure(file + " " + failure.what() + ".");
     }
@@ -74,16 +74,18 @@ bool LoginCodeDisplay::readPicture(std::string& png) const {
 
 void LoginCodeDisplay::show(const std::string& png) const {
     const auto& file = directory_.workerQRCodeFile;
-    const auto code = codeIn(png, file);
-    if (!code)
-        throw Failure(file + " is a picture without a QR code that fills it; look at it with a viewer.");
+    const auto content = contentIn(png, file);
+    if (!content) {
+        throw Failure(file + " is a picture without a QR code that can be read; look at it with a viewer.");
+    }
     if (display_.isJson()) return display_.jsonLine(jsonMember("workerQRCodeFile", file));
+    const QRCode code(*content);
     const auto columns = Display::terminalColumns();
-    if (columns && *columns < textColumns(*code)) {
-        throw Failure("The QR code takes " + std::to_string(textColumns(*code)) +
+    if (columns && *columns < code.textColumns()) {
+        throw Failure("The QR code takes " + std::to_string(code.textColumns()) +
                       " columns, the terminal has " + std::to_string(*columns) + "; make it wider.");
     }
-    display_.answer(textOf(*code, display_.colorsOutput()));
+    display_.answer(code.text(display_.colorsOutput()));
 }
 
 }  // namespace brindle::console

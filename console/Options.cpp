@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "console/Command.h"
+#include "console/ShellCompletion.h"
 #include "exchange/EnvironmentKeys.h"
 #include "system/Paths.h"
 
@@ -13,6 +14,8 @@ namespace {
 
 constexpr const char* description =
     "Plays the parent application for the messaging helper: starts it with a launch token, shows every message in both directions and sends what you type.\n";
+
+constexpr double longest_worker_patience_seconds = 3600;
 
 std::string footer() {
     return "\nCommands:\n" + commandHelp() +
@@ -26,7 +29,9 @@ std::string footer() {
            "  BrindleBridgeConsole --script check.console\n"
            "      Run a script; the exit status tells whether its expectations were met.\n"
            "  echo connect | BrindleBridgeConsole --json\n"
-           "      Show the bare protocol lines.\n";
+           "      Show the bare protocol lines.\n"
+           "  BrindleBridgeConsole doctor --data-dir /tmp/try\n"
+           "      Find out why nothing arrives.\n";
 }
 
 struct Parser {
@@ -45,6 +50,46 @@ struct Parser {
         app.set_help_flag("-h,--help", "Show this help.");
         addGeneralOptions();
         addWorkerOptions();
+        addSubcommands();
+    }
+
+    /// What the program does instead of a session; the options may stand before or after the word.
+    CLI::App* addSubcommand(const std::string& name, const std::string& meaning, Action action) {
+        auto* subcommand = app.add_subcommand(name, meaning);
+        subcommand->fallthrough();
+        subcommand->set_help_flag();
+        subcommand->callback([this, action] { options.action = action; });
+        return subcommand;
+    }
+
+    void addSubcommands() {
+        app.require_subcommand(0, 1);
+        addSubcommand("doctor", "Examine an installation and a data directory, and end.", Action::doctor);
+        addSubcommand("inbox", "List, show or put back inbound records, and end: [show NAME | restore NAME].",
+                      Action::inbox)
+            ->add_option("words", options.words, "show NAME or restore NAME.")
+            ->type_name("")
+            ->expected(0, 2);
+        addSubcommand("watch", "Show a live view of a data directory, until q is pressed.", Action::watch);
+        addSubcommand(
+            "replay",
+            "Start a helper, send it the requests of a recording, show how the answers differ, and end.",
+            Action::replay)
+            ->add_option("file", options.words, "The recording.")
+            ->type_name("FILE")
+            ->required()
+            ->expected(1);
+        auto* checkWorker = addSubcommand(
+            "check-worker", "Run a native worker through all that the data directory asks of it, and end.",
+            Action::checkWorker);
+        checkWorker->add_option("path", options.checkedWorker, "The worker.")
+            ->type_name("PATH")
+            ->required()
+            ->check(CLI::ExistingFile.description(""));
+        checkWorker->add_option("--within", options.workerPatience_seconds, "How long it has for each step.")
+            ->type_name("SECONDS")
+            ->check(CLI::Range(0.1, longest_worker_patience_seconds).description(""))
+            ->capture_default_str();
     }
 
     void addGeneralOptions() {
@@ -61,6 +106,7 @@ struct Parser {
             ->type_name("DIR");
         app.add_option("--script", options.script, "Run the commands in a file, then end.")
             ->type_name("FILE");
+        app.add_option("--record", options.record, "Record the session in a new file.")->type_name("FILE");
         app.add_flag("--summary", options.summary, "At the end, show how long each command took.");
         app.add_flag("--json", options.json,
                      "Show the bare protocol lines and nothing else on standard output.");
@@ -98,6 +144,27 @@ struct Parser {
         return std::move(options);
     }
 };
+
+/// Those with a name; what has none is an argument.
+std::vector<OptionDescription> optionsOf(const CLI::App& app) {
+    std::vector<OptionDescription> options;
+    for (const auto* each : app.get_options()) {
+        if (each->get_lnames().empty()) continue;
+        const bool hasValue = each->get_expected_max() > 0;
+        options.push_back({.name = "--" + each->get_lnames().front(),
+                           .shortName = each->get_snames().empty() ? "" : "-" + each->get_snames().front(),
+                           .value = hasValue ? each->get_type_name() : "",
+                           .meaning = each->get_description()});
+    }
+    return options;
+}
+
+std::string argumentOf(const CLI::App& app) {
+    for (const auto* each : app.get_options()) {
+        if (each->get_lnames().empty() && each->get_snames().empty()) return each->get_type_name();
+    }
+    return {};
+}
 
 void set(Environment& environment, std::string_view key, std::string value) {
     environment.insert_or_assign(std::string(key), std::move(value));
@@ -167,8 +234,29 @@ std::variant<Options, CommandLineAnswer> parseCommandLine(int argumentCount, con
     }
 }
 
+CommandLineDescription commandLineDescription() {
+    Parser parser("");
+    CommandLineDescription description{.options = optionsOf(parser.app), .actions = {}};
+    for (const auto* each : parser.app.get_subcommands([](const CLI::App*) { return true; })) {
+        if (each->get_name().empty()) {
+            const auto grouped = optionsOf(*each);
+            description.options.insert(description.options.end(), grouped.begin(), grouped.end());
+        } else {
+            description.actions.push_back({.name = each->get_name(),
+                                           .meaning = each->get_description(),
+                                           .argument = argumentOf(*each),
+                                           .options = optionsOf(*each)});
+        }
+    }
+    return description;
+}
+
 std::string consoleVersion() {
     return "BrindleBridgeConsole " CONSOLE_VERSION;
+}
+
+bool namesDataDirectory(const Options& options, const Environment& environment) {
+    return options.dataDirectory || nonBlankValue(environment, environment_key::data_directory);
 }
 
 Environment helperEnvironment(const Options& options, Environment inherited,

@@ -27,7 +27,7 @@ enum class WorkerChoice {
 inline constexpr std::string_view default_data_directory = "default";
 
 /// What the program is to do.
-enum class Action { session, showVersion };
+enum class Action { session, showVersion, doctor, inbox, checkWorker, replay, watch };
 
 struct Options {
     Action action = Action::session;
@@ -43,6 +43,13 @@ struct Options {
     bool summary = false;
     ColorChoice color = ColorChoice::automatic;
     std::optional<std::string> script;
+    /// Where the session is recorded.
+    std::optional<std::string> record;
+    /// The native worker that is examined, and how long it has for each step.
+    std::string checkedWorker;
+    double workerPatience_seconds = 10;
+    /// What stands behind the word of an action.
+    std::vector<std::string> words;
 };
 
 /// The command line was not one to run with: what to print instead, and the exit status.
@@ -57,6 +64,9 @@ std::variant<Options, CommandLineAnswer> parseCommandLine(int argumentCount, con
 
 /// The name and version of this program.
 std::string consoleVersion();
+
+/// Whether somebody has named the data directory, on the command line or in the environment.
+bool namesDataDirectory(const Options& options, const Environment& environment);
 
 /// The environment to start the helper with: `inherited`, changed as the options say, and with
 /// `ownDataDirectory` where neither they nor `inherited` name one. The launch token is not part of it yet.

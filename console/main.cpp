@@ -1,22 +1,30 @@
 #include <locale.h>
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <string_view>
 
+#include "console/Command.h"
 #include "console/CommandInput.h"
+#include "console/CommandWords.h"
 #include "console/Console.h"
 #include "console/Display.h"
 #include "console/HelperVersion.h"
 #include "console/LineEditor.h"
 #include "console/Options.h"
 #include "console/TerminalText.h"
+#include "console/Tools.h"
+#include "console/WatchScreen.h"
+#include "console/WorkerCheck.h"
 #include "system/Environment.h"
 #include "system/OutputStream.h"
 #include "system/Paths.h"
+#include "system/Polling.h"
 #include "system/Processes.h"
 #include "text/Failure.h"
 
@@ -25,6 +33,8 @@ using namespace brindle::console;
 
 namespace {
 
+/// How often keys are looked for.
+constexpr int watch_interval_ms = 50;
 constexpr std::string_view helper_name = "BrindleManagedWhatsAppBackend";
 
 /// The helper is installed beside the console.
@@ -34,6 +44,13 @@ std::string defaultHelper() {
     return joinedPath(executable->substr(0, executable->rfind('/')), helper_name);
 }
 
+/// The words behind an action are those of the session's command of the same name.
+std::string commandLine(std::string_view name, const Options& options) {
+    std::string line(name);
+    for (const auto& word : options.words) line.append(" ").append(quotedWord(word));
+    return line;
+}
+
 /// Where the session's commands come from. A terminal is edited; `editor` is then the same object.
 struct Input {
     std::unique_ptr<CommandInput> commands;
@@ -41,6 +58,9 @@ struct Input {
 };
 
 Input chooseInput(const Options& options, const Environment& environment, OutputStream& output) {
+    if (options.action == Action::replay) {
+        return {.commands = std::make_unique<OneCommandInput>(commandLine("replay", options))};
+    }
     if (options.script) return {.commands = std::make_unique<ScriptInput>(*options.script)};
     const bool isTerminal = ::isatty(STDIN_FILENO) == 1;
     if (!isTerminal || ::isatty(STDOUT_FILENO) != 1) {
@@ -75,6 +95,71 @@ int runSession(const Options& options) {
     }
 }
 
+/// What is done without a session.
+struct Tool {
+    explicit Tool(const Options& options)
+        : environment(helperEnvironment(options, currentEnvironment(), "")),
+          display(DisplayStyle::from(options, environment), output, error) {}
+
+    /// As a session would have it; without a named directory the application's.
+    Environment environment;
+    DepartureWatch watch;
+    OutputStream output{STDOUT_FILENO, "standard output", watch};
+    OutputStream error{STDERR_FILENO, "standard error", watch};
+    Display display;
+    PosixFileManager files;
+    SystemClock clock;
+};
+
+int runDoctor(const Options& options) {
+    Tool tool(options);
+    const FindingReport report(examined({.environment = tool.environment,
+                                         .helper = options.helper,
+                                         .platform = options.platform,
+                                         .fileManager = tool.files,
+                                         .clock = tool.clock}));
+    return showReport(tool.display, report) && !tool.display.hasLostOutput() ? 0 : 1;
+}
+
+int runInbox(const Options& options) {
+    Tool tool(options);
+    // The application's records are not to be touched by accident.
+    if (!namesDataDirectory(options, tool.environment)) {
+        throw Failure(
+            "No data directory is named; add --data-dir DIR, or --data-dir default for the application's.");
+    }
+    const DataDirectory directory(tool.environment, tool.files, options.platform);
+    performInbox(tool.display, tool.files, directory,
+                 std::get<InboxCommand>(*parseCommand(commandLine("inbox", options))));
+    return tool.display.hasLostOutput() ? 1 : 0;
+}
+
+/// Without a helper of its own: of one that runs somewhere else.
+int runWatch(const Options& options) {
+    Tool tool(options);
+    const TerminationSignals signals(TerminationSignalSet::everyEnd);
+    const DataDirectory directory(tool.environment, tool.files, options.platform);
+    WatchScreen screen(tool.files, directory);
+    pollfd signal{.fd = signals.descriptor(), .events = POLLIN, .revents = 0};
+    while (screen.goOn() && polled({&signal, 1}, watch_interval_ms) == 0) {
+    }
+    return 0;
+}
+
+int runCheckWorker(const Options& options) {
+    Tool tool(options);
+    const TerminationSignals signals(TerminationSignalSet::everyEnd);
+    const auto patience = std::chrono::duration<double>(options.workerPatience_seconds);
+    const WorkerCheckOptions check{
+        .worker = standardizedPath(options.checkedWorker),
+        .platform = options.platform,
+        .environment = currentEnvironment(),
+        .patience = std::chrono::duration_cast<std::chrono::milliseconds>(patience),
+        .onOutput = [&](std::string_view line) { tool.display.diagnostic("worker", line); }};
+    const FindingReport report(checkedWorker(check, signals));
+    return showReport(tool.display, report) && !tool.display.hasLostOutput() ? 0 : 1;
+}
+
 int showVersion(const Options& options) {
     std::printf("%s\n", consoleVersion().c_str());
     std::fflush(stdout);
@@ -82,6 +167,25 @@ int showVersion(const Options& options) {
     const auto version = helperVersion(options, currentEnvironment(), signals);
     std::printf("%s speaks %s\n", terminalSafe(options.helper).c_str(), terminalSafe(version).c_str());
     return 0;
+}
+
+int run(const Options& options) {
+    switch (options.action) {
+        case Action::showVersion:
+            return showVersion(options);
+        case Action::doctor:
+            return runDoctor(options);
+        case Action::inbox:
+            return runInbox(options);
+        case Action::watch:
+            return runWatch(options);
+        case Action::checkWorker:
+            return runCheckWorker(options);
+        case Action::session:
+        case Action::replay:
+            break;
+    }
+    return runSession(options);
 }
 
 }  // namespace
@@ -97,9 +201,8 @@ int main(int argumentCount, char** arguments) {
         std::fputs(answer->text.c_str(), answer->status == 0 ? stdout : stderr);
         return answer->status;
     }
-    const auto& options = std::get<Options>(parsed);
     try {
-        return options.action == Action::showVersion ? showVersion(options) : runSession(options);
+        return run(std::get<Options>(parsed));
     } catch (const Failure& failure) {
         // Before there was a display to say it.
         std::fprintf(stderr, "%s\n", terminalSafe(failure.what()).c_str());

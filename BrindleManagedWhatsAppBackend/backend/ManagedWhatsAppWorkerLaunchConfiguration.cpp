@@ -14,7 +14,6 @@ namespace key = environment_key;
 
 constexpr std::string_view native_worker_build_directory = "Support/ManagedWhatsAppNativeWorker/.build";
 constexpr std::string_view native_worker_directory = "Support/ManagedWhatsAppNativeWorker";
-constexpr std::string_view native_implementation = "protocol-native";
 // Where these stand, a test harness runs the parent, and real workers stay off.
 constexpr std::string_view test_harness_keys[] = {"XCTestConfigurationFilePath", "SWIFT_TESTING_ENABLED"};
 
@@ -120,7 +119,7 @@ ManagedWhatsAppWorkerLaunchConfiguration nativeWorker(const WorkerLaunchConditio
     configuration.executableURL = std::move(executable);
     configuration.environment = workerEnvironment(conditions);
     configuration.environment.insert_or_assign(std::string(key::worker_implementation),
-                                               std::string(native_implementation));
+                                               std::string(key::native_worker_implementation));
     return configuration;
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "exchange/NativeWorkerName.h"
 #include "system/Environment.h"
 #include "system/FileManager.h"
 #include "system/Paths.h"
@@ -42,8 +43,5 @@ struct WorkerLaunchConditions {
 /// Decides which worker to run; nothing when none is configured.
 std::optional<ManagedWhatsAppWorkerLaunchConfiguration> resolveLaunchConfiguration(
     const WorkerLaunchConditions& conditions);
-
-/// File name of the native protocol worker, a program that is not part of this system.
-inline constexpr std::string_view native_worker_name = "BrindleManagedWhatsAppNativeWorker";
 
 }  // namespace brindle

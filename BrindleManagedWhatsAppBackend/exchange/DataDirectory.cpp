@@ -132,12 +132,16 @@ void DataDirectory::create(FileManager& fileManager, const std::string& director
     requireOwn(fileManager, directory);
 }
 
-void DataDirectory::createRoot(FileManager& fileManager) const {
-    // Everything that is there already, so that nothing is made inside somebody else's directory.
-    const auto directories = directoriesToRoot();
-    for (const auto& directory : directories) requireOwn(fileManager, directory);
+void DataDirectory::requireSafe(FileManager& fileManager) const {
+    for (const auto& directory : directoriesToRoot()) requireOwn(fileManager, directory);
     for (const auto* directory : folders()) requireOwn(fileManager, *directory);
     requireSafeWay(fileManager);
+}
+
+void DataDirectory::createRoot(FileManager& fileManager) const {
+    // Everything that is there already, so that nothing is made inside somebody else's directory.
+    requireSafe(fileManager);
+    const auto directories = directoriesToRoot();
     // Step by step: between a look and the making another user may have been there.
     for (const auto& directory : directories) create(fileManager, directory);
     requireSafeWay(fileManager);

@@ -17,6 +17,9 @@ struct DataDirectory {
     /// Touches nothing.
     DataDirectory(const Environment& environment, FileManager& fileManager, std::string_view platform);
 
+    /// Throws FileSystemFailure, with EPERM, when another user could change what lies there or where it lies;
+    /// what is not there yet is no reason to. Makes nothing.
+    void requireSafe(FileManager& fileManager) const;
     /// Creates the data directory itself, and what leads to it. Throws FileSystemFailure; before anything was
     /// made, with EPERM, when another user could change what lies there or where it lies.
     void createRoot(FileManager& fileManager) const;

@@ -26,5 +26,7 @@ inline constexpr std::string_view temporary_directory = "TMPDIR";
 
 /// The value of workerRole that selects the worker role.
 inline constexpr std::string_view runtime_worker_role = "runtime-worker";
+/// The value of workerImplementation for a native worker.
+inline constexpr std::string_view native_worker_implementation = "protocol-native";
 
 }  // namespace brindle::environment_key

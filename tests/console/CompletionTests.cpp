@@ -17,9 +17,12 @@ using testing::IsEmpty;
 
 class CompletionTest : public testing::Test {
   protected:
-    std::vector<std::string> candidates(std::string_view line) {
-        return completedCommand(line, seen_, files_).candidates;
+    Completion completed(std::string_view line) {
+        return completedCommand(
+            line, {.seen = seen_, .fileManager = files_, .recordFolders = {directory_.path().string()}});
     }
+
+    std::vector<std::string> candidates(std::string_view line) { return completed(line).candidates; }
 
     test::TemporaryDirectory directory_;
     PosixFileManager files_;
@@ -66,9 +69,15 @@ TEST_F(CompletionTest, OffersConversationsAndTitlesThatWereSeen) {
 
 TEST_F(CompletionTest, GoesOnInsideOfAnOpenQuote) {
     seen_.addTitle("Team Room");
-    const auto completion = completedCommand("listen test \"Team R", seen_, files_);
+    const auto completion = completed("listen test \"Team R");
     EXPECT_THAT(completion.candidates, ElementsAre("\"Team Room\""));
     EXPECT_EQ(completion.begin, std::string_view("listen test ").size());
+}
+
+TEST_F(CompletionTest, OffersTheNamesOfRecords) {
+    test::writeFileAtomically(directory_.path() / "m-1.json", "");
+    EXPECT_THAT(candidates("inbox restore "), ElementsAre("m-1.json"));
+    EXPECT_THAT(candidates("inbox "), ElementsAre("restore", "show"));
 }
 
 TEST_F(CompletionTest, OffersNoNameThatATerminalWouldObey) {

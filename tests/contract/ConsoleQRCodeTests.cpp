@@ -150,7 +150,7 @@ TEST_F(ConsoleQRCodeTest, PictureWithoutACodeIsRefusedInASentence) {
     start("qr\n");
     exportCode(blankPng(264, 264));
     expectFailure(codeFile().string() +
-                  " is a picture without a QR code that fills it; look at it with a viewer.");
+                  " is a picture without a QR code that can be read; look at it with a viewer.");
 }
 
 TEST_F(ConsoleQRCodeTest, HugePictureIsRefusedInASentence) {

@@ -619,6 +619,13 @@ TEST_F(ConsoleTest, ThePlatformOptionCountsForHelperAndRequests) {
     EXPECT_EQ(console.waitForExit(), exitedWith(0));
 }
 
+TEST_F(ConsoleTest, WatchWithoutATerminalIsOneSentence) {
+    auto& console = start({"watch"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_EQ(console.standardError(),
+              "watch draws on a terminal, and there is none that it knows; use status, or inbox, instead.\n");
+}
+
 TEST_F(ConsoleTest, TheDemonstrationRuns) {
     auto& console = start({"--native-worker", nativeWorkerExecutable(), "--script",
                            SOURCE_DIRECTORY "/examples/native-demo.console"});
@@ -808,7 +815,7 @@ TEST_F(TerminalTest, ShowsTheQRCodeBlackOnWhite) {
     // The terminal makes a carriage return of every line's end, and the prompt comes back after the last.
     auto screen = waitForScreen("brindle> ");
     std::erase(screen, '\r');
-    const auto begin = screen.find("\033[7m");
+    const auto begin = screen.find("\033[38;5;16m");
     const auto end = screen.rfind('\n');
     ASSERT_LT(begin, end);
     EXPECT_EQ(scannedTerminal(std::string_view(screen).substr(begin, end - begin)), largeQRCode().content);
@@ -820,7 +827,7 @@ TEST_F(TerminalTest, SaysWhenItIsTooNarrowForTheQRCode) {
     const winsize narrow{.ws_row = 24, .ws_col = 40, .ws_xpixel = 0, .ws_ypixel = 0};
     ASSERT_EQ(::ioctl(session_->terminal, TIOCSWINSZ, &narrow), 0);
     type("qr\r");
-    waitForScreen("The QR code takes 53 columns, the terminal has 40; make it wider.");
+    waitForScreen("The QR code takes 49 columns, the terminal has 40; make it wider.");
 }
 
 TEST_F(TerminalTest, OutputLeavesTheLineThatIsBeingEditedAlone) {
@@ -947,7 +954,7 @@ TEST_F(TerminalTest, TabCompletesTitlesThatWereSeen) {
     type("listen conversation team-room 'Team Room'\r");
     waitForScreen(": conversation \"Team Room\" [team-room]");
     waitForScreen("brindle> ");
-    type("listen channel te\tT\t\r");
+    type("listen channel tea\tT\t\r");
     waitForScreen(": channel \"Team Room\" [team-room]");
 }
 
@@ -965,6 +972,84 @@ TEST_F(TerminalTest, QuestionMarkHelpsAndExitEnds) {
     waitForScreen("wait-status FIELD VALUE");
     type("exit\r");
     EXPECT_EQ(waitForEnd(), exitedWith(0));
+}
+
+/// The live view.
+class WatchTest : public TerminalTest {
+  protected:
+    void SetUp() override { fs::create_directories(data_.path() / "inbound"); }
+
+    void receive(const std::string& name, const std::string& text) const {
+        const Json record = {{"conversationId", "team"},
+                             {"conversationTitle", "Team"},
+                             {"senderId", "ada"},
+                             {"senderDisplayName", "Ada"},
+                             {"text", text},
+                             {"isDirectMessage", true}};
+        writeFileAtomically(data_.path() / "inbound" / name, record.dump());
+    }
+};
+
+TEST_F(WatchTest, ShowsADirectoryUntilQIsPressed) {
+    startSession({"watch"});
+    waitForScreen("none has been here");
+    waitForScreen("no message yet");
+    type("q");
+    EXPECT_EQ(waitForEnd(), exitedWith(0));
+}
+
+TEST_F(WatchTest, ShowsWhatChanges) {
+    startSession({"watch"});
+    waitForScreen("no message yet");
+    receive("1.json", "On my way");
+    waitForScreen("Ada: On my way");
+}
+
+TEST_F(WatchTest, ObeysNothingThatAMessageHolds) {
+    receive("1.json", "\033]0;x\a");
+    startSession({"watch"});
+    waitForScreen("Ada: ?]0;x?");
+}
+
+TEST_F(WatchTest, FollowsTheSizeOfTheWindow) {
+    startSession({"watch"});
+    waitForScreen("q ends this view.");
+    const winsize narrow{.ws_row = 24, .ws_col = 20, .ws_xpixel = 0, .ws_ypixel = 0};
+    ASSERT_EQ(::ioctl(session_->terminal, TIOCSWINSZ, &narrow), 0);
+    waitForScreen("\033[H\033[2J");
+    const auto drawn = waitForScreen("q ends this view.");
+    EXPECT_THAT(drawn, HasSubstr("0 delive"));
+    EXPECT_THAT(drawn, Not(HasSubstr("0 deliver")));
+}
+
+TEST_F(WatchTest, EndsWhenItIsAskedTo) {
+    startSession({"watch"});
+    waitForScreen("q ends this view.");
+    ASSERT_EQ(::kill(session_->process, SIGTERM), 0);
+    EXPECT_EQ(waitForEnd(), exitedWith(0));
+}
+
+TEST_F(WatchTest, GivesTheTerminalBackToItsSession) {
+    startSession({"--no-worker"});
+    waitForScreen("stateChanged.disconnected");
+    type("watch\r");
+    waitForScreen("not_configured");
+    waitForScreen("q ends this view.");
+    type("q");
+    waitForScreen("brindle> ");
+    type("connect\r");
+    waitForScreen("stateChanged.connected");
+}
+
+TEST_F(WatchTest, LetsWhatComesMeanwhileWait) {
+    startSession({"--no-worker"});
+    waitForScreen("stateChanged.disconnected");
+    type("watch\r");
+    waitForScreen("q ends this view.");
+    // The helper's log goes to the same terminal.
+    makeTheHelperSpeak();
+    type("q");
+    waitForScreen("failed to write");
 }
 
 TEST_F(TerminalTest, TerminationEndsTheSessionOfAStoppedTerminal) {

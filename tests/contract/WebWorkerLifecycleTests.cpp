@@ -115,6 +115,13 @@ TEST_F(WebWorkerLifecycle, WritesNothingToStandardOutput) {
     EXPECT_EQ(worker.process().rawOutput(), "");
 }
 
+TEST_F(WebWorkerLifecycle, SaysNothingOfABusForScreenReaders) {
+    WebWorkerProcess worker(WebWorkerOptions().withHtml(linked_page));
+    worker.waitForState("linked");
+    worker.terminate();
+    EXPECT_THAT(worker.process().standardError(), testing::Not(HasSubstr("a11y")));
+}
+
 class WebWorkerSignal : public WebWorkerTest, public testing::WithParamInterface<int> {};
 
 TEST_P(WebWorkerSignal, EndsItCleanlyWithItsFilesAndEveryProcessOfTheEngine) {

@@ -1,0 +1,72 @@
+#include "console/Recording.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "support/Files.h"
+#include "support/TemporaryDirectory.h"
+#include "text/Failure.h"
+
+namespace brindle::console {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::Not;
+
+class RecordingTest : public testing::Test {
+  protected:
+    std::string file() const { return (directory_.path() / "session.jsonl").string(); }
+
+    test::TemporaryDirectory directory_;
+    PosixFileManager files_;
+};
+
+TEST_F(RecordingTest, IsReadBackAsItWas) {
+    {
+        Recording recording(file(), "secret");
+        recording.add(Direction::toHelper, R"({"connect":{}})");
+        recording.add(Direction::fromHelper, "garbage \"\\ \x01");
+    }
+    const auto lines = readRecording(files_, file());
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_TRUE(lines[0].isToHelper());
+    EXPECT_EQ(lines[0].line, R"({"connect":{}})");
+    EXPECT_FALSE(lines[1].isToHelper());
+    EXPECT_EQ(lines[1].line, "garbage \"\\ \x01");
+    EXPECT_GE(lines[1].milliseconds, lines[0].milliseconds);
+}
+
+TEST_F(RecordingTest, IsThisUsersAlone) {
+    const Recording recording(file(), "secret");
+    EXPECT_EQ(fs::status(file()).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+}
+
+TEST_F(RecordingTest, ReplacesNothing) {
+    test::writeFileAtomically(file(), "mine");
+    EXPECT_THROW(Recording(file(), "secret"), Failure);
+    EXPECT_EQ(test::readFile(file()), "mine");
+}
+
+TEST_F(RecordingTest, NeverHoldsTheSecret) {
+    Recording recording(file(), "secret");
+    recording.add(Direction::fromHelper, "a secret in a secret line");
+    EXPECT_THAT(test::readFile(file()), Not(HasSubstr("secret")));
+    EXPECT_THAT(test::readFile(file()), HasSubstr("a (launch token) in a"));
+}
+
+TEST_F(RecordingTest, SaysWhichLineIsNone) {
+    test::writeFileAtomically(file(), R"({"milliseconds":0,"direction":"toHelper","line":"x"})"
+                                      "\nnonsense\n");
+    try {
+        readRecording(files_, file());
+        FAIL();
+    } catch (const Failure& failure) {
+        EXPECT_THAT(failure.what(), HasSubstr("Line 2 of"));
+    }
+}
+
+}  // namespace
+}  // namespace brindle::console
