@@ -59,6 +59,7 @@ WatchScreen::~WatchScreen() = default;
 bool WatchScreen::goOn() {
     for (int key = ::getch(); key != ERR; key = ::getch()) {
         if (key == 'q' || key == 'Q') return false;
+        if (key == KEY_RESIZE) nextDraw_ = {};
     }
     if (Terminal::followSize() || std::chrono::steady_clock::now() >= nextDraw_) draw();
     return true;

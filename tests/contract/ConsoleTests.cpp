@@ -1019,7 +1019,7 @@ TEST_F(WatchTest, FollowsTheSizeOfTheWindow) {
     waitForScreen("\033[H\033[2J");
     const auto drawn = waitForScreen("q ends this view.");
     EXPECT_THAT(drawn, HasSubstr("0 delive"));
-    EXPECT_THAT(drawn, Not(HasSubstr("0 deliver")));
+    EXPECT_THAT(drawn, Not(HasSubstr("0 delivered")));
 }
 
 TEST_F(WatchTest, EndsWhenItIsAskedTo) {
