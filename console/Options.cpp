@@ -86,7 +86,7 @@ struct Parser {
             ->type_name("PATH")
             ->required()
             ->check(CLI::ExistingFile.description(""));
-        checkWorker->add_option("--within", options.workerPatience_seconds, "How long it has for each step.")
+        checkWorker->add_option("--within", options.workerPatienceSeconds, "How long it has for each step.")
             ->type_name("SECONDS")
             ->check(CLI::Range(0.1, longest_worker_patience_seconds).description(""))
             ->capture_default_str();

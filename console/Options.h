@@ -47,7 +47,7 @@ struct Options {
     std::optional<std::string> record;
     /// The native worker that is examined, and how long it has for each step.
     std::string checkedWorker;
-    double workerPatience_seconds = 10;
+    double workerPatienceSeconds = 10;
     /// What stands behind the word of an action.
     std::vector<std::string> words;
 };

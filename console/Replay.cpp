@@ -32,6 +32,7 @@ class Placeholders {
 
     std::vector<std::string> putInto(const std::vector<std::string>& lines) {
         std::vector<std::string> result;
+        result.reserve(lines.size());
         for (const auto& line : lines) result.push_back(putInto(line));
         return result;
     }

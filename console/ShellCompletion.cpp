@@ -202,11 +202,12 @@ std::string fishCompletion(const CommandLineDescription& description) {
         if (sourceOf(action.argument) == Source::files) {
             script += begin + condition + " -F\n";
         } else if (!words.empty()) {
-            script += begin + condition + " -a '" + words + "'\n";
+            script.append(begin).append(condition).append(" -a '").append(words).append("'\n");
         }
         for (const auto& option : action.options) {
-            script += begin + condition + " -l " + option.name.substr(2) + fishValue(option.value) + " -d " +
-                      quotedForShell(option.meaning, "\\") + "\n";
+            script.append(begin).append(condition).append(" -l ").append(option.name.substr(2));
+            script.append(fishValue(option.value)).append(" -d ");
+            script.append(quotedForShell(option.meaning, "\\")).append("\n");
         }
     }
     return script;
@@ -216,8 +217,8 @@ std::string manualOptions(const CommandLineDescription& description) {
     std::string text;
     for (const auto& option : description.options) {
         auto heading = forManual(option.name);
-        if (!option.shortName.empty()) heading = forManual(option.shortName) + ", " + heading;
-        if (!option.value.empty()) heading += " \\fI" + option.value + "\\fP";
+        if (!option.shortName.empty()) heading.insert(0, ", ").insert(0, forManual(option.shortName));
+        if (!option.value.empty()) heading.append(" \\fI").append(option.value).append("\\fP");
         text += manualEntry(heading, forManual(option.meaning));
     }
     return text;
@@ -229,7 +230,11 @@ std::string manualActions(const CommandLineDescription& description) {
         auto heading = forManual(action.name);
         if (!action.argument.empty()) heading += " \\fI" + forManual(action.argument) + "\\fP";
         for (const auto& option : action.options) {
-            heading += " [" + forManual(option.name) + " \\fI" + option.value + "\\fP]";
+            heading.append(" [")
+                .append(forManual(option.name))
+                .append(" \\fI")
+                .append(option.value)
+                .append("\\fP]");
         }
         text += manualEntry(heading, forManual(action.meaning));
     }

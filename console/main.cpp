@@ -149,7 +149,7 @@ int runWatch(const Options& options) {
 int runCheckWorker(const Options& options) {
     Tool tool(options);
     const TerminationSignals signals(TerminationSignalSet::everyEnd);
-    const auto patience = std::chrono::duration<double>(options.workerPatience_seconds);
+    const auto patience = std::chrono::duration<double>(options.workerPatienceSeconds);
     const WorkerCheckOptions check{
         .worker = standardizedPath(options.checkedWorker),
         .platform = options.platform,
