@@ -388,7 +388,7 @@ std::size_t occurrences(const std::string& text, const std::string& part) {
 }
 
 TEST_F(WebWorkerHostile, AnEndlessAttemptToLeaveTheSiteDoesNotFloodTheLog) {
-    constexpr std::size_t attempts = 300;
+    constexpr std::size_t attempts = 60;
     page().run("setInterval(() => { location.href = '" + page().server().otherSiteUrl("/away") +
                "'; }, 1), ''");
     const auto attemptsSoFar = [&] {

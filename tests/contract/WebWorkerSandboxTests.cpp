@@ -48,8 +48,8 @@ const std::set<std::string>& allowedVariables() {
         "NO_PROXY", "all_proxy", "http_proxy", "https_proxy", "no_proxy", "SSL_CERT_DIR", "SSL_CERT_FILE",
         "FONTCONFIG_FILE", "FONTCONFIG_PATH",
         // Set by the worker.
-        "NO_AT_BRIDGE", "GSETTINGS_BACKEND", "DBUS_SESSION_BUS_ADDRESS", "GST_REGISTRY",
-        "GST_PLUGIN_SYSTEM_PATH_1_0", "PULSE_SERVER",
+        "NO_AT_BRIDGE", "WEBKIT_A11Y_BUS_ADDRESS", "GSETTINGS_BACKEND", "DBUS_SESSION_BUS_ADDRESS",
+        "GST_REGISTRY", "GST_PLUGIN_SYSTEM_PATH_1_0", "PULSE_SERVER",
         // The sandbox's working directory.
         "PWD"};
     return names;
