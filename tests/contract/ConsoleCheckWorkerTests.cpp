@@ -186,7 +186,7 @@ class DefectiveWorkerTest : public ConsoleCheckWorkerTest, public testing::WithP
 TEST_P(DefectiveWorkerTest, FailsAtItsPointAlone) {
     const TemporaryDirectory files;
     const auto worker = writeProgram(files.path() / "worker", worker_with_a_defect);
-    const auto points = failedPoints(worker.string(), GetParam().name, GetParam().isSilent ? "30" : "80");
+    const auto points = failedPoints(worker.string(), GetParam().name, GetParam().isSilent ? "15" : "80");
     if (GetParam().point.empty()) {
         EXPECT_THAT(points, IsEmpty()) << report_;
     } else {
@@ -198,7 +198,7 @@ INSTANTIATE_TEST_SUITE_P(
     Defects, DefectiveWorkerTest,
     testing::Values(Defect{"", ""}, Defect{"start", "start"},
                     Defect{"worker.pid-missing", "worker.pid", true},
-                    Defect{"worker.pid-wrong", "worker.pid"}, Defect{"status-word", "status", true},
+                    Defect{"worker.pid-wrong", "worker.pid", true}, Defect{"status-word", "status", true},
                     Defect{"status-incomplete", "status", true},
                     Defect{"heartbeat-stands", "heartbeat", true}, Defect{"heartbeat-text", "heartbeat"},
                     Defect{"control-ignored", "control", true}, Defect{"control-of-others", "control"},
