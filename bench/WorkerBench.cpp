@@ -1,6 +1,8 @@
 /// Starts the built-in web worker on the sample web client, lets it capture while nobody writes, and prints
-/// what each process of its tree costs, beside the bounds: worker_bench [changes]. With a number, so many
-/// small changes a second happen in a chat of 300 messages meanwhile.
+/// what each process of its tree costs, beside the bounds: worker_bench [changes [seconds]]. With a number,
+/// so many small changes a second happen in a chat of 300 messages meanwhile; with a second one, it measures
+/// so long.
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -14,26 +16,26 @@ namespace brindle::bench {
 namespace {
 
 constexpr std::chrono::seconds settling_time{5};
-constexpr std::chrono::seconds idle_time{20};
+constexpr std::chrono::seconds usual_time{20};
 
 void print(const test::ProcessCost& cost) {
     std::printf("%-18s %10.1f %12.2f\n", cost.name.c_str(), cost.memory_mebibytes, cost.processor_percent);
 }
 
-std::vector<test::ProcessCost> measure(test::IdleWorker& worker) {
+std::vector<test::ProcessCost> measure(test::IdleWorker& worker, std::chrono::seconds time) {
     worker.measure(settling_time);
-    return worker.measure(idle_time);
+    return worker.measure(time);
 }
 
 std::vector<test::ProcessCost> measureAtRest() {
     test::IdleWorker worker;
-    return measure(worker);
+    return measure(worker, usual_time);
 }
 
-std::vector<test::ProcessCost> measureWith(int changesASecond) {
+std::vector<test::ProcessCost> measureWith(int changesASecond, std::chrono::seconds time) {
     const SamplePage page(changingScript(changing_messages, changesASecond), changing_messages);
     test::IdleWorker worker(test::WebWorkerOptions().withUrl(page.url()), bench_chat);
-    return measure(worker);
+    return measure(worker, time);
 }
 
 int print(const std::vector<test::ProcessCost>& costs) {
@@ -55,7 +57,9 @@ int print(const std::vector<test::ProcessCost>& costs) {
 int main(int count, char** arguments) {
     try {
         using namespace brindle::bench;
-        return print(count > 1 ? measureWith(std::stoi(arguments[1])) : measureAtRest());
+        if (count < 2) return print(measureAtRest());
+        const auto time = count > 2 ? std::chrono::seconds(std::stoi(arguments[2])) : usual_time;
+        return print(measureWith(std::stoi(arguments[1]), time));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "%s\n", error.what());
         return EXIT_FAILURE;
