@@ -36,7 +36,7 @@ endif()
 if(BUILD_TESTING)
   find_package(GTest REQUIRED)
   find_package(nlohmann_json REQUIRED)
-  pkg_check_modules(glib REQUIRED IMPORTED_TARGET glib-2.0)
+  pkg_check_modules(glib REQUIRED IMPORTED_TARGET glib-2.0 gobject-2.0)
 endif()
 
 find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)

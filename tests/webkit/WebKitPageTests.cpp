@@ -1,3 +1,5 @@
+#include <dlfcn.h>
+#include <glib-object.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -90,6 +92,54 @@ TEST_F(LivePage, OrderingTheWindowOutLeavesThePageLive) {
     page().page().orderOut();
     page().evaluate("frames = 0");
     page().waitUntil("frames > 30 && document.visibilityState === 'visible' && innerWidth === 1200");
+}
+
+/// The windows of this process. The module has brought the toolkit, which no test is linked with.
+GList* allWindows() {
+    void* toolkit = ::dlopen("libgtk-3.so.0", RTLD_NOW | RTLD_NOLOAD);
+    auto* const list = reinterpret_cast<GList* (*)()>(::dlsym(toolkit, "gtk_window_list_toplevels"));
+    if (list == nullptr) throw TestFailure("no toolkit is loaded");
+    return list();
+}
+
+/// Counts how often the windows are drawn for as long as it lives.
+class CountedDraws {
+  public:
+    CountedDraws() {
+        GList* const windows = allWindows();
+        for (GList* each = windows; each != nullptr; each = each->next) {
+            windows_.push_back(each->data);
+            g_signal_connect(each->data, "draw", G_CALLBACK(count), this);
+        }
+        g_list_free(windows);
+    }
+    ~CountedDraws() {
+        for (const gpointer window : windows_) g_signal_handlers_disconnect_by_data(window, this);
+    }
+    CountedDraws(const CountedDraws&) = delete;
+    CountedDraws& operator=(const CountedDraws&) = delete;
+
+    std::size_t windows() const { return windows_.size(); }
+    int number() const { return number_; }
+
+  private:
+    static gboolean count(gpointer /*window*/, gpointer /*picture*/, gpointer self) {
+        ++static_cast<CountedDraws*>(self)->number_;
+        return FALSE;
+    }
+
+    std::vector<gpointer> windows_;
+    int number_ = 0;
+};
+
+TEST_F(LivePage, IsNeverDrawnInTheWorkerHoweverOftenItChanges) {
+    const CountedDraws draws;
+    page().load(
+        "<p id=text></p><script>let frames = 0; const frame = () => { text.textContent = ++frames; "
+        "requestAnimationFrame(frame); }; frame();</script>");
+    page().waitUntil("frames > 100");
+    EXPECT_GT(draws.windows(), 0U);
+    EXPECT_EQ(draws.number(), 0);
 }
 
 class Evaluation : public EngineTest {};

@@ -138,12 +138,11 @@ WebKitPage::WebKitPage(const WebWorkerHostOptions& options, WebKitWebContext& co
       context_(context),
       log_(log),
       delegate_(delegate),
-      window_(gtk_offscreen_window_new()),
+      window_(makeUndrawnWindow(options.windowTitle)),
       memoryWatch_({.process_bytes = std::uint64_t{options.pageMemoryLimit_mebibytes} << bits_of_a_mebibyte,
                     .growth_bytes = std::uint64_t{options.workerGrowthLimit_mebibytes} << bits_of_a_mebibyte},
                    {.onExcess = [this] { endProcessBecause(too_much_memory); },
                     .onGrowth = [this] { endProcessBecause(too_much_memory_here); }}) {
-    gtk_window_set_title(GTK_WINDOW(window_.get()), options.windowTitle.c_str());
     openView();
 }
 

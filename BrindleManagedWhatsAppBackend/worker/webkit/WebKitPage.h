@@ -12,12 +12,9 @@
 #include "worker/webkit/PageMemoryWatch.h"
 #include "worker/webkit/PageSite.h"
 #include "worker/webkit/SystemLog.h"
+#include "worker/webkit/UndrawnWindow.h"
 
 namespace brindle {
-
-struct WidgetDestroy {
-    void operator()(GtkWidget* widget) const { gtk_widget_destroy(widget); }
-};
 
 /// The page in an offscreen window: nothing is ever on a screen, yet the page is laid out, painted and timed
 /// as if it were in front.
@@ -75,7 +72,7 @@ class WebKitPage final : public WebPage {
     WebKitWebContext& context_;
     const SystemLog& log_;
     WebPageDelegate& delegate_;
-    std::unique_ptr<GtkWidget, WidgetDestroy> window_;
+    WidgetPointer window_;
     WebKitWebView* view_ = nullptr;
     /// The view is of no use any more.
     bool isProcessGone_ = false;
