@@ -27,7 +27,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_SOURCE_DIR}/cmake/PrepareDebianPackages.cmake)
 
 set(CPACK_DEBIAN_BACKEND_PACKAGE_NAME ${CPACK_PACKAGE_NAME})
-set(CPACK_COMPONENT_BACKEND_DESCRIPTION "helper that brings a WhatsApp account into an application
+set(CPACK_COMPONENT_BACKEND_DESCRIPTION "helper that brings a messaging account into an application
 An application starts it, talks to it over lines of JSON, and listens to a
 watched chat. This package has the helper, a console that plays the
 application, the documents and the JSON Schemas. A native worker or the
@@ -36,7 +36,7 @@ set(CPACK_DEBIAN_BACKEND_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_BACKEND_PACKAGE_RECOMMENDS brindle-managed-whatsapp-examples)
 
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_NAME brindle-managed-whatsapp-examples)
-set(CPACK_COMPONENT_EXAMPLES_DESCRIPTION "samples for the helper that brings a WhatsApp account along
+set(CPACK_COMPONENT_EXAMPLES_DESCRIPTION "samples for the helper that brings a messaging account along
 Applications and native workers in several languages to start from, scripts
 for the console, and a web client to try things on, which needs no network.")
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_ARCHITECTURE all)
@@ -45,7 +45,7 @@ set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SECTION doc)
 if(BRINDLE_WEB_WORKER)
   list(APPEND CPACK_COMPONENTS_ALL WebWorker)
   set(CPACK_DEBIAN_WEBWORKER_PACKAGE_NAME brindle-managed-whatsapp-web-worker)
-  set(CPACK_COMPONENT_WEBWORKER_DESCRIPTION "web worker of the helper that brings a WhatsApp account along
+  set(CPACK_COMPONENT_WEBWORKER_DESCRIPTION "web worker of the helper that brings a messaging account along
 A module with which the helper shows the web client of the messaging service
 in a hidden view, in a sandbox, and takes the messages of a chat from it.")
   set(CPACK_DEBIAN_WEBWORKER_PACKAGE_SHLIBDEPS ON)
