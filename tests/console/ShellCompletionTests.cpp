@@ -37,7 +37,9 @@ TEST(CommandLineDescription, HasEveryOptionAndActionWithItsMeaning) {
 
 TEST(CommandLineDescription, TellsWhatAValueStandsFor) {
     for (const auto& option : commandLineDescription().options) {
-        const std::string expected = option.name == "--data-dir" ? "DIR" : option.name == "--json" ? "" : option.value;
+        const std::string expected = option.name == "--data-dir" ? "DIR"
+                                     : option.name == "--json"   ? ""
+                                                                 : option.value;
         EXPECT_EQ(option.value, expected) << option.name;
     }
 }

@@ -58,7 +58,8 @@ void moveTo(const std::string& home) {
 void prepareEngineEnvironment(const std::string& home, const std::string& cacheDirectory) {
     // Nobody looks at the hidden window: no bridge to screen readers, no settings daemon.
     g_setenv("NO_AT_BRIDGE", "1", TRUE);
-    // The engine has a bridge of its own; without an address it would complain at each start of a page's process.
+    // The engine has a bridge of its own; without an address it would complain at each start of a page's
+    // process.
     g_setenv("WEBKIT_A11Y_BUS_ADDRESS", "", TRUE);
     g_setenv("GSETTINGS_BACKEND", "memory", TRUE);
     // No service of the user's session has anything to say to a page's process, and without an address one
