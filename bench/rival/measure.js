@@ -1,5 +1,6 @@
 // Measures worker_bench and a worker on Chromium in turns, on the same page with the same scripts:
-// npm run measure [-- rounds]. README.md tells what is needed.
+// npm run measure [-- rounds]; npm run measure -- growth for 1 to 8 of them beside each other, as a table
+// for growth.gnuplot. README.md tells what is needed.
 import { execFile, spawn } from "node:child_process";
 import { chownSync, existsSync, mkdtempSync, readdirSync, readFileSync, rmSync } from "node:fs";
 import http from "node:http";
@@ -105,7 +106,7 @@ function untilCapturing(rival) {
     });
 }
 
-async function measureRival({ chat, script, parameters }) {
+async function startRival({ chat, script, parameters }) {
     const server = await servePage(script);
     const home = mkdtempSync(path.join(tmpdir(), "rival-"));
     chownSync(home, nobody, nobody);
@@ -122,15 +123,34 @@ async function measureRival({ chat, script, parameters }) {
         stdio: ["ignore", "pipe", "inherit"],
         uid: nobody,
     });
+    return { pid: rival.pid, home, server, isCapturing: untilCapturing(rival) };
+}
+
+async function end({ pid, home, server }) {
+    treeOf(pid).forEach((each) => process.kill(each.pid, "SIGKILL"));
+    server.close();
+    await sleep(500);
+    rmSync(home, { recursive: true, force: true });
+}
+
+function sum(costs) {
+    return costs.reduce((left, right) => ({
+        mebibytes: left.mebibytes + right.mebibytes,
+        percent: left.percent + right.percent,
+    }));
+}
+
+async function measureRivals(each, count) {
+    const rivals = [];
     try {
-        await untilCapturing(rival);
+        while (rivals.length < count) {
+            rivals.push(await startRival(each));
+        }
+        await Promise.all(rivals.map((rival) => rival.isCapturing));
         await sleep(settlingTime);
-        return await costOf(rival.pid);
+        return sum(await Promise.all(rivals.map((rival) => costOf(rival.pid))));
     } finally {
-        treeOf(rival.pid).forEach((each) => process.kill(each.pid, "SIGKILL"));
-        server.close();
-        await sleep(500);
-        rmSync(home, { recursive: true, force: true });
+        await Promise.all(rivals.map(end));
     }
 }
 
@@ -140,6 +160,10 @@ async function measureWorker({ workerArguments }) {
     const { stdout } = await run.catch((error) => error);
     const [, mebibytes, percent] = /whole tree +([\d.]+) +([\d.]+)/.exec(stdout);
     return { mebibytes: Number(mebibytes), percent: Number(percent) };
+}
+
+async function measureWorkers(each, count) {
+    return sum(await Promise.all(Array.from({ length: count }, () => measureWorker(each))));
 }
 
 const common = "loading=0&scan=0&renew=3600&traffic=none";
@@ -165,20 +189,37 @@ function print(what, worker, rival) {
     console.log(`${what}: ${row.join(", ")}`);
 }
 
+async function compare(each, rounds) {
+    const worker = [];
+    const rival = [];
+    for (let round = 0; round < rounds; round += 1) {
+        worker.push(await measureWorkers(each, 1));
+        rival.push(await measureRivals(each, 1));
+    }
+    print(each.name, worker, rival);
+}
+
+async function growth(each) {
+    console.log("# helpers, worker MiB, rival MiB, worker %, rival %");
+    for (const count of [1, 2, 4, 8]) {
+        const worker = await measureWorkers(each, count);
+        const rival = await measureRivals(each, count);
+        const figures = [worker.mebibytes, rival.mebibytes, worker.percent, rival.percent];
+        console.log([count, ...figures.map((figure) => figure.toFixed(2))].join("\t"));
+    }
+}
+
 async function main() {
     if (process.getuid() !== 0) {
         throw new Error("Only root may read how much memory the processes of a sandbox take.");
     }
-    const rounds = Number(process.argv[2] || 3);
+    if (process.argv[2] === "growth") {
+        await growth(cases[0]);
+        return;
+    }
     console.log("worker / rival, both sandboxed");
     for (const each of cases) {
-        const worker = [];
-        const rival = [];
-        for (let round = 0; round < rounds; round += 1) {
-            worker.push(await measureWorker(each));
-            rival.push(await measureRival(each));
-        }
-        print(each.name, worker, rival);
+        await compare(each, Number(process.argv[2] || 3));
     }
 }
 
