@@ -49,7 +49,7 @@ const std::set<std::string>& allowedVariables() {
         "FONTCONFIG_FILE", "FONTCONFIG_PATH",
         // Set by the worker.
         "NO_AT_BRIDGE", "WEBKIT_A11Y_BUS_ADDRESS", "GSETTINGS_BACKEND", "DBUS_SESSION_BUS_ADDRESS",
-        "GST_REGISTRY", "GST_PLUGIN_SYSTEM_PATH_1_0", "PULSE_SERVER",
+        "GST_REGISTRY", "GST_PLUGIN_SYSTEM_PATH_1_0", "MESA_SHADER_CACHE_DISABLE", "PULSE_SERVER",
         // The sandbox's working directory.
         "PWD"};
     return names;
@@ -365,6 +365,14 @@ TEST_F(WebWorkerSandbox, NobodyAsksTheMessageBusOfTheSession) {
     EXPECT_NO_THROW(answeringPage(worker));
     EXPECT_FALSE(named.wasAsked());
     EXPECT_FALSE(usual.wasAsked());
+}
+
+// The driver asks the user database where the home is, so only its own variable holds it back.
+TEST_F(WebWorkerSandbox, TheGraphicsDriverKeepsNoCacheInTheUsersHome) {
+    WebWorkerProcess worker(withCarelessParent());
+    const auto environment = environmentOf(answeringPage(worker));
+    ASSERT_TRUE(environment.contains("MESA_SHADER_CACHE_DISABLE"));
+    EXPECT_EQ(environment.at("MESA_SHADER_CACHE_DISABLE"), "true");
 }
 
 TEST_F(WebWorkerSandbox, HasTheWaylandDisplayAndNoXServerWhereThereAreBoth) {

@@ -62,6 +62,8 @@ void prepareEngineEnvironment(const std::string& home, const std::string& cacheD
     // process.
     g_setenv("WEBKIT_A11Y_BUS_ADDRESS", "", TRUE);
     g_setenv("GSETTINGS_BACKEND", "memory", TRUE);
+    // Nothing is drawn with it, and its cache would lie in the user's own home, whatever HOME says.
+    g_setenv("MESA_SHADER_CACHE_DISABLE", "true", TRUE);
     // No service of the user's session has anything to say to a page's process, and without an address one
     // would be looked for or even started.
     g_setenv("DBUS_SESSION_BUS_ADDRESS", "disabled:", TRUE);
