@@ -32,8 +32,7 @@ constexpr auto escapes = [] {
 
 void JsonWriter::name(std::string_view name) {
     beforeValue();
-    appendString(name);
-    text_ += style_ == JsonStyle::pretty ? ": " : ":";
+    text_.append(1, '"').append(name).append(style_ == JsonStyle::pretty ? "\": " : "\":");
     followsName_ = true;
 }
 
@@ -89,7 +88,7 @@ void JsonWriter::newLine() {
 
 void JsonWriter::appendString(std::string_view value) {
     text_ += '"';
-    // Names, and most texts, are short and stand for themselves.
+    // Most texts are short and stand for themselves.
     if (value.size() < piece_bytes) {
         const auto run = plainRun<'"', '\\', '/'>(value);
         if (run.isAscii && run.length == value.size()) {

@@ -33,7 +33,8 @@ class JsonWriter {
     void endObject() { end('}'); }
     void beginArray() { begin('['); }
     void endArray() { end(']'); }
-    /// The name of the next value.
+    /// The name of the next value: one of the code's own, which stands for itself (no control character,
+    /// quotation mark, slash or backslash), because it is not looked through.
     void name(std::string_view name);
     void string(std::string_view value);
     void boolean(bool value);

@@ -109,7 +109,7 @@ void encode(JsonWriter& writer, const T& value) {
     } else if constexpr (EnumerationType<T>) {
         encodeCase(writer, value);
     } else {
-        static_assert(listsEveryMember<T>());
+        static_assert(listsEveryMember<T>() && hasPlainNames<T>());
         writer.beginObject();
         encodeFields(writer, value);
         writer.endObject();

@@ -198,5 +198,18 @@ consteval bool listsEveryMember() {
     return field_count<R> == 0 || (size + alignment - 1) / alignment * alignment == sizeof(R);
 }
 
+/// True when every name stands for itself in a JSON document (RFC 8259), so that it can be written as it is.
+template <RecordType R>
+consteval bool hasPlainNames() {
+    bool isPlain = true;
+    forEachField<R>([&]<class Value>(const Field<R, Value>& each) {
+        for (const char character : each.name) {
+            isPlain =
+                isPlain && character >= ' ' && character != '"' && character != '\\' && character != '/';
+        }
+    });
+    return isPlain;
+}
+
 }  // namespace record
 }  // namespace brindle

@@ -130,10 +130,10 @@ class ConsoleCheckWorkerTest : public testing::Test {
   protected:
     /// The points at which the worker fails.
     std::vector<std::string> failedPoints(const std::string& worker, const std::string& defect,
-                                          const std::string& patience_seconds = "80") {
+                                          const std::string& patienceSeconds = "80") {
         BackendOptions options;
         options.executable = consoleExecutable();
-        options.arguments = {"check-worker", worker, "--within", patience_seconds, "--json"};
+        options.arguments = {"check-worker", worker, "--within", patienceSeconds, "--json"};
         options.environment["TMPDIR"] = temporary_.path();
         options.environment["DEFECT"] = defect;
         BackendProcess console(std::move(options));
