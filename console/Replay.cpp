@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <map>
-#include <regex>
+#include <string_view>
 #include <utility>
 
 #include "console/TerminalText.h"
@@ -14,20 +14,41 @@ namespace {
 /// Beyond this many pairs of lines the comparison would take too long and too much memory.
 constexpr std::size_t most_compared_pairs = std::size_t{1} << 24U;
 
+/// As a time and an identifier look: 0 stands for a digit, F for a hexadecimal one, all else for itself.
+constexpr std::string_view time_pattern = "0000-00-00T00:00:00Z";
+constexpr std::string_view identifier_pattern = "FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF";
+
+bool beginsLike(std::string_view text, std::string_view pattern) {
+    const auto fits = [](char character, char place) {
+        const bool isDigit = character >= '0' && character <= '9';
+        if (place == '0') return isDigit;
+        if (place == 'F') return isDigit || (character >= 'A' && character <= 'F');
+        return character == place;
+    };
+    return text.size() >= pattern.size() &&
+           std::equal(pattern.begin(), pattern.end(), text.begin(),
+                      [&](char place, char character) { return fits(character, place); });
+}
+
 /// Replaces what is new at each run, the same by the same.
 class Placeholders {
   public:
-    std::string putInto(const std::string& line) {
-        static const std::regex changing(
-            R"((\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}Z)|[0-9A-F]{8}(?:-[0-9A-F]{4}){3}-[0-9A-F]{12})");
+    std::string putInto(std::string_view line) {
         std::string result;
-        auto rest = line.cbegin();
-        for (std::sregex_iterator found(line.begin(), line.end(), changing), end; found != end; ++found) {
-            result.append(rest, (*found)[0].first);
-            result.append((*found)[1].matched ? "<time>" : numbered(found->str()));
-            rest = (*found)[0].second;
+        while (!line.empty()) {
+            std::size_t length = 1;
+            if (beginsLike(line, time_pattern)) {
+                length = time_pattern.size();
+                result += "<time>";
+            } else if (beginsLike(line, identifier_pattern)) {
+                length = identifier_pattern.size();
+                result += numbered(std::string(line.substr(0, length)));
+            } else {
+                result += line.front();
+            }
+            line.remove_prefix(length);
         }
-        return result.append(rest, line.cend());
+        return result;
     }
 
     std::vector<std::string> putInto(const std::vector<std::string>& lines) {
