@@ -139,7 +139,8 @@ Command parseWaitStatus(Arguments& arguments) {
         .field = arguments.take(), .value = arguments.take(), .patience = default_patience};
     const auto fields = record::fieldNames<ManagedWhatsAppRuntimeStatusRecord>();
     if (std::find(fields.begin(), fields.end(), command.field) == fields.end()) {
-        throw Failure("The runtime status has no field \"" + singleLine(command.field) + "\".");
+        throw Failure("The runtime status has no field \"" + singleLine(command.field) +
+                      "\"; \"status\" shows its fields.");
     }
     if (arguments.skip("within")) command.patience = parseSeconds(arguments.take());
     arguments.requireEnd();

@@ -30,7 +30,7 @@ Words commandNames() {
 
 Words envelopeNames() {
     Words names;
-    for (const auto name : BridgeEnvelope::case_names) names.emplace_back(name);
+    for (const auto name : BridgeEnvelope::events) names.emplace_back(name);
     const std::string stateChanged(BridgeEnvelope::caseName<BridgeStateChangedEvent>());
     for (const auto state : BridgeConnectionState::case_names) {
         names.push_back(stateChanged + "." + std::string(state));

@@ -12,6 +12,7 @@
 #include "console/RuntimeStatus.h"
 #include "console/Tools.h"
 #include "exchange/PlatformArgument.h"
+#include "records/DecodingFailure.h"
 #include "system/Polling.h"
 #include "text/Failure.h"
 #include "text/Text.h"
@@ -20,6 +21,24 @@ namespace brindle::console {
 namespace {
 
 constexpr int failure_status = 1;
+
+/// A request that the helper passes over without a word looks as if it had been carried out.
+std::string platformRemark(std::string_view line, const std::string& served) {
+    try {
+        const auto envelope = decodedRecord<BridgeEnvelope>(line);
+        const auto platform = std::visit(
+            [&](const auto& each) {
+                if constexpr (requires { each.platform; }) return each.platform;
+                return served;
+            },
+            static_cast<const BridgeEnvelope::Cases&>(envelope));
+        if (platform == served) return {};
+        return "The helper serves the platform \"" + singleLine(served) +
+               "\" and passes over what is for \"" + singleLine(platform) + "\".";
+    } catch (const DecodingFailure&) {
+        return {};
+    }
+}
 
 }  // namespace
 
@@ -178,6 +197,8 @@ void Console::perform(const StatusCommand&) {
 
 void Console::perform(const RawCommand& command) {
     submitLine(command.line);
+    const auto remark = platformRemark(command.line, platform_);
+    if (!remark.empty()) display_.note(remark);
 }
 
 void Console::perform(const RawModeCommand& command) {

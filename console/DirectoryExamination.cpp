@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "console/CommandWords.h"
 #include "console/Doctor.h"
 #include "console/Inbox.h"
 #include "console/RuntimeStatus.h"
@@ -196,7 +197,7 @@ class DirectoryExamination {
             return Finding::problem(
                 point, std::to_string(undecodable) + " waiting inbound file(s) cannot be decoded.",
                 "The helper will set them aside in rejected; their messages do not arrive.",
-                "BrindleBridgeConsole inbox shows the reason of each; correct the worker.");
+                inboxCommand() + " shows the reason of each; correct the worker.");
         }
         if (waiting == 0) return Finding::ok(point, "No inbound message waits.");
         return Finding::note(point, std::to_string(waiting) + " inbound message(s) wait.",
@@ -213,12 +214,17 @@ class DirectoryExamination {
         }
     }
 
+    /// With the directory: without it the command refuses, or looks elsewhere.
+    std::string inboxCommand() const {
+        return "BrindleBridgeConsole inbox --data-dir " + quotedWord(directory_.path);
+    }
+
     std::optional<Finding> rejectedFinding() {
         const auto count = recordsIn(directory_.rejected);
         if (count == 0) return std::nullopt;
         return Finding::problem("rejected", std::to_string(count) + " inbound file(s) were rejected.",
                                 "Their messages did not arrive; they are kept for thirty days.",
-                                "BrindleBridgeConsole inbox shows the reason of each, and can put one back.");
+                                inboxCommand() + " shows the reason of each, and can put one back.");
     }
 
     std::optional<Finding> outboundFinding() {

@@ -58,8 +58,9 @@ Finding workerFinding(const Examination& examination) {
     constexpr std::string_view point = "worker";
     const auto& environment = examination.environment;
     if (isFlagSet(environment, key::disable_worker)) {
-        return Finding::note(point, "Workers are switched off (" + std::string(key::disable_worker) + ").",
-                             "Only the self-test brings a message.", "Unset it to have messages.");
+        return Finding::note(
+            point, "Workers are switched off (--no-worker, or " + std::string(key::disable_worker) + ").",
+            "Only the self-test brings a message.", "Leave that out to have messages.");
     }
     if (const auto path = nonBlankValue(environment, key::worker_path)) {
         return programFinding(examination, "worker", standardizedPath(*path), key::worker_path);
@@ -77,10 +78,12 @@ Finding workerFinding(const Examination& examination) {
     if (isFlagSet(environment, key::enable_builtin_worker)) {
         return Finding::ok(point, "The built-in web worker is switched on.");
     }
-    return Finding::note(point, "No worker is configured.", "Only the self-test brings a message.",
-                         "Set " + std::string(key::enable_builtin_worker) +
-                             "=1 for the built-in worker, or " + std::string(key::native_worker_path) +
-                             " to a native one.");
+    // What a helper that runs already was started with is not known here.
+    return Finding::note(point, "Neither an option nor this environment names a worker.",
+                         "A helper that is started so has none: only the self-test brings a message.",
+                         "Add --builtin-worker or --native-worker PATH to examine one; for the helper set " +
+                             std::string(key::enable_builtin_worker) + "=1 or " +
+                             std::string(key::native_worker_path) + ".");
 }
 
 bool needsEngine(const Examination& examination) {

@@ -78,8 +78,9 @@ Finding displayFinding(const Examination& examination, void* module, bool isNeed
     if (connects != nullptr && connects(nullptr, nullptr) != 0) {
         return Finding::ok(point, "A display can be reached (" + variables + ").");
     }
-    return missing(isNeeded, point, "No display can be reached (" + variables + ").", display_meaning,
-                   "Start the parent in a desktop session, or provide a display, for example with Xvfb.");
+    return missing(
+        isNeeded, point, "No display can be reached (" + variables + ").", display_meaning,
+        "Start the parent in a desktop session, or with xvfb-run -a in front, which gives it a display.");
 }
 
 /// What the engine starts to keep a page apart, in short; nothing when it works.

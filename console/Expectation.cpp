@@ -82,9 +82,10 @@ Expectation Expectation::forName(std::string_view dottedName) {
     const auto dot = dottedName.find('.');
     Expectation expectation;
     expectation.name = dottedName.substr(0, dot);
-    if (!contains(BridgeEnvelope::case_names, expectation.name)) {
-        throw Failure("There is no envelope \"" + singleLine(expectation.name) + "\"; the envelopes are " +
-                      listed(BridgeEnvelope::case_names) + ".");
+    // What only goes the other way would be waited for in vain.
+    if (!contains(BridgeEnvelope::events, expectation.name)) {
+        throw Failure("The helper sends no envelope \"" + singleLine(expectation.name) +
+                      "\"; those that it sends are " + listed(BridgeEnvelope::events) + ".");
     }
     if (dot == std::string_view::npos) return expectation;
     expectation.innerName = dottedName.substr(dot + 1);

@@ -16,18 +16,20 @@ constexpr std::size_t read_buffer_bytes = 65536;
 /// The buffer of what is to be written is compacted only after this much, not after each piece.
 constexpr std::size_t compaction_bytes = std::size_t{1} << 20U;
 
-ChildProcess start(const ChildProcess::Options& options) {
+ChildProcess start(const ChildProcess::Options& options, std::string_view role) {
     try {
         return ChildProcess(options);
     } catch (const Failure& failure) {
-        throw Failure("Cannot start the helper " + options.executable + ": " + failure.what() + ".");
+        throw Failure("Cannot start the " + std::string(role) + " " + options.executable + ": " +
+                      failure.what() + ".");
     }
 }
 
 }  // namespace
 
-HelperProcess::HelperProcess(const ChildProcess::Options& options, LineHandler onOutput, LineHandler onError)
-    : process_(start(options)),
+HelperProcess::HelperProcess(const ChildProcess::Options& options, LineHandler onOutput, LineHandler onError,
+                             std::string_view role)
+    : process_(start(options, role)),
       input_(process_.standardInput()),
       output_{process_.standardOutput(), std::move(onOutput), {}},
       error_{process_.standardError(), std::move(onError), {}} {

@@ -21,8 +21,9 @@ class HelperProcess {
 
     static constexpr std::size_t congestion_bytes = std::size_t{1} << 20U;
 
-    /// Starts the helper. Throws Failure.
-    HelperProcess(const ChildProcess::Options& options, LineHandler onOutput, LineHandler onError);
+    /// Starts the helper, or whatever `role` says that the program is. Throws Failure.
+    HelperProcess(const ChildProcess::Options& options, LineHandler onOutput, LineHandler onError,
+                  std::string_view role = "helper");
 
     /// Queues a line for the helper's standard input; the line feed is added.
     void send(std::string_view line);

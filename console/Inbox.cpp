@@ -84,7 +84,10 @@ InboxRecord Inbox::find(std::string_view name) const {
     std::erase_if(listing.records, [&](const InboxRecord& each) {
         return each.name != name && shownFileName(each.name) != name;
     });
-    if (listing.records.empty()) throw Failure("There is no inbound record \"" + singleLine(name) + "\".");
+    if (listing.records.empty()) {
+        throw Failure("There is no inbound record \"" + singleLine(name) +
+                      "\"; \"inbox\" lists them, with the names to give.");
+    }
     if (listing.records.size() > 1) {
         throw Failure("Several inbound records are shown as \"" + singleLine(name) +
                       "\"; look at their files in the data directory.");

@@ -1,11 +1,13 @@
 #include "console/Options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <sstream>
 #include <utility>
 
 #include "console/Command.h"
 #include "console/ShellCompletion.h"
+#include "console/TerminalText.h"
 #include "exchange/EnvironmentKeys.h"
 #include "system/Paths.h"
 
@@ -34,6 +36,34 @@ std::string footer() {
            "      Find out why nothing arrives.\n";
 }
 
+/// What somebody typed that the command line has no place for.
+std::string strayWordMessage(const CLI::App& app) {
+    const auto words = app.remaining(true);
+    const auto& word = words.empty() ? std::string() : words.front();
+    const auto shown = "\"" + terminalSafe(word) + "\"";
+    if (word.starts_with('-')) {
+        return "There is no option " + shown + "; BrindleBridgeConsole --help lists the options.\n";
+    }
+    const auto commands = commandDescriptions();
+    const bool isCommand =
+        std::any_of(commands.begin(), commands.end(), [&](const auto& each) { return each.name == word; });
+    if (isCommand) {
+        return shown +
+               " is a command of a session; start the console without it and type it there, or send it through a "
+               "pipe.\n";
+    }
+    return "The word " + shown +
+           " means nothing here; BrindleBridgeConsole --help lists the words and options.\n";
+}
+
+std::string mistakeMessage(const CLI::App* app, const CLI::Error& error) {
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError)) return strayWordMessage(*app);
+    const auto actions = app->get_subcommands();
+    const auto name = actions.empty() ? "" : actions.front()->get_name();
+    return (name.empty() ? "" : name + ": ") + error.what() + ".\nBrindleBridgeConsole " +
+           (name.empty() ? "" : name + " ") + "--help tells more.\n";
+}
+
 struct Parser {
     Options options;
     bool noWorker = false;
@@ -48,41 +78,56 @@ struct Parser {
         app.name("BrindleBridgeConsole");
         app.footer(footer());
         app.set_help_flag("-h,--help", "Show this help.");
+        app.failure_message(mistakeMessage);
         addGeneralOptions();
         addWorkerOptions();
         addSubcommands();
     }
 
-    /// What the program does instead of a session; the options may stand before or after the word.
-    CLI::App* addSubcommand(const std::string& name, const std::string& meaning, Action action) {
+    /// What the program does instead of a session; the options may stand before or after the word. `others`
+    /// are those of them that matter most to it.
+    CLI::App* addSubcommand(const std::string& name, const std::string& meaning, Action action,
+                            const std::string& others) {
         auto* subcommand = app.add_subcommand(name, meaning);
         subcommand->fallthrough();
         subcommand->set_help_flag();
+        subcommand->footer("\nThe console's options may stand here too, such as " + others +
+                           ".\nBrindleBridgeConsole --help explains them.\n");
         subcommand->callback([this, action] { options.action = action; });
         return subcommand;
     }
 
+    /// An optional word behind an action.
+    void addWord(CLI::App& subcommand, const std::string& name, const std::string& meaning) {
+        subcommand
+            .add_option_function<std::string>(
+                name, [this](const std::string& word) { options.words.push_back(word); }, meaning)
+            ->type_name("");
+    }
+
     void addSubcommands() {
         app.require_subcommand(0, 1);
-        addSubcommand("doctor", "Examine an installation and a data directory, and end.", Action::doctor);
-        addSubcommand("inbox", "List, show or put back inbound records, and end: [show NAME | restore NAME].",
-                      Action::inbox)
-            ->add_option("words", options.words, "show NAME or restore NAME.")
-            ->type_name("")
-            ->expected(0, 2);
-        addSubcommand("watch", "Show a live view of a data directory, until q is pressed.", Action::watch);
+        addSubcommand("doctor", "Examine an installation and a data directory, and end.", Action::doctor,
+                      "--data-dir DIR, --builtin-worker, --native-worker PATH and --json");
+        auto* inbox = addSubcommand(
+            "inbox", "List, show or put back inbound records, and end: [show NAME | restore NAME].",
+            Action::inbox, "--data-dir DIR and --json");
+        addWord(*inbox, "show|restore", "What to do with one record; without it all are listed.");
+        addWord(*inbox, "NAME", "The record, named as in the list.");
+        addSubcommand("watch", "Show a live view of a data directory, until q is pressed.", Action::watch,
+                      "--data-dir DIR");
         addSubcommand(
             "replay",
             "Start a helper, send it the requests of a recording, show how the answers differ, and end.",
-            Action::replay)
-            ->add_option("file", options.words, "The recording.")
+            Action::replay, "--helper PATH, --data-dir DIR and those that choose a worker")
+            ->add_option("FILE", options.words, "The recording.")
             ->type_name("FILE")
             ->required()
             ->expected(1);
         auto* checkWorker = addSubcommand(
             "check-worker", "Run a native worker through all that the data directory asks of it, and end.",
-            Action::checkWorker);
-        checkWorker->add_option("path", options.checkedWorker, "The worker.")
+            Action::checkWorker, "--json");
+        checkWorker->add_option("PATH", options.checkedWorker, "The worker.")
             ->type_name("PATH")
             ->required()
             ->check(CLI::ExistingFile.description(""));
@@ -117,6 +162,7 @@ struct Parser {
 
     void addWorkerOptions() {
         auto* group = app.add_option_group("Worker", "Which worker the helper runs; at most one of these.");
+        group->set_help_flag();
         group->add_option("--worker", options.workerPath, "This executable.")->type_name("PATH");
         group->add_option("--native-worker", nativeWorkerPath, "This native protocol worker.")
             ->type_name("PATH")

@@ -32,7 +32,13 @@ Recording::Recording(const std::string& path, std::string secret)
     : path_(path),
       secret_(std::move(secret)),
       file_(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, private_mode)) {
-    if (!file_.isOpen()) throw FileSystemFailure("create the recording", path, errno);
+    const int error = errno;
+    if (file_.isOpen()) return;
+    if (error == EEXIST) {
+        throw Failure("The recording " + path +
+                      " exists already and is not replaced; name another file, or remove that one.");
+    }
+    throw FileSystemFailure("create the recording", path, error);
 }
 
 void Recording::add(Direction direction, std::string_view line) {

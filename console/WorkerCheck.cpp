@@ -50,8 +50,10 @@ class WorkerCheck {
         : options_(options), signals_(signals) {}
 
     Findings run() {
-        checkFirstRun();
-        checkEndOfBackend();
+        if (checkProgram()) {
+            checkFirstRun();
+            checkEndOfBackend();
+        }
         return std::move(findings_);
     }
 
@@ -98,6 +100,14 @@ class WorkerCheck {
                 .id = std::string(watched_conversation), .title = std::string(watched_conversation)});
         }
         writeRecord(files_, directory.workerControlFile, record, Durability::process);
+    }
+
+    bool checkProgram() {
+        if (files_.isExecutableFile(options_.worker)) return true;
+        problem("start", "The worker " + options_.worker + " may not be executed.",
+                "A helper calls it \"misconfigured\" and runs without a worker.",
+                "Make it executable (chmod +x).");
+        return false;
     }
 
     void checkFirstRun() {

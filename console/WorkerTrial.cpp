@@ -49,7 +49,7 @@ WorkerTrial::WorkerTrial(WorkerTrialUses uses, Parent parent)
     : uses_(std::move(uses)),
       outbound_(uses_.directory.outbound),
       inbound_(uses_.directory.inbound),
-      process_(launch(uses_, parent), uses_.onOutput, uses_.onOutput) {}
+      process_(launch(uses_, parent), uses_.onOutput, uses_.onOutput, "worker") {}
 
 bool WorkerTrial::waitFor(const std::function<bool()>& condition) {
     const auto deadline = std::chrono::steady_clock::now() + uses_.patience;

@@ -17,6 +17,7 @@
 #include "console/HelperVersion.h"
 #include "console/LineEditor.h"
 #include "console/Options.h"
+#include "console/Recording.h"
 #include "console/TerminalText.h"
 #include "console/Tools.h"
 #include "console/WatchScreen.h"
@@ -83,6 +84,11 @@ int runSession(const Options& options) {
     Display display(DisplayStyle::from(options, environment), output, error);
     try {
         const auto input = chooseInput(options, environment, output);
+        // What cannot be replayed is told before a helper is started for it.
+        if (options.action == Action::replay) {
+            PosixFileManager files;
+            readRecording(files, options.words.front());
+        }
         display.stepAside(input.editor);
         Console console(options, environment, *input.commands, display, signals);
         const int status = console.run();
@@ -129,6 +135,11 @@ int runInbox(const Options& options) {
             "No data directory is named; add --data-dir DIR, or --data-dir default for the application's.");
     }
     const DataDirectory directory(tool.environment, tool.files, options.platform);
+    // A mistyped path must not look like an account without messages.
+    if (!tool.files.fileExists(directory.path)) {
+        throw Failure("There is no data directory " + directory.path +
+                      "; correct --data-dir, or start a helper, which makes it.");
+    }
     performInbox(tool.display, tool.files, directory,
                  std::get<InboxCommand>(*parseCommand(commandLine("inbox", options))));
     return tool.display.hasLostOutput() ? 1 : 0;

@@ -15,6 +15,7 @@
 #include <exception>
 #include <filesystem>
 #include <string>
+#include <system_error>
 
 #include "Parent.h"
 
@@ -55,7 +56,12 @@ Parent::Settings settingsFrom(int argumentCount, char** arguments) {
 /// Private: who can write there can speak as the worker, and who can read there has the messages.
 void makePrivateDirectory(const fs::path& directory) {
     ::umask(S_IRWXG | S_IRWXO);
-    fs::create_directories(directory);
+    std::error_code problem;
+    fs::create_directories(directory, problem);
+    if (problem) {
+        throw GivenUp("Cannot make " + directory.string() + ": " + problem.message() +
+                      "; name another with --state.");
+    }
 }
 
 }  // namespace

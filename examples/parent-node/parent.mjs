@@ -100,7 +100,7 @@ class Helper {
         // A helper that is gone shows by its end; what it has not read is not known then.
         this.process.stdin.on('error', () => {});
         // Its end, and the end of both streams.
-        const giveUp = problem => { throw new GivenUp(`The helper cannot be started: ${problem.message}`); };
+        const giveUp = problem => { throw new GivenUp(`The helper cannot be started: ${problem.message}; name it with --helper.`); };
         this.ended = once(this.process, 'close')
             .then(([status, signal]) => (signal === null ? status : signal), giveUp)
             // Not earlier: the built-in worker reads it too, after the helper has greeted.
@@ -267,7 +267,11 @@ function options() {
 async function main() {
     const { helper, state, chatId, title } = options();
     // Private: who can write here can speak as the worker, and who can read here has the messages.
-    fs.mkdirSync(state, { recursive: true, mode: 0o700 });
+    try {
+        fs.mkdirSync(state, { recursive: true, mode: 0o700 });
+    } catch (problem) {
+        throw new GivenUp(`Cannot make ${state}: ${problem.message}; name another with --state.`);
+    }
     await new Parent(helper, path.resolve(state), chatId, title).run();
 }
 

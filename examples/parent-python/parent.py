@@ -296,7 +296,10 @@ def main():
         if program is None:
             raise GivenUp(f"There is no program {options.helper}; name it with --helper.")
         # Private: who can write here can speak as the worker, and who can read here has the messages.
-        options.state.mkdir(mode=0o700, parents=True, exist_ok=True)
+        try:
+            options.state.mkdir(mode=0o700, parents=True, exist_ok=True)
+        except OSError as problem:
+            raise GivenUp(f"Cannot make {options.state}: {problem.strerror}; name another with --state.") from problem
         Parent(program, options.state.resolve(), options.id, options.title).run()
     except (GivenUp, OSError) as problem:
         say(str(problem))

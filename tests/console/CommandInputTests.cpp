@@ -49,7 +49,7 @@ TEST_F(ScriptInputTest, IsCheckedWholeBeforeItRuns) {
         const ScriptInput script(path);
         FAIL() << "The script was accepted.";
     } catch (const Failure& failure) {
-        EXPECT_THAT(failure.what(), HasSubstr(path + ":2: There is no envelope \"nothing\""));
+        EXPECT_THAT(failure.what(), HasSubstr(path + ":2: The helper sends no envelope \"nothing\""));
     }
 }
 

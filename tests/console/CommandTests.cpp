@@ -139,7 +139,10 @@ TEST(Command, ExpectTakesTextAndPatienceInAnyOrder) {
 }
 
 TEST(Command, ExpectRefusesNamesThatNoEnvelopeHas) {
-    EXPECT_THAT(refusal("expect inbound"), HasSubstr("There is no envelope \"inbound\""));
+    EXPECT_EQ(
+        refusal("expect inbound"),
+        "The helper sends no envelope \"inbound\"; those that it sends are hello, inboundEvent, stateChanged, error.");
+    EXPECT_THAT(refusal("expect connect"), HasSubstr("The helper sends no envelope \"connect\""));
     EXPECT_THAT(refusal("expect stateChanged.online"), HasSubstr("There is no state \"online\""));
     EXPECT_THAT(refusal("expect hello.connected"), HasSubstr("has no inner cases"));
     EXPECT_THAT(refusal("expect hello soon"), HasSubstr("Usage: expect"));
@@ -162,14 +165,16 @@ TEST(Command, WaitStatusTakesFieldValueAndPatience) {
 }
 
 TEST(Command, WaitStatusRefusesAFieldThatTheStatusLacks) {
-    EXPECT_EQ(refusal("wait-status state linked"), "The runtime status has no field \"state\".");
+    EXPECT_EQ(refusal("wait-status state linked"),
+              "The runtime status has no field \"state\"; \"status\" shows its fields.");
     EXPECT_THAT(refusal("wait-status workerState"), HasSubstr("Usage: wait-status"));
     EXPECT_THAT(refusal("wait-status workerState linked soon"), HasSubstr("Usage: wait-status"));
 }
 
 TEST(Command, RefusalIsOneLineWhateverAWordHolds) {
-    EXPECT_EQ(refusal("wait-status \"a\\nb\" linked"), "The runtime status has no field \"a?b\".");
-    EXPECT_THAT(refusal("expect \"a\\nb\""), HasSubstr("There is no envelope \"a?b\";"));
+    EXPECT_EQ(refusal("wait-status \"a\\nb\" linked"),
+              "The runtime status has no field \"a?b\"; \"status\" shows its fields.");
+    EXPECT_THAT(refusal("expect \"a\\nb\""), HasSubstr("The helper sends no envelope \"a?b\";"));
     EXPECT_THAT(refusal("expect \"stateChanged.a\x1B[2J\""), HasSubstr("There is no state \"a?[2J\";"));
     EXPECT_EQ(refusal("qr within \"1\\t\""), "\"1?\" is not a number of seconds between 0 and 86400.");
     EXPECT_EQ(refusal("fly\\naway"), "Unknown command \"fly?away\"; \"help\" lists the commands.");

@@ -44,6 +44,7 @@ TEST_F(CompletionTest, OffersTheWordsOfACommand) {
 
 TEST_F(CompletionTest, OffersNamesOfEnvelopesAndFields) {
     EXPECT_THAT(candidates("expect in"), ElementsAre("inboundEvent"));
+    EXPECT_THAT(candidates("expect conn"), IsEmpty());
     EXPECT_THAT(candidates("expect stateChanged.c"),
                 ElementsAre("stateChanged.connected", "stateChanged.connecting"));
     EXPECT_THAT(candidates("wait-status workerSt"), ElementsAre("workerState"));

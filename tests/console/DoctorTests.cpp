@@ -7,6 +7,7 @@
 #include <chrono>
 #include <filesystem>
 
+#include "console/CommandWords.h"
 #include "exchange/DataDirectory.h"
 #include "support/Files.h"
 #include "support/TemporaryDirectory.h"
@@ -103,11 +104,11 @@ TEST_F(DoctorTest, FindsAConfiguredWorkerThatIsMissingOrMayNotBeRun) {
 }
 
 TEST_F(DoctorTest, KnowsWhichWorkerTheHelperWouldRun) {
-    EXPECT_EQ(found("worker"), "note: No worker is configured.");
+    EXPECT_EQ(found("worker"), "note: Neither an option nor this environment names a worker.");
     test::writeScript(programs_.path() / "BrindleManagedWhatsAppNativeWorker", "exit 0");
     EXPECT_THAT(found("worker"), HasSubstr("ok: The native worker"));
     environment_["BRINDLE_MANAGED_BRIDGE_DISABLE_NATIVE_WORKER"] = "1";
-    EXPECT_EQ(found("worker"), "note: No worker is configured.");
+    EXPECT_EQ(found("worker"), "note: Neither an option nor this environment names a worker.");
     environment_["BRINDLE_MANAGED_BRIDGE_ENABLE_BUILTIN_WORKER"] = "1";
     EXPECT_EQ(found("worker"), "ok: The built-in web worker is switched on.");
     environment_["BRINDLE_MANAGED_BRIDGE_DISABLE_WORKER"] = "1";
@@ -147,6 +148,17 @@ TEST_F(DoctorTest, CountsWhatWaitsWhatCannotBeDecodedAndWhatWasRejected) {
     EXPECT_EQ(found("rejected"), "problem: 1 inbound file(s) were rejected.");
     write("outbound/d.json", "{}");
     EXPECT_EQ(found("outbound"), "note: 1 message(s) wait to be sent.");
+}
+
+TEST_F(DoctorTest, NamesTheDirectoryInTheCommandThatShowsWhatWasRejected) {
+    makeDirectories();
+    write("rejected/c.json", "{}");
+    std::string remedy;
+    for (const auto& finding : examine()) {
+        if (finding.point == "rejected") remedy = finding.remedy.value_or("");
+    }
+    EXPECT_THAT(remedy, testing::StartsWith("BrindleBridgeConsole inbox --data-dir " +
+                                            quotedWord(directory_.path().string()) + " "));
 }
 
 TEST_F(DoctorTest, FindsAClockThatWasSetBack) {

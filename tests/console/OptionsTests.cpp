@@ -81,6 +81,35 @@ TEST(Options, ThatAreWrongAreRefusedWithStatusTwo) {
     EXPECT_EQ(answered({"--native-worker", "/no/such/file"}).status, 2);
 }
 
+TEST(Options, ThatAreMistakenAreNamedWithWhereToLook) {
+    EXPECT_EQ(answered({"--colour"}).text,
+              "There is no option \"--colour\"; BrindleBridgeConsole --help lists the options.\n");
+    EXPECT_EQ(
+        answered({"doctr"}).text,
+        "The word \"doctr\" means nothing here; BrindleBridgeConsole --help lists the words and options.\n");
+    EXPECT_THAT(answered({"connect"}).text,
+                HasSubstr("\"connect\" is a command of a session; start the console without"));
+    EXPECT_THAT(answered({"doctor", "more"}).text, HasSubstr("The word \"more\" means nothing here"));
+    EXPECT_EQ(answered({"check-worker"}).text,
+              "check-worker: PATH is required.\nBrindleBridgeConsole check-worker --help tells more.\n");
+    EXPECT_THAT(answered({"\033[2J"}).text, testing::Not(HasSubstr("\033")));
+}
+
+TEST(Options, HelpOfAnActionTellsItsWordsAndNotTheCommandsOfASession) {
+    const auto inbox = answered({"inbox", "--help"});
+    EXPECT_EQ(inbox.status, 0);
+    EXPECT_THAT(inbox.text, HasSubstr("inbox [show|restore] [NAME]"));
+    EXPECT_THAT(inbox.text, HasSubstr("--data-dir DIR and --json"));
+    EXPECT_THAT(inbox.text, testing::Not(HasSubstr("wait-status")));
+    EXPECT_THAT(answered({"replay", "--help"}).text, HasSubstr("replay FILE"));
+    EXPECT_THAT(answered({"check-worker", "--help"}).text, HasSubstr("check-worker [OPTIONS] PATH"));
+}
+
+TEST(Options, WordsBehindInboxAreTakenInTheirOrder) {
+    EXPECT_EQ(accepted({"inbox", "show", "a.json"}).words, (std::vector<std::string>{"show", "a.json"}));
+    EXPECT_TRUE(accepted({"inbox"}).words.empty());
+}
+
 TEST(Options, NameOneWorkerAtMost) {
     EXPECT_EQ(answered({"--no-worker", "--builtin-worker"}).status, 2);
     EXPECT_EQ(answered({"--worker", "/w", "--native-worker", "/bin/sh"}).status, 2);

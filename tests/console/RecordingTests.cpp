@@ -46,7 +46,14 @@ TEST_F(RecordingTest, IsThisUsersAlone) {
 
 TEST_F(RecordingTest, ReplacesNothing) {
     test::writeFileAtomically(file(), "mine");
-    EXPECT_THROW(Recording(file(), "secret"), Failure);
+    try {
+        const Recording recording(file(), "secret");
+        FAIL() << "The file was replaced.";
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.what(),
+                  "The recording " + file() +
+                      " exists already and is not replaced; name another file, or remove that one.");
+    }
     EXPECT_EQ(test::readFile(file()), "mine");
 }
 

@@ -35,6 +35,12 @@ TEST(CommandLineDescription, HasEveryOptionAndActionWithItsMeaning) {
     for (const auto& option : description.options) EXPECT_NE(option.meaning, "") << option.name;
 }
 
+TEST(CommandLineDescription, NamesEachOptionOnce) {
+    auto names = optionNames();
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(std::adjacent_find(names.begin(), names.end()), names.end());
+}
+
 TEST(CommandLineDescription, TellsWhatAValueStandsFor) {
     for (const auto& option : commandLineDescription().options) {
         const std::string expected = option.name == "--data-dir" ? "DIR"

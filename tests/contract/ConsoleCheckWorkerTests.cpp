@@ -161,6 +161,26 @@ TEST_F(ConsoleCheckWorkerTest, FindsNothingWrongWithTheSample) {
     EXPECT_THAT(failedPoints(nativeWorkerExecutable(), ""), IsEmpty()) << report_;
 }
 
+TEST_F(ConsoleCheckWorkerTest, FindsAWorkerThatMayNotBeExecuted) {
+    const TemporaryDirectory files;
+    const auto worker = files.path() / "worker";
+    writeFileAtomically(worker, "no program");
+    EXPECT_THAT(failedPoints(worker.string(), ""), ElementsAre("start")) << report_;
+    EXPECT_THAT(report_, testing::HasSubstr("may not be executed."));
+}
+
+TEST_F(ConsoleCheckWorkerTest, SaysThatItIsTheWorkerThatCannotBeStarted) {
+    const TemporaryDirectory files;
+    const auto worker = writeProgram(files.path() / "worker", "#!/no/such/interpreter\n");
+    BackendOptions options;
+    options.executable = consoleExecutable();
+    options.arguments = {"check-worker", worker.string()};
+    BackendProcess console(std::move(options));
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_EQ(console.standardError(),
+              "Cannot start the worker " + worker.string() + ": No such file or directory.\n");
+}
+
 TEST_F(ConsoleCheckWorkerTest, RefusesAWorkerThatDoesNotExistAsAMistakeOnTheCommandLine) {
     BackendOptions options;
     options.executable = consoleExecutable();

@@ -93,6 +93,14 @@ TEST_F(ConsoleInboxTest, LeavesTheApplicationsRecordsAloneUnlessTheyAreNamed) {
     EXPECT_THAT(console.standardError(), HasSubstr("No data directory is named"));
 }
 
+TEST_F(ConsoleInboxTest, DoesNotTakeAMistypedDirectoryForAnEmptyOne) {
+    const auto mistyped = (data_->path() / "mistyped").string();
+    auto& console = run({"inbox", "--data-dir", mistyped});
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_EQ(console.standardError(), "There is no data directory " + mistyped +
+                                           "; correct --data-dir, or start a helper, which makes it.\n");
+}
+
 TEST_F(ConsoleInboxTest, IsACommandOfASession) {
     auto& console = run({"--no-worker"});
     console.send("inbox");

@@ -78,6 +78,13 @@ TEST_F(ConsoleReplayTest, RecordsFromACommandOn) {
     EXPECT_THAT(text, Not(HasSubstr("\\\"connect\\\"")));
 }
 
+TEST_F(ConsoleReplayTest, StartsNoHelperForARecordingThatIsNone) {
+    BackendProcess console(optionsFor({"replay", "session.jsonl", "--no-worker"}));
+    EXPECT_EQ(console.waitForExit(), exitedWith(1));
+    EXPECT_EQ(console.rawOutput(), "");
+    EXPECT_THAT(console.standardError(), HasSubstr("Cannot read \"session.jsonl\""));
+}
+
 TEST_F(ConsoleReplayTest, FindsNoDifferenceInTheSameBuild) {
     record();
     BackendProcess console(optionsFor({"replay", "session.jsonl", "--no-worker"}));

@@ -445,6 +445,17 @@ TEST_F(ConsoleTest, RawSendsWhatStandsThere) {
     EXPECT_THAT(console.rawOutput(), HasSubstr("--> (not an envelope) not json\n"));
 }
 
+TEST_F(ConsoleTest, SaysThatARequestForAnotherPlatformIsPassedOver) {
+    auto& console = startScript(R"(raw {"connect":{"_0":{"platform":"semaphore"}}})"
+                                "\n"
+                                R"(raw {"connect":{"_0":{"platform":"whatsapp"}}})"
+                                "\n",
+                                {"--no-worker"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(0));
+    EXPECT_EQ(console.standardError(),
+              "The helper serves the platform \"whatsapp\" and passes over what is for \"semaphore\".\n");
+}
+
 TEST_F(ConsoleTest, ASilentHelperFailsAScript) {
     auto& console = startScript("connect\n", helperThat("read line\n"));
     EXPECT_EQ(console.waitForExit(), exitedWith(1));

@@ -119,6 +119,14 @@ TEST_P(SampleParentTest, ShowsTheMessagesThatComeInInTheirOrder) {
     EXPECT_EQ(parent.nextLine(), "Ada: Ten minutes");
 }
 
+TEST_P(SampleParentTest, SaysInASentenceThatItsStateHasNoPlace) {
+    writeFileAtomically(state(), "in the way");
+    auto& parent = start();
+    EXPECT_EQ(parent.waitForExit(), exitedWith(1));
+    EXPECT_THAT(parent.standardError(), testing::StartsWith("Cannot make " + state().string() + ": "));
+    EXPECT_THAT(parent.standardError(), HasSubstr("; name another with --state."));
+}
+
 TEST_P(SampleParentTest, ShowsAMessageOnceThoughItComesAgain) {
     startAndListen();
     leaveInbound("1", inboundRecord("A", "first"));
