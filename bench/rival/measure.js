@@ -1,6 +1,6 @@
 // Measures worker_bench and a worker on Chromium in turns, on the same page with the same scripts:
-// npm run measure [-- rounds]; npm run measure -- growth for 1 to 8 of them beside each other, as a table
-// for growth.gnuplot. README.md tells what is needed.
+// npm run measure [-- rounds]; npm run measure -- growth [count]... for so many of them beside each other,
+// as a table for growth.gnuplot. README.md tells what is needed.
 import { execFile, spawn } from "node:child_process";
 import { chownSync, existsSync, mkdtempSync, readdirSync, readFileSync, rmSync } from "node:fs";
 import http from "node:http";
@@ -126,8 +126,19 @@ async function startRival({ chat, script, parameters }) {
     return { pid: rival.pid, home, server, isCapturing: untilCapturing(rival) };
 }
 
+function kill(pid) {
+    try {
+        process.kill(pid, "SIGKILL");
+    } catch (error) {
+        // It has ended with another one, meanwhile.
+        if (error.code !== "ESRCH") {
+            throw error;
+        }
+    }
+}
+
 async function end({ pid, home, server }) {
-    treeOf(pid).forEach((each) => process.kill(each.pid, "SIGKILL"));
+    treeOf(pid).forEach((each) => kill(each.pid));
     server.close();
     await sleep(500);
     rmSync(home, { recursive: true, force: true });
@@ -199,9 +210,9 @@ async function compare(each, rounds) {
     print(each.name, worker, rival);
 }
 
-async function growth(each) {
+async function growth(each, counts) {
     console.log("# helpers, worker MiB, rival MiB, worker %, rival %");
-    for (const count of [1, 2, 4, 8]) {
+    for (const count of counts) {
         const worker = await measureWorkers(each, count);
         const rival = await measureRivals(each, count);
         const figures = [worker.mebibytes, rival.mebibytes, worker.percent, rival.percent];
@@ -214,7 +225,8 @@ async function main() {
         throw new Error("Only root may read how much memory the processes of a sandbox take.");
     }
     if (process.argv[2] === "growth") {
-        await growth(cases[0]);
+        const counts = process.argv.slice(3).map(Number);
+        await growth(cases[0], counts.length ? counts : [1, 2, 4, 8]);
         return;
     }
     console.log("worker / rival, both sandboxed");
