@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <array>
@@ -28,11 +29,11 @@ ChildProcess start(const ChildProcess::Options& options, std::string_view role) 
 }  // namespace
 
 HelperProcess::HelperProcess(const ChildProcess::Options& options, LineHandler onOutput, LineHandler onError,
-                             std::string_view role)
+                             std::string_view role, std::size_t longestOutputLineBytes)
     : process_(start(options, role)),
       input_(process_.standardInput()),
-      output_{process_.standardOutput(), std::move(onOutput), {}},
-      error_{process_.standardError(), std::move(onError), {}} {
+      output_{process_.standardOutput(), std::move(onOutput), LineBuffer(longestOutputLineBytes)},
+      error_{process_.standardError(), std::move(onError), LineBuffer(longest_diagnostic_bytes)} {
     ::fcntl(input_.get(), F_SETFL, ::fcntl(input_.get(), F_GETFL) | O_NONBLOCK);
 }
 
@@ -63,10 +64,8 @@ bool HelperProcess::pump() {
 }
 
 ProcessEnd HelperProcess::finish() {
-    while (readSome(output_)) {
-    }
-    while (readSome(error_)) {
-    }
+    readLeft(output_);
+    readLeft(error_);
     for (auto* source : {&output_, &error_}) {
         if (const auto rest = source->lines.takeRest()) source->handler(*rest);
     }
@@ -96,6 +95,15 @@ bool HelperProcess::writePending() {
     }
     if (closesInput_ && pending_.empty()) input_.reset();
     return progress;
+}
+
+/// Reads what the process can have left behind: others that it has started may go on writing for ever.
+void HelperProcess::readLeft(Source& source) {
+    int bytes = 0;
+    if (!source.descriptor.isOpen() || ::ioctl(source.descriptor.get(), FIONREAD, &bytes) != 0) return;
+    for (int read = 0; read < bytes; read += static_cast<int>(read_buffer_bytes)) {
+        if (!readSome(source)) return;
+    }
 }
 
 /// False when there is nothing to read now.

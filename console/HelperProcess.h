@@ -21,9 +21,14 @@ class HelperProcess {
 
     static constexpr std::size_t congestion_bytes = std::size_t{1} << 20U;
 
-    /// Starts the helper, or whatever `role` says that the program is. Throws Failure.
+    /// Diagnostics are for people: a longer line comes in pieces, so that none costs us our memory.
+    static constexpr std::size_t longest_diagnostic_bytes = std::size_t{64} << 10U;
+
+    /// Starts the helper, or whatever `role` says that the program is. A line of its output may have any
+    /// length, unless somebody says how long. Throws Failure.
     HelperProcess(const ChildProcess::Options& options, LineHandler onOutput, LineHandler onError,
-                  std::string_view role = "helper");
+                  std::string_view role = "helper",
+                  std::size_t longestOutputLineBytes = LineBuffer::any_length);
 
     /// Queues a line for the helper's standard input; the line feed is added.
     void send(std::string_view line);
@@ -56,6 +61,7 @@ class HelperProcess {
 
     bool writePending();
     static bool readSome(Source& source);
+    static void readLeft(Source& source);
 
     ChildProcess process_;
     Descriptor& input_;

@@ -1,11 +1,17 @@
 #include "console/LineBuffer.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace brindle::console {
 
 std::optional<std::string> LineBuffer::next() {
     const auto end = buffer_.find('\n', scanned_);
+    if (std::min(end, buffer_.size()) - begin_ > longestLineBytes_) {
+        auto piece = buffer_.substr(begin_, longestLineBytes_);
+        begin_ = scanned_ = begin_ + longestLineBytes_;
+        return piece;
+    }
     if (end == std::string::npos) {
         buffer_.erase(0, begin_);
         begin_ = 0;

@@ -28,6 +28,8 @@ namespace {
 constexpr std::string_view other_platform = "another-platform";
 constexpr std::string_view watched_conversation = "check-worker";
 constexpr int heartbeats_to_see = 2;
+/// What a worker prints, in both of its runs.
+constexpr std::size_t most_shown_bytes = std::size_t{1} << 20U;
 
 template <class Words>
 bool isOneOf(const Words& words, std::string_view word) {
@@ -76,7 +78,14 @@ class WorkerCheck {
                 .fileManager = files_,
                 .signals = signals_,
                 .patience = options_.patience,
-                .onOutput = options_.onOutput};
+                .onOutput = [this](std::string_view line) { show(line); }};
+    }
+
+    /// A worker that prints without end must not fill a terminal, or a disk, before it is found out.
+    void show(std::string_view line) {
+        if (shownBytes_ > most_shown_bytes) return;
+        shownBytes_ += line.size() + 1;
+        options_.onOutput(shownBytes_ > most_shown_bytes ? "(It prints more than is shown here.)" : line);
     }
 
     std::string inTime() const { return " within " + shortDuration(options_.patience); }
@@ -127,7 +136,10 @@ class WorkerCheck {
             findings_.push_back(outbound.checkInbound(trial));
             checkEndOfScope(trial, place);
         } else if (!trial.hasEnded()) {
-            note("login", "The worker's state is \"" + stateOf(trial) + "\"" + inTime() + ".",
+            const auto state = stateOf(trial);
+            note("login",
+                 (state.empty() ? "The worker says no state" : "The worker's state is \"" + state + "\"") +
+                     inTime() + ".",
                  "Control, outbound and inbound were not examined: they need an account that is linked.");
         }
         checkEnd(trial, place);
@@ -155,12 +167,15 @@ class WorkerCheck {
         constexpr std::string_view point = "worker.pid";
         constexpr const char* remedy =
             "Write your process id in decimal digits, and nothing else, when you start.";
-        if (!trial.waitFor([&] { return trial.recordedIdentifier().has_value(); })) {
+        // Kept as it was found: the worker may take it away at any time.
+        std::optional<pid_t> recorded;
+        const auto isFound = [&] { return (recorded = trial.recordedIdentifier()).has_value(); };
+        if (!trial.waitFor(isFound)) {
             return problem(
                 point, "There is no runtime/worker.pid with a process id" + inTime() + ".",
                 "A worker that a killed backend leaves is not found and works beside its successor.", remedy);
         }
-        const auto number = *trial.recordedIdentifier();
+        const auto number = *recorded;
         if (number == trial.processIdentifier()) return ok(point, "worker.pid names the worker.");
         problem(point,
                 "worker.pid names process " + std::to_string(number) + ", not the one that was started.",
@@ -171,13 +186,14 @@ class WorkerCheck {
     /// Whether there is one.
     bool checkStatus(WorkerTrial& trial) {
         constexpr std::string_view point = "status";
-        if (!trial.waitFor([&] { return trial.status().has_value(); })) {
+        std::optional<ManagedWhatsAppWorkerStatusRecord> found;
+        if (!trial.waitFor([&] { return (found = trial.status()).has_value(); })) {
             problem(point, "There is no runtime/worker-status.json that can be decoded" + inTime() + ".",
                     "Nobody sees how the worker is doing.",
                     "Write state, supportsLiveCapture and supportsOutbound, in one step.");
             return false;
         }
-        const auto status = *trial.status();
+        const auto& status = *found;
         if (isOneOf(worker_state::worker_words, status.state)) {
             ok(point, "worker-status.json can be decoded; the state is \"" + status.state + "\".");
             return true;
@@ -224,7 +240,12 @@ class WorkerCheck {
     void checkEndOfScope(WorkerTrial& trial, const DataDirectory& place) {
         constexpr std::string_view point = "control-end";
         control(place, options_.platform, false);
-        if (trial.waitFor([&] { return !isAboutAChat(stateOf(trial)); })) {
+        // One that cannot be read says nothing.
+        const auto hasStopped = [&] {
+            const auto status = trial.status();
+            return status && !isAboutAChat(status->state);
+        };
+        if (trial.waitFor(hasStopped)) {
             return ok(point, "The worker stops watching when there is nothing to watch.");
         }
         problem(point,
@@ -238,6 +259,8 @@ class WorkerCheck {
         constexpr std::string_view point = "SIGTERM";
         constexpr const char* remedy = "End within a second with status 0 on SIGTERM.";
         constexpr const char* meaning = "The worker works beside its successor, on the same records.";
+        const bool hasToClear =
+            files_.fileExists(place.workerPIDFile) || files_.fileExists(place.workerStatusFile);
         trial.signal(SIGTERM);
         if (!trial.waitFor([&] { return trial.hasEnded(); })) {
             return problem(point, "The worker still runs after SIGTERM" + inTime() + ".", meaning, remedy);
@@ -249,7 +272,7 @@ class WorkerCheck {
             problem(point, "On SIGTERM the worker " + end.description() + ".",
                     "It is taken for one that has failed.", remedy);
         }
-        checkClearing(place);
+        if (hasToClear) checkClearing(place);
     }
 
     void checkClearing(const DataDirectory& place) {
@@ -270,8 +293,9 @@ class WorkerCheck {
         control(place, options_.platform, false);
         WorkerTrial trial(uses(place), WorkerTrial::Parent::another);
         // Any other process has nothing to do with it, and must not be ended.
+        std::optional<pid_t> number;
         const auto isFound = [&] {
-            const auto number = trial.recordedIdentifier();
+            number = trial.recordedIdentifier();
             const auto facts = number ? processFacts(*number, files_) : std::nullopt;
             return facts && facts->parent == trial.processIdentifier();
         };
@@ -279,7 +303,7 @@ class WorkerCheck {
             return note(point, "worker.pid does not name the worker, which cannot be found without it.",
                         "Whether it ends with its backend was not examined.");
         }
-        const auto worker = processEndDescriptor(*trial.recordedIdentifier());
+        const auto worker = processEndDescriptor(*number);
         trial.takeParentAway();
         const auto hasEnded = [&] {
             pollfd end{.fd = worker.get(), .events = POLLIN, .revents = 0};
@@ -298,6 +322,7 @@ class WorkerCheck {
     PosixFileManager files_;
     LaunchTicket ticket_;
     Findings findings_;
+    std::size_t shownBytes_ = 0;
 };
 
 }  // namespace

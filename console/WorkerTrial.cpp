@@ -49,7 +49,8 @@ WorkerTrial::WorkerTrial(WorkerTrialUses uses, Parent parent)
     : uses_(std::move(uses)),
       outbound_(uses_.directory.outbound),
       inbound_(uses_.directory.inbound),
-      process_(launch(uses_, parent), uses_.onOutput, uses_.onOutput, "worker") {}
+      process_(launch(uses_, parent), uses_.onOutput, uses_.onOutput, "worker",
+               HelperProcess::longest_diagnostic_bytes) {}
 
 bool WorkerTrial::waitFor(const std::function<bool()>& condition) {
     const auto deadline = std::chrono::steady_clock::now() + uses_.patience;

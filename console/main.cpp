@@ -160,6 +160,8 @@ int runWatch(const Options& options) {
 int runCheckWorker(const Options& options) {
     Tool tool(options);
     const TerminationSignals signals(TerminationSignalSet::everyEnd);
+    // Whoever ends the examination need not wait for a reader that does not read.
+    tool.watch.addSign(signals.descriptor(), true);
     const auto patience = std::chrono::duration<double>(options.workerPatienceSeconds);
     const WorkerCheckOptions check{
         .worker = standardizedPath(options.checkedWorker),

@@ -36,5 +36,17 @@ TEST(LineBuffer, GivesOutWhatHasNoLineFeedOnce) {
     EXPECT_EQ(lines.next(), "three");
 }
 
+TEST(LineBuffer, GivesALineThatIsTooLongOutInPieces) {
+    LineBuffer lines(4);
+    lines.append("abcdefghij");
+    EXPECT_EQ(lines.next(), "abcd");
+    EXPECT_EQ(lines.next(), "efgh");
+    EXPECT_EQ(lines.next(), std::nullopt);
+    lines.append("kl\nabcd\n");
+    EXPECT_EQ(lines.next(), "ijkl");
+    EXPECT_EQ(lines.next(), "abcd");
+    EXPECT_EQ(lines.next(), std::nullopt);
+}
+
 }  // namespace
 }  // namespace brindle::console

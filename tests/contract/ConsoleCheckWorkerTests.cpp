@@ -17,7 +17,9 @@
 namespace brindle::test {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 /// A worker that keeps every rule but the one that DEFECT names.
@@ -103,7 +105,7 @@ if defect == "start":
 signal.signal(signal.SIGTERM, signal.SIG_IGN if defect == "SIGTERM-ignored" else ask)
 if defect != "worker.pid-missing":
     publish(os.path.join(runtime, "worker.pid"), "1" if defect == "worker.pid-wrong" else str(os.getpid()))
-wasWatched = False
+wasWatched = everWatched = False
 while not asked and (defect == "backend-end" or os.getppid() == backend):
     wasWatched = watched() or (wasWatched and defect == "control-end")
     state = "busy" if defect == "status-word" else "watching_chat" if wasWatched else "linked"
@@ -115,7 +117,9 @@ while not asked and (defect == "backend-end" or os.getppid() == backend):
     status = {"state": state, "lastHeartbeatISO8601": now, "supportsLiveCapture": True, "supportsOutbound": True}
     if defect == "status-incomplete":
         del status["supportsOutbound"]
-    publish(os.path.join(runtime, "worker-status.json"), json.dumps(status))
+    everWatched = everWatched or wasWatched
+    isUnreadable = defect == "control-end-unreadable" and everWatched and not wasWatched
+    publish(os.path.join(runtime, "worker-status.json"), "{" if isUnreadable else json.dumps(status))
     look()
     time.sleep(0.05)
 if defect != "clearing-up":
@@ -189,6 +193,22 @@ TEST_F(ConsoleCheckWorkerTest, RefusesAWorkerThatDoesNotExistAsAMistakeOnTheComm
     EXPECT_EQ(console.waitForExit(), exitedWith(2));
 }
 
+TEST_F(ConsoleCheckWorkerTest, ShowsOnlySoMuchOfWhatAWorkerPrints) {
+    const TemporaryDirectory files;
+    const auto worker =
+        writeProgram(files.path() / "worker", "#!/bin/sh\nexec tr '\\0' a </dev/zero\n").string();
+    EXPECT_THAT(failedPoints(worker, "", "1"), Contains("worker.pid"));
+    EXPECT_LT(report_.size(), std::size_t{2} << 20U);
+    EXPECT_THAT(report_, HasSubstr("It prints more than is shown here."));
+}
+
+TEST_F(ConsoleCheckWorkerTest, EndsAlthoughSomethingThatTheWorkerLeftGoesOnPrinting) {
+    const TemporaryDirectory files;
+    const auto worker =
+        writeProgram(files.path() / "worker", "#!/bin/sh\n(trap '' TERM; exec yes) &\n").string();
+    EXPECT_THAT(failedPoints(worker, "", "5"), ElementsAre("start"));
+}
+
 struct Defect {
     std::string name;
     /// Where it is found; empty for none.
@@ -227,6 +247,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Defect{"strangers", "strangers"}, Defect{"inbound-order", "inbound"},
                     Defect{"inbound-content", "inbound"}, Defect{"inbound-ending", "inbound"},
                     Defect{"inbound-halves", "inbound"}, Defect{"control-end", "control-end", true},
+                    Defect{"control-end-unreadable", "control-end", true},
                     Defect{"SIGTERM-ignored", "SIGTERM", true}, Defect{"SIGTERM-status", "SIGTERM"},
                     Defect{"clearing-up", "clearing-up"}, Defect{"backend-end", "backend-end", true}));
 
