@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <optional>
 #include <utility>
 
 #include "console/LineBuffer.h"
@@ -16,6 +17,8 @@ namespace {
 
 constexpr mode_t private_mode = 0600;
 constexpr std::string_view secret_replacement = "(launch token)";
+/// No session lasts that long; what says so was written by somebody else.
+constexpr std::chrono::hours longest_recording{24 * 366};
 
 std::string without(std::string_view line, const std::string& secret) {
     std::string text(line);
@@ -26,7 +29,22 @@ std::string without(std::string_view line, const std::string& secret) {
     return text;
 }
 
+std::optional<RecordedLine> decodedLine(const std::string& line) {
+    try {
+        auto recorded = decodedRecord<RecordedLine>(line);
+        if (recorded.isGenuine()) return recorded;
+    } catch (const DecodingFailure&) {
+        // Something else than a recording.
+    }
+    return std::nullopt;
+}
+
 }  // namespace
+
+bool RecordedLine::isGenuine() const {
+    const std::chrono::milliseconds longest = longest_recording;
+    return (isToHelper() || direction == from_helper) && milliseconds >= 0 && milliseconds <= longest.count();
+}
 
 Recording::Recording(const std::string& path, std::string secret)
     : path_(path),
@@ -62,13 +80,20 @@ std::vector<RecordedLine> readRecording(FileManager& fileManager, const std::str
     lines.append(fileManager.readFile(path));
     std::vector<RecordedLine> recording;
     while (const auto line = lines.next()) {
-        try {
-            recording.push_back(decodedRecord<RecordedLine>(*line));
-        } catch (const DecodingFailure&) {
+        auto recorded = decodedLine(*line);
+        if (!recorded) {
             throw Failure("Line " + std::to_string(recording.size() + 1) + " of " + path +
                           " is no line of a recording; was it made with record?");
         }
+        recording.push_back(std::move(*recorded));
     }
+    // What is missing would look like a difference.
+    if (lines.takeRest()) {
+        throw Failure(
+            "Line " + std::to_string(recording.size() + 1) + " of " + path +
+            " is not complete: the recording was cut off, or is none; remove that line, or record anew.");
+    }
+    if (recording.empty()) throw Failure(path + " is empty: there is nothing to replay.");
     return recording;
 }
 

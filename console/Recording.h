@@ -28,6 +28,8 @@ struct RecordedLine {
     }
 
     bool isToHelper() const { return direction == to_helper; }
+    /// Whether Recording can have written it.
+    bool isGenuine() const;
 
     static constexpr std::string_view to_helper = "toHelper";
     static constexpr std::string_view from_helper = "fromHelper";
@@ -50,7 +52,7 @@ class Recording {
     std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
 };
 
-/// The lines of a recording. Throws FileSystemFailure, or Failure when a line is none.
+/// The lines of a recording, one at least. Throws FileSystemFailure, or Failure when a line is none.
 std::vector<RecordedLine> readRecording(FileManager& fileManager, const std::string& path);
 
 }  // namespace brindle::console

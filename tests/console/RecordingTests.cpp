@@ -20,6 +20,19 @@ class RecordingTest : public testing::Test {
   protected:
     std::string file() const { return (directory_.path() / "session.jsonl").string(); }
 
+    /// Why a file of that content cannot be used.
+    std::string refusal(std::string_view content) {
+        test::writeFileAtomically(file(), content);
+        try {
+            readRecording(files_, file());
+        } catch (const Failure& failure) {
+            return failure.what();
+        }
+        return "(read)";
+    }
+
+    const std::string first_line = R"({"milliseconds":0,"direction":"toHelper","line":"x"})"
+                                   "\n";
     test::TemporaryDirectory directory_;
     PosixFileManager files_;
 };
@@ -65,14 +78,21 @@ TEST_F(RecordingTest, NeverHoldsTheSecret) {
 }
 
 TEST_F(RecordingTest, SaysWhichLineIsNone) {
-    test::writeFileAtomically(file(), R"({"milliseconds":0,"direction":"toHelper","line":"x"})"
-                                      "\nnonsense\n");
-    try {
-        readRecording(files_, file());
-        FAIL();
-    } catch (const Failure& failure) {
-        EXPECT_THAT(failure.what(), HasSubstr("Line 2 of"));
+    EXPECT_THAT(refusal(first_line + "nonsense\n"), HasSubstr("Line 2 of"));
+    EXPECT_THAT(refusal(R"({"milliseconds":0,"direction":"sideways","line":"x"})"
+                        "\n"),
+                HasSubstr("Line 1 of"));
+    for (const std::string time : {"-1", "9223372036854775807"}) {
+        EXPECT_THAT(
+            refusal(first_line + R"({"direction":"toHelper","line":"x","milliseconds":)" + time + "}\n"),
+            HasSubstr("is no line of a recording"));
     }
+}
+
+TEST_F(RecordingTest, ThatWasCutOffIsNotTakenForAWholeOne) {
+    EXPECT_THAT(refusal(first_line + first_line.substr(0, 20)), HasSubstr("Line 2 of"));
+    EXPECT_THAT(refusal("hello"), HasSubstr("is not complete"));
+    EXPECT_THAT(refusal(""), HasSubstr("there is nothing to replay"));
 }
 
 }  // namespace
