@@ -1,5 +1,7 @@
 #include <sys/statvfs.h>
 
+#include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <optional>
 #include <string>
@@ -17,6 +19,7 @@
 #include "system/ProcessFacts.h"
 #include "system/Processes.h"
 #include "text/Failure.h"
+#include "text/Text.h"
 
 namespace brindle::console {
 namespace {
@@ -29,6 +32,13 @@ constexpr std::chrono::seconds oldest_status_of_a_living_helper{15};
 /// Clocks are coarse, and records have whole seconds.
 constexpr std::chrono::seconds future_tolerance{5};
 
+constexpr std::string_view directory_point = "directory";
+
+Finding unusable(const Failure& failure) {
+    return Finding::problem(directory_point, failure.what(), "The helper cannot work there either.",
+                            "Mend what it says, or choose another directory.");
+}
+
 class DirectoryExamination {
   public:
     explicit DirectoryExamination(const Examination& examination)
@@ -38,9 +48,7 @@ class DirectoryExamination {
 
     Findings run() {
         if (!files_.fileExists(directory_.path)) {
-            return {Finding::note("directory",
-                                  "The data directory " + directory_.path + " does not exist yet.",
-                                  "No helper has used it.", "Nothing; the helper makes it.")};
+            return {absenceFinding()};
         }
         holder_ = directoryLockHolder(files_, directory_.path);
         Findings findings{permissionFinding(), helperFinding(), spaceFinding()};
@@ -52,13 +60,53 @@ class DirectoryExamination {
     }
 
   private:
-    Finding permissionFinding() {
-        constexpr std::string_view point = "directory";
+    /// A helper lists and writes there.
+    void requireUsable(const std::string& directory) {
+        const auto attributes = files_.attributes(directory);
+        if (attributes && !attributes->isDirectory && !attributes->isSymbolicLink) {
+            throw Failure(directory + " is no directory.");
+        }
+        files_.requireAccess(directory);
+    }
+
+    Finding absenceFinding() {
+        std::string above = directory_.path;
+        while (above.size() > 1 && !files_.fileExists(above)) {
+            above.erase(std::max(above.rfind('/'), std::size_t{1}));
+        }
         try {
             directory_.requireSafe(files_);
-            return Finding::ok(point, "The data directory " + directory_.path + " is this user's alone.");
+            requireUsable(above);
         } catch (const Failure& failure) {
-            return Finding::problem(point, failure.what(), "The helper refuses to start.",
+            return unusable(failure);
+        }
+        return Finding::note(directory_point,
+                             "The data directory " + directory_.path + " does not exist yet.",
+                             "No helper has used it.", "Nothing; the helper makes it.");
+    }
+
+    /// What makes it, or a folder in it, of no use to a helper.
+    std::optional<Finding> accessFinding() {
+        for (const auto* each : {&directory_.path, &directory_.inbound, &directory_.outbound,
+                                 &directory_.processed, &directory_.rejected, &directory_.runtime,
+                                 &directory_.workerProcessedOutbound, &directory_.workerRejectedOutbound}) {
+            try {
+                if (files_.fileExists(*each)) requireUsable(*each);
+            } catch (const Failure& failure) {
+                return unusable(failure);
+            }
+        }
+        return std::nullopt;
+    }
+
+    Finding permissionFinding() {
+        try {
+            directory_.requireSafe(files_);
+            if (auto finding = accessFinding()) return std::move(*finding);
+            return Finding::ok(directory_point,
+                               "The data directory " + directory_.path + " is this user's alone.");
+        } catch (const Failure& failure) {
+            return Finding::problem(directory_point, failure.what(), "The helper refuses to start.",
                                     "chown and chmod go-w what is named, or choose another directory.");
         }
     }
@@ -128,13 +176,13 @@ class DirectoryExamination {
 
     std::optional<pid_t> recordedWorker() {
         try {
-            const auto text = files_.readFile(directory_.workerPIDFile);
-            std::size_t used = 0;
-            const auto number = std::stol(text, &used);
-            const auto rest = text.find_first_not_of(" \t\r\n", used);
-            if (number <= 1 || rest != std::string::npos) return std::nullopt;
-            return static_cast<pid_t>(number);
-        } catch (const std::exception&) {
+            const auto content = files_.readFile(directory_.workerPIDFile);
+            const auto text = trimmed(content);
+            pid_t number = 0;
+            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+            if (error != std::errc() || end != text.data() + text.size() || number <= 1) return std::nullopt;
+            return number;
+        } catch (const Failure&) {
             return std::nullopt;
         }
     }
@@ -186,8 +234,12 @@ class DirectoryExamination {
         std::size_t undecodable = 0;
         try {
             for (const auto& name : recordNames(files_, directory_.inbound)) {
+                const auto file = joinedPath(directory_.inbound, name);
+                const bool isUsable = isDecodable(file);
+                // A helper that delivers moves records while they are looked at.
+                if (!isUsable && !files_.attributes(file)) continue;
                 ++waiting;
-                if (!isDecodable(joinedPath(directory_.inbound, name))) ++undecodable;
+                if (!isUsable) ++undecodable;
             }
         } catch (const Failure&) {
             // A folder that is not there yet holds nothing.
@@ -255,8 +307,7 @@ Findings examinedDirectory(const Examination& examination) {
     try {
         return DirectoryExamination(examination).run();
     } catch (const Failure& failure) {
-        return {Finding::problem("directory", failure.what(), "The helper cannot work there either.",
-                                 "Mend what it says, or choose another directory.")};
+        return {unusable(failure)};
     }
 }
 

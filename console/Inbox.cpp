@@ -25,15 +25,19 @@ constexpr std::size_t folder_columns = 11;
 constexpr std::size_t name_columns = 42;
 constexpr std::string_view rejected_folder = "rejected";
 
-void decode(FileManager& fileManager, const std::string& path, InboxRecord& record) {
+/// False when the file has gone.
+bool decode(FileManager& fileManager, const std::string& path, InboxRecord& record) {
     try {
         auto content = readRecord<ManagedWhatsAppInboundRecord>(fileManager, path);
         record.conversationTitle = std::move(content.conversationTitle);
         record.sender = std::move(content.senderDisplayName);
         record.text = std::move(content.text);
     } catch (const Failure& failure) {
+        // A helper that delivers moves records while they are looked at.
+        if (!fileManager.attributes(path)) return false;
         record.reason = failure.what();
     }
+    return true;
 }
 
 std::string shownText(std::string_view text) {
@@ -71,7 +75,7 @@ InboxListing Inbox::list() const {
         for (auto& name : recordNames(fileManager_, *folder)) {
             InboxRecord record;
             record.folder = lastPathComponent(*folder);
-            decode(fileManager_, joinedPath(*folder, name), record);
+            if (!decode(fileManager_, joinedPath(*folder, name), record)) continue;
             record.name = std::move(name);
             listing.records.push_back(std::move(record));
         }

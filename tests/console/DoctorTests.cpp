@@ -1,16 +1,20 @@
 #include "console/Doctor.h"
 
+#include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 
 #include "console/CommandWords.h"
 #include "exchange/DataDirectory.h"
 #include "support/Files.h"
+#include "support/ForwardingFileManager.h"
 #include "support/TemporaryDirectory.h"
+#include "system/FileSystemFailure.h"
 
 namespace brindle::console {
 namespace {
@@ -20,6 +24,26 @@ using testing::HasSubstr;
 
 constexpr std::string_view complete_record =
     R"({"conversationId":"c","conversationTitle":"C","senderId":"s","senderDisplayName":"S","text":"t","isDirectMessage":true})";
+
+/// A helper delivers: each record has just gone when somebody reads it.
+class FilesInDelivery final : public test::ForwardingFileManager {
+  public:
+    using ForwardingFileManager::ForwardingFileManager;
+
+    std::string readFile(const std::string& path) override {
+        if (path.ends_with(".json")) removeItem(path);
+        return ForwardingFileManager::readFile(path);
+    }
+};
+
+class ReadOnlyFiles final : public test::ForwardingFileManager {
+  public:
+    using ForwardingFileManager::ForwardingFileManager;
+
+    void requireAccess(const std::string& directory) override {
+        throw FileSystemFailure("use the directory", directory, EROFS);
+    }
+};
 
 class DoctorTest : public testing::Test {
   protected:
@@ -45,7 +69,7 @@ class DoctorTest : public testing::Test {
         const Examination examination{.environment = environment_,
                                       .helper = name,
                                       .platform = platform,
-                                      .fileManager = files_,
+                                      .fileManager = *usedFiles_,
                                       .clock = clock_};
         // The engine is looked at by the program's own tests: it stays in the process for good.
         auto findings = examinedDirectory(examination);
@@ -65,6 +89,7 @@ class DoctorTest : public testing::Test {
     test::TemporaryDirectory directory_;
     test::TemporaryDirectory programs_;
     PosixFileManager files_;
+    FileManager* usedFiles_ = &files_;
     SystemClock clock_;
     Environment environment_{{"BRINDLE_MANAGED_BRIDGE_DATA_DIR", directory_.path().string()}};
 };
@@ -86,6 +111,30 @@ TEST_F(DoctorTest, FindsADirectoryThatOthersMayWriteTo) {
     makeDirectories();
     fs::permissions(directory_.path() / "inbound", fs::perms::all);
     EXPECT_THAT(found("directory"), testing::StartsWith("problem: Cannot use the directory"));
+}
+
+TEST_F(DoctorTest, FindsAFileInThePlaceOfAFolder) {
+    makeDirectories();
+    fs::remove(directory_.path() / "rejected");
+    write("rejected", "a file");
+    EXPECT_THAT(found("directory"), testing::MatchesRegex("problem: .*rejected is no directory."));
+}
+
+TEST_F(DoctorTest, FindsADirectoryThatCannotBeWrittenToOrMade) {
+    makeDirectories();
+    ReadOnlyFiles files(files_);
+    usedFiles_ = &files;
+    EXPECT_THAT(found("directory"), testing::MatchesRegex("problem: .*Read-only file system.*"));
+    environment_["BRINDLE_MANAGED_BRIDGE_DATA_DIR"] = (directory_.path() / "none" / "below").string();
+    EXPECT_THAT(found("directory"), testing::MatchesRegex("problem: .*Read-only file system.*"));
+}
+
+TEST_F(DoctorTest, PassesOverWhatIsDeliveredMeanwhile) {
+    makeDirectories();
+    write("inbound/a.json", complete_record);
+    FilesInDelivery files(files_);
+    usedFiles_ = &files;
+    EXPECT_EQ(found("inbound"), "ok: No inbound message waits.");
 }
 
 TEST_F(DoctorTest, FindsAHelperThatIsMissing) {
@@ -129,6 +178,9 @@ TEST_F(DoctorTest, FindsAModuleThatCannotBeLoaded) {
 TEST_F(DoctorTest, FindsAStaleWorkerFile) {
     makeDirectories();
     write("runtime/worker.pid", "abc");
+    EXPECT_THAT(found("worker.pid"), testing::StartsWith("problem: "));
+    // More than any process id, and not the one that its lower digits would make.
+    write("runtime/worker.pid", std::to_string((std::int64_t{1} << 32U) + ::getpid()));
     EXPECT_THAT(found("worker.pid"), testing::StartsWith("problem: "));
     write("runtime/worker.pid", "2147483646");
     EXPECT_THAT(found("worker.pid"), HasSubstr("note: The worker that wrote worker.pid"));

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "support/Files.h"
+#include "support/ForwardingFileManager.h"
 #include "support/TemporaryDirectory.h"
 #include "text/Failure.h"
 
@@ -19,6 +20,17 @@ using testing::Not;
 
 constexpr std::string_view adas_record =
     R"({"conversationId":"c","conversationTitle":"Team Room","senderId":"s","senderDisplayName":"Ada","text":"On my way","isDirectMessage":true})";
+
+/// A helper delivers: each file has just gone when somebody reads it.
+class DeliveredFiles final : public test::ForwardingFileManager {
+  public:
+    using ForwardingFileManager::ForwardingFileManager;
+
+    std::string readFile(const std::string& path) override {
+        removeItem(path);
+        return ForwardingFileManager::readFile(path);
+    }
+};
 
 class InboxTest : public testing::Test {
   protected:
@@ -53,6 +65,12 @@ TEST_F(InboxTest, ListsWhatWaitsWhatWasProcessedAndWhatWasRejected) {
     EXPECT_THAT(text, testing::ContainsRegex("processed +b.json +Ada: On my way"));
     EXPECT_THAT(text, testing::ContainsRegex(
                           "rejected +c.json +The data cannot be used because a required value is missing"));
+}
+
+TEST_F(InboxTest, PassesOverWhatIsDeliveredMeanwhile) {
+    write("inbound/a.json", adas_record);
+    DeliveredFiles files(files_);
+    EXPECT_THAT(Inbox(files, directory_).list().records, IsEmpty());
 }
 
 TEST_F(InboxTest, SaysThatItIsEmpty) {
