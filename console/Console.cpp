@@ -216,8 +216,9 @@ void Console::perform(const DoctorCommand&) {
 }
 
 void Console::perform(const RecordCommand& command) {
-    recording_.reset();
-    if (command.file) recording_.emplace(*command.file, ticket_.token());
+    if (!command.file) return recording_.reset();
+    // One that cannot be made leaves the one before as it is.
+    recording_ = Recording(*command.file, ticket_.token());
 }
 
 void Console::perform(const InboxCommand& command) {

@@ -10,6 +10,7 @@
 #include "console/TerminalText.h"
 #include "exchange/EnvironmentKeys.h"
 #include "system/Paths.h"
+#include "text/Text.h"
 
 namespace brindle::console {
 namespace {
@@ -64,6 +65,16 @@ std::string mistakeMessage(const CLI::App* app, const CLI::Error& error) {
            (name.empty() ? "" : name + " ") + "--help tells more.\n";
 }
 
+/// What an unset variable of a shell leaves would mean the current directory.
+std::string refusedBlank(const std::string& text) {
+    return trimmed(text).empty() ? "a directory has to be named" : "";
+}
+
+void requireInboxWords(const std::vector<std::string>& words) {
+    const bool isAction = words.size() == 2 && (words[0] == "show" || words[0] == "restore");
+    if (!words.empty() && !isAction) throw CLI::ValidationError("show NAME or restore NAME is expected");
+}
+
 struct Parser {
     Options options;
     bool noWorker = false;
@@ -112,6 +123,10 @@ struct Parser {
         auto* inbox = addSubcommand(
             "inbox", "List, show or put back inbound records, and end: [show NAME | restore NAME].",
             Action::inbox, "--data-dir DIR and --json");
+        inbox->callback([this] {
+            requireInboxWords(options.words);
+            options.action = Action::inbox;
+        });
         addWord(*inbox, "show|restore", "What to do with one record; without it all are listed.");
         addWord(*inbox, "NAME", "The record, named as in the list.");
         addSubcommand("watch", "Show a live view of a data directory, until q is pressed.", Action::watch,
@@ -148,7 +163,8 @@ struct Parser {
         app.add_option("--data-dir", options.dataDirectory,
                        "The directory shared by helper and worker; \"default\" is the application's. Else "
                        "BRINDLE_MANAGED_BRIDGE_DATA_DIR, else one that goes with the console.")
-            ->type_name("DIR");
+            ->type_name("DIR")
+            ->check(CLI::Validator(refusedBlank, ""));
         app.add_option("--script", options.script, "Run the commands in a file, then end.")
             ->type_name("FILE");
         app.add_option("--record", options.record, "Record the session in a new file.")->type_name("FILE");

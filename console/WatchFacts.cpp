@@ -87,8 +87,9 @@ WatchFacts watchFacts(FileManager& fileManager, const DataDirectory& directory) 
     const bool isWaiting = !inbound.empty() && (processed.empty() || processed.back() < inbound.back());
     const auto& names = isWaiting ? inbound : processed;
     if (!names.empty()) {
-        facts.lastMessage = messageIn(
-            fileManager, joinedPath(isWaiting ? directory.inbound : directory.processed, names.back()));
+        const auto& folder = isWaiting ? directory.inbound : directory.processed;
+        facts.lastMessage = messageIn(fileManager, joinedPath(folder, names.back()))
+                                .value_or("one that cannot be read; inbox tells why");
     }
     return facts;
 }

@@ -18,11 +18,9 @@ struct WatchScreen::Terminal {
     Terminal() {
         const bool isTerminal = ::isatty(STDIN_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1;
         if (isTerminal) screen = ::newterm(nullptr, stdout, stdin);
-        if (screen == nullptr) {
-            throw Failure(
-                "watch draws on a terminal, and there is none that it knows; use status, or inbox, instead.");
-        }
+        if (screen == nullptr) refuse();
         ::set_term(screen);
+        requireCursorAddressing();
         ::cbreak();
         ::noecho();
         ::nodelay(stdscr, true);
@@ -49,6 +47,20 @@ struct WatchScreen::Terminal {
     }
 
     SCREEN* screen = nullptr;
+
+  private:
+    /// One that cannot move its cursor would get line after line of what belongs in one place.
+    void requireCursorAddressing() {
+        if (::tigetstr("cup") != nullptr) return;
+        ::endwin();
+        ::delscreen(screen);
+        refuse();
+    }
+
+    [[noreturn]] static void refuse() {
+        throw Failure(
+            "watch draws on a terminal, and there is none that it knows; use status, or inbox, instead.");
+    }
 };
 
 WatchScreen::WatchScreen(FileManager& fileManager, const DataDirectory& directory)

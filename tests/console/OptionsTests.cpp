@@ -78,6 +78,9 @@ TEST(Options, ThatAreWrongAreRefusedWithStatusTwo) {
     EXPECT_EQ(answered({"--color", "purple"}).status, 2);
     EXPECT_EQ(answered({"--script"}).status, 2);
     EXPECT_EQ(answered({"stray"}).status, 2);
+    EXPECT_EQ(answered({"inbox", "show"}).status, 2);
+    EXPECT_EQ(answered({"inbox", "remove", "a.json"}).status, 2);
+    EXPECT_EQ(accepted({"inbox", "show", "a.json"}).words.size(), 2U);
     EXPECT_EQ(answered({"--native-worker", "/no/such/file"}).status, 2);
 }
 
@@ -108,6 +111,11 @@ TEST(Options, HelpOfAnActionTellsItsWordsAndNotTheCommandsOfASession) {
 TEST(Options, WordsBehindInboxAreTakenInTheirOrder) {
     EXPECT_EQ(accepted({"inbox", "show", "a.json"}).words, (std::vector<std::string>{"show", "a.json"}));
     EXPECT_TRUE(accepted({"inbox"}).words.empty());
+}
+
+TEST(Options, NameADataDirectoryThatIsNotBlank) {
+    EXPECT_EQ(answered({"--data-dir", ""}).status, 2);
+    EXPECT_EQ(answered({"inbox", "--data-dir", "  "}).status, 2);
 }
 
 TEST(Options, NameOneWorkerAtMost) {

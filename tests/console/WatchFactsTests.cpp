@@ -71,6 +71,11 @@ TEST_F(WatchFactsTest, ShowTheMessageOfTheGreatestName) {
     EXPECT_THAT(lines(), Contains("last       Ada: third"));
 }
 
+TEST_F(WatchFactsTest, SayThatTheLastMessageCannotBeRead) {
+    write("inbound/1.json", "{}");
+    EXPECT_THAT(lines(), Contains("last       one that cannot be read; inbox tells why"));
+}
+
 TEST(Fitted, CutsAtTheWidth) {
     EXPECT_EQ(fitted("abc", 5), "abc");
     EXPECT_EQ(fitted("abcdef", 5), "abcde");

@@ -311,8 +311,7 @@ TEST_F(ConsoleTest, HelperGetsATokenAndItsPrivateFile) {
 TEST_F(ConsoleTest, HelperThatIsMissingIsOneSentence) {
     auto& console = start({"--helper", "/no/such/helper"});
     EXPECT_EQ(console.waitForExit(), exitedWith(1));
-    EXPECT_EQ(console.standardError(),
-              "Cannot start the helper /no/such/helper: No such file or directory.\n");
+    EXPECT_EQ(console.standardError(), "Cannot start /no/such/helper: No such file or directory.\n");
 }
 
 TEST_F(ConsoleTest, HelperThatRefusesIsOneSentence) {
@@ -672,11 +671,12 @@ class TerminalTest : public testing::Test {
         const auto data = "BRINDLE_MANAGED_BRIDGE_DATA_DIR=" + data_.path().string();
         // A killed console leaves its launch token behind.
         const auto temporary = "TMPDIR=" + temporary_.path().string();
+        const auto kind = "TERM=" + terminalKind_;
         session_->process = ::forkpty(&session_->terminal, nullptr, nullptr, &size);
         ASSERT_GE(session_->process, 0);
         if (session_->process > 0) return;
         const std::array<const char*, 7> environment{state.c_str(), data.c_str(),     temporary.c_str(),
-                                                     "TERM=xterm",  "LC_ALL=C.UTF-8", "PATH=/usr/bin:/bin",
+                                                     kind.c_str(),  "LC_ALL=C.UTF-8", "PATH=/usr/bin:/bin",
                                                      nullptr};
         std::vector<const char*> arguments{console.c_str()};
         for (const auto& option : options) arguments.push_back(option.c_str());
@@ -729,6 +729,7 @@ class TerminalTest : public testing::Test {
     TemporaryDirectory state_;
     TemporaryDirectory data_;
     TemporaryDirectory temporary_;
+    std::string terminalKind_ = "xterm";
     std::unique_ptr<Session> session_;
     int status_ = -1;
 };
@@ -1022,6 +1023,13 @@ TEST_F(WatchTest, ObeysNothingThatAMessageHolds) {
     waitForScreen("Ada: ?]0;x?");
 }
 
+TEST_F(WatchTest, RefusesATerminalThatCannotMoveItsCursor) {
+    terminalKind_ = "dumb";
+    startSession({"watch"});
+    waitForScreen("watch draws on a terminal, and there is none that it knows");
+    EXPECT_EQ(waitForEnd(), exitedWith(1));
+}
+
 TEST_F(WatchTest, FollowsTheSizeOfTheWindow) {
     startSession({"watch"});
     waitForScreen("q ends this view.");
@@ -1053,14 +1061,38 @@ TEST_F(WatchTest, GivesTheTerminalBackToItsSession) {
 }
 
 TEST_F(WatchTest, LetsWhatComesMeanwhileWait) {
-    startSession({"--no-worker"});
-    waitForScreen("stateChanged.disconnected");
+    const auto cue = data_.path() / "cue";
+    const auto spoken = data_.path() / "spoken";
+    const auto helper =
+        writeScript(temporary_.path() / "helper",
+                    R"(echo '{"hello":{"_0":{"bridgeVersion":"v","platform":"whatsapp"}}}')"
+                    "\nwhile [ ! -e " +
+                        cue.string() + " ]; do sleep 0.05; done\necho 'a line of the log' >&2\n>" +
+                        spoken.string() + "\ncat >/dev/null");
+    startSession({"--helper", helper.string()});
+    waitForScreen("hello");
     type("watch\r");
     waitForScreen("q ends this view.");
     // The helper's log goes to the same terminal.
-    makeTheHelperSpeak();
+    writeFileAtomically(cue, "");
+    waitUntil([&] { return fs::exists(spoken); }, "the helper's line");
+    receive("1.json", "On my way");
+    waitForScreen("Ada: On my way");
     type("q");
-    waitForScreen("failed to write");
+    EXPECT_THAT(waitForScreen("brindle> "), testing::ContainsRegex("\033\\[\\?1049l.*a line of the log"));
+    EXPECT_THAT(session_->everything, Not(testing::ContainsRegex("a line of the log.*\033\\[\\?1049l")));
+}
+
+TEST_F(TerminalTest, ARecordingThatCannotBeMadeDoesNotEndTheOneBefore) {
+    waitForScreen("stateChanged.disconnected");
+    const auto file = temporary_.path() / "session.jsonl";
+    type("record " + file.string() + "\r");
+    waitForScreen("brindle> ");
+    type("record " + file.string() + "\r");
+    waitForScreen("File exists");
+    type("connect\r");
+    waitForScreen("stateChanged.connected");
+    EXPECT_THAT(readFile(file), HasSubstr("connected"));
 }
 
 TEST_F(TerminalTest, TerminationEndsTheSessionOfAStoppedTerminal) {
