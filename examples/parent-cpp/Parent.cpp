@@ -52,11 +52,12 @@ std::string trimmed(const std::string& text) {
 std::size_t unshowableAt(const std::string& text, std::size_t place) {
     const auto byte = static_cast<unsigned char>(text[place]);
     if ((byte < 0x20 && byte != '\n') || byte == 0x7f) return 1;
-    // U+0080 to U+009F, U+200E and U+200F, U+2028 to U+202E, U+2066 to U+2069.
+    // U+0080 to U+009F, U+061C, U+200E and U+200F, U+2028 to U+202E, U+2066 to U+2069.
     const auto next = [&](std::size_t offset) {
         return place + offset < text.size() ? static_cast<unsigned char>(text[place + offset]) : 0U;
     };
     if (byte == 0xc2 && next(1) >= 0x80 && next(1) <= 0x9f) return 2;
+    if (byte == 0xd8 && next(1) == 0x9c) return 2;
     if (byte != 0xe2) return 0;
     const bool isMark =
         next(1) == 0x80 && ((next(2) >= 0x8e && next(2) <= 0x8f) || (next(2) >= 0xa8 && next(2) <= 0xae));

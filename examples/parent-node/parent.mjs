@@ -29,7 +29,7 @@ const longestPauseMs = 60000;
 const goodRunMs = 60000;
 // What a terminal obeys, and what turns the reading direction. Messages come from strangers.
 // eslint-disable-next-line no-control-regex
-const unshowable = /[\x00-\x09\x0b-\x1f\x7f-\x9f\u200e\u200f\u2028-\u202e\u2066-\u2069]/g;
+const unshowable = /[\x00-\x09\x0b-\x1f\x7f-\x9f\u061c\u200e\u200f\u2028-\u202e\u2066-\u2069]/g;
 
 const shown = text => text.replace(unshowable, '?').replaceAll('\n', '\n    ');
 const say = text => process.stderr.write(`${shown(text)}\n`);

@@ -34,9 +34,9 @@ FIRST_PAUSE_SECONDS, LONGEST_PAUSE_SECONDS = 1.0, 60.0
 # Whoever has run for so long has not failed at once.
 GOOD_RUN_SECONDS = 60.0
 # What a terminal obeys, and what turns the reading direction. Messages come from strangers.
-UNSHOWABLE = re.compile("[\x00-\x09\x0b-\x1f\x7f-\x9f\u200e\u200f\u2028-\u202e\u2066-\u2069]")
+UNSHOWABLE = re.compile("[\x00-\x09\x0b-\x1f\x7f-\x9f\u061c\u200e\u200f\u2028-\u202e\u2066-\u2069]")
 
-END, HELPER_ENDED, TYPED = "end", "helper ended", "typed"
+END, HELPER_ENDED, FAILED, TYPED = "end", "helper ended", "failed", "typed"
 
 
 def shown(text):
@@ -110,8 +110,13 @@ class Helper:
 
     def _read_output(self):
         # Bytes are split at line feeds only. Text would also be split at characters that stand within messages.
-        for line in self._process.stdout:
-            self._on_envelope(self, json.loads(line))
+        try:
+            for line in self._process.stdout:
+                self._on_envelope(self, json.loads(line))
+        except (OSError, ValueError) as problem:
+            # Nothing more is read: what is read and cannot be stored would be lost.
+            self._events.put((FAILED, problem))
+            return
         self._events.put((HELPER_ENDED, self))
 
     def _read_error(self):
@@ -167,7 +172,11 @@ class Parent:
         pause = FIRST_PAUSE_SECONDS
         while True:
             helper = Helper(self._program, self._state, self._take, self._events)
-            is_over = self._serve(helper)
+            try:
+                is_over = self._serve(helper)
+            except GivenUp:
+                helper.end()
+                raise
             was_good = helper.seconds() > GOOD_RUN_SECONDS
             status = helper.end()
             if is_over:
@@ -220,9 +229,12 @@ class Parent:
 
     def _next_event(self, until):
         try:
-            return self._events.get(timeout=max(0.0, until - time.monotonic()))
+            what, value = self._events.get(timeout=max(0.0, until - time.monotonic()))
         except queue.Empty:
             return None, None
+        if what == FAILED:
+            raise GivenUp(f"What the helper said cannot be taken: {value}")
+        return what, value
 
     def _take(self, helper, envelope):
         """What the helper says, on the thread that reads it: the next line is read when this one is stored."""

@@ -162,8 +162,8 @@ TEST_P(SampleParentTest, PartOfALineThatACrashLeftInItsJournalGoes) {
 
 TEST_P(SampleParentTest, TakesATextForOneMessageAndShowsNothingThatATerminalObeys) {
     auto& parent = startAndListen();
-    leaveInbound("1", inboundRecord("1", "a\u2028b\r\x1b[31m\u202Ec\u0085d 🚐 Grüße"));
-    EXPECT_EQ(parent.nextLine(), "Ada: a?b??[31m?c?d 🚐 Grüße");
+    leaveInbound("1", inboundRecord("1", "a\u2028b\r\x1b[31m\u202Ec\u0085d\u061C 🚐 Grüße"));
+    EXPECT_EQ(parent.nextLine(), "Ada: a?b??[31m?c?d? 🚐 Grüße");
 }
 
 TEST_P(SampleParentTest, SendsWhatIsTyped) {
@@ -262,6 +262,11 @@ TEST_P(SampleParentTest, GivesUpWhenItsTokenIsNotTaken) {
     EXPECT_EQ(parent.waitForExit(), exitedWith(1));
     EXPECT_EQ(parent.standardError(), "The helper does not take our launch token.\n");
     EXPECT_FALSE(fs::exists(state() / "launch-token"));
+}
+
+TEST_P(SampleParentTest, EndsRatherThanGoOnWithoutListening) {
+    helper_ = writeScript(directory_.path() / "helper", "echo nonsense\nexec cat >/dev/null\n");
+    EXPECT_EQ(start().waitForExit(), exitedWith(1));
 }
 
 TEST_P(SampleParentTest, SaysInOneLineThatThereIsNoHelper) {
