@@ -40,6 +40,18 @@ bool decode(FileManager& fileManager, const std::string& path, InboxRecord& reco
     return true;
 }
 
+InboxRecord onlyOne(std::vector<InboxRecord> records, std::string_view name) {
+    if (records.empty()) {
+        throw Failure("There is no inbound record \"" + singleLine(name) +
+                      "\"; \"inbox\" lists them, with the names to give.");
+    }
+    if (records.size() > 1) {
+        throw Failure("Several inbound records are shown as \"" + singleLine(name) +
+                      "\"; look at their files in the data directory.");
+    }
+    return std::move(records.front());
+}
+
 std::string shownText(std::string_view text) {
     return terminalSafe(shortened(text, shown_text_characters));
 }
@@ -83,20 +95,23 @@ InboxListing Inbox::list() const {
     return listing;
 }
 
-InboxRecord Inbox::find(std::string_view name) const {
+std::vector<InboxRecord> Inbox::named(std::string_view name) const {
     auto listing = list();
     std::erase_if(listing.records, [&](const InboxRecord& each) {
         return each.name != name && shownFileName(each.name) != name;
     });
-    if (listing.records.empty()) {
-        throw Failure("There is no inbound record \"" + singleLine(name) +
-                      "\"; \"inbox\" lists them, with the names to give.");
-    }
-    if (listing.records.size() > 1) {
-        throw Failure("Several inbound records are shown as \"" + singleLine(name) +
-                      "\"; look at their files in the data directory.");
-    }
-    return std::move(listing.records.front());
+    return std::move(listing.records);
+}
+
+InboxRecord Inbox::find(std::string_view name) const {
+    return onlyOne(named(name), name);
+}
+
+InboxRecord Inbox::findRejected(std::string_view name) const {
+    auto records = named(name);
+    const auto isElsewhere = [](const InboxRecord& each) { return each.folder != rejected_folder; };
+    if (!std::all_of(records.begin(), records.end(), isElsewhere)) std::erase_if(records, isElsewhere);
+    return onlyOne(std::move(records), name);
 }
 
 std::string Inbox::pathOf(const InboxRecord& record) const {

@@ -55,6 +55,8 @@ class Inbox {
     /// The record of that name, or of that name as a listing shows it. Throws Failure when there is none, or
     /// when several are meant.
     InboxRecord find(std::string_view name) const;
+    /// The same, but among several the rejected one is meant.
+    InboxRecord findRejected(std::string_view name) const;
     /// What its file holds. Throws FileSystemFailure.
     std::string content(const InboxRecord& record) const;
     /// Puts a rejected record back where the backend takes it, replacing nothing. Throws Failure when it was
@@ -62,6 +64,7 @@ class Inbox {
     void restore(const InboxRecord& record) const;
 
   private:
+    std::vector<InboxRecord> named(std::string_view name) const;
     std::string pathOf(const InboxRecord& record) const;
 
     FileManager& fileManager_;

@@ -42,8 +42,8 @@ void performInbox(Display& display, FileManager& fileManager, const DataDirector
         if (display.isJson()) return display.jsonLine(encodedRecord(listing, JsonStyle::compact));
         return display.answer(inboxText(listing, display.colorsOutput()));
     }
-    const auto record = inbox.find(command.name);
-    if (command.action == InboxAction::show) return showRecord(display, inbox, record);
+    if (command.action == InboxAction::show) return showRecord(display, inbox, inbox.find(command.name));
+    const auto record = inbox.findRejected(command.name);
     inbox.restore(record);
     if (!display.isJson()) display.answer(shownFileName(record.name) + " waits in inbound again.\n");
 }

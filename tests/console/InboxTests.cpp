@@ -42,7 +42,7 @@ class InboxTest : public testing::Test {
 
     std::string refusalToRestore(const std::string& name) {
         try {
-            inbox_.restore(inbox_.find(name));
+            inbox_.restore(inbox_.findRejected(name));
         } catch (const Failure& failure) {
             return failure.what();
         }
@@ -94,6 +94,7 @@ TEST_F(InboxTest, KnowsWhichRecordIsMeant) {
     EXPECT_THROW(inbox_.find("b.json"), Failure);
     write("rejected/a.json", adas_record);
     EXPECT_THROW(inbox_.find("a.json"), Failure);
+    EXPECT_EQ(inbox_.findRejected("a.json").folder, "rejected");
 }
 
 TEST_F(InboxTest, PutsARejectedRecordBack) {

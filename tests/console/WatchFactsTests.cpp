@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <locale.h>
 
 #include <filesystem>
 
@@ -80,6 +81,17 @@ TEST(Fitted, CutsAtTheWidth) {
     EXPECT_EQ(fitted("abc", 5), "abc");
     EXPECT_EQ(fitted("abcdef", 5), "abcde");
     EXPECT_EQ(fitted("", 5), "");
+}
+
+TEST(Fitted, CutsBeforeAWideCharacterThatHasNoRoom) {
+    // NOLINTBEGIN(concurrency-mt-unsafe): there is one thread.
+    const std::string before = ::setlocale(LC_CTYPE, nullptr);
+    ASSERT_NE(::setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
+    EXPECT_EQ(fitted("a日本", 3), "a日");
+    EXPECT_EQ(fitted("a日本", 4), "a日");
+    EXPECT_EQ(fitted("e\u0301b", 1), "e\u0301");
+    ::setlocale(LC_CTYPE, before.c_str());
+    // NOLINTEND(concurrency-mt-unsafe)
 }
 
 }  // namespace

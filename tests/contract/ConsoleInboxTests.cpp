@@ -75,6 +75,15 @@ TEST_F(ConsoleInboxTest, ShowsARecordAndPutsItBack) {
     EXPECT_TRUE(fs::exists(data_->path() / "inbound/a.json"));
 }
 
+TEST_F(ConsoleInboxTest, PutsARecordBackBesideAnotherOfItsName) {
+    writeFileAtomically(data_->path() / "inbound/a.json", "another");
+    writeFileAtomically(data_->path() / "rejected/a.json", complete_record);
+    auto& console = run({"inbox", "restore", "a.json"});
+    EXPECT_EQ(console.waitForExit(), exitedWith(0)) << console.standardError();
+    EXPECT_EQ(readFile(data_->path() / "inbound/a.json"), "another");
+    EXPECT_EQ(visibleNamesIn(data_->path() / "inbound").size(), 2U);
+}
+
 TEST_F(ConsoleInboxTest, RefusesWhatCannotBePutBackInASentence) {
     writeFileAtomically(data_->path() / "rejected/b.json", "{}");
     auto& console = run({"inbox", "restore", "b.json"});
