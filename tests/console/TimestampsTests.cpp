@@ -16,7 +16,8 @@ TEST(Timestamps, AreReadAsTheyAreWritten) {
 }
 
 TEST(Timestamps, AreNothingElse) {
-    for (const auto* text : {"", "soon", "2026-01-05", "2026-01-05T09:30:00", "2026-01-05T09:30:00Z "}) {
+    for (const auto* text : {"", "soon", "2026-01-05", "2026-01-05T09:30:00", "2026-01-05T09:30:00Z ",
+                             "9999-12-31T23:59:59Z", "0001-01-01T00:00:00Z"}) {
         EXPECT_FALSE(parsedTimestamp(text)) << text;
     }
 }
