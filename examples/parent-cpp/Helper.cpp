@@ -134,6 +134,8 @@ Helper::Helper(const std::string& program, const std::string& state, Handlers ha
 }
 
 Helper::~Helper() {
+    // One that has not ended by now has said what cannot be taken; nothing more of it is read.
+    output_.close();
     end();
 }
 
