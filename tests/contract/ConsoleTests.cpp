@@ -311,7 +311,8 @@ TEST_F(ConsoleTest, HelperGetsATokenAndItsPrivateFile) {
 TEST_F(ConsoleTest, HelperThatIsMissingIsOneSentence) {
     auto& console = start({"--helper", "/no/such/helper"});
     EXPECT_EQ(console.waitForExit(), exitedWith(1));
-    EXPECT_EQ(console.standardError(), "Cannot start /no/such/helper: No such file or directory.\n");
+    EXPECT_EQ(console.standardError(),
+              "Cannot start the helper /no/such/helper: No such file or directory.\n");
 }
 
 TEST_F(ConsoleTest, HelperThatRefusesIsOneSentence) {
@@ -1089,7 +1090,7 @@ TEST_F(TerminalTest, ARecordingThatCannotBeMadeDoesNotEndTheOneBefore) {
     type("record " + file.string() + "\r");
     waitForScreen("brindle> ");
     type("record " + file.string() + "\r");
-    waitForScreen("File exists");
+    waitForScreen("exists already");
     type("connect\r");
     waitForScreen("stateChanged.connected");
     EXPECT_THAT(readFile(file), HasSubstr("connected"));
