@@ -33,7 +33,8 @@ watched chat. This package has the helper, a console that plays the
 application, the documents and the JSON Schemas. A native worker or the
 package of the web worker connects it to the messaging service.")
 set(CPACK_DEBIAN_BACKEND_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_BACKEND_PACKAGE_RECOMMENDS brindle-managed-whatsapp-examples)
+# Its documents lead to the samples.
+set(CPACK_DEBIAN_BACKEND_PACKAGE_DEPENDS "brindle-managed-whatsapp-examples (= ${PROJECT_VERSION})")
 
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_NAME brindle-managed-whatsapp-examples)
 set(CPACK_COMPONENT_EXAMPLES_DESCRIPTION "samples for the helper that brings a messaging account along
@@ -52,6 +53,6 @@ in a hidden view, in a sandbox, and takes the messages of a chat from it.")
   # It fits the helper of its own version alone.
   set(CPACK_DEBIAN_WEBWORKER_PACKAGE_DEPENDS
       "${CPACK_PACKAGE_NAME} (= ${PROJECT_VERSION}), bubblewrap, xdg-dbus-proxy")
-  string(APPEND CPACK_DEBIAN_BACKEND_PACKAGE_RECOMMENDS ", brindle-managed-whatsapp-web-worker")
+  set(CPACK_DEBIAN_BACKEND_PACKAGE_RECOMMENDS brindle-managed-whatsapp-web-worker)
 endif()
 include(CPack)
