@@ -100,7 +100,9 @@ class Helper {
         // A helper that is gone shows by its end; what it has not read is not known then.
         this.process.stdin.on('error', () => {});
         // Its end, and the end of both streams.
-        const giveUp = problem => { throw new GivenUp(`The helper cannot be started: ${problem.message}; name it with --helper.`); };
+        const giveUp = problem => {
+            throw new GivenUp(`The helper cannot be started: ${problem.message}; name it with --helper.`);
+        };
         this.ended = once(this.process, 'close')
             .then(([status, signal]) => (signal === null ? status : signal), giveUp)
             // Not earlier: the built-in worker reads it too, after the helper has greeted.

@@ -31,7 +31,7 @@ class RecordingTest : public testing::Test {
         return "(read)";
     }
 
-    const std::string first_line = R"({"milliseconds":0,"direction":"toHelper","line":"x"})"
+    const std::string firstLine_ = R"({"milliseconds":0,"direction":"toHelper","line":"x"})"
                                    "\n";
     test::TemporaryDirectory directory_;
     PosixFileManager files_;
@@ -78,19 +78,19 @@ TEST_F(RecordingTest, NeverHoldsTheSecret) {
 }
 
 TEST_F(RecordingTest, SaysWhichLineIsNone) {
-    EXPECT_THAT(refusal(first_line + "nonsense\n"), HasSubstr("Line 2 of"));
+    EXPECT_THAT(refusal(firstLine_ + "nonsense\n"), HasSubstr("Line 2 of"));
     EXPECT_THAT(refusal(R"({"milliseconds":0,"direction":"sideways","line":"x"})"
                         "\n"),
                 HasSubstr("Line 1 of"));
     for (const std::string time : {"-1", "9223372036854775807"}) {
         EXPECT_THAT(
-            refusal(first_line + R"({"direction":"toHelper","line":"x","milliseconds":)" + time + "}\n"),
+            refusal(firstLine_ + R"({"direction":"toHelper","line":"x","milliseconds":)" + time + "}\n"),
             HasSubstr("is no line of a recording"));
     }
 }
 
 TEST_F(RecordingTest, ThatWasCutOffIsNotTakenForAWholeOne) {
-    EXPECT_THAT(refusal(first_line + first_line.substr(0, 20)), HasSubstr("Line 2 of"));
+    EXPECT_THAT(refusal(firstLine_ + firstLine_.substr(0, 20)), HasSubstr("Line 2 of"));
     EXPECT_THAT(refusal("hello"), HasSubstr("is not complete"));
     EXPECT_THAT(refusal(""), HasSubstr("there is nothing to replay"));
 }
