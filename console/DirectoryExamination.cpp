@@ -1,7 +1,6 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <optional>
 #include <string>
@@ -14,6 +13,7 @@
 #include "exchange/DataDirectory.h"
 #include "exchange/EnvironmentKeys.h"
 #include "exchange/ExchangeRecords.h"
+#include "exchange/WorkerProcessFile.h"
 #include "system/LockHolder.h"
 #include "system/Paths.h"
 #include "system/ProcessFacts.h"
@@ -174,17 +174,10 @@ class DirectoryExamination {
                                 "Start a helper here, which ends it, or end it yourself.");
     }
 
+    /// Neither a group of processes nor the first one can be a worker.
     std::optional<pid_t> recordedWorker() {
-        try {
-            const auto content = files_.readFile(directory_.workerPIDFile);
-            const auto text = trimmed(content);
-            pid_t number = 0;
-            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-            if (error != std::errc() || end != text.data() + text.size() || number <= 1) return std::nullopt;
-            return number;
-        } catch (const Failure&) {
-            return std::nullopt;
-        }
+        const auto process = recordedWorkerProcess(files_, directory_);
+        return process && *process > 1 ? process : std::nullopt;
     }
 
     std::optional<Finding> statusFinding() {

@@ -4,12 +4,10 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <charconv>
-
 #include "exchange/EnvironmentKeys.h"
+#include "exchange/WorkerProcessFile.h"
 #include "system/Polling.h"
 #include "text/Failure.h"
-#include "text/Text.h"
 
 namespace brindle::console {
 namespace {
@@ -88,16 +86,7 @@ void WorkerTrial::takeEvents() {
 }
 
 std::optional<pid_t> WorkerTrial::recordedIdentifier() const {
-    try {
-        const auto content = uses_.fileManager.readFile(uses_.directory.workerPIDFile);
-        const auto text = trimmed(content);
-        pid_t number = 0;
-        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-        if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-        return number;
-    } catch (const Failure&) {
-        return std::nullopt;
-    }
+    return recordedWorkerProcess(uses_.fileManager, uses_.directory);
 }
 
 std::optional<ManagedWhatsAppWorkerStatusRecord> WorkerTrial::status() const {

@@ -11,10 +11,10 @@
 #include <string>
 #include <string_view>
 
-#include "backend/EarlierWorker.h"
 #include "entry/LaunchAuthentication.h"
 #include "exchange/EnvironmentKeys.h"
 #include "exchange/ExchangeWords.h"
+#include "exchange/WorkerProcessFile.h"
 #include "fuzz/MemoryFiles.h"
 #include "fuzz/Promises.h"
 #include "support/ScriptedHost.h"

@@ -2,19 +2,17 @@
 
 #include <signal.h>
 
-#include <charconv>
 #include <chrono>
 #include <string>
-#include <system_error>
 
 #include "exchange/EnvironmentKeys.h"
+#include "exchange/WorkerProcessFile.h"
 #include "system/Environment.h"
 #include "system/PathSteps.h"
 #include "system/Paths.h"
 #include "system/ProcessFacts.h"
 #include "system/Processes.h"
 #include "text/Failure.h"
-#include "text/Text.h"
 
 namespace brindle {
 namespace {
@@ -66,19 +64,9 @@ void terminate(const Descriptor& process, const Clock& clock) {
 
 }  // namespace
 
-std::optional<pid_t> parsedProcessIdentifier(std::string_view text) {
-    text = trimmed(text);
-    // from_chars knows no plus sign.
-    if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
-    pid_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
-}
-
 void endEarlierWorker(const DataDirectory& directory, FileManager& fileManager, const Clock& clock) {
     try {
-        const auto identifier = parsedProcessIdentifier(fileManager.readFile(directory.workerPIDFile));
+        const auto identifier = recordedWorkerProcess(fileManager, directory);
         if (identifier && *identifier > 0) {
             // Before anything is learnt of the process, so that what is learnt is told of the one that is
             // signalled: once it ends, its number may become another's.
@@ -87,7 +75,7 @@ void endEarlierWorker(const DataDirectory& directory, FileManager& fileManager, 
                 terminate(process, clock);
         }
     } catch (const Failure&) {
-        // No file, or one that cannot be read: nothing is known of an earlier worker.
+        // What cannot be learnt of a process is no reason to end it.
     }
     fileManager.removeIfPresent(directory.workerPIDFile);
 }

@@ -1,10 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <optional>
-#include <string_view>
-
 #include "exchange/DataDirectory.h"
 #include "system/Clock.h"
 #include "system/FileManager.h"
@@ -15,9 +10,5 @@ namespace brindle {
 /// It is asked to end and killed when it has not done so within a second. A process that has nothing to do
 /// with the directory is spared: after a reboot the number may be anybody's.
 void endEarlierWorker(const DataDirectory& directory, FileManager& fileManager, const Clock& clock);
-
-/// The process id in the text of a pid file: an optional sign and decimal digits in the range of 32 bits;
-/// nothing for any other text.
-std::optional<pid_t> parsedProcessIdentifier(std::string_view text);
 
 }  // namespace brindle

@@ -1,4 +1,5 @@
 #include "backend/EarlierWorker.h"
+#include "exchange/WorkerProcessFile.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
