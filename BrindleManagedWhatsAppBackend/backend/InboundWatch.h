@@ -24,8 +24,9 @@ class InboundWatch {
 
     explicit InboundWatch(const Uses& uses) : uses_(uses) {}
 
-    /// For each beat of the poller, before it looks: watches the directory that is "inbound" now while
-    /// anything can be delivered, and nothing otherwise. Without a watch to be had the poller is alone.
+    /// For each beat of the poller, before it looks, and when listening begins: watches the directory that is
+    /// "inbound" now while anything can be delivered, and nothing otherwise. Without a watch to be had the
+    /// poller is alone.
     void keepUp() noexcept;
 
   private:

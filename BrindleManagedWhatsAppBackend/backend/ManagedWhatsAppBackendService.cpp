@@ -207,6 +207,8 @@ void ManagedWhatsAppBackendService::perform(const BridgeStartListeningRequest& r
     if (const auto* selfTest = std::get_if<BridgeTestOnlyScope>(&request.scope)) {
         emitSelfTestEvent(*selfTest);
     } else {
+        // Not only at the next beat: what comes from now on is not to wait for it.
+        pollQueue_.post([this] { inboundWatch_.keepUp(); });
         delivery_.drainInboundDirectory();
     }
 }
