@@ -15,7 +15,7 @@
 namespace brindle::console {
 namespace {
 
-constexpr const char* description =
+constexpr const char* program_description =
     "Plays the parent application for the messaging helper: starts it with a launch token, shows every message in both directions and sends what you type.\n";
 
 constexpr double longest_worker_patience_seconds = 3600;
@@ -82,7 +82,7 @@ struct Parser {
     bool showsVersion = false;
     std::string nativeWorkerPath;
     std::string color = "auto";
-    CLI::App app{description};
+    CLI::App app{program_description};
 
     explicit Parser(const std::string& defaultHelper) {
         options.helper = defaultHelper;

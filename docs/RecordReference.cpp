@@ -38,12 +38,12 @@ class ReferenceTables {
         const auto name = typeName<R>();
         if (!described_.insert(name).second) return;
         records_ += table<R>(name);
-        forEachField<R>([this]<class Value>(const Field<R, Value>&) { addHeld<Value>(); });
+        forEachField<R>([this]<class Value>(const Field<R, Value>&) { this->addHeld<Value>(); });
     }
 
     template <EnumerationType E>
     void addPayloads() {
-        E::forEachCase([this]<class EachCase>(EachCase) { add<typename EachCase::Payload>(); });
+        E::forEachCase([this]<class EachCase>(EachCase) { this->add<typename EachCase::Payload>(); });
     }
 
     /// What was added since the last page, as a page.

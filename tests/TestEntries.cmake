@@ -1,8 +1,9 @@
 # Read by ctest when the tests are run.
 
-# add_test_entries(<room> <driver> <filter> WHOLE|ROW_BY_ROW <property> <value>...): an entry, with these properties, for
-# every test of the driver that passes the filter. The rows of a table are one entry, or each one of its own.
-function(add_test_entries room driver filter tables)
+# add_test_entries(<room> <driver> <filter> SUITES|TABLES|ROWS <property> <value>...): an entry, with these properties, for
+# every test of the driver that passes the filter: ROWS each has its own, TABLES a table has one for its rows, SUITES a suite
+# without tables has one for its tests, too.
+function(add_test_entries room driver filter together)
   execute_process(
     COMMAND ${driver} --gtest_list_tests --gtest_filter=${filter}
     OUTPUT_VARIABLE listing COMMAND_ERROR_IS_FATAL ANY)
@@ -16,8 +17,11 @@ function(add_test_entries room driver filter tables)
       continue()
     endif()
     set(test ${suite}${CMAKE_MATCH_1})
-    if(tables STREQUAL WHOLE)
+    if(NOT together STREQUAL ROWS)
       string(REGEX REPLACE "^(.*/.*)/[^/]*$" "\\1/*" test ${test})
+    endif()
+    if(together STREQUAL SUITES AND NOT test MATCHES "/")
+      set(test ${suite}*)
     endif()
     list(APPEND tests ${test})
   endforeach()
@@ -25,7 +29,7 @@ function(add_test_entries room driver filter tables)
   # Skipped when nothing else happened: a failure is told behind what was skipped.
   set(only_skipped "\\[  PASSED  \\] 0 tests\\.\n(\\[  SKIPPED \\][^\n]*\n)+$")
   foreach(test IN LISTS tests)
-    string(REGEX REPLACE "/\\*$" "" name ${test})
+    string(REGEX REPLACE "[/.]\\*$" "" name ${test})
     add_test(${room}/${name} ${driver} --gtest_filter=${test})
     set_tests_properties(${room}/${name} PROPERTIES ${ARGN} SKIP_REGULAR_EXPRESSION "${only_skipped}")
   endforeach()

@@ -20,6 +20,14 @@ namespace {
 constexpr const char* status_file = "worker-status.json";
 constexpr std::size_t event_buffer_bytes = 16 * 1024;
 
+/// What FAN_EVENT_NEXT does, without its cast to a greater alignment.
+fanotify_event_metadata* nextEvent(fanotify_event_metadata* event, ssize_t& length) {
+    const auto length_bytes = event->event_len;
+    length -= length_bytes;
+    void* next = reinterpret_cast<char*>(event) + length_bytes;
+    return static_cast<fanotify_event_metadata*>(next);
+}
+
 /// The whole of an open file, whatever its name has become.
 std::string contentOf(int file) {
     std::string content;
@@ -89,7 +97,7 @@ void StatusJournal::takeClosedFiles() {
     alignas(fanotify_event_metadata) std::array<char, event_buffer_bytes> buffer{};
     auto length = ::read(events_, buffer.data(), buffer.size());
     for (auto* event = reinterpret_cast<fanotify_event_metadata*>(buffer.data()); FAN_EVENT_OK(event, length);
-         event = FAN_EVENT_NEXT(event, length)) {
+         event = nextEvent(event, length)) {
         if (event->fd < 0) continue;
         const auto content = contentOf(event->fd);
         ::close(event->fd);

@@ -167,11 +167,11 @@ TEST(LineReaderTests, LineMayBeTakenApartWhereItStands) {
 }
 
 TEST(LineReaderTests, GivesMemoryOfALargeLineBack) {
-    const std::size_t large = LineReader::kept_buffer_bytes * 8;
+    constexpr std::size_t large = LineReader::kept_buffer_bytes * 8;
     auto [reading, writing] = makePieceByPieceConnection();
     LineReader reader(reading.get(), -1);
     const std::string piece(8192, 'x');
-    std::thread writer([&piece, large, &end = writing] {
+    std::thread writer([&piece, &end = writing] {
         for (std::size_t sent = 0; sent < large; sent += piece.size()) put(end, piece);
         put(end, "\n");
         put(end, "short\n");

@@ -234,11 +234,14 @@ TEST(RepeatingTimerTests, MayOutliveTheWorkOfAStoppedQueue) {
     EXPECT_GE(beats, 1);
 }
 
+// What a handler uses, its descriptor above all, outlives the queue, which takes its interest back on its own
+// thread.
+
 TEST(ReadinessWatchTests, CallsWheneverThereIsSomethingToRead) {
-    SerialQueue queue("queue");
     auto ends = makePipe();
     std::string received;
     std::promise<void> finished;
+    SerialQueue queue("queue");
     const ReadinessWatch watch(queue, ends.reading.get(), Readiness::readable, [&] {
         char byte = 0;
         if (::read(ends.reading.get(), &byte, 1) == 1) received += byte;
@@ -252,9 +255,9 @@ TEST(ReadinessWatchTests, CallsWheneverThereIsSomethingToRead) {
 }
 
 TEST(ReadinessWatchTests, CallsWhenTheOtherEndIsClosed) {
-    SerialQueue queue("queue");
     auto ends = makePipe();
     std::promise<ssize_t> called;
+    SerialQueue queue("queue");
     const ReadinessWatch watch(queue, ends.reading.get(), Readiness::readable, [&] {
         char byte = 0;
         called.set_value(::read(ends.reading.get(), &byte, 1));
@@ -265,9 +268,9 @@ TEST(ReadinessWatchTests, CallsWhenTheOtherEndIsClosed) {
 }
 
 TEST(ReadinessWatchTests, EndsWhenTheHandlerAnswersFalse) {
-    SerialQueue queue("queue");
     auto ends = makePipe();
     std::atomic<int> calls = 0;
+    SerialQueue queue("queue");
     const ReadinessWatch watch(queue, ends.reading.get(), Readiness::readable, [&] {
         ++calls;
         return false;
@@ -281,9 +284,9 @@ TEST(ReadinessWatchTests, EndsWhenTheHandlerAnswersFalse) {
 }
 
 TEST(ReadinessWatchTests, IsSilentAfterItsDestruction) {
-    SerialQueue queue("queue");
     auto ends = makePipe();
     std::atomic<int> calls = 0;
+    SerialQueue queue("queue");
     auto watch = std::make_unique<ReadinessWatch>(queue, ends.reading.get(), Readiness::readable, [&] {
         ++calls;
         return true;
@@ -298,8 +301,8 @@ TEST(ReadinessWatchTests, IsSilentAfterItsDestruction) {
 }
 
 TEST(ReadinessWatchTests, LeavesTheDescriptorToItsOwner) {
-    SerialQueue queue("queue");
     auto ends = makePipe();
+    SerialQueue queue("queue");
     {
         const ReadinessWatch watch(queue, ends.reading.get(), Readiness::readable, [] { return false; });
     }
@@ -310,9 +313,9 @@ TEST(ReadinessWatchTests, LeavesTheDescriptorToItsOwner) {
 }
 
 TEST(ReadinessWatchTests, WatchesOnOnceItIsResumed) {
-    SerialQueue queue("queue");
     auto ends = makePipe();
     std::atomic<int> calls = 0;
+    SerialQueue queue("queue");
     ReadinessWatch watch(queue, ends.reading.get(), Readiness::readable, [&] {
         ++calls;
         return false;
@@ -324,9 +327,9 @@ TEST(ReadinessWatchTests, WatchesOnOnceItIsResumed) {
 }
 
 TEST(ReadinessWatchTests, ResumedWhileItWatchesItCallsOnce) {
-    SerialQueue queue("queue");
     auto ends = makePipe();
     std::atomic<int> calls = 0;
+    SerialQueue queue("queue");
     ReadinessWatch watch(queue, ends.reading.get(), Readiness::readable, [&] {
         ++calls;
         return false;
@@ -342,10 +345,10 @@ TEST(ReadinessWatchTests, ResumedWhileItWatchesItCallsOnce) {
 }
 
 TEST(ReadinessWatchTests, CallsOnceAFullPipeTakesMore) {
-    SerialQueue queue("queue");
     auto ends = makePipe();
     test::fill(ends.writing);
     std::atomic<int> calls = 0;
+    SerialQueue queue("queue");
     ReadinessWatch watch(queue, ends.writing.get(), Readiness::writable, [&] {
         ++calls;
         return false;
