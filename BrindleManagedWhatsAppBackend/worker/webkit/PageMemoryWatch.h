@@ -6,6 +6,7 @@
 #include <functional>
 #include <set>
 
+#include "worker/webkit/Descendants.h"
 #include "worker/webkit/MainLoopTimer.h"
 
 namespace brindle {
@@ -38,11 +39,13 @@ class PageMemoryWatch {
 
   private:
     void lookAtEngine();
+    void end(pid_t process);
     void lookAtThisProcess();
 
     Limits limits_;
     Actions actions_;
     std::uint64_t least_bytes_;
+    Descendants descendants_;
     /// Killed, and still there: giving so much memory back takes a while.
     std::set<pid_t> ending_;
     MainLoopTimer timer_;
