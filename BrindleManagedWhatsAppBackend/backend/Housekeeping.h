@@ -19,8 +19,8 @@ class Housekeeping {
         std::chrono::milliseconds sweepInterval{std::chrono::hours{1}};
         /// After the first look at unfinished files.
         std::chrono::milliseconds secondLook{std::chrono::minutes{1}};
-        /// The queue's other work comes in between.
-        std::chrono::milliseconds stepInterval{10};
+        /// The queue's other work comes in between, and where very much lies, the processor is left alone.
+        std::chrono::milliseconds stepInterval{20};
     };
     /// All of it outlives the object. The queue has been joined when the object goes.
     struct Uses {
