@@ -49,7 +49,7 @@ const std::set<std::string>& allowedVariables() {
         "FONTCONFIG_FILE", "FONTCONFIG_PATH",
         // Set by the worker.
         "NO_AT_BRIDGE", "WEBKIT_A11Y_BUS_ADDRESS", "GSETTINGS_BACKEND", "DBUS_SESSION_BUS_ADDRESS",
-        "GST_REGISTRY", "GST_PLUGIN_SYSTEM_PATH_1_0", "MESA_SHADER_CACHE_DISABLE", "PULSE_SERVER",
+        "GST_REGISTRY", "GST_PLUGIN_SYSTEM_PATH_1_0", "MESA_SHADER_CACHE_DISABLE", "GDK_GL", "PULSE_SERVER",
         // The sandbox's working directory.
         "PWD"};
     return names;

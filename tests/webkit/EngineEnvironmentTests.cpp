@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -34,6 +35,16 @@ TEST(MissingMessageBus, IsNotStarted) {
     EnginePage page;
     page.load("<body>here</body>");
     EXPECT_FALSE(fs::exists(trace));
+}
+
+TEST(GraphicsDriver, IsNotLoadedWhereNothingIsDrawn) {
+    EnginePage page;
+    page.load("<body>here</body>");
+    EXPECT_EQ(page.evaluate("document.body.textContent"), "here");
+    const std::string mapped = readFile("/proc/self/maps");
+    EXPECT_THAT(mapped, testing::HasSubstr("libEGL"));
+    for (const char* part : {"libEGL_", "libGLX_", "_dri.so", "libLLVM"})
+        EXPECT_THAT(mapped, testing::Not(testing::HasSubstr(part))) << part;
 }
 
 }  // namespace

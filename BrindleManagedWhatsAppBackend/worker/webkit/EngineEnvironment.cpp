@@ -1,5 +1,6 @@
 #include "worker/webkit/EngineEnvironment.h"
 
+#include <EGL/egl.h>
 #include <glib/gstdio.h>
 #include <gtk/gtk.h>
 #include <unistd.h>
@@ -53,6 +54,20 @@ void moveTo(const std::string& home) {
     g_setenv("GST_PLUGIN_SYSTEM_PATH_1_0", plugins.get(), TRUE);
 }
 
+/// This process draws nothing, and a driver would be a quarter of its own memory and much foreign code
+/// outside of the sandbox. The page's process ends itself when it finds none, though it does not use it
+/// either; so drivers are hidden only while this process looks for them, which it does once, at the first
+/// question.
+void keepGraphicsDriversOut(const std::string& home) {
+    constexpr const char* list_of_drivers = "__EGL_VENDOR_LIBRARY_FILENAMES";
+    const GText none(g_build_filename(home.c_str(), "no-drivers", nullptr));
+    g_setenv(list_of_drivers, none.get(), TRUE);
+    eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
+    g_unsetenv(list_of_drivers);
+    // The toolkit would ask in another way.
+    g_setenv("GDK_GL", "disable", TRUE);
+}
+
 }  // namespace
 
 void prepareEngineEnvironment(const std::string& home, const std::string& cacheDirectory) {
@@ -72,6 +87,7 @@ void prepareEngineEnvironment(const std::string& home, const std::string& cacheD
     nameWaylandSocketWithoutPath();
     replaceUnusableRuntimeDirectory(cacheDirectory);
     moveTo(home);
+    keepGraphicsDriversOut(home);
 }
 
 void requireDisplay() {
