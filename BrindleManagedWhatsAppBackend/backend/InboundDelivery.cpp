@@ -116,7 +116,22 @@ void InboundDelivery::deliverWhatFits(TurnEnd turnEnd) {
     if (outcome == Outcome::isDone) return endPass(pass);
     pass_ = std::move(pass);
     if (outcome == Outcome::isHeldUp) return waitForOutput();
-    uses_.queue.post([this] { goOn(); });
+    takeAnotherTurn();
+}
+
+/// Behind what else is due. One turn that waits on the queue is enough, however many beats and news come
+/// meanwhile: each would keep the other work waiting for its own length.
+void InboundDelivery::takeAnotherTurn() {
+    if (isTurnDue_.exchange(true)) return;
+    try {
+        uses_.queue.post([this] {
+            isTurnDue_ = false;
+            goOn();
+        });
+    } catch (...) {
+        isTurnDue_ = false;
+        throw;
+    }
 }
 
 /// Delivers those records of the pass, or of a new one, that the parent takes, in their order.

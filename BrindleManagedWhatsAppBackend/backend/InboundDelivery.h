@@ -112,6 +112,7 @@ class InboundDelivery {
     bool isUnderWay() const BRINDLE_REQUIRES(drainLock_) { return begun_ || pass_; }
     void drain(TurnEnd turnEnd) noexcept BRINDLE_REQUIRES(drainLock_);
     void goOn() noexcept;
+    void takeAnotherTurn();
     TurnEnd endOfTurn() const;
     void deliverWhatFits(TurnEnd turnEnd) BRINDLE_REQUIRES(drainLock_);
     Outcome deliver(std::optional<Pass>& pass, TurnEnd turnEnd) BRINDLE_REQUIRES(drainLock_);
@@ -139,6 +140,8 @@ class InboundDelivery {
     WaitingMemory memory_ BRINDLE_GUARDED_BY(drainLock_);
     /// Something has come or was written to that the next pass must look at.
     std::atomic<bool> hasChanged_ = false;
+    /// A turn waits on the queue.
+    std::atomic<bool> isTurnDue_ = false;
     std::optional<Begun> begun_ BRINDLE_GUARDED_BY(drainLock_);
     /// Those that the reader may not have got yet, in their order.
     std::deque<Delivered> delivered_ BRINDLE_GUARDED_BY(drainLock_);

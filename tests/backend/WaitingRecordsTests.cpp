@@ -7,7 +7,9 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,8 +31,10 @@ using test::inboundEventsIn;
 using test::inboundRecord;
 using test::namesIn;
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Le;
 using testing::Not;
 
 class WaitingRecordsTests : public testing::Test {
@@ -272,6 +276,18 @@ class RunningClock final : public Clock {
     mutable std::atomic<int> questions_ = 0;
 };
 
+InboundDelivery::Uses usesWith(BackendParts& parts, const Clock& clock) {
+    const auto uses = parts.forDelivery();
+    return {.directory = uses.directory,
+            .fileManager = uses.fileManager,
+            .clock = clock,
+            .state = uses.state,
+            .emitter = uses.emitter,
+            .departureWatch = uses.departureWatch,
+            .log = uses.log,
+            .queue = uses.queue};
+}
+
 TEST(LongDeliveryTests, LetsTheQueueDoOtherWorkInBetween) {
     BackendParts parts;
     parts.state.setConnected(true);
@@ -282,15 +298,7 @@ TEST(LongDeliveryTests, LetsTheQueueDoOtherWorkInBetween) {
     }
     parts.putInbound("z.json", inboundRecord("z").dump());
     const RunningClock clock;
-    auto uses = parts.forDelivery();
-    InboundDelivery delivery({.directory = uses.directory,
-                              .fileManager = uses.fileManager,
-                              .clock = clock,
-                              .state = uses.state,
-                              .emitter = uses.emitter,
-                              .departureWatch = uses.departureWatch,
-                              .log = uses.log,
-                              .queue = uses.queue});
+    InboundDelivery delivery(usesWith(parts, clock));
     bool wasDeliveredBefore = true;
     parts.queue.post([&] {
         delivery.drainUnlessUnderWay();
@@ -302,6 +310,34 @@ TEST(LongDeliveryTests, LetsTheQueueDoOtherWorkInBetween) {
     parts.queue.join();
     EXPECT_FALSE(wasDeliveredBefore) << "by then other work could have its turn";
     EXPECT_EQ(inboundEventsIn(parts.streams.text().output).size(), 1U);
+}
+
+TEST(LongDeliveryTests, KeepsOtherWorkOfTheQueueWaitingForOneTurnHoweverManyBeatsComeMeanwhile) {
+    constexpr std::size_t beats = 8;
+    constexpr std::size_t records = 60;
+    BackendParts parts;
+    parts.state.setConnected(true);
+    parts.state.setActiveScope(BridgeConversationScope{"room", "Room"});
+    for (std::size_t i = 10; i < 10 + records; ++i)
+        parts.putInbound(std::to_string(i) + ".json", inboundRecord(std::to_string(i)).dump());
+    const RunningClock clock;
+    InboundDelivery delivery(usesWith(parts, clock));
+    std::vector<std::size_t> delivered;
+    const std::function<void()> otherWork = [&] {
+        delivered.push_back(namesIn(parts.directory.processed).size());
+        if (delivered.back() < records) parts.queue.post(otherWork);
+    };
+    parts.queue.post([&] {
+        for (std::size_t beat = 0; beat < beats; ++beat) delivery.drainUnlessUnderWay();
+        parts.queue.post(otherWork);
+    });
+    test::waitUntil([&] { return namesIn(parts.directory.inbound).empty(); }, "everything to be delivered");
+    parts.queue.stop(std::chrono::minutes{1});
+    parts.queue.join();
+    std::adjacent_difference(delivered.begin(), delivered.end(), delivered.begin());
+    // How many records fit into a turn by that clock.
+    constexpr std::size_t turn = 3;
+    EXPECT_THAT(std::vector(delivered.begin() + 1, delivered.end()), Each(Le(turn)));
 }
 
 }  // namespace
