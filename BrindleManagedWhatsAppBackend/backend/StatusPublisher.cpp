@@ -1,5 +1,7 @@
 #include "backend/StatusPublisher.h"
 
+#include <errno.h>
+
 #include "backend/BackendIdentity.h"
 #include "exchange/ExchangeWords.h"
 #include "system/FileSystemFailure.h"
@@ -81,8 +83,9 @@ std::optional<ManagedWhatsAppWorkerStatusRecord> StatusPublisher::workerStatus(
         return readRecord<ManagedWhatsAppWorkerStatusRecord>(uses_.fileManager,
                                                              uses_.directory.workerStatusFile);
     } catch (const FileSystemFailure& error) {
-        // A worker that has not written its status yet is nothing to report.
-        if (!uses_.fileManager.fileExists(uses_.directory.workerStatusFile)) return std::nullopt;
+        // A worker that has not written its status yet is nothing to report, also when it does so just now.
+        if (error.code() == ENOENT || !uses_.fileManager.fileExists(uses_.directory.workerStatusFile))
+            return std::nullopt;
         problem = descriptionOf(error);
     } catch (const std::exception& error) {
         problem = descriptionOf(error);

@@ -19,6 +19,7 @@
 #include "support/Processes.h"
 #include "support/Waiting.h"
 #include "support/WantOfMemory.h"
+#include "system/FileSystemFailure.h"
 
 namespace brindle {
 namespace {
@@ -51,6 +52,15 @@ class StatusPublisherTests : public testing::Test {
     std::string publish() {
         publisher_.writeRuntimeStatus();
         return parts_.streams.text().error;
+    }
+    StatusPublisher::Uses with(FileManager& files) {
+        const auto& uses = parts_.forPublisher();
+        return {.platform = uses.platform,
+                .directory = uses.directory,
+                .fileManager = files,
+                .clock = uses.clock,
+                .state = uses.state,
+                .log = uses.log};
     }
 
     BackendParts parts_;
@@ -113,6 +123,32 @@ TEST_F(StatusPublisherTests, WorkerThatHasNotWrittenYetIsNothingToReport) {
     EXPECT_EQ(parts_.runtimeStatus()["workerDetail"], "Own words.");
 }
 
+/// Lets something happen right after a read that found nothing.
+class LateFiles final : public test::ForwardingFileManager {
+  public:
+    using ForwardingFileManager::ForwardingFileManager;
+
+    std::string readFile(const std::string& path) override {
+        try {
+            return ForwardingFileManager::readFile(path);
+        } catch (const FileSystemFailure&) {
+            thereupon();
+            throw;
+        }
+    }
+
+    std::function<void()> thereupon;
+};
+
+TEST_F(StatusPublisherTests, WorkerThatWritesItsFirstStatusMeanwhileIsNothingToReport) {
+    setWorkerRunning(true);
+    LateFiles files(parts_.files);
+    files.thereupon = [this] { putWorkerStatus("{}"); };
+    StatusPublisher(with(files)).writeRuntimeStatus();
+    EXPECT_EQ(parts_.streams.text().error, "");
+    EXPECT_EQ(parts_.runtimeStatus()["workerState"], "launching");
+}
+
 TEST_F(StatusPublisherTests, StatusOfAnEarlierWorkerIsNotRead) {
     setWorkerRunning(false);
     putWorkerStatus("not even JSON");
@@ -172,13 +208,7 @@ class InterruptedFiles final : public test::ForwardingFileManager {
 
 TEST_F(StatusPublisherTests, OlderStateIsNeverPublishedAfterANewerOne) {
     InterruptedFiles files(parts_.files);
-    const auto& uses = parts_.forPublisher();
-    StatusPublisher publisher({.platform = uses.platform,
-                               .directory = uses.directory,
-                               .fileManager = files,
-                               .clock = uses.clock,
-                               .state = uses.state,
-                               .log = uses.log});
+    StatusPublisher publisher(with(files));
     std::atomic<pid_t> other = 0;
     std::atomic<bool> hasPublished = false;
     std::thread newer;
