@@ -286,8 +286,11 @@ TEST_F(DiskFull, NothingFollowsHalfALineOfStandardOutputThoughSpaceReturns) {
     backend().send(connectRequest());
     backend().send(startListeningRequest(conversationScope()));
     backend().waitForControl([](const Json& control) { return control.contains("activeScope"); });
-    backend().writeInbound("m-1.json", inboundRecord("m-1", std::string(1000, 'x')));
+    // It is there before the disk is full, and comes when it is.
+    const auto inbound = options().dataDirectory->path() / "inbound";
+    writeFileAtomically((inbound / ".m-1").string(), inboundRecord("m-1", std::string(1000, 'x')).dump());
     fill();
+    fs::rename(inbound / ".m-1", inbound / "m-1.json");
     backend().waitForEntries("rejected", 1);
     makeRoom();
     backend().waitForStatusWrites(1);
