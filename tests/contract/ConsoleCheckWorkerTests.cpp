@@ -226,7 +226,7 @@ class DefectiveWorkerTest : public ConsoleCheckWorkerTest, public testing::WithP
 TEST_P(DefectiveWorkerTest, FailsAtItsPointAlone) {
     const TemporaryDirectory files;
     const auto worker = writeProgram(files.path() / "worker", worker_with_a_defect);
-    const auto points = failedPoints(worker.string(), GetParam().name, GetParam().isSilent ? "15" : "80");
+    const auto points = failedPoints(worker.string(), GetParam().name, GetParam().isSilent ? "40" : "80");
     if (GetParam().point.empty()) {
         EXPECT_THAT(points, IsEmpty()) << report_;
     } else {
