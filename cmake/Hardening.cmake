@@ -16,11 +16,9 @@ check_cxx_source_compiles("
 int main() {}" BRINDLE_IS_OPTIMISED)
 unset(CMAKE_REQUIRED_FLAGS)
 
-if(BRINDLE_SANITIZE)
-  set(BRINDLE_NOT_HARDENED_BECAUSE "a build with sanitizers is not hardened")
-elseif(NOT BRINDLE_IS_OPTIMISED)
+if(NOT BRINDLE_IS_OPTIMISED)
   set(BRINDLE_NOT_HARDENED_BECAUSE "a build without optimisation is not hardened")
-else()
+elseif(NOT BRINDLE_SANITIZE)
   foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection)
     string(MAKE_C_IDENTIFIER "BRINDLE_HAS${flag}" has_flag)
     check_cxx_compiler_flag(${flag} ${has_flag})

@@ -209,10 +209,10 @@ bool InboundDelivery::begin(Pass& pass, const BridgeScope& scope) {
     } catch (const OutputAbandoned&) {
         throw;
     } catch (const OutputFailure& failure) {
-        holdUp(name, failure);
+        holdUp(pass.inbound, name, failure);
     } catch (const std::exception& error) {
         pass.look.miss();
-        reject(name, descriptionOf(error));
+        reject(*pass.inbound, name, descriptionOf(error));
     }
     return true;
 }
@@ -224,7 +224,8 @@ bool InboundDelivery::isBegunLineWritten() {
     try {
         if (!uses_.emitter.isWrittenUpTo(begun_->end)) return false;
     } catch (const OutputFailure& failure) {
-        holdUp(std::exchange(begun_, std::nullopt)->name, failure);
+        const auto line = *std::exchange(begun_, std::nullopt);
+        holdUp(line.inbound, line.name, failure);
         return true;
     }
     fileAsDelivered(*std::exchange(begun_, std::nullopt));
@@ -252,15 +253,17 @@ void InboundDelivery::fileAsDelivered(const Begun& line) {
     try {
         filedAs = moveRecordFile(*line.inbound, line.name, uses_.directory.processed);
     } catch (const std::exception& error) {
-        return reject(line.name, descriptionOf(error));
+        return reject(*line.inbound, line.name, descriptionOf(error));
     }
     if (delivered_.size() % deliveries_between_looks == 0) forgetWhatWasRead();
     delivered_.push_back({.name = line.name, .filedAs = std::move(filedAs), .end = line.end});
 }
 
-void InboundDelivery::reject(const std::string& name, const std::string& reason) {
+/// From the directory where it was looked at: under its name there may be a record that nobody has read by
+/// now where the path leads.
+void InboundDelivery::reject(Directory& inbound, const std::string& name, const std::string& reason) {
     withoutFailing([&] { uses_.log.write("rejected inbound event at " + name + ": " + reason); });
-    moveRecordFile(uses_.fileManager, name, uses_.directory.inbound, uses_.directory.rejected);
+    moveRecordFile(inbound, name, uses_.directory.rejected);
 }
 
 void InboundDelivery::waitForOutput() {
@@ -274,8 +277,10 @@ void InboundDelivery::waitForOutput() {
 
 /// Nothing is rejected because the parent goes: it would be lost to the next one. A parent that only has
 /// closed its end of the output is another matter.
-void InboundDelivery::holdUp(const std::string& name, const OutputFailure& failure) {
-    failed_ = {.name = name, .reason = descriptionOf(failure), .looksLeft = looks_for_departure};
+void InboundDelivery::holdUp(const std::shared_ptr<Directory>& inbound, const std::string& name,
+                             const OutputFailure& failure) {
+    failed_ = {
+        .inbound = inbound, .name = name, .reason = descriptionOf(failure), .looksLeft = looks_for_departure};
     decideOnFailure();
 }
 
@@ -286,7 +291,7 @@ void InboundDelivery::decideOnFailure() {
         putBackDelivered();
     } else if (failed_->looksLeft <= 0) {
         isOver_ = true;
-        reject(failed_->name, failed_->reason);
+        reject(*failed_->inbound, failed_->name, failed_->reason);
     }
 }
 

@@ -102,6 +102,7 @@ class InboundDelivery {
     };
     /// The message at which the output has failed.
     struct Failed {
+        std::shared_ptr<Directory> inbound;
         std::string name;
         std::string reason;
         /// At so many more beats of the poller a sign is looked for that the parent is going.
@@ -124,9 +125,10 @@ class InboundDelivery {
     bool isBegunLineWritten() BRINDLE_REQUIRES(drainLock_);
     BridgeInboundMessageEvent eventFor(ManagedWhatsAppInboundRecord record, const std::string& name);
     void fileAsDelivered(const Begun& line) BRINDLE_REQUIRES(drainLock_);
-    void reject(const std::string& name, const std::string& reason);
+    void reject(Directory& inbound, const std::string& name, const std::string& reason);
     void waitForOutput() BRINDLE_REQUIRES(drainLock_);
-    void holdUp(const std::string& name, const OutputFailure& failure) BRINDLE_REQUIRES(drainLock_);
+    void holdUp(const std::shared_ptr<Directory>& inbound, const std::string& name,
+                const OutputFailure& failure) BRINDLE_REQUIRES(drainLock_);
     void decideOnFailure() BRINDLE_REQUIRES(drainLock_);
     void forgetWhatWasRead() noexcept BRINDLE_REQUIRES(drainLock_);
     void putBackDelivered() noexcept BRINDLE_REQUIRES(drainLock_);

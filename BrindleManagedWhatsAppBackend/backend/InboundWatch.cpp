@@ -46,9 +46,12 @@ void InboundWatch::end() noexcept {
 }
 
 void InboundWatch::takeNews(DirectoryWatch& watch) noexcept {
-    withoutFailing([&] {
-        if (tellsOfRecords(watch.takeNews())) uses_.delivery.drainWhatHasChanged();
-    });
+    withoutFailing(
+        [&] {
+            if (tellsOfRecords(watch.takeNews())) uses_.delivery.drainWhatHasChanged();
+        },
+        // What was taken from the system is told by nobody again.
+        [this](const std::exception&) { uses_.delivery.lookAtEverythingNext(); });
 }
 
 }  // namespace brindle

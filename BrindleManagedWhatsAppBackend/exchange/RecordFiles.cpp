@@ -36,20 +36,6 @@ std::string underFreshPrefix(std::string_view name) {
     return fresh.append(name);
 }
 
-/// Files away by `move`, which takes the name that is to be got and fails with EEXIST when that is taken.
-template <class Move>
-std::string fileAway(std::string_view name, const Move& move) {
-    std::string filedAs(name);
-    try {
-        move(filedAs);
-    } catch (const FileSystemFailure& failure) {
-        if (failure.code() != EEXIST) throw;
-        filedAs = underFreshPrefix(name);
-        move(filedAs);
-    }
-    return filedAs;
-}
-
 /// A fresh name of a record that comes just before the given one, as near as a name has room for.
 std::string justBefore(std::string_view name) {
     // A hyphen comes before the full stop of the extension.
@@ -76,18 +62,17 @@ std::vector<DirectoryEntry> waitingRecords(Directory& directory) {
     return inOrder(std::move(records));
 }
 
-std::string moveRecordFile(FileManager& fileManager, std::string_view name, const std::string& fromDirectory,
-                           const std::string& toDirectory) {
-    return fileAway(name, [&, file = joinedPath(fromDirectory, name)](const std::string& filedAs) {
-        fileManager.moveItem(file, joinedPath(toDirectory, filedAs));
-    });
-}
-
 std::string moveRecordFile(Directory& fromDirectory, const std::string& name,
                            const std::string& toDirectory) {
-    return fileAway(name, [&](const std::string& filedAs) {
+    auto filedAs = name;
+    try {
         fromDirectory.moveItem(name, joinedPath(toDirectory, filedAs));
-    });
+    } catch (const FileSystemFailure& failure) {
+        if (failure.code() != EEXIST) throw;
+        filedAs = underFreshPrefix(name);
+        fromDirectory.moveItem(name, joinedPath(toDirectory, filedAs));
+    }
+    return filedAs;
 }
 
 void putRecordFileBack(FileManager& fileManager, const std::string& file, const std::string& directory,

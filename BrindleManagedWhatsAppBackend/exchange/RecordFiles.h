@@ -19,12 +19,9 @@ bool isRecordFileName(std::string_view name);
 /// missing. Throws FileSystemFailure.
 std::vector<DirectoryEntry> waitingRecords(Directory& directory);
 
-/// Files a record away: moves it from one directory to another under its own name or, when that is taken
+/// Files a record away: moves it from an open directory to another under its own name or, when that is taken
 /// there, under a fresh one with its own, or as much of it as a name has room for, at the end, so that
 /// nothing is ever replaced. Answers the name it has got. Throws FileSystemFailure.
-std::string moveRecordFile(FileManager& fileManager, std::string_view name, const std::string& fromDirectory,
-                           const std::string& toDirectory);
-/// The same from a directory that is open.
 std::string moveRecordFile(Directory& fromDirectory, const std::string& name, const std::string& toDirectory);
 
 /// Puts a record that was filed away back into a directory under the name it had or, when that is taken

@@ -366,6 +366,48 @@ TEST_F(InboundDeliveryTests, DrainStopsAtAFileThatCannotBeRejected) {
                 StartsWith("[ManagedWhatsAppBackend] failed to drain inbound directory: Cannot move"));
 }
 
+/// The real file system, where another "inbound" takes the place of the one that is looked at, with a message
+/// under the name of the file that is read.
+class ReplacedWhileRead final : public test::ForwardingFileManager {
+  public:
+    explicit ReplacedWhileRead(BackendParts& parts) : ForwardingFileManager(parts.files), parts_(parts) {}
+
+    std::unique_ptr<Directory> openDirectory(const std::string& path) override {
+        return std::make_unique<Replaced>(ForwardingFileManager::openDirectory(path), parts_);
+    }
+
+  private:
+    class Replaced final : public test::ForwardingDirectory {
+      public:
+        Replaced(std::unique_ptr<Directory> next, BackendParts& parts)
+            : ForwardingDirectory(std::move(next)), parts_(parts) {}
+
+        FileAttributes readFile(const DirectoryEntry& entry, std::string& content) override {
+            auto attributes = ForwardingDirectory::readFile(entry, content);
+            const auto& inbound = parts_.directory.inbound;
+            std::filesystem::rename(inbound, inbound + "-old");
+            std::filesystem::create_directory(inbound);
+            parts_.putInbound(entry.name, inboundRecord("1").dump());
+            return attributes;
+        }
+
+      private:
+        BackendParts& parts_;
+    };
+
+    BackendParts& parts_;
+};
+
+TEST_F(InboundDeliveryTests, WhatIsRejectedIsTheFileThatWasReadThoughAnotherHasItsNameByNow) {
+    parts_.putInbound("a.json", "{");
+    ReplacedWhileRead files(parts_);
+    InboundDelivery(parts_.forDelivery(files)).drainInboundDirectory();
+    EXPECT_EQ(test::readFile(parts_.directory.rejected + "/a.json"), "{");
+    drainOnce();
+    EXPECT_THAT(delivered_, ElementsAre("1"));
+    EXPECT_THAT(rejected(), ElementsAre("a.json"));
+}
+
 TEST_F(InboundDeliveryTests, DirectoryThatCannotBeListedIsLoggedAtEveryDrain) {
     std::filesystem::remove(parts_.directory.inbound);
     drain();

@@ -14,6 +14,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -176,6 +177,8 @@ class ToldFiles final : public test::ForwardingFileManager {
         ::eventfd_write(sign_.get(), 1);
         waitUntil([this] { return isTaken(); }, "the news to be taken");
     }
+    /// As when memory is wanted for what has been taken.
+    void loseNextNews() { areLost_ = true; }
     int listings() const { return listings_; }
     int watches() const { return watches_; }
 
@@ -212,7 +215,9 @@ class ToldFiles final : public test::ForwardingFileManager {
         const std::lock_guard hold(lock_);
         eventfd_t count = 0;
         ::eventfd_read(sign_.get(), &count);
-        return std::exchange(news_, {});
+        auto news = std::exchange(news_, {});
+        if (areLost_.exchange(false)) throw std::bad_alloc();
+        return news;
     }
     bool isTaken() {
         const std::lock_guard hold(lock_);
@@ -222,6 +227,7 @@ class ToldFiles final : public test::ForwardingFileManager {
     Descriptor sign_{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     std::mutex lock_;
     DirectoryNews news_;
+    std::atomic<bool> areLost_ = false;
     std::atomic<int> listings_ = 0;
     std::atomic<int> watches_ = 0;
 };
@@ -258,6 +264,16 @@ TEST_F(ToldTests, NewsThatIsCutOffIsALookAtEverything) {
     beat();
     std::ofstream(parts_.directory.inbound + "/a.json") << inboundRecord("a").dump(7);
     EXPECT_EQ(listingsAfter({.names = {}, .isCutOff = true}), 1);
+    EXPECT_THAT(processed(), ElementsAre("a.json"));
+}
+
+TEST_F(ToldTests, NewsThatIsLostIsALookAtEverythingAtTheNextBeat) {
+    putForAnotherChat("a");
+    beat();
+    std::ofstream(parts_.directory.inbound + "/a.json") << inboundRecord("a").dump(7);
+    told().loseNextNews();
+    EXPECT_EQ(listingsAfter({.names = {"a.json"}}), 0);
+    beat();
     EXPECT_THAT(processed(), ElementsAre("a.json"));
 }
 

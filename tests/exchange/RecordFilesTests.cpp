@@ -37,6 +37,10 @@ class RecordFilesTests : public testing::Test {
         test::writeFileAtomically(from_ + "/a.json", "new");
     }
 
+    std::string fileAway(const std::string& name) {
+        return moveRecordFile(*files_.openDirectory(from_), name, to_);
+    }
+
     test::TemporaryDirectory home_;
     std::string from_ = (home_.path() / "from").string();
     std::string to_ = (home_.path() / "to").string();
@@ -131,29 +135,26 @@ TEST(WaitingRecordsTests, NoLaterOneIsShownWithoutAnEarlierOneWhileOthersArrive)
 }
 
 TEST_F(RecordFilesTests, RecordIsMovedUnderItsOwnName) {
-    moveRecordFile(files_, "a.json", from_, to_);
+    fileAway("a.json");
     EXPECT_TRUE(fs::is_empty(from_));
     EXPECT_EQ(files_.readFile(to_ + "/a.json"), "new");
 }
 
-TEST_F(RecordFilesTests, RecordIsMovedOutOfADirectoryThatIsOpen) {
-    test::writeFileAtomically(to_ + "/a.json", "old");
-    const auto filedAs = moveRecordFile(*files_.openDirectory(from_), "a.json", to_);
-    EXPECT_TRUE(fs::is_empty(from_));
-    EXPECT_TRUE(filedAs.ends_with("-a.json")) << filedAs;
-    EXPECT_EQ(files_.readFile(to_ + "/a.json"), "old");
-    EXPECT_EQ(files_.readFile(to_ + "/" + filedAs), "new");
+TEST_F(RecordFilesTests, RecordIsMovedOutOfTheDirectoryThatIsOpenWhereverItsPathLeads) {
+    const auto open = files_.openDirectory(from_);
+    fs::rename(from_, from_ + "-old");
+    fs::create_directory(from_);
+    files_.writeFileAtomically(from_ + "/a.json", "another", Durability::process);
+    moveRecordFile(*open, "a.json", to_);
+    EXPECT_EQ(files_.readFile(from_ + "/a.json"), "another");
+    EXPECT_EQ(files_.readFile(to_ + "/a.json"), "new");
 }
 
 TEST_F(RecordFilesTests, RecordWhoseNameIsTakenGetsAFreshOne) {
     test::writeFileAtomically(to_ + "/a.json", "old");
-    moveRecordFile(files_, "a.json", from_, to_);
+    const auto fresh = fileAway("a.json");
     EXPECT_TRUE(fs::is_empty(from_));
     EXPECT_EQ(files_.readFile(to_ + "/a.json"), "old");
-    fs::remove(to_ + "/a.json");
-    const auto names = namesIn(to_);
-    ASSERT_EQ(names.size(), 1U);
-    const std::string& fresh = *names.begin();
     EXPECT_TRUE(fresh.ends_with("-a.json")) << fresh;
     EXPECT_EQ(fresh.size(), uuid_characters + std::string("-a.json").size()) << fresh;
     EXPECT_EQ(files_.readFile(to_ + "/" + fresh), "new");
@@ -163,7 +164,7 @@ TEST_F(RecordFilesTests, RecordOfTheLongestNameIsFiledAwayThoughThatIsTaken) {
     const std::string name = std::string(NAME_MAX - record_file_extension.size() - 1, 'a') + "b.json";
     for (const auto& directory : {from_, to_})
         files_.writeFileAtomically(directory + "/" + name, directory, Durability::process);
-    const auto filedAs = moveRecordFile(files_, name, from_, to_);
+    const auto filedAs = fileAway(name);
     EXPECT_EQ(filedAs.size(), name.size());
     EXPECT_EQ(filedAs.at(uuid_characters), '-');
     EXPECT_TRUE(filedAs.ends_with("aab.json")) << filedAs;
@@ -172,7 +173,7 @@ TEST_F(RecordFilesTests, RecordOfTheLongestNameIsFiledAwayThoughThatIsTaken) {
 }
 
 TEST_F(RecordFilesTests, RecordIsPutBackUnderItsName) {
-    const auto filedAs = moveRecordFile(files_, "a.json", from_, to_);
+    const auto filedAs = fileAway("a.json");
     EXPECT_EQ(filedAs, "a.json");
     putRecordFileBack(files_, to_ + "/" + filedAs, from_, "a.json");
     EXPECT_EQ(files_.readFile(from_ + "/a.json"), "new");
@@ -180,7 +181,7 @@ TEST_F(RecordFilesTests, RecordIsPutBackUnderItsName) {
 }
 
 TEST_F(RecordFilesTests, RecordThatIsPutBackComesBeforeTheOneThatHasItsNameNow) {
-    const auto filedAs = moveRecordFile(files_, "a.json", from_, to_);
+    const auto filedAs = fileAway("a.json");
     test::writeFileAtomically(from_ + "/a.json", "newer");
     test::writeFileAtomically(from_ + "/Z.json", "earlier name");
     putRecordFileBack(files_, to_ + "/" + filedAs, from_, "a.json");
@@ -204,8 +205,9 @@ TEST_F(RecordFilesTests, RecordOfTheLongestNameIsPutBackThoughThatIsTaken) {
 }
 
 TEST_F(RecordFilesTests, OtherFailuresLeaveTheRecordWhereItIs) {
-    files_.set({.operation = 1, .code = EACCES});
-    EXPECT_THROW(moveRecordFile(files_, "a.json", from_, to_), FileSystemFailure);
+    files_.set({.operation = 1, .code = EACCES, .action = "move"});
+    EXPECT_THROW(fileAway("a.json"), FileSystemFailure);
+    EXPECT_TRUE(files_.wasMet());
     EXPECT_TRUE(fs::exists(from_ + "/a.json"));
     EXPECT_TRUE(fs::is_empty(to_));
 }

@@ -14,6 +14,7 @@
 #include "support/TemporaryDirectory.h"
 #include "support/Units.h"
 #include "support/Waiting.h"
+#include "worker/webkit/Procfs.h"
 
 namespace brindle::test {
 namespace {
@@ -113,20 +114,13 @@ LoopbackServer::Response endlessHistory(const LoopbackServer::Request& /*request
     </script></body>)html"};
 }
 
-/// What this process has filled itself, in bytes.
-std::size_t ownBytes() {
-    const auto status = readFile("/proc/self/status");
-    const std::string name = "RssAnon:";
-    return std::stoul(status.substr(status.find(name) + name.size())) * kibibyte;
-}
-
 TEST(WebProcess, OneWhoseHistoryMakesTheWorkerGrowIsEndedAndNothingOfItIsKept) {
     auto options = webWorkerHostOptions();
     options.workerGrowthLimit_mebibytes = 300;
     const LoopbackServer server(endlessHistory);
     EnginePage page(std::make_shared<TemporaryDirectory>(), options);
     page.load("<body>here</body>");
-    const auto before = ownBytes();
+    const auto before = ownBytes(::getpid());
     for (int round = 0; round < 3; ++round) {
         page.forgetEvents();
         page.page().loadAddress(server.url(), must_happen_deadline);
@@ -137,7 +131,8 @@ TEST(WebProcess, OneWhoseHistoryMakesTheWorkerGrowIsEndedAndNothingOfItIsKept) {
                       "The page made the worker use too much memory, so its process was ended."});
         page.load("<body>again</body>");
         EXPECT_EQ(page.evaluate("document.body.textContent"), "again");
-        page.runUntil([&] { return ownBytes() < before + 100 * mebibyte; }, "the memory is given back");
+        page.runUntil([&] { return ownBytes(::getpid()) < before + 100 * mebibyte; },
+                      "the memory is given back");
     }
 }
 

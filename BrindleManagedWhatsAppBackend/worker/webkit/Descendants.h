@@ -11,8 +11,9 @@ namespace brindle {
 /// system has given out meanwhile, and few others whose children these are (Linux procfs).
 class Descendants {
   public:
-    /// The processes as of now; some of them may have ended meanwhile. A system that does not tell what it
-    /// has started is asked for all of them at every fifth call.
+    /// The processes as of now; some of them may have ended meanwhile. Every fifth call walks to them in any
+    /// case, as what has started and ended since may hide something; each does where the system does not tell
+    /// what it has started.
     const std::set<pid_t>& look();
     /// Walks to them in any case.
     const std::set<pid_t>& walk();
