@@ -89,6 +89,14 @@ TEST_F(AbandonedFilesTests, OneThatIsWrittenToInBetweenStays) {
     EXPECT_TRUE(fs::exists(file));
 }
 
+TEST_F(AbandonedFilesTests, OneThatIsTouchedInBetweenStaysThoughItsTimeIsSetBack) {
+    const auto file = put(directory_.inbound, ".brindle-a1B2c3", seconds{1});
+    look();
+    parts_.files.pretendStatusChange(file, parts_.clock.now() + hours{1});
+    lookAgain();
+    EXPECT_TRUE(fs::exists(file));
+}
+
 TEST_F(AbandonedFilesTests, AnotherOneOfTheSameNameStays) {
     const auto file = put(directory_.inbound, ".brindle-a1B2c3", seconds{1});
     look();

@@ -13,6 +13,7 @@
 #include "support/BackendParts.h"
 #include "support/ChildProcesses.h"
 #include "support/Files.h"
+#include "support/ForwardingFileManager.h"
 #include "support/Processes.h"
 #include "support/Waiting.h"
 #include "system/ChildProcess.h"
@@ -136,6 +137,32 @@ TEST_F(EarlierWorkerTests, OldProcessOfAnotherDirectoryIsEndedAsItsNumberStandsI
     const Sleeper worker(environmentFor(parts_.home.path()));
     clearUp(worker.identifier());
     expectEnd(worker);
+}
+
+/// The real file system, where "worker.pid" is somebody else's.
+class FileOfAnother final : public test::ForwardingFileManager {
+  public:
+    FileOfAnother(FileManager& next, std::string path)
+        : ForwardingFileManager(next), path_(std::move(path)) {}
+
+    std::optional<FileAttributes> attributes(const std::string& path) override {
+        auto found = ForwardingFileManager::attributes(path);
+        if (found && path == path_) ++found->owner;
+        return found;
+    }
+
+  private:
+    std::string path_;
+};
+
+TEST_F(EarlierWorkerTests, ProcessThatSomebodyElseHasNamedIsSpared) {
+    const Sleeper stranger(environmentFor(parts_.directory.path));
+    const auto& path = parts_.directory.workerPIDFile;
+    test::writeFileAtomically(path, std::to_string(stranger.identifier()));
+    FileOfAnother files(parts_.files, path);
+    endEarlierWorker(parts_.directory, files, parts_.clock);
+    EXPECT_FALSE(isAnybodySignalled());
+    EXPECT_FALSE(fs::exists(path));
 }
 
 TEST_F(EarlierWorkerTests, ItselfIsSpared) {

@@ -25,8 +25,9 @@ using test::waitUntil;
 /// With an hour of a few milliseconds and a minute of one.
 class HousekeepingTests : public testing::Test {
   protected:
+    void TearDown() override { endQueue(); }
     /// The queue ends before anything that its work uses.
-    void TearDown() override {
+    void endQueue() {
         queue_.stop(test::must_happen_deadline);
         queue_.join();
     }
@@ -49,16 +50,20 @@ class HousekeepingTests : public testing::Test {
     BackendParts parts_;
     std::atomic<int> beats_ = 0;
     SerialQueue queue_{"queue"};
-    Housekeeping housekeeping_{{.environment = parts_.environment,
-                                .directory = parts_.directory,
-                                .fileManager = parts_.files,
-                                .clock = parts_.clock,
-                                .log = parts_.log,
-                                .queue = queue_,
-                                .schedule = {.firstSweep = milliseconds{1},
-                                             .sweepInterval = milliseconds{5},
-                                             .secondLook = milliseconds{1},
-                                             .stepInterval = milliseconds{1}}}};
+    Housekeeping housekeeping_{uses({.firstSweep = milliseconds{1},
+                                     .sweepInterval = milliseconds{5},
+                                     .secondLook = milliseconds{1},
+                                     .stepInterval = milliseconds{1}})};
+
+    Housekeeping::Uses uses(const Housekeeping::Schedule& schedule) {
+        return {.environment = parts_.environment,
+                .directory = parts_.directory,
+                .fileManager = parts_.files,
+                .clock = parts_.clock,
+                .log = parts_.log,
+                .queue = queue_,
+                .schedule = schedule};
+    }
 };
 
 TEST_F(HousekeepingTests, SweepsAgainAndAgain) {
@@ -84,6 +89,32 @@ TEST_F(HousekeepingTests, LetsTheOtherWorkOfTheQueueInBetween) {
     waitUntil([&] { return fs::is_empty(parts_.directory.processed); }, "the end of a long sweep");
     // Every step takes its turn with the other work: 2000 files are more than sixty steps.
     EXPECT_GE(beats_, 30);
+}
+
+/// More than the files of one step.
+constexpr int many = 200;
+
+TEST_F(HousekeepingTests, OneSweepIsFinishedHoweverManyRecordsAreOld) {
+    for (int count = 0; count < many; ++count) putRecord(std::to_string(count) + ".json", days{4});
+    Housekeeping housekeeping(uses({.firstSweep = milliseconds{1},
+                                    .sweepInterval = hours{1},
+                                    .secondLook = hours{1},
+                                    .stepInterval = milliseconds{1}}));
+    housekeeping.start();
+    waitUntil([&] { return fs::is_empty(parts_.directory.processed); }, "the end of the sweep");
+    endQueue();
+}
+
+TEST_F(HousekeepingTests, FirstLookAtUnfinishedFilesIsFinishedWithoutAnySweep) {
+    for (int count = 0; count < many; ++count)
+        putUnfinishedFile(".brindle-aaa" + std::to_string(100 + count), hours{1});
+    Housekeeping housekeeping(uses({.firstSweep = hours{1},
+                                    .sweepInterval = hours{1},
+                                    .secondLook = hours{1},
+                                    .stepInterval = milliseconds{1}}));
+    housekeeping.start();
+    waitUntil([&] { return fs::is_empty(parts_.directory.inbound); }, "the end of the look");
+    endQueue();
 }
 
 TEST(HousekeepingScheduleTests, FirstSweepComesWithinTwoSecondsAndThenOneAnHour) {

@@ -8,9 +8,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -476,6 +479,37 @@ TEST_F(InboundDeliveryTests, ConcurrentDrainsDeliverALongBacklogOnceAndInOrder) 
     EXPECT_THAT(log_, IsEmpty());
 }
 
+/// The real file system, where the first opening of a directory lets something happen meanwhile.
+class BusyOpening final : public test::ForwardingFileManager {
+  public:
+    using ForwardingFileManager::ForwardingFileManager;
+
+    std::unique_ptr<Directory> openDirectory(const std::string& path) override {
+        if (const auto event = std::exchange(meanwhile, nullptr)) event();
+        return ForwardingFileManager::openDirectory(path);
+    }
+
+    std::function<void()> meanwhile;
+};
+
+TEST_F(InboundDeliveryTests, WhoeverIsToldOfARecordLeavesItToTheDrainThatIsUnderWay) {
+    put("a.json", inboundRecord("1"));
+    BusyOpening files(parts_.files);
+    InboundDelivery delivery(parts_.forDelivery(files));
+    std::size_t waiting = 0;
+    files.meanwhile = [&] {
+        std::thread([&] {
+            delivery.drainWhatHasChanged();
+            delivery.drainUnlessUnderWay();
+        }).join();
+        waiting = inbound().size();
+    };
+    delivery.drainInboundDirectory();
+    finish();
+    EXPECT_EQ(waiting, 1U);
+    EXPECT_THAT(delivered_, ElementsAre("1"));
+}
+
 TEST_F(InboundDeliveryTests, PollerDeliversWhenNoDrainIsUnderWay) {
     put("a.json", inboundRecord("1"));
     delivery_.drainUnlessUnderWay();
@@ -628,6 +662,56 @@ TEST_F(PipedDeliveryTests, WhatWaitsFollowsTheScopeThatIsActiveThen) {
     EXPECT_THAT(inbound(), testing::Contains("b.json"));
 }
 
+/// A clock that counts how often somebody asks it.
+class AskedClock final : public Clock {
+  public:
+    std::chrono::system_clock::time_point now() const override { return test::TestClock::start; }
+    std::chrono::nanoseconds sinceBoot() const override {
+        ++asked;
+        return test::TestClock::boot_time_at_start;
+    }
+    void sleep(std::chrono::milliseconds /*duration*/) const override {}
+
+    mutable std::atomic<int> asked = 0;
+};
+
+TEST_F(PipedDeliveryTests, DoesNothingWhileTheParentTakesNothing) {
+    AskedClock clock;
+    InboundDelivery delivery({.directory = parts_.directory,
+                              .fileManager = parts_.files,
+                              .clock = clock,
+                              .state = parts_.state,
+                              .emitter = emitter_,
+                              .departureWatch = watch_,
+                              .log = log_,
+                              .queue = parts_.queue});
+    test::fill(output_.writing);
+    put("a");
+    delivery.drainInboundDirectory();
+    const int before = clock.asked;
+    // Each round lets the queue do what is due, such as another turn.
+    for (int round = 0; round < 20; ++round) {
+        std::promise<void> done;
+        parts_.queue.post([&] { done.set_value(); });
+        done.get_future().wait();
+    }
+    EXPECT_EQ(clock.asked, before);
+    parts_.queue.stop(std::chrono::milliseconds{0});
+    parts_.queue.join();
+}
+
+TEST_F(PipedDeliveryTests, RequestWhileALookIsHeldUpListsWhatWaitsAnew) {
+    test::fill(output_.writing);
+    put("b");
+    delivery_.drainInboundDirectory();
+    put("a");
+    delivery_.drainInboundDirectory();
+    takeUnread(unreadBytes());
+    ASSERT_THAT(read(1), testing::Contains("a"));
+    EXPECT_THAT(read(2), ElementsAre("a", "b"));
+    test::waitUntil([&] { return processed().size() == 2; }, "both to be filed away");
+}
+
 TEST_F(PipedDeliveryTests, EndOfTheInputLetsAParentThatReadsHaveTheRest) {
     const auto ids = putBacklog(1000);
     delivery_.drainInboundDirectory();
@@ -687,6 +771,21 @@ TEST_F(PipedDeliveryTests, WithoutASignTheMessageAtHandIsRejectedAndNoOtherBegun
     EXPECT_THAT(inbound(), ElementsAre("a.json", "b.json")) << "a sign may still come";
     for (int i = 0; i < 5; ++i) beat();
     delivery_.drainInboundDirectory();
+    EXPECT_THAT(rejected(), ElementsAre("a.json"));
+    EXPECT_THAT(inbound(), ElementsAre("b.json"));
+    EXPECT_EQ(
+        log(),
+        "[ManagedWhatsAppBackend] rejected inbound event at a.json: Cannot write to \"standard output\": "
+        "Broken pipe.\n");
+}
+
+TEST_F(PipedDeliveryTests, HalfALineThatNobodyTakesIsRejectedWithoutASignAndNoOtherBegun) {
+    put("a", std::string(300'000, 'x'));
+    put("b");
+    delivery_.drainInboundDirectory();
+    ASSERT_GT(emitter_.output().written(), 0U);
+    output_.reading.reset();
+    for (int i = 0; i < 5; ++i) beat();
     EXPECT_THAT(rejected(), ElementsAre("a.json"));
     EXPECT_THAT(inbound(), ElementsAre("b.json"));
     EXPECT_EQ(

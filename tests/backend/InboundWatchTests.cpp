@@ -252,6 +252,13 @@ class ToldTests : private ToldParts, public InboundWatchTests {
     ToldFiles& told() { return ToldParts::files; }
 };
 
+TEST_F(ToldTests, WatchThatHoldsIsNoReasonToLookAgain) {
+    beat();
+    const int before = told().listings();
+    for (int i = 0; i < 3; ++i) beat();
+    EXPECT_EQ(told().listings(), before);
+}
+
 TEST_F(ToldTests, FloodOfNewsIsOneLook) {
     beat();
     put("a");

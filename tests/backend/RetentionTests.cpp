@@ -234,6 +234,23 @@ TEST_F(RetentionTests, FailureIsLoggedOnceASweepAndTheRestGoes) {
     EXPECT_THAT(log(), SizeIs(2));
 }
 
+TEST_F(RetentionTests, RecordThatCannotBeRemovedIsReported) {
+    put(directory_.processed, "a.json", days{4});
+    parts_.files.set({.operation = 1, .code = EACCES, .action = "remove"});
+    sweep();
+    ASSERT_TRUE(parts_.files.wasMet());
+    EXPECT_THAT(log(), ElementsAre(HasSubstr("failed to remove old records: Cannot remove \"" +
+                                             directory_.processed + "/a.json\": Permission denied.")));
+}
+
+TEST_F(RetentionTests, RecordThatSomebodyElseHasRemovedIsNothingToReport) {
+    put(directory_.processed, "a.json", days{4});
+    parts_.files.set({.operation = 1, .code = ENOENT, .action = "remove"});
+    sweep();
+    ASSERT_TRUE(parts_.files.wasMet());
+    EXPECT_THAT(log(), IsEmpty());
+}
+
 TEST_F(RetentionTests, DirectoryThatHasVanishedIsNothingToReport) {
     put(directory_.processed, "a.json", days{4});
     fs::remove_all(directory_.rejected);

@@ -109,6 +109,22 @@ TEST_F(BridgeChannelTests, GivesTheMemoryOfALargeRequestBack) {
     }
 }
 
+/// What is known of each value of a document takes memory too.
+TEST_F(BridgeChannelTests, GivesTheMemoryOfARequestOfManyValuesBack) {
+    const auto before = bytesInUse();
+    if (before == 0) GTEST_SKIP() << "this allocator does not tell how much memory is in use";
+    const auto input = [] {
+        std::string text = "[0";
+        while (text.size() < 2 * LineReader::kept_buffer_bytes) text += ",0";
+        return test::memoryFileWith(text + "]\n" + connectLine("two"));
+    }();
+    BridgeChannel channel(streamsWith(input.get()));
+    ASSERT_TRUE(channel.waitForRequest());
+    EXPECT_THROW(channel.takeRequest(), DecodingFailure);
+    EXPECT_EQ(nextPlatform(channel), "two");
+    EXPECT_LT(bytesInUse(), before + 2 * LineReader::kept_buffer_bytes);
+}
+
 TEST_F(BridgeChannelTests, WritesEnvelopesAndDiagnostics) {
     BridgeChannel channel(streamsWith(-1));
     channel.emit(BridgeErrorEvent{"one"});

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -132,6 +133,40 @@ TEST_F(DiagnosticBufferTests, LinesOfTheWorkerMakeRoomForThoseOfTheBackend) {
     EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
                             [](const std::string& line) { return line.starts_with("backend "); }),
               10);
+}
+
+TEST_F(DiagnosticBufferTests, LongLineOfTheBackendTakesTheRoomOfManyOfTheWorker) {
+    buffer_.useQueue(queue_);
+    fillPipe();
+    fillBuffer();
+    buffer_.write("backend " + std::string(8 * line_bytes - 9, '.') + "\n", DiagnosticSource::backend);
+    const auto lines = readUpTo("[ManagedWhatsAppBackend] dropped ");
+    EXPECT_TRUE(lines.back().starts_with("[ManagedWhatsAppBackend] dropped 9 lines")) << lines.back();
+}
+
+/// One gap is easier to read around than many.
+TEST_F(DiagnosticBufferTests, LinesOfTheWorkerAreMissedUntilThereIsRoomForMany) {
+    fillPipe();
+    fillBuffer();
+    const std::size_t room = 8 * line_bytes;
+    std::string received;
+    const auto read = [&](std::size_t bytes) {
+        const auto had = received.size();
+        received.resize(had + bytes);
+        ASSERT_EQ(::read(ends_.reading.get(), received.data() + had, bytes), static_cast<ssize_t>(bytes));
+    };
+    read(room);
+    // The first of these lets go on what waits, so that there is room for the second.
+    for (int i = 0; i < 2; ++i) write("late", DiagnosticSource::worker);
+    buffer_.useQueue(queue_);
+    write("backend", DiagnosticSource::backend);
+    while (received.find("\n[ManagedWhatsAppBackend] dropped ") == std::string::npos ||
+           !received.ends_with('\n'))
+        received += test::readSome(ends_.reading);
+    EXPECT_EQ(received.find("late"), std::string::npos);
+    const auto gap = received.find("[ManagedWhatsAppBackend] dropped ");
+    EXPECT_THAT(received.substr(gap), StartsWith("[ManagedWhatsAppBackend] dropped 3 lines"));
+    EXPECT_EQ(received.find("[ManagedWhatsAppBackend] dropped ", gap + 1), std::string::npos);
 }
 
 TEST_F(DiagnosticBufferTests, LinesOfTheBackendAreDroppedWhenTheyAloneAreTooMany) {

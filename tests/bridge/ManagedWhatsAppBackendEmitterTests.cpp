@@ -114,13 +114,50 @@ TEST_F(EmitterTests, LineThatHasBegunIsFinishedBeforeTheNext) {
     EXPECT_TRUE(received == encodedLine(large) + encodedLine(BridgeErrorEvent{"next"}));
 }
 
+TEST_F(EmitterTests, DeliveryDoesNotGetIntoALineThatAnotherThreadIsWriting) {
+    constexpr int lines_each = 50;
+    auto ends = test::makeSmallPipe();
+    ManagedWhatsAppBackendEmitter emitter(ends.writing.get(), streams_.error(), watch_);
+    // Longer than the pipe, so that each line waits for its reader in the middle.
+    const std::string text(20'000, 'x');
+    const auto line = encodedLine(BridgeErrorEvent{text});
+    const std::size_t all = 2 * lines_each * line.size();
+    std::string received;
+    std::thread reader([&] {
+        while (received.size() < all) received += test::readSome(ends.reading);
+    });
+    std::thread replies([&] {
+        for (int i = 0; i < lines_each; ++i) emitter.emit(BridgeErrorEvent{text});
+    });
+    for (int i = 0; i < lines_each; ++i) {
+        while (!emitter.takesLine()) std::this_thread::yield();
+        auto end = emitter.begin(BridgeErrorEvent{text});
+        for (; !end; end = emitter.begin(BridgeErrorEvent{text})) std::this_thread::yield();
+        while (!emitter.isWrittenUpTo(*end)) std::this_thread::yield();
+    }
+    replies.join();
+    reader.join();
+    std::istringstream lines(received);
+    int whole = 0;
+    for (std::string each; std::getline(lines, each); ++whole) ASSERT_EQ(each + "\n", line);
+    EXPECT_EQ(whole, 2 * lines_each);
+}
+
 TEST_F(EmitterTests, LineBeginsOnlyWhereNoOtherIsUnfinished) {
     auto ends = test::makeSmallPipe();
     ManagedWhatsAppBackendEmitter emitter(ends.writing.get(), streams_.error(), watch_);
     EXPECT_TRUE(emitter.takesLine());
-    EXPECT_TRUE(emitter.begin(BridgeErrorEvent{std::string(20'000, 'x')}));
+    const BridgeErrorEvent large{std::string(20'000, 'x')};
+    const auto end = emitter.begin(large);
+    ASSERT_TRUE(end);
     EXPECT_FALSE(emitter.takesLine());
     EXPECT_FALSE(emitter.begin(BridgeErrorEvent{"next"}));
+    // Nor is anything of the first one lost by that.
+    std::string received = test::readSome(ends.reading);
+    EXPECT_FALSE(emitter.begin(BridgeErrorEvent{"next"}));
+    while (!emitter.isWrittenUpTo(*end)) received += test::readSome(ends.reading);
+    while (received.size() < encodedLine(large).size()) received += test::readSome(ends.reading);
+    EXPECT_TRUE(received == encodedLine(large));
 }
 
 TEST_F(EmitterTests, DiagnosticWaitsForTheEnvelopeThatHasBegunOnTheSameStream) {

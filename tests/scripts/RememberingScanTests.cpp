@@ -142,13 +142,50 @@ TEST_F(RememberingScan, RunNoticesWhatNothingToldOf) {
 }
 
 TEST_F(RememberingScan, WhatChangedOutsideTheBodyIsReadAgain) {
+    // The last one keeps its place among the messages, so that only its leaving tells.
+    for (const char* id : {"m2", "m3"}) {
+        watchThreeMessages();
+        inPage("window.message = document.querySelector('[data-id=" + std::string(id) +
+               "]'); document.documentElement.append(message);");
+        inPage("message.querySelector('span').firstChild.data = 'Changed';");
+        EXPECT_EQ(valueOf(state_name + ".queue"), none);
+        inPage(small_change);
+        EXPECT_EQ(valueOf(state_name + ".queue.map((message) => message.text)"),
+                  Json::parse(R"(["Changed"])"))
+            << id;
+    }
+}
+
+/// A list shows again what has scrolled out of sight, and nobody told of what happened to it meanwhile.
+TEST_F(RememberingScan, MessageThatChangedWhileItWasAwayIsReadAgainWhenItIsBack) {
     watchThreeMessages();
-    inPage(
-        "window.message = document.querySelector('[data-id=m2]'); document.documentElement.append(message);");
+    inPage("window.message = document.querySelector('[data-id=m2]'); message.remove();");
     inPage("message.querySelector('span').firstChild.data = 'Changed';");
-    EXPECT_EQ(valueOf(state_name + ".queue"), none);
-    inPage(small_change);
+    inPage("document.querySelector('[data-id=m1]').after(message);");
     EXPECT_EQ(valueOf(state_name + ".queue.map((message) => message.text)"), Json::parse(R"(["Changed"])"));
+}
+
+TEST_F(RememberingScan, TimeThatWasEmptiedWhileItWasAwayReadsItsMessageWhenItIsFilledAgain) {
+    watchThreeMessages();
+    inPage("window.time = document.querySelector('[data-id=m2] i'); time.firstChild.data = '10:01';");
+    inPage("window.holder = time.parentNode; time.remove();");
+    inPage("time.firstChild.data = '';");
+    inPage("holder.append(time);");
+    inPage("readings.length = 0; time.firstChild.data = '10:02';");
+    EXPECT_EQ(valueOf("readings"), Json::parse(R"(["m2"])"));
+}
+
+TEST_F(RememberingScan, MessageWhoseTextIsFilledInBitByBitIsCapturedEachTime) {
+    watchThreeMessages();
+    inPage(R"(document.querySelector('section').insertAdjacentHTML('beforeend',
+        '<div class="message-in" data-id="m4"><span class="selectable-text"></span></div>');
+        document.querySelector('[data-id=m4] span').append(document.createTextNode(''));)");
+    EXPECT_EQ(valueOf(state_name + ".queue"), none);
+    for (const char* text : {"So", "So it", "So it goes"}) {
+        inPage("document.querySelector('[data-id=m4] span').firstChild.data = '" + std::string(text) + "';");
+    }
+    EXPECT_EQ(valueOf(state_name + ".queue.map((message) => message.text)"),
+              Json::parse(R"(["So", "So it", "So it goes"])"));
 }
 
 TEST_F(RememberingScan, SheetFromAnotherSiteHoldsNothingUp) {
