@@ -9,7 +9,8 @@ Housekeeping::Housekeeping(const Uses& uses)
                   .directory = uses.directory,
                   .fileManager = uses.fileManager,
                   .clock = uses.clock,
-                  .log = uses.log}),
+                  .log = uses.log,
+                  .isNeeded = uses.isNeeded}),
       abandonedFiles_({.directory = uses.directory, .fileManager = uses.fileManager, .clock = uses.clock}) {}
 
 void Housekeeping::start() {

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
+#include <string>
 
 #include "backend/AbandonedFiles.h"
 #include "backend/Retention.h"
@@ -29,6 +31,8 @@ class Housekeeping {
         FileManager& fileManager;
         const Clock& clock;
         const DiagnosticLog& log;
+        /// As Retention has it.
+        std::function<bool(const std::string& path)> isNeeded;
         SerialQueue& queue;
         Schedule schedule = {};
     };

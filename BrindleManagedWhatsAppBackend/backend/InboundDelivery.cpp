@@ -302,6 +302,16 @@ void InboundDelivery::putBackWhatWasNotRead() noexcept {
     if (!delivered_.empty() && output().hasLostReader(reader_departure_patience)) putBackDelivered();
 }
 
+bool InboundDelivery::mayGoBack(const std::string& path) noexcept {
+    if (!drainLock_.try_lock()) return true;
+    const MutexHold hold(drainLock_, std::adopt_lock);
+    forgetWhatWasRead();
+    return std::any_of(delivered_.begin(), delivered_.end(), [&](const Delivered& record) {
+        return path.ends_with(record.filedAs) &&
+               path == joinedPath(uses_.directory.processed, record.filedAs);
+    });
+}
+
 void InboundDelivery::forgetWhatWasRead() noexcept {
     const auto taken = output().taken();
     while (!delivered_.empty() && delivered_.front().end <= taken) delivered_.pop_front();

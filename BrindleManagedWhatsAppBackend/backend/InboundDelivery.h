@@ -68,6 +68,9 @@ class InboundDelivery {
     void completeWhatIsUnderWay() noexcept;
     /// A drain that is under way ends behind the file it is at; later ones deliver nothing.
     void stop() noexcept { isStopped_ = true; }
+    /// Whether the record that was filed away under that path may still go back to "inbound", because the
+    /// parent has not read it. Waits for nobody: while a drain is under way on another thread each may.
+    bool mayGoBack(const std::string& path) noexcept;
     /// For the end of the process: when the parent has stopped reading for good, what it has not read goes
     /// back to "inbound", for the next backend. Nothing is delivered afterwards.
     void putBackWhatWasNotRead() noexcept;

@@ -77,6 +77,7 @@ ManagedWhatsAppBackendService::ManagedWhatsAppBackendService(std::string platfor
                      .fileManager = fileManager_,
                      .clock = clock_,
                      .log = log_,
+                     .isNeeded = [this](const std::string& path) { return delivery_.mayGoBack(path); },
                      .queue = pollQueue_}) {
     directory_.createForBackend(fileManager_);
     startPollers();

@@ -169,6 +169,7 @@ void Retention::reduce() {
 }
 
 void Retention::remove(const std::string& path) {
+    if (uses_.isNeeded(path)) return;
     try {
         uses_.fileManager.removeItem(path);
     } catch (const FileSystemFailure& failure) {

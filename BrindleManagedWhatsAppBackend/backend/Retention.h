@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -44,6 +45,8 @@ class Retention {
         FileManager& fileManager;
         const Clock& clock;
         const DiagnosticLog& log;
+        /// Whether a delivered record, by its path, may be needed again: such a one stays.
+        std::function<bool(const std::string& path)> isNeeded;
     };
 
     explicit Retention(const Uses& uses);

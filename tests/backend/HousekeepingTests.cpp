@@ -61,6 +61,7 @@ class HousekeepingTests : public testing::Test {
                 .fileManager = parts_.files,
                 .clock = parts_.clock,
                 .log = parts_.log,
+                .isNeeded = [](const std::string&) { return false; },
                 .queue = queue_,
                 .schedule = schedule};
     }

@@ -831,6 +831,16 @@ TEST_F(PipedDeliveryTests, WhatAParentHasNotReadGoesBackAtTheEnd) {
     EXPECT_THAT(inbound(), ElementsAre("a.json", "b.json", "c.json"));
 }
 
+TEST_F(PipedDeliveryTests, MessageThatWasNotReadMayGoBack) {
+    put("a");
+    delivery_.drainInboundDirectory();
+    EXPECT_TRUE(delivery_.mayGoBack(parts_.directory.processed + "/a.json"));
+    EXPECT_FALSE(delivery_.mayGoBack(parts_.directory.processed + "/aa.json"));
+    EXPECT_FALSE(delivery_.mayGoBack(parts_.directory.rejected + "/a.json"));
+    takeUnread(unreadBytes());
+    EXPECT_FALSE(delivery_.mayGoBack(parts_.directory.processed + "/a.json"));
+}
+
 TEST_F(PipedDeliveryTests, WhatAParentMayStillReadStaysDelivered) {
     put("a");
     delivery_.drainInboundDirectory();

@@ -84,7 +84,8 @@ class RetentionTests : public testing::Test {
                 .directory = parts_.directory,
                 .fileManager = parts_.files,
                 .clock = parts_.clock,
-                .log = parts_.log};
+                .log = parts_.log,
+                .isNeeded = [this](const std::string& path) { return path == needed_; }};
     }
     /// Leaves a file that arrived that long ago.
     void put(const std::string& directory, const std::string& name, std::chrono::nanoseconds age,
@@ -106,6 +107,8 @@ class RetentionTests : public testing::Test {
 
     BackendParts parts_;
     const DataDirectory& directory_ = parts_.directory;
+    /// The path of a record that may be needed again.
+    std::string needed_;
 };
 
 TEST_F(RetentionTests, DeliveredRecordsGoAfterThreeDays) {
@@ -117,6 +120,14 @@ TEST_F(RetentionTests, DeliveredRecordsGoAfterThreeDays) {
     EXPECT_THAT(namesIn(directory_.processed), ElementsAre("young.json"));
     EXPECT_THAT(namesIn(directory_.workerProcessedOutbound), ElementsAre("young.json"));
     EXPECT_THAT(log(), IsEmpty());
+}
+
+TEST_F(RetentionTests, RecordThatMayBeNeededAgainStays) {
+    put(directory_.processed, "old.json", days{4});
+    put(directory_.processed, "unread.json", days{4});
+    needed_ = directory_.processed + "/unread.json";
+    sweep();
+    EXPECT_THAT(namesIn(directory_.processed), ElementsAre("unread.json"));
 }
 
 TEST_F(RetentionTests, RefusedRecordsGoAfterThirtyDays) {
@@ -309,6 +320,14 @@ TEST_F(FullMemoryTests, OldestDeliveredRecordsGoFirstBeyondATenth) {
     EXPECT_THAT(
         namesIn(directory_.workerProcessedOutbound),
         UnorderedElementsAre("16-minutes.json", "17-minutes.json", "18-minutes.json", "19-minutes.json"));
+}
+
+TEST_F(FullMemoryTests, RecordThatMayBeNeededAgainStays) {
+    putDelivered(directory_.processed, 10, 12);
+    needed_ = directory_.processed + "/21-minutes.json";
+    sweep();
+    EXPECT_TRUE(fs::exists(needed_));
+    EXPECT_FALSE(fs::exists(directory_.processed + "/20-minutes.json"));
 }
 
 TEST_F(FullMemoryTests, OldestGoWithinAStepHoweverManyGo) {

@@ -78,6 +78,8 @@ class DiskFull : public testing::Test {
         options_.arguments = {"-c", "exec \"$0\" >>\"$1\"", options_.executable, file.string()};
         options_.executable = "/bin/sh";
     }
+    /// From the next start on, standard output is not read.
+    void leaveOutputUnread() { options_.readOutputAtOnce = false; }
 
     const SmallFileSystem& disk() const { return *disk_; }
     fs::path filler() const { return options_.dataDirectory->path() / "filler"; }
@@ -272,6 +274,35 @@ TEST_F(DiskFull, WaitingInboundRecordsAreDeliveredOnceAndMoved) {
     EXPECT_EQ(backend().waitForEntries("rejected", 1), std::vector<std::string>{"b.json"});
     EXPECT_TRUE(backend().finishAndTakeRest().empty());
     EXPECT_EQ(linesWith("[ManagedWhatsAppBackend] rejected inbound event at ").size(), 1U);
+}
+
+TEST_F(DiskFull, MessagesThatTheParentHasNotReadAreNotTakenForOldOnes) {
+    // A tenth of it is less than either those that a worker has sent or those that lie unread.
+    if (!prepare("size=256k")) return;
+    constexpr int sent = 8;
+    constexpr int unread = 20;
+    const auto data = options().dataDirectory->path();
+    fs::create_directories(data / "runtime" / "worker-processed-outbound");
+    fs::create_directories(data / "inbound");
+    for (int i = 0; i < sent; ++i)
+        writeFileAtomically(data / "runtime" / "worker-processed-outbound" / (std::to_string(i) + ".json"),
+                            "{}");
+    for (int i = 0; i < unread; ++i)
+        writeFileAtomically(data / "inbound" / (std::to_string(i) + ".json"),
+                            inboundRecord(std::to_string(i), "unread").dump());
+    leaveOutputUnread();
+    start().send(connectRequest());
+    backend().send(startListeningRequest(conversationScope()));
+    backend().waitForEntries("processed", unread);
+    waitUntil(
+        [&] { return visibleNamesIn(backend().path("runtime/worker-processed-outbound")).size() < sent; },
+        "the first records to go");
+    // The rest of them follow within a few hundredths of a second.
+    backend().waitForStatusWrites(1);
+    backend().closeOutputReader();
+    backend().closeInput();
+    EXPECT_EQ(backend().waitForExit(), exitedWith(0));
+    EXPECT_EQ(visibleNamesIn(backend().path("inbound")).size(), std::size_t{unread});
 }
 
 TEST_F(DiskFull, NothingFollowsHalfALineOfStandardOutputThoughSpaceReturns) {

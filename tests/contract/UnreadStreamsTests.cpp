@@ -144,6 +144,21 @@ TEST(DyingParent, FindsWhatItHadNotReadThoughAReplyFailsFirst) {
     EXPECT_EQ(visibleNamesIn(backend.path("inbound")).size(), 5U);
 }
 
+TEST(DyingParent, FindsWhatItHadNotReadThoughItsEndOfTheInputStaysOpen) {
+    BackendOptions options;
+    options.underIntermediateParent = true;
+    BackendProcess backend(options);
+    backend.connectAndListen();
+    backend.pauseReadingOutput();
+    putBacklog(backend.path("inbound"), 5);
+    backend.waitForEntries("processed", 5);
+    backend.closeOutputReader();
+    backend.killIntermediateParent();
+    EXPECT_EQ(backend.waitForExit(), exitedWith(0));
+    EXPECT_EQ(visibleNamesIn(backend.path("inbound")).size(), 5U);
+    EXPECT_EQ(visibleNamesIn(backend.path("processed")).size(), 0U);
+}
+
 TEST(LostReader, CostsTheMessageAtHandAndNoOther) {
     BackendProcess backend;
     backend.connectAndListen();
