@@ -2,6 +2,7 @@
 #include "exchange/WorkerProcessFile.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -60,6 +61,7 @@ class Sleeper {
 
     pid_t identifier() const { return process_.processIdentifier(); }
     bool hasEnded() const { return process_.hasEnded(); }
+    int endingSignal() const { return process_.waitForEnd().number; }
 
   private:
     ChildProcess process_;
@@ -77,9 +79,11 @@ class EarlierWorkerTests : public testing::Test {
     }
     /// Whoever is signalled is also waited for.
     bool isAnybodySignalled() const { return !parts_.clock.sleeps().empty(); }
+    /// It was asked to end before it was made to.
     void expectEnd(const Sleeper& worker) const {
         EXPECT_TRUE(isAnybodySignalled());
         test::waitUntil([&] { return worker.hasEnded(); }, "the end of the earlier worker");
+        EXPECT_EQ(worker.endingSignal(), SIGTERM);
     }
     /// An environment that names a data directory.
     static Environment environmentFor(const std::string& directory) {

@@ -118,6 +118,17 @@ TEST_F(HousekeepingTests, FirstLookAtUnfinishedFilesIsFinishedWithoutAnySweep) {
     endQueue();
 }
 
+TEST_F(HousekeepingTests, SecondLookAtUnfinishedFilesComesWithoutAnySweep) {
+    const auto young = putUnfinishedFile(".brindle-D4e5F6", milliseconds{1});
+    Housekeeping housekeeping(uses({.firstSweep = hours{1},
+                                    .sweepInterval = hours{1},
+                                    .secondLook = milliseconds{1},
+                                    .stepInterval = milliseconds{1}}));
+    housekeeping.start();
+    waitForRemoval(young);
+    endQueue();
+}
+
 TEST(HousekeepingScheduleTests, FirstSweepComesWithinTwoSecondsAndThenOneAnHour) {
     const Housekeeping::Schedule schedule;
     EXPECT_LT(schedule.firstSweep, std::chrono::seconds{2});

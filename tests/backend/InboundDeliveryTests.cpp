@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -187,6 +188,14 @@ TEST_F(InboundDeliveryTests, EventCarriesTheWholeRecord) {
               R"("senderDisplayName":"Sam","senderId":"s-1","text":"Hello",)"
               R"("timestampISO8601":"2026-01-05T09:00:00Z"}}}})"
               "\n");
+}
+
+TEST_F(InboundDeliveryTests, EventSaysOfADirectMessageThatItIsOne) {
+    auto record = inboundRecord("1");
+    record["isDirectMessage"] = true;
+    put("a.json", record);
+    drainOnce();
+    EXPECT_EQ(inboundEventsIn(output_).at(0)["isDirectMessage"], true);
 }
 
 TEST_F(InboundDeliveryTests, SuppliesWhatTheRecordLeavesOut) {
@@ -747,6 +756,9 @@ TEST_F(PipedDeliveryTests, ParentThatGoesLosesNoMessage) {
         "what was not read to be back");
     EXPECT_THAT(rejected(), IsEmpty());
     EXPECT_EQ(inbound().front(), ids[read.size()] + ".json");
+    // As at the end of the process; nothing goes back twice.
+    delivery_.putBackWhatWasNotRead();
+    EXPECT_EQ(inbound().size(), unread);
     EXPECT_EQ(log(), "");
 }
 
@@ -846,6 +858,35 @@ TEST_F(PipedDeliveryTests, WhatAParentMayStillReadStaysDelivered) {
     delivery_.drainInboundDirectory();
     delivery_.putBackWhatWasNotRead();
     EXPECT_THAT(processed(), ElementsAre("a.json"));
+}
+
+TEST_F(PipedDeliveryTests, NothingIsDeliveredAfterWhatWasNotReadIsBack) {
+    delivery_.putBackWhatWasNotRead();
+    put("a");
+    delivery_.drainInboundDirectory();
+    EXPECT_THAT(inbound(), ElementsAre("a.json"));
+    EXPECT_EQ(unreadBytes(), 0U);
+}
+
+std::size_t bytesInUse() {
+    return ::mallinfo2().uordblks;
+}
+
+TEST_F(PipedDeliveryTests, MessagesThatWereReadAreNotKeptInMind) {
+    constexpr int messages = 300;
+    // Long enough to be seen in what the process takes.
+    const std::string id(200, 'a');
+    const auto deliverOne = [&] {
+        put(id);
+        delivery_.drainInboundDirectory();
+        takeUnread(unreadBytes());
+    };
+    deliverOne();
+    const auto before = bytesInUse();
+    if (before == 0) GTEST_SKIP() << "this allocator does not tell how much memory is in use";
+    for (int i = 0; i < messages; ++i) deliverOne();
+    EXPECT_EQ(processed().size(), messages + 1U);
+    EXPECT_LT(bytesInUse(), before + messages * id.size());
 }
 
 TEST_F(PipedDeliveryTests, MessageThatCannotGoBackIsLogged) {

@@ -107,8 +107,10 @@ TEST_F(WaitingRecordsTests, RecordThatWaitsIsNotReadAgainWhenAnotherComes) {
 TEST_F(WaitingRecordsTests, RequestLooksAtEverythingAndReadsNothingTwice) {
     putForAnotherChat("a");
     beat();
-    EXPECT_THAT(operationsOf([&] { delivery_.drainInboundDirectory(); }),
-                ElementsAre("list", "look into", "list on", "look at a.json"));
+    for (int request = 0; request < 3; ++request) {
+        EXPECT_THAT(operationsOf([&] { delivery_.drainInboundDirectory(); }),
+                    ElementsAre("list", "look into", "list on", "look at a.json"));
+    }
 }
 
 TEST_F(WaitingRecordsTests, RecordThatIsReplacedIsReadAgain) {

@@ -186,6 +186,21 @@ TEST_F(EmitterTests, UnreadDiagnosticsKeepNobodyWaiting) {
     EXPECT_EQ(streams_.text().output, encodedLine(BridgeErrorEvent{"answer"}));
 }
 
+TEST_F(EmitterTests, LastDiagnosticsAreWaitedForWhileSomebodyReads) {
+    auto ends = test::makePipe();
+    const auto filled = test::fill(ends.writing);
+    std::string received;
+    std::thread reader;
+    {
+        ManagedWhatsAppBackendEmitter emitter(streams_.output(), ends.writing.get(), watch_);
+        emitter.log("the last line\n");
+        reader = std::thread([&] { received = test::readAll(ends.reading); });
+    }
+    ends.writing.reset();
+    reader.join();
+    EXPECT_EQ(received.substr(filled), "the last line\n");
+}
+
 /// Lets no file grow beyond so many bytes.
 void limitFileSize(rlim_t limit) {
     const rlimit size{.rlim_cur = limit, .rlim_max = RLIM_INFINITY};

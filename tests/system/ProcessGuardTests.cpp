@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <optional>
 
 #include "support/LoweredLimit.h"
@@ -16,6 +17,11 @@
 
 namespace brindle {
 namespace {
+
+/// At least so long what was started may go on, to save what it holds.
+constexpr std::chrono::milliseconds a_moment{300};
+/// The exit status of a guarded process that did not wait so long.
+constexpr int was_in_a_hurry = 2;
 
 /// A guarded process that starts another one, which ignores every signal that can be ignored.
 class GuardedProcess {
@@ -55,6 +61,7 @@ class GuardedProcess {
     [[noreturn]] void live(bool leadsSession, End end) const {
         if (leadsSession) ::setsid();
         std::optional<test::WantOfMemory> want;
+        std::chrono::steady_clock::time_point beginningOfEnd;
         {
             std::optional<test::LoweredLimit> limit;
             if (end == End::onSignalWithoutDescriptors) limit.emplace(RLIMIT_NOFILE, 0);
@@ -64,8 +71,10 @@ class GuardedProcess {
             if (::write(ends_[1], &started, sizeof started) < 0) ::_exit(1);
             if (end == End::onSignal || end == End::onSignalWithoutDescriptors) ::pause();
             if (end == End::withoutMemory) want.emplace(1, test::WantOfMemory::Persistence::fromThenOn);
+            beginningOfEnd = std::chrono::steady_clock::now();
         }
-        ::_exit(0);
+        const bool hasWaited = std::chrono::steady_clock::now() - beginningOfEnd >= a_moment;
+        ::_exit(end == End::itself && !hasWaited ? was_in_a_hurry : 0);
     }
     [[noreturn]] static void endure() {
         for (const int signal : {SIGHUP, SIGINT, SIGTERM, SIGQUIT}) ::signal(signal, SIG_IGN);
@@ -87,6 +96,17 @@ TEST_P(ProcessGuardTests, NothingOutlivesAKilledProcess) {
                     "the end of what was started");
 }
 
+/// Whoever reads what the guarded process writes is not to wait for the guard as well.
+TEST_P(ProcessGuardTests, AGuardHoldsNothingOpen) {
+    const GuardedProcess guarded(GetParam(), GuardedProcess::End::onSignal);
+    const auto holdsNothing = [&] {
+        const auto guards = test::processesNamed(guarded.process(), "brindle-guard");
+        // One descriptor tells of the end of the guarded process.
+        return guards.size() == 1 && test::descriptorsOf(guards.front()).size() == 1;
+    };
+    test::waitUntil(holdsNothing, "the guard to close what it was given");
+}
+
 TEST_P(ProcessGuardTests, AGuardWithoutDescriptorsSleepsAndGuardsAllTheSame) {
     const GuardedProcess guarded(GetParam(), GuardedProcess::End::onSignalWithoutDescriptors);
     const auto sleeps = [&] {
@@ -105,6 +125,12 @@ TEST_P(ProcessGuardTests, NothingOutlivesAProcessThatEndsByItself) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     test::waitUntil([&] { return !test::processIsRunning(guarded.started()); },
                     "the end of what was started");
+}
+
+TEST_P(ProcessGuardTests, WhatWasStartedIsGivenAMomentToEndByItself) {
+    const GuardedProcess guarded(GetParam(), GuardedProcess::End::itself);
+    const int status = guarded.waitForStatus();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != was_in_a_hurry) << status;
 }
 
 TEST_P(ProcessGuardTests, NothingOutlivesAProcessThatEndsForWantOfMemory) {
