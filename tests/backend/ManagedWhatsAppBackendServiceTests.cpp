@@ -6,7 +6,9 @@
 #include <errno.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -18,6 +20,7 @@
 #include "support/Files.h"
 #include "support/Json.h"
 #include "support/Pipes.h"
+#include "support/Processes.h"
 #include "support/Requests.h"
 #include "support/StuckFileManager.h"
 #include "support/TemporaryDirectory.h"
@@ -408,6 +411,37 @@ TEST_F(BackendConversationTests, DeliversWhatAWorkerLeavesMeanwhile) {
     test::writeFileAtomically(data("inbound/a.json"), test::inboundRecord("m1").dump());
     backend.hear(R"("messageId":"m1")");
     EXPECT_EQ(backend.finish().size(), 5U);
+}
+
+TEST_F(BackendConversationTests, WhileItListensTheSystemTellsItOfNewRecords) {
+    const auto isWatching = [] {
+        const auto descriptors = test::descriptorsOf(::getpid());
+        return std::any_of(descriptors.begin(), descriptors.end(),
+                           [](const auto& each) { return each.second.find("inotify") != std::string::npos; });
+    };
+    Backend backend(*this);
+    backend.say(connect_request);
+    backend.hear(R"("connected")");
+    EXPECT_FALSE(isWatching());
+    backend.say(listen_request);
+    test::waitUntil(isWatching, "a watch of the directory");
+    backend.finish();
+}
+
+TEST_F(BackendConversationTests, EndOfTheInputLeavesNoHalfDeliveryToAParentThatReads) {
+    Backend backend(*this);
+    backend.say(connect_request);
+    backend.hear(R"("connected")");
+    // Longer than a pipe takes, so that the delivery is under way when the input ends.
+    for (const std::string id : {"m1", "m2", "m3"}) {
+        auto record = test::inboundRecord(id);
+        record["text"] = std::string(300'000, 'x');
+        test::writeFileAtomically(data("inbound/" + id + ".json"), record.dump());
+    }
+    backend.say(listen_request);
+    const auto said = backend.finish();
+    EXPECT_EQ(said.size(), 7U);
+    EXPECT_THAT(test::visibleNamesIn(data("processed")), ElementsAre("m1.json", "m2.json", "m3.json"));
 }
 
 TEST_F(BackendConversationTests, GoesOnWhenSomebodySetsTheClock) {

@@ -83,7 +83,9 @@ TEST(Descendants, ThatHaveEndedAreGoneAfterAWalk) {
 }
 
 TEST(Descendants, AreNeitherThisProcessNorItsParent) {
+    const Family family;
     const auto processes = Descendants().look();
+    EXPECT_TRUE(processes.contains(family.child()));
     EXPECT_FALSE(processes.contains(::getpid()));
     EXPECT_FALSE(processes.contains(::getppid()));
 }
