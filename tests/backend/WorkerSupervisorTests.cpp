@@ -11,6 +11,7 @@
 
 #include "support/BackendParts.h"
 #include "support/Files.h"
+#include "support/Pipes.h"
 #include "support/TextForms.h"
 #include "support/Waiting.h"
 #include "support/WantOfMemory.h"
@@ -158,6 +159,58 @@ TEST_F(WorkerSupervisorTests, EverythingWrittenIsRelayedBeforeTheEndIsRecorded) 
     EXPECT_THAT(log.back(), HasSubstr("exited unexpectedly with status 7"));
     EXPECT_EQ(log[log.size() - 2], "[ManagedWhatsAppWorker] line-499");
 }
+
+/// Diagnostics that nobody reads, until the test does.
+class UnreadRelayTests : public WorkerSupervisorTests, public testing::WithParamInterface<std::string> {
+  protected:
+    void SetUp() override {
+        filled_ = test::fill(ends_.writing);
+        emitter_.diagnostics().useQueue(queue_);
+    }
+    void TearDown() override {
+        queue_.stop(test::must_happen_deadline);
+        queue_.join();
+        emitter_.diagnostics().stopUsingQueue();
+    }
+    WorkerSupervisor::Uses uses() {
+        return {.platform = parts_.platform,
+                .environment = parts_.environment,
+                .directory = parts_.directory,
+                .fileManager = parts_.files,
+                .clock = parts_.clock,
+                .state = parts_.state,
+                .publisher = publisher_,
+                .emitter = emitter_,
+                .log = log_,
+                .queue = queue_};
+    }
+
+    test::PipeEnds ends_ = test::makePipe();
+    std::size_t filled_ = 0;
+    ManagedWhatsAppBackendEmitter emitter_{parts_.streams.output(), ends_.writing.get(),
+                                           parts_.departureWatch};
+    DiagnosticLog log_{emitter_};
+    WorkerSupervisor unread_{uses()};
+};
+
+/// What the worker says meanwhile is left in its pipe; what still lies there when it ends is not lost.
+TEST_P(UnreadRelayTests, LastWordsOfAWorkerAreRelayed) {
+    // More than is relayed before that waits, and less than a pipe holds.
+    const auto mayEnd = (parts_.home.path() / "may-end").string();
+    configure(script("{ yes x 2> /dev/null | head -c 60000; until [ -e '" + mayEnd +
+                     "' ]; do sleep 0.01; done; echo last; } >&" + GetParam() + "; exit 7"));
+    unread_.launchWorkerIfConfigured();
+    waitUntil([this] { return emitter_.diagnostics().isCongested(); }, "much to wait for a reader");
+    test::writeFileAtomically(mayEnd, "");
+    waitForState("exited");
+    std::string received;
+    while (!received.ends_with("with status 7.\n")) received += test::readSome(ends_.reading);
+    EXPECT_NE(received.find("] last\n", filled_), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(Streams, UnreadRelayTests, testing::Values("1", "2"), [](const auto& each) {
+    return each.param == "1" ? "StandardOutput" : "StandardError";
+});
 
 TEST_F(WorkerSupervisorTests, StoppedWorkerIsNotUnexpected) {
     const auto process = launchReadyWorker();
