@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <sys/eventfd.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <string>
 #include <thread>
 
 #include "records/DecodingFailure.h"
+#include "support/ChildProcesses.h"
 #include "support/MemoryStreams.h"
 #include "support/Pipes.h"
 
@@ -71,6 +74,35 @@ TEST_F(BridgeChannelTests, EndRequestEndsTheInput) {
     std::thread requester([&] { ::eventfd_write(endRequest.get(), 1); });
     EXPECT_FALSE(channel.waitForRequest());
     requester.join();
+}
+
+/// Somebody else may have inherited the parent's end of the input.
+TEST_F(BridgeChannelTests, ParentThatHasEndedIsGoingThoughTheInputStaysOpen) {
+    const auto input = test::makePipe();
+    const auto ready = test::makePipe();
+    auto answers = test::makePipe();
+    const auto beBackend = [&](pid_t parent) {
+        BridgeChannel channel(streamsWith(input.reading.get()));
+        const auto answer = [&] {
+            test::put(answers.writing, channel.departureWatch().isDeparting() ? "is going\n" : "is there\n");
+        };
+        answer();
+        test::put(ready.writing, "x");
+        while (::getppid() == parent) std::this_thread::sleep_for(std::chrono::milliseconds{1});
+        answer();
+    };
+    const auto beParent = [&] {
+        const pid_t self = ::getpid();
+        if (::fork() == 0) {
+            beBackend(self);
+            ::_exit(0);
+        }
+        test::readSome(ready.reading);
+        return 0;
+    };
+    EXPECT_EQ(test::statusOfChild(beParent), 0);
+    answers.writing.reset();
+    EXPECT_EQ(test::readAll(answers.reading), "is there\nis going\n");
 }
 
 TEST_F(BridgeChannelTests, LargeRequestStandsBetweenSmallOnes) {
