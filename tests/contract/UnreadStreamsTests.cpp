@@ -301,5 +301,22 @@ TEST(LargeInbound, MemoryOfALargeMessageIsGivenBack) {
                       "the memory of the large message to be given back");
 }
 
+TEST(LargeInbound, MemoryOfARecordOfManyValuesIsGivenBack) {
+    if (sanitizerOfExecutables() != Sanitizer::none) GTEST_SKIP() << memory_is_kept;
+    constexpr int values = 1'000'000;
+    constexpr std::size_t kept_bytes = std::size_t{4} << 20U;
+    BackendProcess backend;
+    backend.connectAndListen();
+    const auto before = backend.residentBytes();
+    auto record = inboundRecord("m-1", "Hello").dump();
+    std::string unknown = R"(,"unknown":[1)";
+    for (int i = 1; i < values; ++i) unknown += ",1";
+    backend.writeInboundRaw("large.json", record.insert(record.size() - 1, unknown + "]"));
+    backend.nextLine();
+    backend.waitForFile("processed/large.json");
+    backend.waitUntil([&] { return backend.residentBytes() < before + kept_bytes; },
+                      "the memory of the large record to be given back");
+}
+
 }  // namespace
 }  // namespace brindle::test
