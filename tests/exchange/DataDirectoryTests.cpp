@@ -223,6 +223,27 @@ TEST_F(DataDirectoryTests, DirectoryOfAnotherUserInASharedPlaceIsRefused) {
     }
 }
 
+/// None of them is there at the first look.
+TEST_F(DataDirectoryTests, DirectoryThatAnotherUserMakesInBetweenIsRefused) {
+    for (const std::string component : {"Brindle", "Brindle/ManagedBridge", "Brindle/ManagedBridge/whatsapp",
+                                        "Brindle/ManagedBridge/whatsapp/inbound"}) {
+        const TemporaryDirectory shared;
+        const auto foreign = (shared.path() / component).string();
+        ForeignOwnership files(foreign);
+        const DataDirectory directory(with(key::temporary_directory, shared.path().string()), files,
+                                      "whatsapp");
+        EXPECT_THROW(directory.createForBackend(files), FileSystemFailure) << component;
+        EXPECT_TRUE(fs::is_empty(foreign)) << component;
+    }
+}
+
+TEST_F(DataDirectoryTests, WayThatAnotherUserMakesInBetweenIsRefused) {
+    ForeignOwnership files(at("way"));
+    const DataDirectory directory(with(key::data_directory, at("way/d")), files, "whatsapp");
+    EXPECT_THROW(directory.createForBackend(files), FileSystemFailure);
+    EXPECT_TRUE(fs::is_empty(directory.path));
+}
+
 TEST_F(DataDirectoryTests, DirectoryThatOthersCanWriteInASharedPlaceIsRefused) {
     for (const std::string component : {"Brindle", "Brindle/ManagedBridge/whatsapp/inbound"}) {
         const TemporaryDirectory shared;
