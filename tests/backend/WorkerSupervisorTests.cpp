@@ -12,6 +12,7 @@
 #include "support/BackendParts.h"
 #include "support/Files.h"
 #include "support/Pipes.h"
+#include "support/Processes.h"
 #include "support/TextForms.h"
 #include "support/Waiting.h"
 #include "support/WantOfMemory.h"
@@ -250,6 +251,27 @@ TEST_F(WorkerSupervisorTests, WantOfMemoryDoesNotKeepAWorkerFromBeingStopped) {
         }
         EXPECT_GT(allocation, 1);
     }
+}
+
+TEST_F(WorkerSupervisorTests, WorkerThatCannotBeWatchedForWantOfMemoryDoesNotGoOn) {
+    configure(script("exec sleep 1000"));
+    bool wasMet = true;
+    int allocation = 0;
+    while (wasMet) {
+        {
+            WantOfMemory want(++allocation);
+            try {
+                supervisor_.launchWorkerIfConfigured();
+            } catch (const std::exception&) {
+                // The backend says so and ends.
+            }
+            wasMet = want.end();
+        }
+        // One that is published as running is watched, so that it can be stopped; no other may be there.
+        if (worker().processRunning) supervisor_.stopWorker();
+        waitUntil([] { return test::childrenOf(::getpid()).empty(); }, "the end of the worker");
+    }
+    EXPECT_GT(allocation, 10);
 }
 
 TEST_F(WorkerSupervisorTests, LaunchRemovesTheFilesOfAnEarlierWorker) {
