@@ -387,20 +387,37 @@ std::size_t occurrences(const std::string& text, const std::string& part) {
     return count;
 }
 
-TEST_F(WebWorkerHostile, AnEndlessAttemptToLeaveTheSiteDoesNotFloodTheLog) {
-    constexpr std::size_t attempts = 60;
-    page().run("setInterval(() => { location.href = '" + page().server().otherSiteUrl("/away") +
-               "'; }, 1), ''");
-    const auto attemptsSoFar = [&] {
-        const auto requests = page().server().requests();
+class WebWorkerRestlessPage : public WebWorkerTest {};
+
+TEST_F(WebWorkerRestlessPage, AnEndlessAttemptToLeaveTheSiteDoesNotFloodTheLog) {
+    constexpr std::size_t many = 60;
+    // At each load, because a slow machine may load the page once more. An attempt that takes the place of
+    // the one before is never denied, so there are pauses, which are long enough at last.
+    DrivenPage page(R"js(
+        client.chats(["Team Room"]);
+        let soon = 20;
+        let pause = 50;
+        const leave = () => {
+            location.href = `http://localhost:${location.port}/away`;
+            if (--soon > 0) { return setTimeout(leave, 10); }
+            soon = 20;
+            setTimeout(leave, pause *= 2);
+        };
+        addEventListener("load", leave);
+    )js");
+    WebWorkerProcess worker(WebWorkerOptions().withUrl(page.url()));
+    const auto attempts = [&] {
+        const auto requests = page.server().requests();
         return static_cast<std::size_t>(std::count_if(
             requests.begin(), requests.end(), [](const auto& request) { return request.path == "/away"; }));
     };
-    worker().waitUntil([&] { return attemptsSoFar() >= attempts; }, "many attempts to leave");
-    EXPECT_EQ(worker().terminate(), exitedWith(0));
-    const auto told = occurrences(worker().process().standardError(), "tried to leave its site");
-    EXPECT_GE(told, 1U);
-    EXPECT_LT(told, attempts / 2);
+    worker.waitUntil(
+        [&] {
+            const auto told = occurrences(worker.process().standardError(), "tried to leave its site");
+            return told > 0 && attempts() >= std::max(many, 2 * told);
+        },
+        "many attempts to leave of which few are told");
+    EXPECT_EQ(worker.terminate(), exitedWith(0));
 }
 
 }  // namespace
