@@ -33,6 +33,11 @@ using testing::HasSubstr;
 /// A supervisor with its queue, and workers that are shell scripts.
 class WorkerSupervisorTests : public testing::Test {
   protected:
+    /// Before the supervisor goes: the queue may still be at the end of a worker.
+    void TearDown() override {
+        queue_.stop(test::must_happen_deadline);
+        queue_.join();
+    }
     std::string script(const std::string& body) const {
         return test::writeScript(parts_.home.path() / "worker", body).string();
     }
