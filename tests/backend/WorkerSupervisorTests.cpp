@@ -34,7 +34,8 @@ using testing::HasSubstr;
 class WorkerSupervisorTests : public testing::Test {
   protected:
     /// Before the supervisor goes: the queue may still be at the end of a worker.
-    void TearDown() override {
+    void TearDown() override { endQueue(); }
+    void endQueue() {
         queue_.stop(test::must_happen_deadline);
         queue_.join();
     }
@@ -63,8 +64,7 @@ class WorkerSupervisorTests : public testing::Test {
     std::string runtimeFile(const std::string& name) const { return parts_.directory.runtime + "/" + name; }
     /// Ends the queue, so that no log line comes after it.
     std::vector<std::string> takeLog() {
-        queue_.stop(test::must_happen_deadline);
-        queue_.join();
+        endQueue();
         return linesOf(parts_.streams.text().error);
     }
 
@@ -175,8 +175,7 @@ class UnreadRelayTests : public WorkerSupervisorTests, public testing::WithParam
         emitter_.diagnostics().useQueue(queue_);
     }
     void TearDown() override {
-        queue_.stop(test::must_happen_deadline);
-        queue_.join();
+        endQueue();
         emitter_.diagnostics().stopUsingQueue();
     }
     WorkerSupervisor::Uses uses() {
